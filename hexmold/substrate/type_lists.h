@@ -1,0 +1,45 @@
+/// @file  substrate/type_lists.h
+/// @brief The instantiation sets, written once as X-macros: the two tree instances and the 18
+///        channel element types. Aliases keep commas out of macro arguments.
+#pragma once
+#include <hexmold/platform/tavrel/math.h>
+#include <hexmold/substrate/traits.h>
+
+namespace TVL::TileTree3D {
+
+using Int8 = signed char;
+using UInt8 = unsigned char;
+using Int16 = short;
+using UInt16 = unsigned short;
+using Int32 = int;
+using UInt32 = unsigned int;
+using Int64 = long long;
+using UInt64 = unsigned long long;
+using Tavrel::Math::double3;
+using Tavrel::Math::float2;
+using Tavrel::Math::float3;
+using Tavrel::Math::float3x3;
+using Tavrel::Math::float4;
+using Tavrel::Math::float4x2;
+using Tavrel::Math::float4x4;
+using Tavrel::Math::int3;
+
+} // namespace TVL::TileTree3D
+
+/// X(Traits) for both tree instances.
+#define HEXMOLD_FOR_EACH_TRAITS(X) X(Traits24) X(Traits55)
+
+/// X(Traits, T) for the 18 channel element types, in the order in which typed lookups try them.
+#define HEXMOLD_FOR_EACH_ELEMENT(X, TR)                                                            \
+    X(TR, Int8) X(TR, UInt8) X(TR, Int16) X(TR, UInt16) X(TR, Int32) X(TR, UInt32) X(TR, float)    \
+    X(TR, double) X(TR, Int64) X(TR, UInt64) X(TR, float2) X(TR, float3) X(TR, float4)             \
+    X(TR, float3x3) X(TR, float4x2) X(TR, float4x4) X(TR, double3) X(TR, int3)
+
+/// X(Traits, T) for both instances and all 18 element types.
+#define HEXMOLD_FOR_EACH_TRAITS_ELEMENT(X)                                                         \
+    HEXMOLD_FOR_EACH_ELEMENT(X, Traits24) HEXMOLD_FOR_EACH_ELEMENT(X, Traits55)
+
+/// X(T) for the 18 element types alone.
+#define HEXMOLD_FOR_EACH_ELEMENT_TYPE(X)                                                           \
+    X(Int8) X(UInt8) X(Int16) X(UInt16) X(Int32) X(UInt32) X(float) X(double) X(Int64) X(UInt64)   \
+    X(float2) X(float3) X(float4) X(float3x3) X(float4x2) X(float4x4) X(double3) X(int3)

@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Configures and builds Hexmold into a build folder.
+#   scripts/build.sh [release|sanitize] [targets...]
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+kind=${1:-release}
+shift || true
+
+case "$kind" in
+    release)  dir="$root/build";      flags=(-DCMAKE_BUILD_TYPE=Release) ;;
+    sanitize) dir="$root/build-asan"; flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DHEXMOLD_SANITIZE=ON
+                                             -DHEXMOLD_BUILD_BENCH=OFF) ;;
+    *) echo "usage: $0 [release|sanitize] [targets...]" >&2; exit 2 ;;
+esac
+
+jobs=$(nproc)
+cmake -S "$root" -B "$dir" -G Ninja "${flags[@]}" >/dev/null
+if (($#)); then
+    cmake --build "$dir" -j "$jobs" --target "$@"
+else
+    cmake --build "$dir" -j "$jobs"
+fi
