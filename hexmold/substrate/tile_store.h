@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <new>
 #include <utility>
+#include <hexmold/substrate/large_alloc.h>
 
 namespace TVL::TileTree3D::detail {
 
@@ -77,10 +78,20 @@ public:
     {
         while (n > 0 && segmentStart(mSegmentCount) < n) {
             std::int64_t const count = kBase << mSegmentCount;
-            mSegments[mSegmentCount] =
-                static_cast<T*>(::operator new(sizeof(T) * count, std::align_val_t(alignof(T))));
+            mSegments[mSegmentCount] = static_cast<T*>(allocateLarge(sizeof(T) * count));
             ++mSegmentCount;
         }
+    }
+
+    /// Appends a default-constructed element and returns its index. Not safe against concurrent
+    /// appends: the owner serialises them.
+    std::int64_t emplace_back()
+    {
+        std::int64_t const n = mSize.load(std::memory_order_relaxed);
+        reserve(n + 1);
+        new (&(*this)[n]) T();
+        mSize.store(n + 1, std::memory_order_release);
+        return n;
     }
 
     /// Appends a copy of @p v and returns its index. Not safe against concurrent appends: the
@@ -106,7 +117,7 @@ public:
     {
         truncate(0);
         for (int s = 0; s < mSegmentCount; ++s) {
-            ::operator delete(mSegments[s], std::align_val_t(alignof(T)));
+            freeLarge(mSegments[s]);
             mSegments[s] = nullptr;
         }
         mSegmentCount = 0;
