@@ -62,13 +62,16 @@ public:
     }
     static std::int64_t segmentStart(int s) { return kBase * ((std::int64_t(1) << s) - 1); }
 
+    /// Element @p i; 0 <= i < size() is a precondition the callers check.
     T& operator[](std::int64_t i)
     {
+        if (i < 0) __builtin_unreachable();
         int const s = segmentOf(i);
         return mSegments[s][i - segmentStart(s)];
     }
     T const& operator[](std::int64_t i) const
     {
+        if (i < 0) __builtin_unreachable();
         int const s = segmentOf(i);
         return mSegments[s][i - segmentStart(s)];
     }
