@@ -7,28 +7,28 @@
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/platform/testing/recording_services.h>
 
-using CoreGL::Logger;
 using Quillon::RuntimeMessageCategory;
 using Quillon::Testing::RecordingServices;
 
 namespace {
 
-/// Restores every process-wide logging switch after a test.
-class LoggerTest : public ::testing::Test {
+/// Restores every process-wide logging switch after a test; named after the family, as the
+/// suite is.
+class Logger : public ::testing::Test {
 protected:
     void TearDown() override
     {
-        Logger::setVerboseLevel(mVerbose);
-        Logger::setErrorVerboseLevel(mErrorVerbose);
-        Logger::setFrame(mFrame);
-        Logger::setDebugFileStream(nullptr);
-        Logger::setTimerObserver(nullptr);
+        CoreGL::Logger::setVerboseLevel(mVerbose);
+        CoreGL::Logger::setErrorVerboseLevel(mErrorVerbose);
+        CoreGL::Logger::setFrame(mFrame);
+        CoreGL::Logger::setDebugFileStream(nullptr);
+        CoreGL::Logger::setTimerObserver(nullptr);
     }
 
 private:
-    int mVerbose = Logger::verboseLevel();
-    int mErrorVerbose = Logger::errorVerboseLevel();
-    float mFrame = Logger::frame();
+    int mVerbose = CoreGL::Logger::verboseLevel();
+    int mErrorVerbose = CoreGL::Logger::errorVerboseLevel();
+    float mFrame = CoreGL::Logger::frame();
 };
 
 std::vector<std::string> gObservedTimers;
@@ -40,61 +40,61 @@ void observeTimer(Quillon::StringView name, double milliseconds)
 
 } // namespace
 
-TEST_F(LoggerTest, DefaultsAreTheDocumentedConstants)
+TEST_F(Logger, DefaultsAreTheDocumentedConstants)
 {
-    EXPECT_EQ(Logger::kDefaultVerboseLevel, 0);
-    EXPECT_EQ(Logger::kDefaultErrorVerboseLevel, 1);
+    EXPECT_EQ(CoreGL::Logger::kDefaultVerboseLevel, 0);
+    EXPECT_EQ(CoreGL::Logger::kDefaultErrorVerboseLevel, 1);
 }
 
-TEST_F(LoggerTest, VerboseLevelsAreSettable)
+TEST_F(Logger, VerboseLevelsAreSettable)
 {
-    Logger::setVerboseLevel(3);
-    Logger::setErrorVerboseLevel(2);
-    Logger::setFrame(12.5f);
-    EXPECT_EQ(Logger::verboseLevel(), 3);
-    EXPECT_EQ(Logger::errorVerboseLevel(), 2);
-    EXPECT_EQ(Logger::frame(), 12.5f);
-    Logger::setVerboseLevel(-1);
-    EXPECT_EQ(Logger::verboseLevel(), -1);
+    CoreGL::Logger::setVerboseLevel(3);
+    CoreGL::Logger::setErrorVerboseLevel(2);
+    CoreGL::Logger::setFrame(12.5f);
+    EXPECT_EQ(CoreGL::Logger::verboseLevel(), 3);
+    EXPECT_EQ(CoreGL::Logger::errorVerboseLevel(), 2);
+    EXPECT_EQ(CoreGL::Logger::frame(), 12.5f);
+    CoreGL::Logger::setVerboseLevel(-1);
+    EXPECT_EQ(CoreGL::Logger::verboseLevel(), -1);
 }
 
-TEST_F(LoggerTest, VerboseLevelIsReadAtEachUse)
+TEST_F(Logger, VerboseLevelIsReadAtEachUse)
 {
     std::ostringstream debug;
-    Logger::setDebugFileStream(&debug);
-    Logger::setVerboseLevel(0);
-    { auto timer = Logger::timer("stage.quiet", nullptr); }
+    CoreGL::Logger::setDebugFileStream(&debug);
+    CoreGL::Logger::setVerboseLevel(0);
+    { auto timer = CoreGL::Logger::timer("stage.quiet", nullptr); }
     EXPECT_EQ(debug.str(), "");
     // Changed between two uses: the second one sees the new level.
-    Logger::setVerboseLevel(1);
-    { auto timer = Logger::timer("stage.loud", nullptr); }
+    CoreGL::Logger::setVerboseLevel(1);
+    { auto timer = CoreGL::Logger::timer("stage.loud", nullptr); }
     EXPECT_EQ(debug.str().rfind("timer stage.loud = ", 0), 0u) << debug.str();
-    Logger::setVerboseLevel(0);
+    CoreGL::Logger::setVerboseLevel(0);
     debug.str("");
-    { auto timer = Logger::timer("stage.quiet_again", nullptr); }
+    { auto timer = CoreGL::Logger::timer("stage.quiet_again", nullptr); }
     EXPECT_EQ(debug.str(), "");
 }
 
-TEST_F(LoggerTest, TimerWithNullServicesDoesNotCrash)
+TEST_F(Logger, TimerWithNullServicesDoesNotCrash)
 {
-    Logger::setVerboseLevel(0);
-    { auto timer = Logger::timer("null.services", nullptr); }
-    auto timer = Logger::timerPtr("null.services.ptr", nullptr);
+    CoreGL::Logger::setVerboseLevel(0);
+    { auto timer = CoreGL::Logger::timer("null.services", nullptr); }
+    auto timer = CoreGL::Logger::timerPtr("null.services.ptr", nullptr);
     EXPECT_EQ(timer->name(), "null.services.ptr");
     EXPECT_GE(timer->elapsedMilliseconds(), 0.0);
     timer.reset();
     std::ostringstream debug;
-    Logger::setDebugFileStream(&debug);
-    Logger::setVerboseLevel(3);
-    { Logger::Timer direct("null.services.direct", nullptr); }
+    CoreGL::Logger::setDebugFileStream(&debug);
+    CoreGL::Logger::setVerboseLevel(3);
+    { CoreGL::Logger::Timer direct("null.services.direct", nullptr); }
     EXPECT_NE(debug.str().find("null.services.direct"), std::string::npos);
 }
 
-TEST_F(LoggerTest, TimerReportsToServicesAsInfo)
+TEST_F(Logger, TimerReportsToServicesAsInfo)
 {
-    Logger::setVerboseLevel(0);
+    CoreGL::Logger::setVerboseLevel(0);
     RecordingServices services;
-    { auto timer = Logger::timer("Volume::analyze_volume.compute", &services); }
+    { auto timer = CoreGL::Logger::timer("Volume::analyze_volume.compute", &services); }
     auto const infos = services.texts(RuntimeMessageCategory::kInfo);
     ASSERT_EQ(infos.size(), 1u);
     EXPECT_EQ(infos[0].rfind("timer Volume::analyze_volume.compute = ", 0), 0u) << infos[0];
@@ -102,29 +102,29 @@ TEST_F(LoggerTest, TimerReportsToServicesAsInfo)
     EXPECT_EQ(services.count(RuntimeMessageCategory::kError), 0u);
 }
 
-TEST_F(LoggerTest, TimerSkipsServicesWithInfoOff)
+TEST_F(Logger, TimerSkipsServicesWithInfoOff)
 {
     RecordingServices services;
     services.setEnabled(RuntimeMessageCategory::kInfo, false);
-    { auto timer = Logger::timer("stage", &services); }
+    { auto timer = CoreGL::Logger::timer("stage", &services); }
     EXPECT_EQ(services.size(), 0u);
     EXPECT_EQ(services.ignoredCount(), 0u);
 }
 
-TEST_F(LoggerTest, TimerObserverSeesEveryTimer)
+TEST_F(Logger, TimerObserverSeesEveryTimer)
 {
     gObservedTimers.clear();
-    Logger::setTimerObserver(&observeTimer);
+    CoreGL::Logger::setTimerObserver(&observeTimer);
     {
-        auto outer = Logger::timer("op.total", nullptr);
-        { auto inner = Logger::timer("op.stage", nullptr); }
+        auto outer = CoreGL::Logger::timer("op.total", nullptr);
+        { auto inner = CoreGL::Logger::timer("op.stage", nullptr); }
     }
     ASSERT_EQ(gObservedTimers.size(), 2u);
     EXPECT_EQ(gObservedTimers[0], "op.stage");
     EXPECT_EQ(gObservedTimers[1], "op.total");
 }
 
-TEST_F(LoggerTest, QuillonLoggerReachesServicesWithTheRightCategories)
+TEST_F(Logger, QuillonLoggerReachesServicesWithTheRightCategories)
 {
     RecordingServices services;
     CoreGL::QuillonLogger const logger(&services);
@@ -143,7 +143,7 @@ TEST_F(LoggerTest, QuillonLoggerReachesServicesWithTheRightCategories)
     EXPECT_EQ(logger.services(), &services);
 }
 
-TEST_F(LoggerTest, QuillonLoggerAsksBeforeLogging)
+TEST_F(Logger, QuillonLoggerAsksBeforeLogging)
 {
     RecordingServices services;
     services.setEnabled(RuntimeMessageCategory::kWarning, false);
@@ -155,7 +155,7 @@ TEST_F(LoggerTest, QuillonLoggerAsksBeforeLogging)
     EXPECT_EQ(services.ignoredCount(), 0u);
 }
 
-TEST_F(LoggerTest, QuillonLoggerWithNullServicesDoesNothing)
+TEST_F(Logger, QuillonLoggerWithNullServicesDoesNothing)
 {
     CoreGL::QuillonLogger const logger(nullptr);
     logger.info("x");
@@ -164,7 +164,7 @@ TEST_F(LoggerTest, QuillonLoggerWithNullServicesDoesNothing)
     EXPECT_EQ(logger.services(), nullptr);
 }
 
-TEST_F(LoggerTest, ConsoleLoggerWritesToTheConsole)
+TEST_F(Logger, ConsoleLoggerWritesToTheConsole)
 {
     CoreGL::ConsoleLogger const logger;
     ::testing::internal::CaptureStdout();
@@ -178,7 +178,7 @@ TEST_F(LoggerTest, ConsoleLoggerWritesToTheConsole)
     EXPECT_EQ(err, "warning: careful\nerror: broken\n");
 }
 
-TEST_F(LoggerTest, NopLoggerHasNoState)
+TEST_F(Logger, NopLoggerHasNoState)
 {
     static_assert(std::is_empty_v<CoreGL::NOPLogger>);
     CoreGL::NOPLogger const logger;
@@ -188,20 +188,20 @@ TEST_F(LoggerTest, NopLoggerHasNoState)
     EXPECT_EQ(logger.services(), nullptr);
 }
 
-TEST_F(LoggerTest, DebugStreamRedirectsAndRestores)
+TEST_F(Logger, DebugStreamRedirectsAndRestores)
 {
     std::ostringstream debug;
-    Logger::setDebugFileStream(&debug);
+    CoreGL::Logger::setDebugFileStream(&debug);
     {
-        Logger::DebugFileStreamScopedLock lock;
-        Logger::debugFileStream() << "line";
+        CoreGL::Logger::DebugFileStreamScopedLock lock;
+        CoreGL::Logger::debugFileStream() << "line";
     }
     EXPECT_EQ(debug.str(), "line");
-    Logger::setDebugFileStream(nullptr);
-    EXPECT_EQ(&Logger::debugFileStream(), &std::clog);
+    CoreGL::Logger::setDebugFileStream(nullptr);
+    EXPECT_EQ(&CoreGL::Logger::debugFileStream(), &std::clog);
 }
 
-TEST_F(LoggerTest, SceneUnitsPropertyName)
+TEST_F(Logger, SceneUnitsPropertyName)
 {
     EXPECT_EQ(CoreGL::sceneUnitsInMeters, "scene_units_in_meters");
 }
