@@ -10,7 +10,7 @@ namespace TVL {
 /// job: "Job cancelled.". Drivers throw it after a parallel construct when
 /// `Quillon::isJobCancelled()` is true; callers may compare against it to tell a cancellation
 /// from other failures. Not for use in static initialisers of other translation units (their
-/// order against this one is unspecified).
+/// order against this one is not fixed).
 HEXMOLD_API extern Quillon::String const exceptionMessage;
 
 } // namespace TVL
