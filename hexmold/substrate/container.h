@@ -29,6 +29,7 @@
 #include <hexmold/substrate/component.h>
 #include <hexmold/substrate/tile.h>
 #include <hexmold/substrate/tile_store.h>
+#include <hexmold/substrate/traversal_mode.h>
 
 namespace TVL::TileTree3D {
 
@@ -178,6 +179,88 @@ public:
     void precomputeTileNeighbors();
     void clearPrecomputedTileNeighbors();
     bool hasPrecomputedTileNeighbors() const { return !mNeighbors.empty(); }
+
+    // ---- traversal and reduction (bodies in substrate/visitor.h) -----------------------------
+
+    /// Parallel walk over tiles with a visitor made from lambdas: @p beginTraverse() and
+    /// @p endTraverse() once, @p beginTile(tile), @p visitInteriorVoxel(tile, ijk) per voxel
+    /// (i fastest; skipped entirely when it is a `NoVoxelVisit`) and @p endTile(tile) per tile.
+    /// On a constant tree the tiles are `Tile const&`, on a mutable one `Tile&`. The lambdas are
+    /// copied into each worker's visitor, so value captures are per-worker scratch.
+    /// @param mode       `TraversalMode`: which tiles, in which order
+    /// @param start      a tile whose subtree is walked, or `kNoTile` for the whole tree
+    /// @param minDepth, maxDepth  inclusive depth range, clamped to [0, maxDepth()]
+    /// @param grain      tiles below which a range is not split (1 in ordinary use)
+    /// @param parallel   false runs on the calling thread, in order
+    /// @param a, b, c    passed through; they do not change the result
+    /// @param flag       copied into the visitor's tile flag at each `endTile`
+    /// @throws std::runtime_error(TVL::exceptionMessage) when the host cancels the job, and any
+    ///         exception a lambda throws.
+    template <typename L1, typename L2, typename L3, typename L4, typename L5>
+    void traverse(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile, L4 const& endTile,
+                  L5 const& visitInteriorVoxel, TraversalMode mode, TreeIndex const& start,
+                  int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a, int b,
+                  bool flag, int c) const;
+    template <typename L1, typename L2, typename L3, typename L4, typename L5>
+    void traverse(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile, L4 const& endTile,
+                  L5 const& visitInteriorVoxel, TraversalMode mode, TreeIndex const& start,
+                  int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a, int b,
+                  bool flag, int c);
+
+    /// Parallel reduction over tiles with a visitor made from lambdas. Each lambda receives the
+    /// worker's accumulator as its last argument: @p beginTraverse(acc), @p endTraverse(acc),
+    /// @p beginTile(tile, acc), @p visitInteriorVoxel(tile, ijk, acc), @p endTile(tile, acc);
+    /// @p join(left, right) merges the accumulator of the following range into the left one.
+    /// @param io_value   in: the identity of @p join (0 for a sum), from which every worker's
+    ///                   accumulator starts; out: the total. Unchanged when no tile is visited.
+    /// Other parameters as for `traverse`; reductions always run in parallel.
+    template <typename T, typename L1, typename L2, typename L3, typename L4, typename L5, typename LJ>
+    void reduce(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile, L4 const& endTile,
+                L5 const& visitInteriorVoxel, LJ const& join, T& io_value, TraversalMode mode,
+                TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain, int a, int b) const;
+    template <typename T, typename L1, typename L2, typename L3, typename L4, typename L5, typename LJ>
+    void reduce(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile, L4 const& endTile,
+                L5 const& visitInteriorVoxel, LJ const& join, T& io_value, TraversalMode mode,
+                TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain, int a, int b);
+
+    /// `traverse` with only a voxel lambda, @p visitInteriorVoxel(tile, ijk).
+    template <typename L>
+    void traverseVoxels(L const& visitInteriorVoxel, TraversalMode mode, TreeIndex const& start,
+                        int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a, int b,
+                        bool flag, int c) const;
+    template <typename L>
+    void traverseVoxels(L const& visitInteriorVoxel, TraversalMode mode, TreeIndex const& start,
+                        int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a, int b,
+                        bool flag, int c);
+
+    /// `reduce` with only a voxel lambda, @p visitInteriorVoxel(tile, ijk, acc), joined by
+    /// @p join(left, right), or by `left += right` in the form without @p join.
+    template <typename T, typename L, typename LJ>
+    void reduceVoxels(L const& visitInteriorVoxel, LJ const& join, T& io_value, TraversalMode mode,
+                      TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain, int a,
+                      int b) const;
+    template <typename T, typename L>
+    void reduceVoxels(L const& visitInteriorVoxel, T& io_value, TraversalMode mode, TreeIndex const& start,
+                      int minDepth, int maxDepth, std::uint64_t grain, int a, int b) const;
+
+    /// The walk behind `traverse`, one compiled instance per tree type and constness; derived
+    /// visitors call it directly. The visitor gets `beginTraverse` and `endTraverse`; tiles are
+    /// visited on worker copies made with `copy()` (on the visitor itself when not parallel).
+    void traverseInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode, TreeIndex const& start,
+                                    int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a,
+                                    int b, VisitInteriorVoxelMode voxelMode, int c) const;
+    void traverseInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode, TreeIndex const& start,
+                                    int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a,
+                                    int b, VisitInteriorVoxelMode voxelMode, int c);
+    /// The walk behind `reduce`. The visitor itself works the leftmost ranges and ends up holding
+    /// the total; other ranges run on copies of the visitor as it was when the walk began, merged
+    /// with `left.join(right)` in range order.
+    void reduceInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode, TreeIndex const& start,
+                                  int minDepth, int maxDepth, std::uint64_t grain, int a, int b,
+                                  VisitInteriorVoxelMode voxelMode) const;
+    void reduceInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode, TreeIndex const& start,
+                                  int minDepth, int maxDepth, std::uint64_t grain, int a, int b,
+                                  VisitInteriorVoxelMode voxelMode);
 
     // ---- component interface -----------------------------------------------------------------
 
@@ -393,3 +476,6 @@ extern template class HEXMOLD_API Container<Traits24>;
 extern template class HEXMOLD_API Container<Traits55>;
 
 } // namespace TVL::TileTree3D
+
+// The visitor base and the bodies of the traversal templates declared above.
+#include <hexmold/substrate/visitor.h>
