@@ -551,6 +551,8 @@ template <typename TraitsT> void Container<TraitsT>::dropTables()
 {
     mHash.clear();
     mNeighbors.clear();
+    mHaloIndex.clear();
+    mHaloDepthStep.clear();
 }
 
 template <typename TraitsT> void Container<TraitsT>::buildAccessorAccelerationStructure(int depth)
@@ -640,6 +642,8 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
 template <typename TraitsT> void Container<TraitsT>::clearPrecomputedTileNeighbors()
 {
     mNeighbors.clear();
+    mHaloIndex.clear();
+    mHaloDepthStep.clear();
 }
 
 template <typename TraitsT>
@@ -676,6 +680,10 @@ void Container<TraitsT>::memUse(std::size_t& used, std::size_t& reserved, bool) 
     for (auto const& n : mNeighbors) {
         used += n.size() * sizeof(NeighborRef);
         reserved += n.capacity() * sizeof(NeighborRef);
+    }
+    for (std::size_t d = 0; d < mHaloIndex.size(); ++d) {
+        used += mHaloIndex[d].size() * sizeof(std::int32_t) + mHaloDepthStep[d].size();
+        reserved += mHaloIndex[d].capacity() * sizeof(std::int32_t) + mHaloDepthStep[d].capacity();
     }
 }
 

@@ -179,6 +179,21 @@ public:
     void precomputeTileNeighbors();
     void clearPrecomputedTileNeighbors();
     bool hasPrecomputedTileNeighbors() const { return !mNeighbors.empty(); }
+    /// Tabulates, for every tile and each of the 27 directions, the tile that a halo walk reads
+    /// there: the same-depth neighbour, or where none exists the closest coarser tile holding
+    /// that place, or nothing beyond the tree. Stored compactly (an index and a depth step per
+    /// entry); the tables of `precomputeTileNeighbors` are used when present. Dropped by every
+    /// change of the tree, and by `clearPrecomputedTileNeighbors`.
+    void precomputeCompressedTileHalos();
+    bool hasCompressedTileHalos() const { return !mHaloIndex.empty(); }
+    /// The tile that the compressed halo table holds for @p t in direction @p dir (the sentinel
+    /// beyond the tree). Requires `hasCompressedTileHalos()`; @p t must be a tile of this tree.
+    TileType const& compressedHaloNeighbor(TileType const& t, int dir) const
+    {
+        std::size_t const e = static_cast<std::size_t>(t.index()) * 27 + static_cast<std::size_t>(dir);
+        std::int8_t const up = mHaloDepthStep[t.depth()][e];
+        return up < 0 ? sentinel() : mTiles[t.depth() - up][mHaloIndex[t.depth()][e]];
+    }
 
     // ---- traversal and reduction (bodies in substrate/visitor.h) -----------------------------
 
@@ -352,6 +367,10 @@ private:
     std::vector<std::unique_ptr<Container>> mScratch;
     std::vector<HashTable> mHash;                   ///< per depth; empty when not built
     std::vector<std::vector<NeighborRef>> mNeighbors; ///< per depth, 27 per tile; empty when not built
+    /// Compressed halo table, per depth and 27 per tile: the index of the tile read in each
+    /// direction, and how many depths above the tile it lies (-1: none). Empty when not built.
+    std::vector<std::vector<std::int32_t>> mHaloIndex;
+    std::vector<std::vector<std::int8_t>> mHaloDepthStep;
 };
 
 /// Cursor that finds tiles; caches the tile last found. Copyable; one per thread of work.

@@ -1,0 +1,156 @@
+/// @file  substrate/detail/halo_impl.h
+/// @brief Bodies of the halo operations: the rim walk on raw blocks, and the element mean of
+///        non-leaf voxels. Included only by the halo shard files.
+#pragma once
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+#include <hexmold/platform/tavrel/math.h>
+#include <hexmold/substrate/container.h>
+
+namespace TVL::TileTree3D::detail {
+
+/// Which parts of the rim a halo type asks for, beyond the six face layers that are always
+/// filled: bit 4 adds the edges (what a stencil reaching in the coordinate planes needs), bit 8
+/// adds the eight corners. Bits 1 and 2 are markers of the caller and change nothing.
+constexpr bool haloWantsEdges(int type) { return (type & 12) != 0; }
+constexpr bool haloWantsCorners(int type) { return (type & 8) != 0; }
+
+/// Fills the rim walk's block @p out (edge W + 2*Hout) for @p tile: the interior from the tile's
+/// own block, and each rim region from the tile found in that direction. @p get(index, depth)
+/// gives the data of a tile's block laid out with halo Hin (null where the channel has none).
+///
+/// The rule per region: the same-depth neighbour gives the voxels at its local position; a
+/// coarser tile (the closest existing one holding the place) gives, for each rim voxel, the
+/// coarse voxel that covers it; where nothing exists, or the channel has no block, the region
+/// holds @p def. Parts of the rim that the type does not ask for also hold @p def. Every
+/// same-depth voxel is read as it stands, leaf or not: non-leaf voxels carry the coarse copy of
+/// their children's data when the caller has set it.
+///
+/// The neighbour is looked up in the container's compressed halo table when it exists, else
+/// through @p acc (which uses the neighbour table when that exists); all three give the same
+/// tile, so the result does not depend on which tables were built.
+template <typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
+void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
+                   typename Container<Traits>::ConstTileAccessor& acc, int type, T* out, T const& def)
+{
+    constexpr int Ein = W + 2 * Hin;
+    constexpr int Eout = W + 2 * Hout;
+    auto outAt = [](int i, int j, int k) { return (i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout)); };
+    auto inAt = [](int i, int j, int k) { return (i + Hin) + Ein * ((j + Hin) + Ein * (k + Hin)); };
+
+    // Interior.
+    if (T const* own = get(tile.index(), tile.depth())) {
+        for (int k = 0; k < W; ++k)
+            for (int j = 0; j < W; ++j) {
+                T const* src = own + inAt(0, j, k);
+                T* dst = out + outAt(0, j, k);
+                for (int i = 0; i < W; ++i) dst[i] = src[i];
+            }
+    } else {
+        for (int k = 0; k < W; ++k)
+            for (int j = 0; j < W; ++j)
+                for (int i = 0; i < W; ++i) out[outAt(i, j, k)] = def;
+    }
+
+    bool const tables = c.hasCompressedTileHalos();
+    bool const edges = haloWantsEdges(type);
+    bool const corners = haloWantsCorners(type);
+    std::int64_t const w = Container<Traits>::voxelDataWidth(tile.depth());
+    int3 const corner = tile.tijk();
+
+    for (int dir = 0; dir < 27; ++dir) {
+        if (dir == kNeighborSelf) continue;
+        int const d[3] = {neighborDx(dir), neighborDy(dir), neighborDz(dir)};
+        int const touched = (d[0] != 0) + (d[1] != 0) + (d[2] != 0);
+        int lo[3], hi[3];
+        for (int a = 0; a < 3; ++a) {
+            lo[a] = d[a] < 0 ? -Hout : (d[a] == 0 ? 0 : W);
+            hi[a] = d[a] < 0 ? 0 : (d[a] == 0 ? W : W + Hout);
+        }
+        Tile<Traits> const* nb = nullptr;
+        if ((touched == 2 && !edges) || (touched == 3 && !corners)) {
+            nb = nullptr;
+        } else {
+            Tile<Traits> const& found = tables ? c.compressedHaloNeighbor(tile, dir) : acc.tileNeighbor(tile, dir);
+            nb = found.valid() ? &found : nullptr;
+        }
+        T const* src = nb ? get(nb->index(), nb->depth()) : nullptr;
+        if (!src) {
+            for (int k = lo[2]; k < hi[2]; ++k)
+                for (int j = lo[1]; j < hi[1]; ++j)
+                    for (int i = lo[0]; i < hi[0]; ++i) out[outAt(i, j, k)] = def;
+            continue;
+        }
+        if (nb->depth() == tile.depth()) {
+            int const sx = d[0] * W, sy = d[1] * W, sz = d[2] * W;
+            for (int k = lo[2]; k < hi[2]; ++k)
+                for (int j = lo[1]; j < hi[1]; ++j) {
+                    T const* s = src + inAt(lo[0] - sx, j - sy, k - sz);
+                    T* o = out + outAt(lo[0], j, k);
+                    for (int i = 0; i < hi[0] - lo[0]; ++i) o[i] = s[i];
+                }
+            continue;
+        }
+        // A coarser tile: the coarse voxel covering each rim voxel, axis by axis.
+        std::int64_t const wn = Container<Traits>::voxelDataWidth(nb->depth());
+        int3 const nc = nb->tijk();
+        int ci[3][W + 2 * Hout];
+        for (int a = 0; a < 3; ++a)
+            for (int l = lo[a]; l < hi[a]; ++l)
+                ci[a][l + Hout] = static_cast<int>((std::int64_t(corner[a]) + l * w - std::int64_t(nc[a])) / wn);
+        for (int k = lo[2]; k < hi[2]; ++k)
+            for (int j = lo[1]; j < hi[1]; ++j)
+                for (int i = lo[0]; i < hi[0]; ++i)
+                    out[outAt(i, j, k)] = src[inAt(ci[0][i + Hout], ci[1][j + Hout], ci[2][k + Hout])];
+    }
+}
+
+// ---- element arithmetic for means -------------------------------------------------------------
+
+/// The scalar of an element type and how many of them it holds.
+template <typename T, typename = void> struct ElementScalar {
+    using Type = T;
+    static constexpr int kCount = 1;
+};
+template <typename T> struct ElementScalar<T, std::void_t<typename T::ValueType>> {
+    using Type = typename T::ValueType;
+    static constexpr int kCount = static_cast<int>(sizeof(T) / sizeof(typename T::ValueType));
+};
+
+/// Running sum of elements, component by component: doubles for floating-point scalars, 128-bit
+/// integers for integral ones (no overflow for up to 2^64 values of any width).
+template <typename T> class ElementSum {
+    using S = typename ElementScalar<T>::Type;
+    static constexpr int N = ElementScalar<T>::kCount;
+    using Acc = std::conditional_t<std::is_floating_point_v<S>, double, __int128>;
+
+public:
+    void add(T const& v)
+    {
+        S s[N];
+        std::memcpy(s, &v, sizeof(T));
+        for (int n = 0; n < N; ++n) mSum[n] += static_cast<Acc>(s[n]);
+    }
+    /// The mean of @p count added elements; integers are rounded to nearest, halves away from 0.
+    T mean(std::int64_t count) const
+    {
+        S s[N];
+        for (int n = 0; n < N; ++n) {
+            if constexpr (std::is_floating_point_v<S>) {
+                s[n] = static_cast<S>(mSum[n] / double(count));
+            } else {
+                Acc const half = count / 2;
+                s[n] = static_cast<S>(mSum[n] >= 0 ? (mSum[n] + half) / count : (mSum[n] - half) / count);
+            }
+        }
+        T v;
+        std::memcpy(&v, s, sizeof(T));
+        return v;
+    }
+
+private:
+    Acc mSum[N] = {};
+};
+
+} // namespace TVL::TileTree3D::detail
