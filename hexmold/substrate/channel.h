@@ -84,7 +84,10 @@ public:
     /// Handle on the block of a tile; empty outside [minDepth, depth] or for a tile the channel
     /// does not have.
     TileDataType tileData(TreeIndex const& t) { return TileDataType(block(t.index, t.depth)); }
-    TileDataType tileData(std::int64_t index, int depth) { return TileDataType(block(index, depth)); }
+    TileDataType tileData(std::int64_t index, int depth)
+    {
+        return TileDataType(block(index, depth));
+    }
     ConstTileDataType tileData(TreeIndex const& t) const
     {
         return ConstTileDataType(block(t.index, t.depth));
@@ -150,11 +153,13 @@ public:
     {
         return value.has_value() && value.type() == typeid(T);
     }
-    std::shared_ptr<void const> channelData(unsigned depth, Quillon::Any const& elementType) const override;
+    std::shared_ptr<void const> channelData(unsigned depth,
+                                            Quillon::Any const& elementType) const override;
     bool setChannelData(unsigned depth, Quillon::Any const& elementType,
                         std::shared_ptr<void const> const& data) override;
     void updateTilesAdded(Component const& topology) override;
-    void updateTilesRemoved(std::span<TileMoveList const> moved, Component const& topology) override;
+    void updateTilesRemoved(std::span<TileMoveList const> moved,
+                            Component const& topology) override;
     void updateTilesPermuted(std::span<TilePermutation const> permutation) override;
     void updateElements(std::vector<std::vector<ElementToFrom>> const& moves) override;
     void updateElementResize(Component const& topology) override;
@@ -191,15 +196,20 @@ using VoxelChannel = Channel<Traits, T, Traits::kTileWidth, 0, 0>;
 #define HEXMOLD_CHANNEL_FORM_Traits55_5(X, T) X(Traits55, T, 9, 0)
 /// X(Traits, T, W, H) for the six forms of one instance.
 #define HEXMOLD_FOR_EACH_CHANNEL_FORM_OF(X, TR, T)                                                 \
-    HEXMOLD_CHANNEL_FORM_##TR##_0(X, T) HEXMOLD_CHANNEL_FORM_##TR##_1(X, T)                        \
-    HEXMOLD_CHANNEL_FORM_##TR##_2(X, T) HEXMOLD_CHANNEL_FORM_##TR##_3(X, T)                        \
-    HEXMOLD_CHANNEL_FORM_##TR##_4(X, T) HEXMOLD_CHANNEL_FORM_##TR##_5(X, T)
+    HEXMOLD_CHANNEL_FORM_##TR##_0(X, T)                                                            \
+    HEXMOLD_CHANNEL_FORM_##TR##_1(X, T)                                                            \
+    HEXMOLD_CHANNEL_FORM_##TR##_2(X, T)                                                            \
+    HEXMOLD_CHANNEL_FORM_##TR##_3(X, T)                                                            \
+    HEXMOLD_CHANNEL_FORM_##TR##_4(X, T)                                                            \
+    HEXMOLD_CHANNEL_FORM_##TR##_5(X, T)
 /// X(Traits, T, W, H) for every form of both instances, element type T.
 #define HEXMOLD_FOR_EACH_CHANNEL_FORM(X, T)                                                        \
-    HEXMOLD_FOR_EACH_CHANNEL_FORM_OF(X, Traits24, T) HEXMOLD_FOR_EACH_CHANNEL_FORM_OF(X, Traits55, T)
+    HEXMOLD_FOR_EACH_CHANNEL_FORM_OF(X, Traits24, T)                                               \
+    HEXMOLD_FOR_EACH_CHANNEL_FORM_OF(X, Traits55, T)
 
 namespace TVL::TileTree3D {
-#define HEXMOLD_CHANNEL_EXTERN(TR, T, W, H) extern template class HEXMOLD_API Channel<TR, T, W, H, 0>;
+#define HEXMOLD_CHANNEL_EXTERN(TR, T, W, H)                                                        \
+    extern template class HEXMOLD_API Channel<TR, T, W, H, 0>;
 #define HEXMOLD_CHANNEL_EXTERN_FORMS(T) HEXMOLD_FOR_EACH_CHANNEL_FORM(HEXMOLD_CHANNEL_EXTERN, T)
 HEXMOLD_FOR_EACH_ELEMENT_TYPE(HEXMOLD_CHANNEL_EXTERN_FORMS)
 #undef HEXMOLD_CHANNEL_EXTERN_FORMS

@@ -46,8 +46,8 @@ struct ElementToFrom {
 
 /// A tile and its parent, for giving a new tile its first values from the parent's block.
 struct TileParentLink {
-    std::int64_t tile = -1;   ///< index of the tile at its depth
-    std::int64_t parent = -1; ///< index of the parent at depth - 1
+    std::int64_t tile = -1;    ///< index of the tile at its depth
+    std::int64_t parent = -1;  ///< index of the parent at depth - 1
     Tavrel::Math::int3 slot{}; ///< the tile's child slot in the parent
 };
 
@@ -82,7 +82,8 @@ public:
     /// @brief Follows a removal of tiles: applies `block[to] = block[from]` for the pairs of each
     ///        depth in order (moving blocks, never elements), then drops the blocks beyond
     ///        @p topology's tile count. Pairs naming no block are ignored with an error message.
-    virtual void updateTilesRemoved(std::span<TileMoveList const> moved, Component const& topology) = 0;
+    virtual void updateTilesRemoved(std::span<TileMoveList const> moved,
+                                    Component const& topology) = 0;
     /// Reorders the blocks of each depth: block n becomes the old block permutation[d][n].
     /// A depth whose list is not a permutation of its blocks is left as it is, with a message.
     virtual void updateTilesPermuted(std::span<TilePermutation const> permutation) = 0;

@@ -35,7 +35,9 @@ Status ChannelParser::parses(Quillon::StringView pattern)
     mValid = false;
     std::size_t i = 0;
     while (i < pattern.size()) {
-        auto const isSep = [](char c) { return c == ',' || std::isspace(static_cast<unsigned char>(c)); };
+        auto const isSep = [](char c) {
+            return c == ',' || std::isspace(static_cast<unsigned char>(c));
+        };
         while (i < pattern.size() && isSep(pattern[i])) ++i;
         std::size_t const start = i;
         while (i < pattern.size() && !isSep(pattern[i])) ++i;

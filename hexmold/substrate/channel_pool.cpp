@@ -52,8 +52,14 @@ std::vector<std::shared_ptr<void>> evictLocked(Store& s, std::size_t extra)
 
 } // namespace
 
-bool ChannelMemoryPool::enabled() { return gMemoryPoolEnabled.load(std::memory_order_relaxed); }
-void ChannelMemoryPool::setEnabled(bool e) { gMemoryPoolEnabled.store(e, std::memory_order_relaxed); }
+bool ChannelMemoryPool::enabled()
+{
+    return gMemoryPoolEnabled.load(std::memory_order_relaxed);
+}
+void ChannelMemoryPool::setEnabled(bool e)
+{
+    gMemoryPoolEnabled.store(e, std::memory_order_relaxed);
+}
 
 std::size_t ChannelMemoryPool::capacity()
 {
@@ -116,8 +122,14 @@ std::shared_ptr<void> ChannelMemoryPool::takeErased(std::type_info const& type)
     return nullptr;
 }
 
-bool ChannelPool::enabled() { return gChannelPoolEnabled.load(std::memory_order_relaxed); }
-void ChannelPool::setEnabled(bool e) { gChannelPoolEnabled.store(e, std::memory_order_relaxed); }
+bool ChannelPool::enabled()
+{
+    return gChannelPoolEnabled.load(std::memory_order_relaxed);
+}
+void ChannelPool::setEnabled(bool e)
+{
+    gChannelPoolEnabled.store(e, std::memory_order_relaxed);
+}
 
 std::uint64_t ChannelPool::availablePhysicalMemory()
 {
@@ -125,8 +137,7 @@ std::uint64_t ChannelPool::availablePhysicalMemory()
     std::string line;
     while (std::getline(in, line)) {
         // "MemAvailable:   12345678 kB"
-        if (line.rfind("MemAvailable:", 0) == 0)
-            return std::stoull(line.substr(13)) * 1024;
+        if (line.rfind("MemAvailable:", 0) == 0) return std::stoull(line.substr(13)) * 1024;
     }
     long const pages = sysconf(_SC_AVPHYS_PAGES);
     long const size = sysconf(_SC_PAGESIZE);

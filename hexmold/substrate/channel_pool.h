@@ -42,7 +42,8 @@ public:
         std::size_t bytes = blocks.capacity() * sizeof(TileDataBlock<T>);
         for (auto const& b : blocks) bytes += b.capacity() * sizeof(T);
         if (blocks.empty()) return;
-        giveErased(typeid(T), bytes, std::make_shared<std::vector<TileDataBlock<T>>>(std::move(blocks)));
+        giveErased(typeid(T), bytes,
+                   std::make_shared<std::vector<TileDataBlock<T>>>(std::move(blocks)));
     }
     /// The most recently kept blocks of element type T (empty when there are none).
     template <typename T> static std::vector<TileDataBlock<T>> take()
@@ -53,7 +54,8 @@ public:
     }
 
 private:
-    static void giveErased(std::type_info const& type, std::size_t bytes, std::shared_ptr<void> blocks);
+    static void giveErased(std::type_info const& type, std::size_t bytes,
+                           std::shared_ptr<void> blocks);
     static std::shared_ptr<void> takeErased(std::type_info const& type);
 };
 

@@ -14,7 +14,10 @@
 namespace TVL::TileTree3D::detail {
 
 namespace {
-int clampDepth(int d, int lo, int hi) { return d < lo ? lo : (d > hi ? hi : d); }
+int clampDepth(int d, int lo, int hi)
+{
+    return d < lo ? lo : (d > hi ? hi : d);
+}
 } // namespace
 
 template <typename T>
@@ -71,11 +74,17 @@ template <typename T> void ChannelStorage<T>::initBlock(Block& b, std::size_t co
     }
     switch (mInitializer) {
     case kDataElementInitializerTemporary:
-        if (mCallElementConstructor) b.assign(count, T{});
-        else b.resize(count);
+        if (mCallElementConstructor)
+            b.assign(count, T{});
+        else
+            b.resize(count);
         break;
-    case kDataElementInitializerConstruct: b.assign(count, T{}); break;
-    default: b.assign(count, mDefault); break;
+    case kDataElementInitializerConstruct:
+        b.assign(count, T{});
+        break;
+    default:
+        b.assign(count, mDefault);
+        break;
     }
 }
 
@@ -115,7 +124,8 @@ void ChannelStorage<T>::resizeDepth(int depth, Component const& topology, bool p
     }
 }
 
-template <typename T> void ChannelStorage<T>::update(Component const& topology, bool point, bool shrink)
+template <typename T>
+void ChannelStorage<T>::update(Component const& topology, bool point, bool shrink)
 {
     for (int d = mMinDepth; d <= mDepth; ++d) resizeDepth(d, topology, point, shrink);
     if (point && shrink) updateElementResize(topology, point);
@@ -156,14 +166,16 @@ void ChannelStorage<T>::updateTilesRemoved(std::span<TileMoveList const> moved,
                     continue;
                 }
                 // A swap moves the block's storage; what lands at `from` is dropped below.
-                if (from != to) a[static_cast<std::size_t>(to)].swap(a[static_cast<std::size_t>(from)]);
+                if (from != to)
+                    a[static_cast<std::size_t>(to)].swap(a[static_cast<std::size_t>(from)]);
             }
         }
         resizeDepth(d, topology, point, true);
     }
     if (bad)
         logError("Channel::updateTilesRemoved.error: " + std::to_string(bad) +
-                 " (from, to) pairs outside the blocks of channel '" + channelName + "' were ignored");
+                 " (from, to) pairs outside the blocks of channel '" + channelName +
+                 "' were ignored");
 }
 
 template <typename T>
@@ -177,12 +189,15 @@ void ChannelStorage<T>::updateTilesPermuted(std::span<TilePermutation const> per
         bool ok = p.size() == a.size();
         std::vector<char> seen(a.size(), 0);
         for (std::size_t n = 0; ok && n < p.size(); ++n) {
-            if (p[n] < 0 || p[n] >= static_cast<std::int64_t>(a.size()) || seen[p[n]]) ok = false;
-            else seen[p[n]] = 1;
+            if (p[n] < 0 || p[n] >= static_cast<std::int64_t>(a.size()) || seen[p[n]])
+                ok = false;
+            else
+                seen[p[n]] = 1;
         }
         if (!ok) {
-            logError("Channel::updateTilesPermuted.error: depth " + std::to_string(d) + " of channel '" +
-                     channelName + "' has no permutation of its blocks; left unchanged");
+            logError("Channel::updateTilesPermuted.error: depth " + std::to_string(d) +
+                     " of channel '" + channelName +
+                     "' has no permutation of its blocks; left unchanged");
             continue;
         }
         std::vector<Block> b(a.size());
@@ -217,7 +232,8 @@ void ChannelStorage<T>::updateElements(std::vector<std::vector<ElementToFrom>> c
             Block& to = a[static_cast<std::size_t>(e.toTile)];
             if (e.toElement >= static_cast<std::int64_t>(to.size()))
                 to.resize(static_cast<std::size_t>(e.toElement) + 1, mDefault);
-            to[static_cast<std::size_t>(e.toElement)] = it->second[static_cast<std::size_t>(e.fromElement)];
+            to[static_cast<std::size_t>(e.toElement)] =
+                it->second[static_cast<std::size_t>(e.fromElement)];
         }
     }
     if (bad)
@@ -225,12 +241,14 @@ void ChannelStorage<T>::updateElements(std::vector<std::vector<ElementToFrom>> c
                  " element moves outside the blocks of channel '" + channelName + "' were ignored");
 }
 
-template <typename T> void ChannelStorage<T>::updateElementResize(Component const& topology, bool point)
+template <typename T>
+void ChannelStorage<T>::updateElementResize(Component const& topology, bool point)
 {
     for (int d = mMinDepth; d <= mDepth; ++d) {
         auto& a = mBlocks[static_cast<std::size_t>(d)];
         for (std::size_t i = 0; i < a.size(); ++i) {
-            std::size_t const count = newBlockCount(topology, point, static_cast<std::int64_t>(i), d);
+            std::size_t const count =
+                newBlockCount(topology, point, static_cast<std::int64_t>(i), d);
             if (a[i].size() != count) a[i].resize(count, mDefault);
         }
     }
@@ -251,8 +269,8 @@ void ChannelStorage<T>::initializeFromParents(int depth, std::span<TileParentLin
         if (!child || !parent || child->size() != mShape.voxelCount ||
             parent->size() != mShape.voxelCount)
             continue;
-        if (l.slot.x < 0 || l.slot.x >= slots || l.slot.y < 0 || l.slot.y >= slots || l.slot.z < 0 ||
-            l.slot.z >= slots)
+        if (l.slot.x < 0 || l.slot.x >= slots || l.slot.y < 0 || l.slot.y >= slots ||
+            l.slot.z < 0 || l.slot.z >= slots)
             continue;
         int const* px = parentOf.data() + l.slot.x * w;
         int const* py = parentOf.data() + l.slot.y * w;
@@ -279,7 +297,8 @@ template <typename T> std::int64_t ChannelStorage<T>::tileCount(int depth) const
 {
     std::int64_t n = 0;
     for (int d = mMinDepth; d <= mDepth; ++d)
-        if (depth == -1 || depth == d) n += static_cast<std::int64_t>(mBlocks[static_cast<std::size_t>(d)].size());
+        if (depth == -1 || depth == d)
+            n += static_cast<std::int64_t>(mBlocks[static_cast<std::size_t>(d)].size());
     return n;
 }
 
@@ -298,7 +317,8 @@ template <typename T> void ChannelStorage<T>::memUse(std::size_t& used, std::siz
     for (auto const& b : mSpare) reserved += b.capacity() * sizeof(T);
 }
 
-template <typename T> std::shared_ptr<void const> ChannelStorage<T>::channelData(unsigned depth) const
+template <typename T>
+std::shared_ptr<void const> ChannelStorage<T>::channelData(unsigned depth) const
 {
     if (static_cast<int>(depth) < mMinDepth || static_cast<int>(depth) > mDepth) return nullptr;
     auto out = std::make_shared<Quillon::Array<T>>();
@@ -310,7 +330,8 @@ template <typename T> std::shared_ptr<void const> ChannelStorage<T>::channelData
 template <typename T>
 bool ChannelStorage<T>::setChannelData(unsigned depth, std::shared_ptr<void const> const& data)
 {
-    if (!data || static_cast<int>(depth) < mMinDepth || static_cast<int>(depth) > mDepth) return false;
+    if (!data || static_cast<int>(depth) < mMinDepth || static_cast<int>(depth) > mDepth)
+        return false;
     auto const& values = *static_cast<Quillon::Array<T> const*>(data.get());
     if (values.size() != elementCount(static_cast<int>(depth))) return false;
     auto src = values.begin();

@@ -23,10 +23,10 @@ namespace TVL::TileTree3D::detail {
 
 /// How the owning channel's blocks are shaped, as the storage needs to know it.
 struct BlockShape {
-    int depthCount = 0;           ///< depths of the tree instance
-    int width = 0;                ///< elements across a block, halo not counted
-    int halo = 0;                 ///< halo width
-    std::size_t voxelCount = 0;   ///< elements of a voxel block, (width + 2 halo)^3
+    int depthCount = 0;         ///< depths of the tree instance
+    int width = 0;              ///< elements across a block, halo not counted
+    int halo = 0;               ///< halo width
+    std::size_t voxelCount = 0; ///< elements of a voxel block, (width + 2 halo)^3
 };
 
 template <typename T> class HEXMOLD_API ChannelStorage {
@@ -91,7 +91,8 @@ private:
     void resizeDepth(int depth, Component const& topology, bool point, bool shrink);
     void releaseDepth(int depth);
     void initBlock(Block& block, std::size_t count);
-    std::size_t newBlockCount(Component const& topology, bool point, std::int64_t index, int depth) const;
+    std::size_t newBlockCount(Component const& topology, bool point, std::int64_t index,
+                              int depth) const;
 
     BlockShape mShape;
     T mDefault;

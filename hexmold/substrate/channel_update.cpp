@@ -28,9 +28,11 @@ void updateTilesAdded(Component const& topology, Object& object)
     for (ChannelBase* c : boundChannels(object, topology.name())) c->updateTilesAdded(topology);
 }
 
-void updateTilesRemoved(std::span<TileMoveList const> moved, Component const& topology, Object& object)
+void updateTilesRemoved(std::span<TileMoveList const> moved, Component const& topology,
+                        Object& object)
 {
-    for (ChannelBase* c : boundChannels(object, topology.name())) c->updateTilesRemoved(moved, topology);
+    for (ChannelBase* c : boundChannels(object, topology.name()))
+        c->updateTilesRemoved(moved, topology);
 }
 
 template <typename Traits>
@@ -76,7 +78,8 @@ void initializeTileData(Container<Traits> const& container, TileCornerLists<Trai
             auto const& tile = accessor.tile(corner.x, corner.y, corner.z, d);
             if (!tile.valid() || tile.depth() != d || tile.parent() < 0) continue;
             auto const& parent = container.tile(tile.parent(), d - 1);
-            links.push_back(TileParentLink{tile.index(), tile.parent(), parent.childIJK(tile.tijk())});
+            links.push_back(
+                TileParentLink{tile.index(), tile.parent(), parent.childIJK(tile.tijk())});
         }
         for (ChannelBase* c : channels)
             if (d - 1 >= c->minDepth() && d <= c->depth()) c->initializeFromParents(d, links);

@@ -11,8 +11,10 @@ Quillon::Ptr<Object> createVoxelTVL(Quillon::String const& containerName,
                                     Quillon::String const& topologyName, float voxelSize,
                                     VoxelOffsetType offsetType)
 {
-    Quillon::String const tree = containerName.empty() ? Quillon::String(kDefaultContainerName) : containerName;
-    Quillon::String const topo = topologyName.empty() ? Quillon::String(kDefaultTopologyName) : topologyName;
+    Quillon::String const tree =
+        containerName.empty() ? Quillon::String(kDefaultContainerName) : containerName;
+    Quillon::String const topo =
+        topologyName.empty() ? Quillon::String(kDefaultTopologyName) : topologyName;
     auto object = createEmptyTVL();
     auto container = Quillon::makePtr<Container<Traits>>(tree, voxelSize);
     auto topology = Quillon::makePtr<VoxelTopology<Traits>>(topo, tree, voxelSize, offsetType);

@@ -33,7 +33,8 @@ HEXMOLD_API Quillon::Ptr<Object> createVoxelTVL(Quillon::String const& container
 template <int R, int TW> using TraitsOf = Traits<R, TW, 1>;
 
 /// @brief Creates a channel bound to @p topology, allocates its blocks for the topology's tiles,
-///        adds it to @p object (replacing any component of that name) and returns it.
+///        adds it to @p object (replacing any component of that name) and returns it. The
+///        returned pointer shares the channel with the object.
 /// @tparam T      element type
 /// @tparam R, TW  select the tree instance: (2, 4) for `Traits<2,4,1>`, (5, 5) for `Traits<5,5,1>`
 /// @tparam W, H   the channel form

@@ -9,8 +9,10 @@ Object::~Object() = default;
 
 Object::Table& Object::ownTable()
 {
-    if (!mTable) mTable = std::make_shared<Table>();
-    else if (mTable.use_count() > 1) mTable = std::make_shared<Table>(*mTable);
+    if (!mTable)
+        mTable = std::make_shared<Table>();
+    else if (mTable.use_count() > 1)
+        mTable = std::make_shared<Table>(*mTable);
     return *mTable;
 }
 
@@ -90,7 +92,10 @@ Quillon::Ptr<Quillon::Array<Quillon::String>> Object::keys() const
     return Quillon::makePtr<Quillon::Array<Quillon::String>>(componentRange());
 }
 
-std::size_t Object::componentCount() const { return mTable ? mTable->components.size() : 0; }
+std::size_t Object::componentCount() const
+{
+    return mTable ? mTable->components.size() : 0;
+}
 
 Quillon::Any Object::getProperty(Quillon::String const& name) const
 {
@@ -109,8 +114,14 @@ bool Object::hasProperty(Quillon::String const& name) const
     return mTable && mTable->properties.count(name) != 0;
 }
 
-long Object::componentsUseCount() const { return mTable ? mTable.use_count() : 0; }
+long Object::componentsUseCount() const
+{
+    return mTable ? mTable.use_count() : 0;
+}
 
-Quillon::Ptr<Object> createEmptyTVL() { return Quillon::makePtr<Object>(); }
+Quillon::Ptr<Object> createEmptyTVL()
+{
+    return Quillon::makePtr<Object>();
+}
 
 } // namespace TVL

@@ -35,8 +35,10 @@ namespace TVL {
 /// (so `ChannelBase` matches every channel and `Component` everything).
 template <typename T> bool componentIsA(Component const& c)
 {
-    if constexpr (std::is_abstract_v<T>) return dynamic_cast<T const*>(&c) != nullptr;
-    else return typeid(c) == typeid(T);
+    if constexpr (std::is_abstract_v<T>)
+        return dynamic_cast<T const*>(&c) != nullptr;
+    else
+        return typeid(c) == typeid(T);
 }
 
 class HEXMOLD_API Object {
@@ -76,7 +78,8 @@ public:
         if (!c || !componentIsA<T>(*c)) return nullptr;
         c.reset();
         Quillon::MutablePtr<Component> m = extractComponent(name);
-        return Quillon::MutablePtr<T>::adoptUnique(std::static_pointer_cast<T>(std::move(m).releaseShared()));
+        return Quillon::MutablePtr<T>::adoptUnique(
+            std::static_pointer_cast<T>(std::move(m).releaseShared()));
     }
     /// Untyped form of `extractComponent`.
     Quillon::MutablePtr<Component> extractComponent(Quillon::String const& name);

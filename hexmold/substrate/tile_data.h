@@ -28,8 +28,8 @@ template <typename T, int W, int H, int F> class HEXMOLD_API ConstTileData {
 public:
     using ValueType = T;
     using Block = TileDataBlock<T>;
-    static constexpr int kWidth = W;  ///< elements across, halo not counted
-    static constexpr int kHalo = H;   ///< halo width on each side
+    static constexpr int kWidth = W; ///< elements across, halo not counted
+    static constexpr int kHalo = H;  ///< halo width on each side
     static constexpr int kEdge = W + 2 * H;
     /// Element count of a voxel block of this form, (W + 2H)^3.
     static constexpr std::size_t kVoxelCount = std::size_t(kEdge) * kEdge * kEdge;
@@ -134,10 +134,10 @@ protected:
         other.mSize = 0;
     }
 
-    Block* mBlock = nullptr;  ///< block referred to or owned
-    T* mData = nullptr;       ///< cached mBlock->data()
-    std::size_t mSize = 0;    ///< cached mBlock->size()
-    bool mOwns = false;       ///< mBlock was allocated by this handle
+    Block* mBlock = nullptr; ///< block referred to or owned
+    T* mData = nullptr;      ///< cached mBlock->data()
+    std::size_t mSize = 0;   ///< cached mBlock->size()
+    bool mOwns = false;      ///< mBlock was allocated by this handle
 };
 
 /// Read-write handle on a block; also the type of per-worker scratch blocks.
@@ -146,10 +146,10 @@ class HEXMOLD_API TileData : public ConstTileData<T, W, H, F> {
     using Base = ConstTileData<T, W, H, F>;
 
 public:
-    using typename Base::Block;
     using Base::kEdge;
     using Base::kHalo;
     using Base::kWidth;
+    using typename Base::Block;
 
     /// An empty handle.
     TileData() = default;
@@ -251,7 +251,9 @@ public:
     /// Refers to @p block; what it holds now counts as already there.
     explicit DynamicTileData(Block* block) : TileDataT(block), mAddedBegin(this->mSize) {}
     /// Owns @p count elements equal to @p value.
-    DynamicTileData(std::size_t count, T const& value) : TileDataT(count, value), mAddedBegin(count) {}
+    DynamicTileData(std::size_t count, T const& value) : TileDataT(count, value), mAddedBegin(count)
+    {
+    }
 
     /// Makes the block hold @p count elements; new ones are set to @p value.
     void resize(std::size_t count, T const& value)
@@ -286,7 +288,8 @@ private:
 /// X(T, W, H) for the block forms in use with element type T: normal, halo 1 and 2, one sample
 /// more than a tile, and the parent-refined scratch forms.
 /// The list is cut in two halves so that the instantiations build in two translation units.
-#define HEXMOLD_FOR_EACH_TILE_DATA_FORM_A(X, T) X(T, 4, 0) X(T, 5, 0) X(T, 6, 0) X(T, 4, 1) X(T, 5, 1)
+#define HEXMOLD_FOR_EACH_TILE_DATA_FORM_A(X, T)                                                    \
+    X(T, 4, 0) X(T, 5, 0) X(T, 6, 0) X(T, 4, 1) X(T, 5, 1)
 #define HEXMOLD_FOR_EACH_TILE_DATA_FORM_B(X, T) X(T, 4, 2) X(T, 5, 2) X(T, 8, 1) X(T, 9, 0)
 #define HEXMOLD_FOR_EACH_TILE_DATA_FORM(X, T)                                                      \
     HEXMOLD_FOR_EACH_TILE_DATA_FORM_A(X, T) HEXMOLD_FOR_EACH_TILE_DATA_FORM_B(X, T)
@@ -295,7 +298,8 @@ namespace TVL::TileTree3D {
 #define HEXMOLD_TILE_DATA_EXTERN(T, W, H)                                                          \
     extern template class HEXMOLD_API ConstTileData<T, W, H, 0>;                                   \
     extern template class HEXMOLD_API TileData<T, W, H, 0>;
-#define HEXMOLD_TILE_DATA_EXTERN_FORMS(T) HEXMOLD_FOR_EACH_TILE_DATA_FORM(HEXMOLD_TILE_DATA_EXTERN, T)
+#define HEXMOLD_TILE_DATA_EXTERN_FORMS(T)                                                          \
+    HEXMOLD_FOR_EACH_TILE_DATA_FORM(HEXMOLD_TILE_DATA_EXTERN, T)
 HEXMOLD_FOR_EACH_ELEMENT_TYPE(HEXMOLD_TILE_DATA_EXTERN_FORMS)
 #undef HEXMOLD_TILE_DATA_EXTERN_FORMS
 #undef HEXMOLD_TILE_DATA_EXTERN

@@ -8,11 +8,11 @@
 #include <jemalloc/jemalloc.h>
 
 #if defined(__SANITIZE_ADDRESS__)
-#  define HEXMOLD_TILE_DATA_FROM_NEW 1
+#define HEXMOLD_TILE_DATA_FROM_NEW 1
 #elif defined(__has_feature)
-#  if __has_feature(address_sanitizer)
-#    define HEXMOLD_TILE_DATA_FROM_NEW 1
-#  endif
+#if __has_feature(address_sanitizer)
+#define HEXMOLD_TILE_DATA_FROM_NEW 1
+#endif
 #endif
 
 namespace TVL::TileTree3D {

@@ -37,7 +37,8 @@ public:
 
     T* allocate(std::size_t n)
     {
-        if (n > std::numeric_limits<std::size_t>::max() / sizeof(T)) throw std::bad_array_new_length();
+        if (n > std::numeric_limits<std::size_t>::max() / sizeof(T))
+            throw std::bad_array_new_length();
         void* p = allocate_jemalloc(n * sizeof(T), kAlignment);
         if (!p) throw std::bad_alloc();
         return static_cast<T*>(p);
@@ -58,8 +59,14 @@ public:
         using other = TileDataAllocator<U>;
     };
 
-    friend bool operator==(TileDataAllocator const&, TileDataAllocator const&) noexcept { return true; }
-    friend bool operator!=(TileDataAllocator const&, TileDataAllocator const&) noexcept { return false; }
+    friend bool operator==(TileDataAllocator const&, TileDataAllocator const&) noexcept
+    {
+        return true;
+    }
+    friend bool operator!=(TileDataAllocator const&, TileDataAllocator const&) noexcept
+    {
+        return false;
+    }
 };
 
 /// The storage of one tile's elements in a channel, and of an owning scratch block.

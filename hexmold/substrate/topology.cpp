@@ -13,7 +13,8 @@ namespace TVL::TileTree3D {
 using Tavrel::Math::double3;
 using Tavrel::Math::float3;
 
-// ---- VoxelTopology -------------------------------------------------------------------------------
+// ---- VoxelTopology
+// -------------------------------------------------------------------------------
 
 template <typename TraitsT> VoxelTopology<TraitsT>::VoxelTopology() = default;
 
@@ -65,7 +66,8 @@ template <typename TraitsT> void VoxelTopology<TraitsT>::update(Component const&
 {
     if (auto const* c = dynamic_cast<Container<Traits> const*>(&container))
         mVoxelSize = c->voxelSize();
-    for (int d = 0; d < kDepthCount; ++d) mTileCounts[d] = std::max<std::int64_t>(0, container.tileCount(d));
+    for (int d = 0; d < kDepthCount; ++d)
+        mTileCounts[d] = std::max<std::int64_t>(0, container.tileCount(d));
 }
 
 template <typename TraitsT> void VoxelTopology<TraitsT>::setTileCount(int depth, std::int64_t count)
@@ -114,7 +116,8 @@ std::uint64_t VoxelTopology<TraitsT>::elementCount(TreeIndex const& t) const
 
 template <typename TraitsT> std::int64_t VoxelTopology<TraitsT>::tileCount(int depth) const
 {
-    if (depth == -1) return std::accumulate(mTileCounts.begin(), mTileCounts.end(), std::int64_t(0));
+    if (depth == -1)
+        return std::accumulate(mTileCounts.begin(), mTileCounts.end(), std::int64_t(0));
     if (depth < 0 || depth >= kDepthCount) return 0;
     return mTileCounts[depth];
 }
@@ -126,7 +129,8 @@ template <typename TraitsT> int VoxelTopology<TraitsT>::minDepth() const
     return 0;
 }
 
-// ---- PointTopology -------------------------------------------------------------------------------
+// ---- PointTopology
+// -------------------------------------------------------------------------------
 
 template <typename TraitsT>
 PointTopology<TraitsT>::PointTopology(Quillon::String containerName)
@@ -139,7 +143,8 @@ template <typename TraitsT> PointTopology<TraitsT>::~PointTopology() = default;
 template <typename TraitsT> void PointTopology<TraitsT>::update(Component const& container)
 {
     for (int d = 0; d < kDepthCount; ++d)
-        mCounts[d].resize(static_cast<std::size_t>(std::max<std::int64_t>(0, container.tileCount(d))), 0);
+        mCounts[d].resize(
+            static_cast<std::size_t>(std::max<std::int64_t>(0, container.tileCount(d))), 0);
 }
 
 template <typename TraitsT> void PointTopology<TraitsT>::setTileCount(int depth, std::int64_t count)
@@ -157,8 +162,8 @@ void PointTopology<TraitsT>::setElementCount(TreeIndex const& t, std::uint64_t c
 {
     if (t.depth < 0 || t.depth >= kDepthCount || t.index < 0 ||
         t.index >= static_cast<std::int64_t>(mCounts[t.depth].size())) {
-        detail::logError("PointTopology::setElementCount.error: no tile (" + std::to_string(t.index) +
-                         ", " + std::to_string(t.depth) + "), ignored");
+        detail::logError("PointTopology::setElementCount.error: no tile (" +
+                         std::to_string(t.index) + ", " + std::to_string(t.depth) + "), ignored");
         return;
     }
     mCounts[t.depth][static_cast<std::size_t>(t.index)] = count;
@@ -177,7 +182,8 @@ void PointTopology<TraitsT>::updateTilesRemoved(std::span<TileMoveList const> mo
         }
     }
     for (int d = 0; d < kDepthCount; ++d)
-        mCounts[d].resize(static_cast<std::size_t>(std::max<std::int64_t>(0, container.tileCount(d))), 0);
+        mCounts[d].resize(
+            static_cast<std::size_t>(std::max<std::int64_t>(0, container.tileCount(d))), 0);
 }
 
 template <typename TraitsT>
@@ -191,15 +197,18 @@ void PointTopology<TraitsT>::updateTilesPermuted(std::span<TilePermutation const
         std::vector<bool> seen(a.size(), false);
         bool ok = true;
         for (std::size_t n = 0; n < p.size() && ok; ++n) {
-            if (p[n] < 0 || p[n] >= static_cast<std::int64_t>(a.size()) || seen[p[n]]) ok = false;
+            if (p[n] < 0 || p[n] >= static_cast<std::int64_t>(a.size()) || seen[p[n]])
+                ok = false;
             else {
                 seen[p[n]] = true;
                 b[n] = a[p[n]];
             }
         }
-        if (ok) a.swap(b);
-        else detail::logError("PointTopology::updateTilesPermuted.error: depth " + std::to_string(d) +
-                              " has no valid permutation, left unchanged");
+        if (ok)
+            a.swap(b);
+        else
+            detail::logError("PointTopology::updateTilesPermuted.error: depth " +
+                             std::to_string(d) + " has no valid permutation, left unchanged");
     }
 }
 

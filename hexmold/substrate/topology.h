@@ -62,10 +62,12 @@ public:
     float voxelSize() const { return mVoxelSize; }
     void setVoxelSize(float size) { mVoxelSize = size; }
 
-    /// @brief World position to tile-space position, such that the sample of the deepest-depth
-    ///        voxel with corner c lies at c: world / voxelSize + centre offset - offset().
-    ///        At depth d the sample of the voxel with corner c lies at
-    ///        c + offset() * (voxelDataWidth(d) - 1). The double forms keep sub-voxel precision.
+    /// @brief World position to (non-negative) tile-space position, such that the sample of the
+    ///        deepest-depth voxel with corner c maps to the integer c + centre offset:
+    ///        world / voxelSize + centre offset - offset(). This is the container's transform
+    ///        shifted by the offset. At depth d the sample of the voxel with corner c maps to
+    ///        c + centre offset + offset() * (voxelDataWidth(d) - 1). The double forms keep
+    ///        sub-voxel precision, which single precision loses this far from the origin.
     Tavrel::Math::float3 toTileSpace(Tavrel::Math::float3 const& world) const;
     /// The inverse of `toTileSpace`.
     Tavrel::Math::float3 toWorldSpace(Tavrel::Math::float3 const& tileSpace) const;

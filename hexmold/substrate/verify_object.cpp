@@ -22,7 +22,8 @@ void debug(Quillon::StringView text)
 
 bool beginsLonger(Quillon::String const& name, Quillon::StringView prefix)
 {
-    return name.size() > prefix.size() && Quillon::StringView(name).substr(0, prefix.size()) == prefix;
+    return name.size() > prefix.size() &&
+           Quillon::StringView(name).substr(0, prefix.size()) == prefix;
 }
 
 } // namespace
@@ -61,13 +62,20 @@ bool verifyObject(TVL::Object const& object, Quillon::String const& topologyName
         }
     }
 
-    if (verbose) debug(std::string("verifyObject.end (success = ") + (success ? "true" : "false") + ")");
+    if (verbose)
+        debug(std::string("verifyObject.end (success = ") + (success ? "true" : "false") + ")");
     return success;
 }
 
-bool isFuel(Quillon::String const& name) { return beginsLonger(name, "voxel_fuel"); }
+bool isFuel(Quillon::String const& name)
+{
+    return beginsLonger(name, "voxel_fuel");
+}
 
-bool isMappable(Quillon::String const& name) { return beginsLonger(name, "voxel_"); }
+bool isMappable(Quillon::String const& name)
+{
+    return beginsLonger(name, "voxel_");
+}
 
 bool isEmissionRate(Quillon::String const& name)
 {

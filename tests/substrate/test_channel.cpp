@@ -11,7 +11,8 @@ using namespace TVL::TileTree3D;
 
 namespace {
 
-template <typename Tr> class ChannelTest : public ::testing::Test {};
+template <typename Tr> class ChannelTest : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
     template <typename T> static std::string GetName(int)
@@ -49,7 +50,8 @@ template <typename C> void stamp(C& c, std::int64_t index, int depth)
     auto td = c.tileData(index, depth);
     for (std::size_t n = 0; n < td.size(); ++n) td[n] = float(1000 * index + 100000 * depth + n);
 }
-template <typename C> bool hasStamp(C const& c, std::int64_t index, int depth, std::int64_t stampIndex)
+template <typename C>
+bool hasStamp(C const& c, std::int64_t index, int depth, std::int64_t stampIndex)
 {
     auto td = c.tileData(index, depth);
     if (td.empty()) return false;
@@ -124,7 +126,8 @@ TYPED_TEST(ChannelTest, InitializerZeroConstructsOnlyWhenAsked)
 {
     auto topo = topologyWith<TypeParam>({2});
     float const d = 3.0f;
-    FloatChannel<TypeParam> constructed("", &d, kDataElementInitializerTemporary, false, true, 0, 0);
+    FloatChannel<TypeParam> constructed("", &d, kDataElementInitializerTemporary, false, true, 0,
+                                        0);
     constructed.update(topo);
     for (float v : constructed.tileData(1, 0)) EXPECT_EQ(v, 0.0f);
     FloatChannel<TypeParam> raw("", &d, kDataElementInitializerTemporary, false, false, 0, 0);
@@ -187,7 +190,8 @@ TYPED_TEST(ChannelTest, PermutationReordersBlocksAndABadOneChangesNothing)
     perm[1] = {0, 0, 1, 2};
     ::testing::internal::CaptureStderr();
     c.updateTilesPermuted(perm);
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find("updateTilesPermuted.error"), std::string::npos);
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("updateTilesPermuted.error"),
+              std::string::npos);
     EXPECT_TRUE(hasStamp(c, 0, 1, 2));
     EXPECT_TRUE(hasStamp(c, 3, 1, 1));
 }
@@ -271,7 +275,7 @@ TYPED_TEST(ChannelTest, ChannelDataRoundTrips)
     ASSERT_TRUE(data);
     auto const& values = *static_cast<Quillon::Array<float> const*>(data.get());
     EXPECT_EQ(values.size(), 3u * TypeParam::kTileSize);
-    EXPECT_FALSE(c.channelData(1, Quillon::Any(0)));   // another element type
+    EXPECT_FALSE(c.channelData(1, Quillon::Any(0)));    // another element type
     EXPECT_FALSE(c.channelData(5, Quillon::Any(0.0f))); // outside the range
     auto other = makeChannel<FloatChannel<TypeParam>>(topo, 0.0f, 0, 1);
     EXPECT_TRUE(other.setChannelData(1, Quillon::Any(0.0f), data));
@@ -333,7 +337,8 @@ TYPED_TEST(ChannelTest, PointChannelBlocksFollowTheElementCounts)
     points.setTileCount(1, 3);
     points.setElementCount(TreeIndex{0, 1}, 2);
     points.setElementCount(TreeIndex{2, 1}, 5);
-    auto c = makeChannel<Channel<TypeParam, float3, kTW<TypeParam>, 0, 0>>(points, float3{1, 2, 3}, 0, 1);
+    auto c = makeChannel<Channel<TypeParam, float3, kTW<TypeParam>, 0, 0>>(points, float3{1, 2, 3},
+                                                                           0, 1);
     EXPECT_EQ(c.elementCount(TreeIndex{0, 1}), 2u);
     EXPECT_EQ(c.elementCount(TreeIndex{1, 1}), 0u);
     EXPECT_EQ(c.elementCount(TreeIndex{2, 1}), 5u);
@@ -372,7 +377,8 @@ TYPED_TEST(ChannelTest, BadElementMovesAreIgnoredWithAMessage)
     moves[0] = {{1, 0, 0, 7}, {9, 0, 0, 0}, {1, 0, -1, 0}};
     ::testing::internal::CaptureStderr();
     c.updateElements(moves);
-    EXPECT_NE(::testing::internal::GetCapturedStderr().find("updateElements.error: 3"), std::string::npos);
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("updateElements.error: 3"),
+              std::string::npos);
     EXPECT_EQ(c.elementCount(TreeIndex{1, 0}), 0u);
 }
 

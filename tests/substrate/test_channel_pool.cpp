@@ -72,14 +72,18 @@ struct DebugCapture {
     std::ostringstream text;
 };
 
-bool startsWith(std::string const& s, std::string const& p) { return s.rfind(p, 0) == 0; }
+bool startsWith(std::string const& s, std::string const& p)
+{
+    return s.rfind(p, 0) == 0;
+}
 
 } // namespace
 
 TYPED_TEST(ChannelPoolTest, DisabledPoolGivesNull)
 {
     ChannelPool::setEnabled(false);
-    auto c = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(0.0f, false, true, 0, 1, 0, nullptr);
+    auto c = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(0.0f, false, true, 0,
+                                                                               1, 0, nullptr);
     EXPECT_FALSE(c);
 }
 
@@ -104,13 +108,15 @@ TYPED_TEST(ChannelPoolTest, BlocksOfADeadPooledChannelAreReused)
     auto topo = topologyWith<TypeParam>({1, 8, 64});
     std::set<float const*> first;
     {
-        auto c = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(0.0f, false, false, 0, 2, 0, &topo);
+        auto c = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(
+            0.0f, false, false, 0, 2, 0, &topo);
         ASSERT_TRUE(c);
         for (int d = 0; d <= 2; ++d)
             for (auto const& b : c->blocks(d)) first.insert(b.data());
     }
     EXPECT_GT(ChannelMemoryPool::heldBytes(), 73u * TypeParam::kTileSize * sizeof(float));
-    auto again = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(0.0f, false, false, 0, 2, 0, &topo);
+    auto again = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(
+        0.0f, false, false, 0, 2, 0, &topo);
     EXPECT_EQ(ChannelMemoryPool::heldBytes(), 0u);
     for (int d = 0; d <= 2; ++d)
         for (auto const& b : again->blocks(d)) EXPECT_TRUE(first.count(b.data()));
@@ -135,13 +141,15 @@ TYPED_TEST(ChannelPoolTest, CapacityBoundsWhatThePoolKeeps)
     ChannelMemoryPool::setCapacity(0);
     auto topo = topologyWith<TypeParam>({16});
     {
-        auto c = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(0.0f, false, true, 0, 0, 0, &topo);
+        auto c = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(
+            0.0f, false, true, 0, 0, 0, &topo);
     }
     EXPECT_EQ(ChannelMemoryPool::heldBytes(), 0u);
     ChannelMemoryPool::setCapacity(std::size_t(1) << 30);
     ChannelMemoryPool::setEnabled(false);
     {
-        auto c = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(0.0f, false, true, 0, 0, 0, &topo);
+        auto c = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(
+            0.0f, false, true, 0, 0, 0, &topo);
         EXPECT_FALSE(c->usesPool());
     }
     EXPECT_EQ(ChannelMemoryPool::heldBytes(), 0u);
@@ -157,7 +165,8 @@ TYPED_TEST(ChannelPoolTest, TemporaryCopiesTheSourceInsideItsRange)
 {
     auto topo = topologyWith<TypeParam>({1, 2, 3});
     float const d = 5.0f;
-    FloatChannel<TypeParam> source("src", &d, kDataElementInitializerDefaultValue, false, true, 0, 1);
+    FloatChannel<TypeParam> source("src", &d, kDataElementInitializerDefaultValue, false, true, 0,
+                                   1);
     source.setTargetName(topo.name());
     source.update(topo);
     source.tileData(1, 1)[3] = -4.0f;
@@ -179,31 +188,39 @@ TYPED_TEST(ChannelPoolTest, TemporaryCopiesTheSourceInsideItsRange)
 TYPED_TEST(ChannelPoolTest, TemporaryFromThePoolReportsMemoryAtVerboseThree)
 {
     auto topo = topologyWith<TypeParam>({1});
-    FloatChannel<TypeParam> source("src", nullptr, kDataElementInitializerDefaultValue, false, true, 0, 0);
+    FloatChannel<TypeParam> source("src", nullptr, kDataElementInitializerDefaultValue, false, true,
+                                   0, 0);
     source.update(topo);
     DebugCapture capture(3);
     auto t = channelTemporary(source, topo, true, false, 0, 0);
     auto const lines = capture.lines();
     ASSERT_EQ(lines.size(), 5u) << capture.text.str();
-    EXPECT_EQ(lines[0], "Warning: callElementConstructor is false (in_callElementConstructor is false)");
-    EXPECT_TRUE(startsWith(lines[1], "channelTemporary.availablePhysicalMemory.before = ")) << lines[1];
-    EXPECT_TRUE(startsWith(lines[2], "channelTemporary.availablePhysicalAndPoolMemory.before = ")) << lines[2];
-    EXPECT_TRUE(startsWith(lines[3], "channelTemporary.availablePhysicalMemory.after = ")) << lines[3];
-    EXPECT_TRUE(startsWith(lines[4], "channelTemporary.availablePhysicalAndPoolMemory.after = ")) << lines[4];
+    EXPECT_EQ(lines[0],
+              "Warning: callElementConstructor is false (in_callElementConstructor is false)");
+    EXPECT_TRUE(startsWith(lines[1], "channelTemporary.availablePhysicalMemory.before = "))
+        << lines[1];
+    EXPECT_TRUE(startsWith(lines[2], "channelTemporary.availablePhysicalAndPoolMemory.before = "))
+        << lines[2];
+    EXPECT_TRUE(startsWith(lines[3], "channelTemporary.availablePhysicalMemory.after = "))
+        << lines[3];
+    EXPECT_TRUE(startsWith(lines[4], "channelTemporary.availablePhysicalAndPoolMemory.after = "))
+        << lines[4];
     for (std::size_t i = 1; i < 5; ++i) EXPECT_EQ(lines[i].substr(lines[i].size() - 3), " MB");
 }
 
 TYPED_TEST(ChannelPoolTest, TemporaryWithoutThePoolWarnsAboutTheConstructorFlag)
 {
     auto topo = topologyWith<TypeParam>({1});
-    FloatChannel<TypeParam> source("src", nullptr, kDataElementInitializerDefaultValue, false, true, 0, 0);
+    FloatChannel<TypeParam> source("src", nullptr, kDataElementInitializerDefaultValue, false, true,
+                                   0, 0);
     source.update(topo);
     {
         DebugCapture capture(3);
         auto t = channelTemporary(source, topo, false, false, 0, 0);
         auto const lines = capture.lines();
         ASSERT_EQ(lines.size(), 2u) << capture.text.str();
-        EXPECT_EQ(lines[0], "Warning: callElementConstructor is false (in_callElementConstructor is false)");
+        EXPECT_EQ(lines[0],
+                  "Warning: callElementConstructor is false (in_callElementConstructor is false)");
         EXPECT_EQ(lines[1], "Warning: in_callElementConstructor is false");
     }
     {
@@ -212,7 +229,8 @@ TYPED_TEST(ChannelPoolTest, TemporaryWithoutThePoolWarnsAboutTheConstructorFlag)
         auto t = channelTemporary(source, topo, false, true, 0, 0);
         auto const lines = capture.lines();
         ASSERT_EQ(lines.size(), 1u) << capture.text.str();
-        EXPECT_EQ(lines[0], "Warning: callElementConstructor is false (in_callElementConstructor is true)");
+        EXPECT_EQ(lines[0],
+                  "Warning: callElementConstructor is false (in_callElementConstructor is true)");
     }
     {
         DebugCapture capture(2);

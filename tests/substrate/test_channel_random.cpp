@@ -15,7 +15,8 @@ using namespace TVL::TileTree3D;
 
 namespace {
 
-template <typename Tr> class ChannelRandomTest : public ::testing::Test {};
+template <typename Tr> class ChannelRandomTest : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
     template <typename T> static std::string GetName(int)
@@ -31,25 +32,29 @@ template <typename Tr> std::int64_t cornerOf(std::int64_t c, int depth)
     return ((c + Tr::kCentreOffset) / w) * w - Tr::kCentreOffset;
 }
 
-/// Per-tile values of a channel, named by tile corner: the reference the channel is checked against.
+/// Per-tile values of a channel, named by tile corner: the reference the channel is checked
+/// against.
 using Model = std::map<VoxelCoord, std::vector<std::int64_t>>;
 
 template <typename Tr> struct Scenario {
     static constexpr int kTW = Tr::kTileWidth;
-    using InObject = Channel<Tr, int, kTW, 0, 0>;          // reached by the free functions
-    using Extracted = Channel<Tr, UInt64, kTW, 1, 0>;      // updated by hand
+    using InObject = Channel<Tr, int, kTW, 0, 0>;     // reached by the free functions
+    using Extracted = Channel<Tr, UInt64, kTW, 1, 0>; // updated by hand
     static constexpr int kDeepest = std::is_same_v<Tr, Traits24> ? 5 : 2;
     static constexpr int kDefault = -1;
 
     explicit Scenario(unsigned seed) : rng(seed)
     {
         object = Command::createVoxelTVL<Tr>("", "", 1.0f, kVoxelOffsetCenter);
-        container = object->template extractComponent<Container<Tr>>(Command::kDefaultContainerName);
-        topology = object->template extractComponent<VoxelTopology<Tr>>(Command::kDefaultTopologyName);
+        container =
+            object->template extractComponent<Container<Tr>>(Command::kDefaultContainerName);
+        topology =
+            object->template extractComponent<VoxelTopology<Tr>>(Command::kDefaultTopologyName);
         Command::createChannel<int, Tr::kRatio, kTW, kTW, 0>("a", *topology, *object, kDefault,
-                                                             kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
-        Command::createChannel<UInt64, Tr::kRatio, kTW, kTW, 1>("b", *topology, *object, 5,
-                                                                kDataElementInitializerDefaultValue, 1, Tr::kMaxDepth);
+                                                             kDataElementInitializerDefaultValue, 0,
+                                                             Tr::kMaxDepth);
+        Command::createChannel<UInt64, Tr::kRatio, kTW, kTW, 1>(
+            "b", *topology, *object, 5, kDataElementInitializerDefaultValue, 1, Tr::kMaxDepth);
         b = object->template extractComponent<Extracted>("b");
     }
 
@@ -66,7 +71,8 @@ template <typename Tr> struct Scenario {
         auto tb = b->tileData(t.treeIndex());
         auto& mb = modelB[t.voxelCoord()];
         mb.resize(tb.size());
-        for (std::size_t n = 0; n < tb.size(); ++n) mb[n] = std::int64_t(tb[n] = UInt64(signature * 4096 + n));
+        for (std::size_t n = 0; n < tb.size(); ++n)
+            mb[n] = std::int64_t(tb[n] = UInt64(signature * 4096 + n));
     }
 
     void grow()
@@ -127,7 +133,8 @@ template <typename Tr> struct Scenario {
                                 auto idx = [&](int a, int pc, int cc) {
                                     return int((2 * (cc - pc) + (2 * a + 1) * cw) / (2 * pw));
                                 };
-                                int const px = idx(x, p.i, c.x), py = idx(y, p.j, c.y), pz = idx(z, p.k, c.z);
+                                int const px = idx(x, p.i, c.x), py = idx(y, p.j, c.y),
+                                          pz = idx(z, p.k, c.z);
                                 EXPECT_EQ(ta(x, y, z), pv[std::size_t(px + kTW * (py + kTW * pz))]);
                             }
                 }
@@ -156,7 +163,8 @@ template <typename Tr> struct Scenario {
             for (std::int64_t t = 0; t < container->tileCount(d); ++t)
                 alive.insert(container->tile(t, d).voxelCoord());
         for (Model* m : {&modelA, &modelB})
-            for (auto it = m->begin(); it != m->end();) it = alive.count(it->first) ? std::next(it) : m->erase(it);
+            for (auto it = m->begin(); it != m->end();)
+                it = alive.count(it->first) ? std::next(it) : m->erase(it);
     }
 
     void sort()
@@ -203,9 +211,12 @@ TYPED_TEST(ChannelRandomTest, BlocksFollowTheirTilesWithValuesIntact)
         Scenario<TypeParam> s(seed);
         for (int step = 0; step < 150; ++step) {
             unsigned const op = s.rng() % 10;
-            if (op < 5) s.grow();
-            else if (op < 8) s.shrink();
-            else s.sort();
+            if (op < 5)
+                s.grow();
+            else if (op < 8)
+                s.shrink();
+            else
+                s.sort();
             s.check();
             if (::testing::Test::HasFatalFailure() || ::testing::Test::HasFailure()) {
                 ADD_FAILURE() << "seed " << seed << " step " << step << " op " << op;

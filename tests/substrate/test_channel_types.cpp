@@ -15,9 +15,12 @@ template <typename T> T sample()
     T v{};
     auto* bytes = reinterpret_cast<unsigned char*>(&v);
     for (std::size_t i = 0; i < sizeof(T); ++i) bytes[i] = 0;
-    if constexpr (std::is_arithmetic_v<T>) v = T(7);
-    else if constexpr (requires { v.m; }) v.m[0][0] = 7;
-    else v[0] = 7;
+    if constexpr (std::is_arithmetic_v<T>)
+        v = T(7);
+    else if constexpr (requires { v.m; })
+        v.m[0][0] = 7;
+    else
+        v[0] = 7;
     return v;
 }
 

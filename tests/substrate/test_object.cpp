@@ -15,7 +15,8 @@ using TVL::Object;
 
 namespace {
 
-template <typename Tr> class ObjectTest : public ::testing::Test {};
+template <typename Tr> class ObjectTest : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
     template <typename T> static std::string GetName(int)
@@ -74,7 +75,8 @@ TYPED_TEST(ObjectTest, ExtractThenPutKeepsTheSameNames)
     auto object = makeVolume<TypeParam>();
     auto const before = sorted(object->componentRange());
     ASSERT_EQ(before.size(), 4u);
-    auto c = object->template extractComponent<Channel<TypeParam, float, kTW<TypeParam>, 0, 0>>("density");
+    auto c = object->template extractComponent<Channel<TypeParam, float, kTW<TypeParam>, 0, 0>>(
+        "density");
     ASSERT_TRUE(c);
     EXPECT_FALSE(object->hasComponentFromName("density"));
     EXPECT_EQ(object->componentRange().size(), 3u);
@@ -98,10 +100,12 @@ TYPED_TEST(ObjectTest, RemovingAnAbsentComponentDoesNothing)
 TYPED_TEST(ObjectTest, ContainerAndTopologyAreNotChannels)
 {
     auto object = makeVolume<TypeParam>();
-    EXPECT_FALSE(object->template hasComponentFromName<ChannelBase>(Command::kDefaultContainerName));
+    EXPECT_FALSE(
+        object->template hasComponentFromName<ChannelBase>(Command::kDefaultContainerName));
     EXPECT_FALSE(object->template hasComponentFromName<ChannelBase>(Command::kDefaultTopologyName));
     EXPECT_TRUE(object->template hasComponentFromName<ChannelBase>("density"));
-    EXPECT_TRUE(object->template hasComponentFromName<Container<TypeParam>>(Command::kDefaultContainerName));
+    EXPECT_TRUE(object->template hasComponentFromName<Container<TypeParam>>(
+        Command::kDefaultContainerName));
     EXPECT_FALSE(object->template hasComponentFromName<ChannelBase>("missing"));
 }
 
@@ -113,7 +117,8 @@ TYPED_TEST(ObjectTest, ExtractOfAMissingComponentIsNull)
     EXPECT_FALSE(object->extractComponent("missing"));
     // Of another type: null, and the component stays.
     EXPECT_FALSE(object->template extractComponent<Container<TypeParam>>("density"));
-    EXPECT_FALSE((object->template extractComponent<Channel<TypeParam, int, kTW<TypeParam>, 0, 0>>("density")));
+    EXPECT_FALSE((object->template extractComponent<Channel<TypeParam, int, kTW<TypeParam>, 0, 0>>(
+        "density")));
     EXPECT_EQ(sorted(object->componentRange()), before);
     object->putComponent(Quillon::MutablePtr<TVL::Component>());
     EXPECT_EQ(sorted(object->componentRange()), before);
@@ -229,9 +234,13 @@ TYPED_TEST(ObjectTest, FreeUpdatesReachTheChannelsInTheObjectOnly)
     using C = Channel<TypeParam, float, kTW<TypeParam>, 0, 0>;
     auto object = makeVolume<TypeParam>();
     Object sharing(*object);
-    auto extracted = object->template extractComponent<Container<TypeParam>>(Command::kDefaultContainerName);
-    auto topo = object->template extractComponent<VoxelTopology<TypeParam>>(Command::kDefaultTopologyName);
-    auto velocity = object->template extractComponent<Channel<TypeParam, float3, kTW<TypeParam>, 0, 0>>("velocity");
+    auto extracted =
+        object->template extractComponent<Container<TypeParam>>(Command::kDefaultContainerName);
+    auto topo =
+        object->template extractComponent<VoxelTopology<TypeParam>>(Command::kDefaultTopologyName);
+    auto velocity =
+        object->template extractComponent<Channel<TypeParam, float3, kTW<TypeParam>, 0, 0>>(
+            "velocity");
     std::int64_t const before = extracted->tileCount(-1);
     extracted->tileAccessor().addTile(12345, -777, 4242, TypeParam::kMaxDepth);
     topo->update(*extracted);

@@ -13,7 +13,8 @@ template <int W_, int H_> struct Form {
     static constexpr int H = H_;
     using TD = TileData<float, W_, H_, 0>;
 };
-template <typename F> class TileDataHaloTest : public ::testing::Test {};
+template <typename F> class TileDataHaloTest : public ::testing::Test {
+};
 using HaloForms = ::testing::Types<Form<4, 1>, Form<5, 1>, Form<4, 2>, Form<5, 2>, Form<8, 1>>;
 struct FormNames {
     template <typename F> static std::string GetName(int)
@@ -75,8 +76,10 @@ TYPED_TEST(TileDataHaloTest, SetHaloLeavesTheInteriorUnchanged)
     for (int k = -H; k < W + H; ++k)
         for (int j = -H; j < W + H; ++j)
             for (int i = -H; i < W + H; ++i) {
-                if (outside<W>(i, j, k) == 0) EXPECT_EQ(td(i, j, k), float(TD::flatIndex(i, j, k)));
-                else EXPECT_EQ(td(i, j, k), -1.0f);
+                if (outside<W>(i, j, k) == 0)
+                    EXPECT_EQ(td(i, j, k), float(TD::flatIndex(i, j, k)));
+                else
+                    EXPECT_EQ(td(i, j, k), -1.0f);
             }
 }
 

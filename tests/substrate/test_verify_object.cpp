@@ -39,7 +39,8 @@ template <typename Tr> Quillon::Ptr<TVL::Object> volume()
 }
 
 /// verifyObject's result and what it wrote to the error stream.
-std::pair<bool, std::string> verify(TVL::Object const& o, std::string const& topo, std::string const& tree)
+std::pair<bool, std::string> verify(TVL::Object const& o, std::string const& topo,
+                                    std::string const& tree)
 {
     ::testing::internal::CaptureStderr();
     bool const ok = CoreGL::verifyObject(o, topo, tree);
@@ -60,7 +61,8 @@ TYPED_TEST(VerifyObjectTest, ChannelBoundElsewhereFailsAndIsNamed)
 {
     auto object = volume<TypeParam>();
     auto topo = object->template component<VoxelTopology<TypeParam>>("voxels");
-    auto stray = Command::createChannel<int, TypeParam::kRatio, TypeParam::kTileWidth, TypeParam::kTileWidth, 0>(
+    auto stray = Command::createChannel<int, TypeParam::kRatio, TypeParam::kTileWidth,
+                                        TypeParam::kTileWidth, 0>(
         "stray", *topo, *object, 0, kDataElementInitializerDefaultValue, 0, 0);
     stray->setTargetName("tree");
     auto [ok, err] = verify(*object, "voxels", "tree");
@@ -81,7 +83,9 @@ TYPED_TEST(VerifyObjectTest, MissingComponentsAreReported)
     auto empty = TVL::createEmptyTVL();
     auto [ok3, err3] = verify(*empty, "voxels", "tree");
     EXPECT_FALSE(ok3);
-    EXPECT_EQ(err3, "verifyObject.error: container is nullptr\nverifyObject.error: topology is nullptr\n");
+    EXPECT_EQ(
+        err3,
+        "verifyObject.error: container is nullptr\nverifyObject.error: topology is nullptr\n");
 }
 
 TYPED_TEST(VerifyObjectTest, WrongTargetsOfContainerAndTopologyAreReported)
@@ -91,8 +95,9 @@ TYPED_TEST(VerifyObjectTest, WrongTargetsOfContainerAndTopologyAreReported)
     object->component("voxels")->setTargetName("elsewhere");
     auto [ok, err] = verify(*object, "voxels", "tree");
     EXPECT_FALSE(ok);
-    EXPECT_EQ(err, "verifyObject.error: container has a target (it should not since it is the root)\n"
-                   "verifyObject.error: topology does not target container\n");
+    EXPECT_EQ(err,
+              "verifyObject.error: container has a target (it should not since it is the root)\n"
+              "verifyObject.error: topology does not target container\n");
 }
 
 TYPED_TEST(VerifyObjectTest, ErrorsAreSilentAtErrorLevelZeroAndBeginEndShowAtVerboseThree)

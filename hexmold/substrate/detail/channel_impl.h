@@ -102,8 +102,8 @@ void Channel<TraitsT, T, W, H, F>::setDepth(int depth, Component const& topology
 }
 
 template <typename TraitsT, typename T, int W, int H, int F>
-std::shared_ptr<void const> Channel<TraitsT, T, W, H, F>::channelData(unsigned depth,
-                                                                     Quillon::Any const& type) const
+std::shared_ptr<void const>
+Channel<TraitsT, T, W, H, F>::channelData(unsigned depth, Quillon::Any const& type) const
 {
     return hasElementType(type) ? mStorage.channelData(depth) : nullptr;
 }
@@ -135,7 +135,8 @@ void Channel<TraitsT, T, W, H, F>::updateTilesPermuted(std::span<TilePermutation
 }
 
 template <typename TraitsT, typename T, int W, int H, int F>
-void Channel<TraitsT, T, W, H, F>::updateElements(std::vector<std::vector<ElementToFrom>> const& moves)
+void Channel<TraitsT, T, W, H, F>::updateElements(
+    std::vector<std::vector<ElementToFrom>> const& moves)
 {
     mStorage.updateElements(moves, name());
 }
@@ -159,11 +160,14 @@ void Channel<TraitsT, T, W, H, F>::initializeFromParents(int depth,
     int parentOf[kSlots * W];
     for (int s = 0; s < kSlots; ++s)
         for (int i = 0; i < W; ++i)
-            parentOf[s * W + i] = std::min(W - 1, (2 * s * kPerSlot * W + (2 * i + 1) * kPerSlot) / (2 * kTW));
-    mStorage.initializeFromParents(depth, links, std::span<int const>(parentOf, kSlots * W), kSlots);
+            parentOf[s * W + i] =
+                std::min(W - 1, (2 * s * kPerSlot * W + (2 * i + 1) * kPerSlot) / (2 * kTW));
+    mStorage.initializeFromParents(depth, links, std::span<int const>(parentOf, kSlots * W),
+                                   kSlots);
 }
 
-// ---- temporaries ---------------------------------------------------------------------------------
+// ---- temporaries
+// ---------------------------------------------------------------------------------
 
 template <typename Traits, typename T, int W, int H>
 Quillon::Ptr<Channel<Traits, T, W, H, 0>>
@@ -177,8 +181,9 @@ channelTemporary(Channel<Traits, T, W, H, 0> const& source, Component const& top
     bool const construct =
         callElementConstructor && (minDepth < source.minDepth() || depth > source.depth());
     if (!construct && verbose >= 3)
-        detail::logDebug(std::string("Warning: callElementConstructor is false (in_callElementConstructor is ") +
-                         (callElementConstructor ? "true)" : "false)"));
+        detail::logDebug(
+            std::string("Warning: callElementConstructor is false (in_callElementConstructor is ") +
+            (callElementConstructor ? "true)" : "false)"));
     Quillon::Ptr<C> result;
     if (pool) {
         if (verbose > 2) {
@@ -188,7 +193,8 @@ channelTemporary(Channel<Traits, T, W, H, 0> const& source, Component const& top
                              detail::megabytes(ChannelPool::availableMemory()));
         }
         result = ChannelPool::allocate<Traits, T, W, H>(source.defaultValue(), false, construct,
-                                                        minDepth, depth, topology.tileCount(-1), nullptr);
+                                                        minDepth, depth, topology.tileCount(-1),
+                                                        nullptr);
         if (verbose > 2) {
             detail::logDebug("channelTemporary.availablePhysicalMemory.after = " +
                              detail::megabytes(ChannelPool::availablePhysicalMemory()));
@@ -198,7 +204,8 @@ channelTemporary(Channel<Traits, T, W, H, 0> const& source, Component const& top
     }
     if (!result) {
         result = Quillon::makePtr<C>(Quillon::String(), &source.defaultValue(),
-                                     kDataElementInitializerTemporary, false, construct, minDepth, depth);
+                                     kDataElementInitializerTemporary, false, construct, minDepth,
+                                     depth);
         if (verbose >= 3 && !callElementConstructor)
             detail::logDebug("Warning: in_callElementConstructor is false");
     }
@@ -206,12 +213,15 @@ channelTemporary(Channel<Traits, T, W, H, 0> const& source, Component const& top
     result->update(topology);
     for (int d = 0; d < Traits::kDepthCount; ++d) {
         auto const& from = source.blocks(d);
-        std::int64_t const n = std::min<std::int64_t>(static_cast<std::int64_t>(from.size()), result->tileCount(d));
+        std::int64_t const n =
+            std::min<std::int64_t>(static_cast<std::int64_t>(from.size()), result->tileCount(d));
         for (std::int64_t i = 0; i < n; ++i) {
             auto* to = result->block(i, d);
             auto const& b = from[static_cast<std::size_t>(i)];
-            if (to->size() == b.size()) std::copy(b.begin(), b.end(), to->begin());
-            else to->assign(b.begin(), b.end());
+            if (to->size() == b.size())
+                std::copy(b.begin(), b.end(), to->begin());
+            else
+                to->assign(b.begin(), b.end());
         }
     }
     return result;
