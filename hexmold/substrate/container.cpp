@@ -3,6 +3,7 @@
 #include <hexmold/substrate/container.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <iostream>
 #include <limits>
@@ -21,11 +22,30 @@ template <typename Traits> inline std::uint64_t ordinal(std::int64_t c, int dept
 }
 
 /// Snaps a tile-space coordinate to the corner of its tile at @p depth.
+template <typename Traits> inline std::int64_t divTileWidth(std::int64_t x, int depth);
 template <typename Traits> inline std::int64_t snapCorner(std::int64_t c, int depth)
 {
-    std::int64_t const w = WidthTable<Traits>::kTile[depth];
     std::int64_t const u = c + Traits::kCentreOffset;
-    return u - u % w - Traits::kCentreOffset;
+    return divTileWidth<Traits>(u, depth) * WidthTable<Traits>::kTile[depth] - Traits::kCentreOffset;
+}
+
+/// x / tileVoxelWidth(depth) for x >= 0: a shift for ratio 2, a corrected reciprocal otherwise.
+template <typename Traits> inline std::int64_t divTileWidth(std::int64_t x, int depth)
+{
+    if constexpr (Traits::kRatio == 2) {
+        return x >> (30 - depth);
+    } else {
+        static constexpr auto inv = [] {
+            std::array<double, Traits::kDepthCount> a{};
+            for (int d = 0; d < Traits::kDepthCount; ++d) a[d] = 1.0 / double(Traits::tileVoxelWidth(d));
+            return a;
+        }();
+        std::int64_t const w = WidthTable<Traits>::kTile[depth];
+        std::int64_t q = static_cast<std::int64_t>(double(x) * inv[depth]);
+        if (q * w > x) --q;
+        else if ((q + 1) * w <= x) ++q;
+        return q;
+    }
 }
 
 inline std::uint64_t mix(std::uint64_t h)
@@ -261,17 +281,17 @@ template <typename TraitsT>
 typename Container<TraitsT>::TileType& Container<TraitsT>::newTile(int depth, int3 const& corner,
                                                                    std::int64_t parent)
 {
-    TileType t;
+    std::int64_t const idx = mTiles[depth].emplace_back();
+    TileType& t = mTiles[depth][idx];
     t.mTi = corner.x;
     t.mTj = corner.y;
     t.mTk = corner.z;
     t.mDepth = depth;
     t.mParent = parent;
     t.mValid = true;
-    t.mIndex = mTiles[depth].size();
-    std::int64_t const idx = mTiles[depth].push_back(t);
+    t.mIndex = idx;
     if (parent < 0) mRoots.emplace(t.voxelCoord(), TreeIndex{idx, depth});
-    return mTiles[depth][idx];
+    return t;
 }
 
 template <typename TraitsT>
@@ -287,10 +307,9 @@ Container<TraitsT>::findTile(std::int64_t i, std::int64_t j, std::int64_t k, int
     int const target = std::min(depth, kMaxDepth);
     while (t->mDepth < target) {
         int const cd = t->mDepth + 1;
-        std::int64_t const cw = tileVoxelWidth(cd);
-        int const si = static_cast<int>((i - t->mTi) / cw);
-        int const sj = static_cast<int>((j - t->mTj) / cw);
-        int const sk = static_cast<int>((k - t->mTk) / cw);
+        int const si = static_cast<int>(divTileWidth<Traits>(i - t->mTi, cd));
+        int const sj = static_cast<int>(divTileWidth<Traits>(j - t->mTj, cd));
+        int const sk = static_cast<int>(divTileWidth<Traits>(k - t->mTk, cd));
         std::int64_t const c = t->mChild[TileType::slotNumber(si, sj, sk)];
         if (c < 0) break;
         t = &mTiles[cd][c];
@@ -309,7 +328,7 @@ typename Container<TraitsT>::TileType& Container<TraitsT>::addTileLocked(std::in
                       << depth << " lies outside the tree; nothing added\n";
         return const_cast<TileType&>(sentinel());
     }
-    std::lock_guard<std::mutex> lock(mAddMutex);
+    std::lock_guard<SpinLock> lock(mAddLock);
     dropTables();
     // Start from the hint's ancestor holding the point, else from the root.
     TileType* t = nullptr;
@@ -327,10 +346,9 @@ typename Container<TraitsT>::TileType& Container<TraitsT>::addTileLocked(std::in
     }
     while (t->mDepth < depth) {
         int const cd = t->mDepth + 1;
-        std::int64_t const cw = tileVoxelWidth(cd);
-        int const si = static_cast<int>((i - t->mTi) / cw);
-        int const sj = static_cast<int>((j - t->mTj) / cw);
-        int const sk = static_cast<int>((k - t->mTk) / cw);
+        int const si = static_cast<int>(divTileWidth<Traits>(i - t->mTi, cd));
+        int const sj = static_cast<int>(divTileWidth<Traits>(j - t->mTj, cd));
+        int const sk = static_cast<int>(divTileWidth<Traits>(k - t->mTk, cd));
         int const slot = TileType::slotNumber(si, sj, sk);
         std::int64_t c = t->mChild[slot];
         if (c < 0) {
@@ -543,37 +561,61 @@ template <typename TraitsT> void Container<TraitsT>::buildAccessorAccelerationSt
     for (int d = lo; d <= hi; ++d) {
         HashTable& h = mHash[d];
         std::int64_t const n = mTiles[d].size();
-        std::uint64_t cap = 16;
-        while (cap < static_cast<std::uint64_t>(2 * n)) cap <<= 1;
-        h.entries.assign(cap, HashEntry{0, 0, 0, -1});
-        h.mask = cap - 1;
+        // Buckets of four entries (one cache line); load factor at most 3/4, so that a lookup
+        // nearly always ends in its home bucket, and with no data-dependent branch inside it.
+        std::uint64_t buckets = 4;
+        while (3 * buckets * kBucket < static_cast<std::uint64_t>(4 * n)) buckets <<= 1;
+        HashTable fresh;
+        fresh.capacity = buckets * kBucket;
+        fresh.entries = static_cast<HashEntry*>(detail::allocateLarge(fresh.capacity * sizeof(HashEntry)));
+        fresh.mask = buckets - 1;
+        for (std::uint64_t e = 0; e < fresh.capacity; ++e) fresh.entries[e] = HashEntry{0, 0, 0, -1};
         for (std::int64_t t = 0; t < n; ++t) {
             TileType const& tile = mTiles[d][t];
-            std::uint64_t s = hashCorner(tile.mTi, tile.mTj, tile.mTk) & h.mask;
-            while (h.entries[s].index >= 0) s = (s + 1) & h.mask;
-            h.entries[s] = HashEntry{tile.mTi, tile.mTj, tile.mTk, static_cast<std::int32_t>(t)};
+            std::uint64_t b = hashCorner(tile.mTi, tile.mTj, tile.mTk) & fresh.mask;
+            for (;;) {
+                HashEntry* bucket = fresh.entries + b * kBucket;
+                int s = 0;
+                while (s < int(kBucket) && bucket[s].index >= 0) ++s;
+                if (s < int(kBucket)) {
+                    bucket[s] = HashEntry{tile.mTi, tile.mTj, tile.mTk, static_cast<std::int32_t>(t)};
+                    break;
+                }
+                b = (b + 1) & fresh.mask;
+            }
         }
+        h = std::move(fresh);
     }
 }
 
 template <typename TraitsT> bool Container<TraitsT>::hasAccessorAccelerationStructure(int depth) const
 {
-    return depth >= 0 && depth < static_cast<int>(mHash.size()) && !mHash[depth].entries.empty();
+    return depth >= 0 && depth < static_cast<int>(mHash.size()) && mHash[depth].entries != nullptr;
 }
 
 template <typename TraitsT>
 typename Container<TraitsT>::TileType const*
-Container<TraitsT>::hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, int depth) const
+Container<TraitsT>::hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, int depth, int3& corner) const
 {
     HashTable const& h = mHash[depth];
     std::int64_t const ci = snapCorner<Traits>(i, depth), cj = snapCorner<Traits>(j, depth),
                        ck = snapCorner<Traits>(k, depth);
-    std::uint64_t s = hashCorner(ci, cj, ck) & h.mask;
+    std::uint64_t b = hashCorner(ci, cj, ck) & h.mask;
     for (;;) {
-        HashEntry const& e = h.entries[s];
-        if (e.index < 0) return nullptr;
-        if (e.i == ci && e.j == cj && e.k == ck) return &mTiles[depth][e.index];
-        s = (s + 1) & h.mask;
+        HashEntry const* bucket = h.entries + b * kBucket;
+        int found = -1;
+        bool open = false;
+        for (int s = 0; s < int(kBucket); ++s) {
+            bool const hit = bucket[s].i == ci && bucket[s].j == cj && bucket[s].k == ck && bucket[s].index >= 0;
+            found = hit ? s : found;
+            open |= bucket[s].index < 0;
+        }
+        if (found >= 0) {
+            corner = {bucket[found].i, bucket[found].j, bucket[found].k};
+            return &mTiles[depth][bucket[found].index];
+        }
+        if (open) return nullptr;
+        b = (b + 1) & h.mask;
     }
 }
 
@@ -628,8 +670,8 @@ void Container<TraitsT>::memUse(std::size_t& used, std::size_t& reserved, bool) 
         reserved += mTiles[d].capacityBytes();
     }
     for (auto const& h : mHash) {
-        used += h.entries.size() * sizeof(HashEntry);
-        reserved += h.entries.capacity() * sizeof(HashEntry);
+        used += h.capacity * sizeof(HashEntry);
+        reserved += h.capacity * sizeof(HashEntry);
     }
     for (auto const& n : mNeighbors) {
         used += n.size() * sizeof(NeighborRef);
@@ -652,11 +694,13 @@ Container<TraitsT>::ConstTileAccessor::tileImpl(std::int64_t i, std::int64_t j, 
     if (!mContainer || depth < 0 || !inDomain(i, j, k)) return sentinel();
     if (depth > kMaxDepth) depth = kMaxDepth;
     Container const& c = *mContainer;
-    if (c.hasAccessorAccelerationStructure(depth))
-        if (TileType const* t = c.hashLookup(i, j, k, depth)) {
-            cache(*t);
+    if (c.hasAccessorAccelerationStructure(depth)) {
+        int3 corner;
+        if (TileType const* t = c.hashLookup(i, j, k, depth, corner)) {
+            cache(t, corner, depth);
             return *t;
         }
+    }
     TileType const* start = nullptr;
     if (Form == 0 && mTile->mValid) {
         // Climb from the cached tile to the closest ancestor that holds the point.

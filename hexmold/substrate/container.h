@@ -17,7 +17,8 @@
 #include <iosfwd>
 #include <map>
 #include <memory>
-#include <mutex>
+#include <atomic>
+#include <thread>
 #include <utility>
 #include <vector>
 #include <hexmold/export.h>
@@ -172,6 +173,7 @@ public:
     /// Builds a hash of the tiles of @p depth (-1: all depths) that accessor lookups then use.
     void buildAccessorAccelerationStructure(int depth);
     bool hasAccessorAccelerationStructure(int depth) const;
+    void clearAccessorAccelerationStructure() { mHash.clear(); }
     /// Tabulates, for every tile, the result of `tileNeighbor` in each of the 27 directions.
     void precomputeTileNeighbors();
     void clearPrecomputedTileNeighbors();
@@ -209,17 +211,45 @@ public:
         std::int64_t const lo = -kCentreOffset, hi = lo + tileVoxelWidth(0);
         return i >= lo && i < hi && j >= lo && j < hi && k >= lo && k < hi;
     }
-    TileType const* hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, int depth) const;
+    /// The tile of @p depth holding the point through the hash of that depth; writes its corner
+    /// to @p corner so that callers need not touch the tile. Null when absent.
+    TileType const* hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, int depth, int3& corner) const;
     TileType const* precomputedNeighbor(TileType const& t, int direction) const;
 
 private:
+    static constexpr std::uint64_t kBucket = 4;
     struct HashEntry {
         std::int32_t i, j, k;
         std::int32_t index; ///< -1: empty slot
     };
+    /// Open-addressing table of one depth's tiles, on huge pages when large.
     struct HashTable {
-        std::vector<HashEntry> entries;
+        HashEntry* entries = nullptr;
         std::uint64_t mask = 0;
+        std::uint64_t capacity = 0;
+        HashTable() = default;
+        HashTable(HashTable&& o) noexcept
+            : entries(std::exchange(o.entries, nullptr)), mask(o.mask), capacity(std::exchange(o.capacity, 0))
+        {
+        }
+        HashTable& operator=(HashTable&& o) noexcept
+        {
+            std::swap(entries, o.entries);
+            std::swap(mask, o.mask);
+            std::swap(capacity, o.capacity);
+            return *this;
+        }
+        ~HashTable() { detail::freeLarge(entries); }
+    };
+    /// Short critical sections of concurrent `addTile`: a spin lock that yields.
+    struct SpinLock {
+        std::atomic<bool> flag{false};
+        void lock()
+        {
+            while (flag.exchange(true, std::memory_order_acquire))
+                while (flag.load(std::memory_order_relaxed)) std::this_thread::yield();
+        }
+        void unlock() { flag.store(false, std::memory_order_release); }
     };
     /// A neighbour as found at precompute time: index and depth (-1 depth: sentinel).
     struct NeighborRef {
@@ -235,7 +265,7 @@ private:
     float mMaxRelativeRefinementError = 0.0f;
     detail::TileStore<TileType> mTiles[kDepthCount];
     RootMap mRoots;
-    std::mutex mAddMutex;
+    SpinLock mAddLock;
     std::vector<std::unique_ptr<Container>> mScratch;
     std::vector<HashTable> mHash;                   ///< per depth; empty when not built
     std::vector<std::vector<NeighborRef>> mNeighbors; ///< per depth, 27 per tile; empty when not built
@@ -287,6 +317,15 @@ public:
     void tileNeighbors(TileType const& t, std::vector<TileType const*>& out, int depth, bool allowCoarser);
 
 protected:
+    void cache(TileType const* t, int3 const& corner, int depth)
+    {
+        mTile = t;
+        mDepth = depth;
+        mI = corner.x;
+        mJ = corner.y;
+        mK = corner.z;
+        mWidth = static_cast<std::uint64_t>(tileVoxelWidth(depth));
+    }
     void cache(TileType const& t)
     {
         mTile = &t;

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <new>
 #include <utility>
+#include <hexmold/substrate/large_alloc.h>
 
 namespace TVL::TileTree3D::detail {
 
@@ -61,13 +62,16 @@ public:
     }
     static std::int64_t segmentStart(int s) { return kBase * ((std::int64_t(1) << s) - 1); }
 
+    /// Element @p i; 0 <= i < size() is a precondition the callers check.
     T& operator[](std::int64_t i)
     {
+        if (i < 0) __builtin_unreachable();
         int const s = segmentOf(i);
         return mSegments[s][i - segmentStart(s)];
     }
     T const& operator[](std::int64_t i) const
     {
+        if (i < 0) __builtin_unreachable();
         int const s = segmentOf(i);
         return mSegments[s][i - segmentStart(s)];
     }
@@ -77,10 +81,20 @@ public:
     {
         while (n > 0 && segmentStart(mSegmentCount) < n) {
             std::int64_t const count = kBase << mSegmentCount;
-            mSegments[mSegmentCount] =
-                static_cast<T*>(::operator new(sizeof(T) * count, std::align_val_t(alignof(T))));
+            mSegments[mSegmentCount] = static_cast<T*>(allocateLarge(sizeof(T) * count));
             ++mSegmentCount;
         }
+    }
+
+    /// Appends a default-constructed element and returns its index. Not safe against concurrent
+    /// appends: the owner serialises them.
+    std::int64_t emplace_back()
+    {
+        std::int64_t const n = mSize.load(std::memory_order_relaxed);
+        reserve(n + 1);
+        new (&(*this)[n]) T();
+        mSize.store(n + 1, std::memory_order_release);
+        return n;
     }
 
     /// Appends a copy of @p v and returns its index. Not safe against concurrent appends: the
@@ -106,7 +120,7 @@ public:
     {
         truncate(0);
         for (int s = 0; s < mSegmentCount; ++s) {
-            ::operator delete(mSegments[s], std::align_val_t(alignof(T)));
+            freeLarge(mSegments[s]);
             mSegments[s] = nullptr;
         }
         mSegmentCount = 0;

@@ -7,6 +7,7 @@
 #pragma once
 #include <array>
 #include <cstdint>
+#include <hexmold/export.h>
 
 namespace TVL::TileTree3D {
 
@@ -21,7 +22,7 @@ constexpr std::int64_t ipow(std::int64_t b, int e)
 
 template <int Ratio, int TileWidth, int ElementWidth> struct Traits;
 
-template <> struct Traits<2, 4, 1> {
+template <> struct HEXMOLD_API Traits<2, 4, 1> {
     static constexpr int kRatio = 2;          ///< children per parent voxel span, per axis
     static constexpr int kTileWidth = 4;      ///< voxels across a tile
     static constexpr int kElementWidth = 1;   ///< data elements per voxel along an axis
@@ -39,7 +40,7 @@ template <> struct Traits<2, 4, 1> {
     static constexpr std::int64_t voxelDataWidth(int d) { return std::int64_t(1) << (28 - d); }
 };
 
-template <> struct Traits<5, 5, 1> {
+template <> struct HEXMOLD_API Traits<5, 5, 1> {
     static constexpr int kRatio = 5;
     static constexpr int kTileWidth = 5;
     static constexpr int kElementWidth = 1;

@@ -8,10 +8,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
+#include <hexmold/export.h>
 
 namespace Tavrel::Math {
 
-template <typename T> struct Vec2 {
+template <typename T> struct HEXMOLD_API Vec2 {
     using ValueType = T;
     static constexpr int kSize = 2;
     T x, y;
@@ -19,7 +20,7 @@ template <typename T> struct Vec2 {
     constexpr T const& operator[](int i) const { return i == 0 ? x : y; }
 };
 
-template <typename T> struct Vec3 {
+template <typename T> struct HEXMOLD_API Vec3 {
     using ValueType = T;
     static constexpr int kSize = 3;
     T x, y, z;
@@ -27,7 +28,7 @@ template <typename T> struct Vec3 {
     constexpr T const& operator[](int i) const { return i == 0 ? x : (i == 1 ? y : z); }
 };
 
-template <typename T> struct Vec4 {
+template <typename T> struct HEXMOLD_API Vec4 {
     using ValueType = T;
     static constexpr int kSize = 4;
     T x, y, z, w;
@@ -36,7 +37,7 @@ template <typename T> struct Vec4 {
 };
 
 /// R x C matrix stored by rows.
-template <typename T, int R, int C> struct Mat {
+template <typename T, int R, int C> struct HEXMOLD_API Mat {
     using ValueType = T;
     static constexpr int kRows = R;
     static constexpr int kCols = C;
