@@ -1,0 +1,92 @@
+/// @file  substrate/channel_update.cpp
+/// @brief The free update functions over the channels of an object.
+#include <hexmold/substrate/channel_update.h>
+
+#include <vector>
+#include <hexmold/substrate/topology.h>
+
+namespace TVL::TileTree3D {
+
+namespace {
+
+/// Writable channels of @p object whose target is @p topologyName.
+std::vector<ChannelBase*> boundChannels(Object& object, Quillon::String const& topologyName)
+{
+    std::vector<ChannelBase*> out;
+    for (Quillon::String const& name : object.componentRange()) {
+        if (!object.hasComponentFromName<ChannelBase>(name)) continue;
+        if (object.component(name)->targetName() != topologyName) continue;
+        out.push_back(static_cast<ChannelBase*>(object.mutableComponent(name)));
+    }
+    return out;
+}
+
+} // namespace
+
+void updateTilesAdded(Component const& topology, Object& object)
+{
+    for (ChannelBase* c : boundChannels(object, topology.name())) c->updateTilesAdded(topology);
+}
+
+void updateTilesRemoved(std::span<TileMoveList const> moved, Component const& topology,
+                        Object& object)
+{
+    for (ChannelBase* c : boundChannels(object, topology.name()))
+        c->updateTilesRemoved(moved, topology);
+}
+
+template <typename Traits>
+void initializeTileData(Container<Traits> const& container, TileCornerLists<Traits> const& newTiles,
+                        Object& object)
+{
+    // The object's voxel topology is the one that targets the container. A driver usually holds
+    // it extracted; then every channel not bound to a point topology is taken.
+    std::vector<ChannelBase*> channels;
+    Quillon::String topologyName;
+    bool inObject = false;
+    for (Quillon::String const& name : object.componentRange()) {
+        auto t = object.component<VoxelTopology<Traits>>(name);
+        if (t && t->targetName() == container.name()) {
+            topologyName = name;
+            inObject = true;
+            break;
+        }
+    }
+    if (inObject) {
+        channels = boundChannels(object, topologyName);
+    } else {
+        for (Quillon::String const& name : object.componentRange()) {
+            auto c = object.component<ChannelBase>(name);
+            if (!c) continue;
+            Quillon::String const& target = c->targetName();
+            if (target == Const::TileTreePointTopologyName ||
+                object.hasComponentFromName<PointTopology<Traits>>(target))
+                continue;
+            c.reset();
+            channels.push_back(static_cast<ChannelBase*>(object.mutableComponent(name)));
+        }
+    }
+    if (channels.empty()) return;
+
+    auto accessor = container.tileAccessor();
+    std::vector<TileParentLink> links;
+    for (int d = 1; d < Traits::kDepthCount; ++d) {
+        if (newTiles[d].empty()) continue;
+        links.clear();
+        links.reserve(newTiles[d].size());
+        for (int3 const& corner : newTiles[d]) {
+            auto const& tile = accessor.tile(corner.x, corner.y, corner.z, d);
+            if (!tile.valid() || tile.depth() != d || tile.parent() < 0) continue;
+            auto const& parent = container.tile(tile.parent(), d - 1);
+            links.push_back(
+                TileParentLink{tile.index(), tile.parent(), parent.childIJK(tile.tijk())});
+        }
+        for (ChannelBase* c : channels)
+            if (d - 1 >= c->minDepth() && d <= c->depth()) c->initializeFromParents(d, links);
+    }
+}
+
+template HEXMOLD_API decltype(initializeTileData<Traits24>) initializeTileData<Traits24>;
+template HEXMOLD_API decltype(initializeTileData<Traits55>) initializeTileData<Traits55>;
+
+} // namespace TVL::TileTree3D
