@@ -7,6 +7,8 @@
 #include <type_traits>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/container.h>
+#include <hexmold/substrate/halo.h>
+#include <hexmold/substrate/visitor.h>
 
 namespace TVL::TileTree3D::detail {
 
@@ -153,4 +155,97 @@ private:
     Acc mSum[N] = {};
 };
 
+/// The data of a channel's block for the rim walk: null outside the channel's range or when the
+/// block does not have the size of a voxel block of the channel's form.
+template <typename ChannelT> struct BlockData {
+    ChannelT const* channel;
+    typename ChannelT::ValueType const* operator()(std::int64_t index, int depth) const
+    {
+        auto const* b = channel->block(index, depth);
+        return b && b->size() == ChannelT::kBlockSize ? b->data() : nullptr;
+    }
+};
+
 } // namespace TVL::TileTree3D::detail
+
+namespace TVL::TileTree3D {
+
+template <typename Traits, typename T, int Hin, int Hout, int F1, int F2>
+void setHaloTile(TreeIndex const& tile, Channel<Traits, T, Traits::kTileWidth, Hin, F1> const& channel, HaloMode,
+                 HaloType type, typename Container<Traits>::ConstTileAccessor& accessor,
+                 TileData<T, Traits::kTileWidth, Hout, F1>& out, T defaultValue, float, VoxelOffsetType)
+{
+    using ChannelT = Channel<Traits, T, Traits::kTileWidth, Hin, F1>;
+    Container<Traits> const& c = accessor.container();
+    if (!c.contains(tile) || out.size() != TileData<T, Traits::kTileWidth, Hout, F1>::kVoxelCount) return;
+    detail::fillHaloBlock<Traits, T, Traits::kTileWidth, Hin, Hout>(
+        c, c.tile(tile), detail::BlockData<ChannelT>{&channel}, accessor, type, out.data(), defaultValue);
+}
+
+template <typename Traits, typename T, int A, int B, int C, int D>
+void computeHalo(Channel<Traits, T, Traits::kTileWidth, 0, 0> const& source, Container<Traits> const& container,
+                 Channel<Traits, T, Traits::kTileWidth + 1, 0, 0>& out, int minDepth, int maxDepth)
+{
+    using ChannelT = Channel<Traits, T, Traits::kTileWidth, 0, 0>;
+    constexpr int W = Traits::kTileWidth;
+    constexpr int E = W + 2;
+    T const def = source.defaultValue();
+    auto fill = [&container, &source, &out, def, acc = container.tileAccessor(),
+                 scratch = std::vector<T>(std::size_t(E) * E * E)](Tile<Traits> const& tile) mutable {
+        auto* b = out.block(tile.index(), tile.depth());
+        if (!b || b->size() != std::size_t(W + 1) * (W + 1) * (W + 1)) return;
+        detail::fillHaloBlock<Traits, T, W, 0, 1>(container, tile, detail::BlockData<ChannelT>{&source}, acc,
+                                                  kHaloTypeAll, scratch.data(), def);
+        T* o = b->data();
+        for (int k = 0; k <= W; ++k)
+            for (int j = 0; j <= W; ++j)
+                for (int i = 0; i <= W; ++i)
+                    o[i + (W + 1) * (j + (W + 1) * k)] = scratch[(i + 1) + E * ((j + 1) + E * (k + 1))];
+    };
+    auto none = [](auto const&...) {};
+    container.traverse(none, none, fill, none, NoVoxelVisit{}, kTraversalUnordered, kNoTile, minDepth, maxDepth, 1,
+                       true, 0, Traits::kRatio, false, Traits::kMaxDepth - 3);
+}
+
+template <typename Traits, typename T, int W, int H>
+void setNonLeafValueToChildValue(Channel<Traits, T, W, H, 0>& channel, Container<Traits> const& container,
+                                 VoxelOffsetType, int minDepth, int maxDepth)
+{
+    static_assert(W == Traits::kTileWidth, "voxel channels only");
+    constexpr int E = W + 2 * H;
+    constexpr int R = Traits::kVoxelsPerSlot; // parent voxels across one child slot
+    // Child voxels under one parent voxel, per axis: 2 for ratio 2 (a child covers 2 x 2 x 2
+    // parent voxels), 5 for ratio 5 (a child covers one parent voxel).
+    constexpr int K = Traits::kRatio;
+    constexpr std::size_t kBlock = std::size_t(E) * E * E;
+    auto at = [](int i, int j, int k) { return std::size_t((i + H) + E * ((j + H) + E * (k + H))); };
+    auto fill = [&](Tile<Traits> const& tile) {
+        if (tile.isLeaf()) return;
+        auto* parent = channel.block(tile.index(), tile.depth());
+        if (!parent || parent->size() != kBlock) return;
+        for (int s = 0; s < Traits::kChildCount; ++s) {
+            std::int64_t const ch = tile.childIndex(s);
+            if (ch < 0) continue;
+            auto const* child = channel.block(ch, tile.depth() + 1);
+            if (!child || child->size() != kBlock) continue;
+            int3 const slot = Tile<Traits>::slotCoordinates(s);
+            // Parent voxels (slot * R + p) are covered by the child's voxels (p * K + q).
+            for (int pk = 0; pk < R; ++pk)
+                for (int pj = 0; pj < R; ++pj)
+                    for (int pi = 0; pi < R; ++pi) {
+                        detail::ElementSum<T> sum;
+                        for (int qk = 0; qk < K; ++qk)
+                            for (int qj = 0; qj < K; ++qj)
+                                for (int qi = 0; qi < K; ++qi)
+                                    sum.add((*child)[at(pi * K + qi, pj * K + qj, pk * K + qk)]);
+                        (*parent)[at(slot.x * R + pi, slot.y * R + pj, slot.z * R + pk)] = sum.mean(K * K * K);
+                    }
+        }
+    };
+    auto none = [](auto const&...) {};
+    // Children first, so that each depth reads finished values from the depth below.
+    container.traverse(none, none, fill, none, NoVoxelVisit{}, kTraversalChildrenFirst, kNoTile, minDepth, maxDepth,
+                       1, true, 0, Traits::kRatio, false, Traits::kMaxDepth - 3);
+}
+
+} // namespace TVL::TileTree3D
