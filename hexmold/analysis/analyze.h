@@ -27,14 +27,14 @@ namespace VolumeGL::TileTree3D::Analyze {
 /// | MagnitudeOperator       | float3, double3  | float, double     | "magnitude"     |
 /// | NormalizeOperator       | float3, double3  | float3, double3   | "normalize"     |
 /// The mean curvature output is named like a gradient output; that is kept as it is.
-struct GradientOperator {};
-struct LaplacianOperator {};
-struct DivergenceOperator {};
-struct CurlOperator {};
-struct MeanCurvatureOperator {};
-struct ClosestPointOperator {};
-struct MagnitudeOperator {};
-struct NormalizeOperator {};
+struct HEXMOLD_API GradientOperator {};
+struct HEXMOLD_API LaplacianOperator {};
+struct HEXMOLD_API DivergenceOperator {};
+struct HEXMOLD_API CurlOperator {};
+struct HEXMOLD_API MeanCurvatureOperator {};
+struct HEXMOLD_API ClosestPointOperator {};
+struct HEXMOLD_API MagnitudeOperator {};
+struct HEXMOLD_API NormalizeOperator {};
 
 } // namespace VolumeGL::TileTree3D::Analyze
 
