@@ -1,6 +1,7 @@
 // Voxel and point topologies: offsets, spaces, tile counts, and the first values of new tiles.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/commands.h>
@@ -123,6 +124,9 @@ TYPED_TEST(TopologyTest, NewTilesTakeTheValueOfTheParentVoxelCoveringThem)
     auto const& parent = tree->tile(0, 1);
     auto pd = a->tileData(parent.treeIndex());
     for (std::size_t n = 0; n < pd.size(); ++n) pd[n] = float(n);
+    // The values by themselves: the handle goes with the channel the update replaces.
+    TileData<float, TW, 0, 0> parentValues(pd.size(), 0.0f);
+    std::copy(pd.begin(), pd.end(), parentValues.begin());
 
     // One child of the depth-1 tile, in its last slot on each axis.
     auto* scratch = tree->threadLocalContainer(0);
@@ -158,7 +162,7 @@ TYPED_TEST(TopologyTest, NewTilesTakeTheValueOfTheParentVoxelCoveringThem)
                 int const pi = cover(i, child.ti(), parent.ti());
                 int const pj = cover(j, child.tj(), parent.tj());
                 int const pk = cover(k, child.tk(), parent.tk());
-                EXPECT_EQ(cd(i, j, k), pd(pi, pj, pk)) << i << ' ' << j << ' ' << k;
+                EXPECT_EQ(cd(i, j, k), parentValues(pi, pj, pk)) << i << ' ' << j << ' ' << k;
             }
     // The parent lies outside the shallow channel's range: the new tile keeps the default.
     for (float v : shallow->tileData(child.treeIndex())) EXPECT_EQ(v, -2.0f);

@@ -6,6 +6,7 @@
 #pragma once
 #include <cstddef>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 namespace Quillon {
@@ -24,7 +25,7 @@ public:
 
     T* get() const { return mPtr.get(); }
     T* operator->() const { return mPtr.get(); }
-    T& operator*() const { return *mPtr; }
+    std::add_lvalue_reference_t<T> operator*() const { return *mPtr; }
     explicit operator bool() const { return static_cast<bool>(mPtr); }
     /// Number of `Ptr`s sharing the object (0 for a null pointer).
     long useCount() const { return mPtr.use_count(); }
@@ -54,7 +55,7 @@ public:
 
     T* get() const { return mPtr.get(); }
     T* operator->() const { return mPtr.get(); }
-    T& operator*() const { return *mPtr; }
+    std::add_lvalue_reference_t<T> operator*() const { return *mPtr; }
     explicit operator bool() const { return static_cast<bool>(mPtr); }
     void reset() { mPtr.reset(); }
 
