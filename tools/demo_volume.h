@@ -15,6 +15,7 @@
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/verify_object.h>
 
+#include "demo_analyze.h"
 #include "demo_sphere.h"
 
 namespace demo {
@@ -117,8 +118,11 @@ template <typename Traits> void runVolumeDemo(char const* label, double radius)
     std::printf("  memory in use: tree %.2f MB, distance channel %.2f MB\n", double(treeUsed) / (1 << 20),
                 double(channelUsed) / (1 << 20));
     std::printf("  time: tree %.1f ms, exact distance %.1f ms\n", buildMs, fillMs);
-    std::printf("  object verified: %s\n\n",
+    std::printf("  object verified: %s\n",
                 CoreGL::verifyObject(*volume, sVoxelComp, sVoxelTileTree) ? "yes" : "no");
+    runAnalyzeDemo<Traits>(*tree, *topology,
+                           *volume->template component<Distance>(sVoxelSignedDistance), 1.0);
+    std::printf("\n");
 }
 
 } // namespace demo

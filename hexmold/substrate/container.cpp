@@ -9,6 +9,7 @@
 #include <limits>
 #include <numeric>
 #include <hexmold/diagnostics/logger.h>
+#include <hexmold/substrate/parallel.h>
 
 namespace TVL::TileTree3D {
 
@@ -625,16 +626,23 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
 {
     std::vector<std::vector<NeighborRef>> table(kDepthCount);
     mNeighbors.clear();
-    ConstTileAccessor acc(*this);
     for (int d = 0; d < kDepthCount; ++d) {
         std::int64_t const n = mTiles[d].size();
         table[d].resize(static_cast<std::size_t>(n) * 27);
-        for (std::int64_t t = 0; t < n; ++t)
-            for (int dir = 0; dir < 27; ++dir) {
-                TileType const& r = acc.tileNeighbor(mTiles[d][t], dir);
-                table[d][t * 27 + dir] = r.mValid ? NeighborRef{static_cast<std::int32_t>(r.mIndex), r.mDepth}
-                                                  : NeighborRef{-1, -1};
-            }
+        // Each worker looks up with its own accessor; the tree does not change meanwhile.
+        Parallel::isolate([&] {
+            Parallel::parallel_for(Parallel::blocked_range<std::int64_t>(0, n, 256),
+                                   [&](Parallel::blocked_range<std::int64_t> const& r) {
+                                       ConstTileAccessor acc(*this);
+                                       for (std::int64_t t = r.begin(); t != r.end(); ++t)
+                                           for (int dir = 0; dir < 27; ++dir) {
+                                               TileType const& nb = acc.tileNeighbor(mTiles[d][t], dir);
+                                               table[d][t * 27 + dir] =
+                                                   nb.mValid ? NeighborRef{static_cast<std::int32_t>(nb.mIndex), nb.mDepth}
+                                                             : NeighborRef{-1, -1};
+                                           }
+                                   });
+        });
     }
     mNeighbors.swap(table);
 }

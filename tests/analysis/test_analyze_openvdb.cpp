@@ -7,12 +7,8 @@
 #include "support/analysis_scene.h"
 
 #if HEXMOLD_HAVE_OPENVDB
-// OpenVDB keeps registries in inline templates: its symbols must stay visible to the library's
-// copies, whatever the visibility this program is built with.
-#pragma GCC visibility push(default)
 #include <openvdb/openvdb.h>
 #include <openvdb/tools/GridOperators.h>
-#pragma GCC visibility pop
 #endif
 
 using namespace TVL::TileTree3D;
