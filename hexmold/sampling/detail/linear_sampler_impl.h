@@ -54,14 +54,22 @@ inline std::int64_t floorDiv(std::int64_t a, std::int64_t b)
     return (a % b != 0 && a < 0) ? q - 1 : q;
 }
 
-/// What the copies of a sampler share: the channel copied with one extra sample per axis, and for
-/// every tile which of its seven high-side neighbours exist at its depth.
+/// A tile as the cell-centred path reads it: its block in the copy, and which of its seven
+/// high-side neighbours exist at its depth (bits of `neighbourBit`). One record, so that a sample
+/// touches one small entry instead of the block's bookkeeping and a table beside it.
+template <typename T> struct TileView {
+    T const* data = nullptr; ///< (W + 1)^3 elements; null where the copy has no block
+    unsigned neighbours = 0;
+};
+
+/// What the copies of a sampler share: the channel copied with one extra sample per axis, and a
+/// view of every tile of it.
 template <typename Traits, typename T> struct LinearSamplerShared {
     static constexpr int W = Traits::kTileWidth;
     using Copy = Channel<Traits, T, W + 1, 0, 0>;
 
     Copy copy;
-    std::vector<std::uint8_t> neighbours[Traits::kDepthCount];
+    std::vector<TileView<T>> views[Traits::kDepthCount];
 
     LinearSamplerShared(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
                         VoxelChannel<Traits, T> const& channel)
@@ -75,15 +83,16 @@ template <typename Traits, typename T> struct LinearSamplerShared {
 
         int const lo = std::max(channel.minDepth(), 0);
         int const hi = std::min(channel.depth(), Traits::kMaxDepth);
-        for (int d = lo; d <= hi; ++d) neighbours[d].assign(static_cast<std::size_t>(container.tileCount(d)), 0);
+        for (int d = lo; d <= hi; ++d) views[d].resize(static_cast<std::size_t>(container.tileCount(d)));
         auto table = [this, acc = container.tileAccessor()](Tile<Traits> const& tile) mutable {
-            unsigned bits = 0;
+            TileView<T>& view = views[tile.depth()][static_cast<std::size_t>(tile.index())];
+            auto const* block = copy.block(tile.index(), tile.depth());
+            view.data = block && block->size() == std::size_t(W + 1) * (W + 1) * (W + 1) ? block->data() : nullptr;
             for (unsigned s = 1; s < 8; ++s) {
                 int const dir = 13 + 9 * int(s & 1) + 3 * int((s >> 1) & 1) + int((s >> 2) & 1);
                 Tile<Traits> const& n = acc.tileNeighbor(tile, dir);
-                if (n.valid() && n.depth() == tile.depth()) bits |= neighbourBit(s);
+                if (n.valid() && n.depth() == tile.depth()) view.neighbours |= neighbourBit(s);
             }
-            neighbours[tile.depth()][static_cast<std::size_t>(tile.index())] = static_cast<std::uint8_t>(bits);
         };
         auto const none = [](auto const&...) {};
         container.traverse(none, none, table, none, NoVoxelVisit{}, kTraversalUnordered, kNoTile, lo, hi, 1, true, 0,
@@ -161,10 +170,7 @@ bool VoxelSamplerLinear<Traits, T, N, S, Vec>::readsHaloCopy() const
 template <typename Traits, typename T, int N, int S, typename Vec>
 T const* VoxelSamplerLinear<Traits, T, N, S, Vec>::blockOf(TileType const& tile) const
 {
-    if (mShared) {
-        auto const* b = mShared->copy.block(tile.index(), tile.depth());
-        return b && b->size() == std::size_t(N + 1) * (N + 1) * (N + 1) ? b->data() : nullptr;
-    }
+    if (mShared) return mShared->views[tile.depth()][static_cast<std::size_t>(tile.index())].data;
     auto const* b = mChannel->block(tile.index(), tile.depth());
     return b && b->size() == std::size_t(N) * N * N ? b->data() : nullptr;
 }
@@ -205,7 +211,9 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
     using Scalar = typename detail::SamplerScalar<T>::Type;
     constexpr int W = N;
     T const& def = this->mDefault;
-    if (!tile->valid() || tile->depth() < mMinDepth || tile->depth() > mMaxDepth) return def;
+    // The sentinel is told by its address: its valid flag sits in another cache line than the
+    // corner and depth that are read next.
+    if (tile == &Container<Traits>::sentinel() || tile->depth() < mMinDepth || tile->depth() > mMaxDepth) return def;
 
     int d = tile->depth();
     std::int64_t w = Container<Traits>::voxelDataWidth(d);
@@ -214,8 +222,10 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
     if (mOffsetType == kVoxelOffsetCenter || d == D) {
         // The voxel holding the point; a voxel of width w sits at its corner.
         int3 const corner = tile->tijk();
-        for (int a = 0; a < 3; ++a)
-            cell[a] = detail::floorDiv(std::int64_t(std::floor(p[a])) - std::int64_t(corner[a]), w);
+        for (int a = 0; a < 3; ++a) {
+            std::int64_t const offset = std::int64_t(std::floor(p[a])) - std::int64_t(corner[a]);
+            cell[a] = w == 1 ? offset : detail::floorDiv(offset, w); // finest voxels: no division
+        }
     } else {
         // Sample offsets at both resolutions: the depth-d voxel with corner c sits at
         // c + (w - wD) * offset in the depth-D convention of p. The shift is towards low
@@ -235,7 +245,8 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
             std::int64_t target[3];
             for (int a = 0; a < 3; ++a) target[a] = std::int64_t(corner[a]) - (cell[a] < 0 ? tw : 0);
             tile = &mNeighbourAccessor.tile(target[0], target[1], target[2], d);
-            if (!tile->valid() || tile->depth() < mMinDepth || step > 2 * Traits::kDepthCount) return def;
+            if (tile == &Container<Traits>::sentinel() || tile->depth() < mMinDepth || step > 2 * Traits::kDepthCount)
+                return def;
             d = tile->depth();
             w = Container<Traits>::voxelDataWidth(d);
         }
@@ -247,8 +258,13 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
         data = mCachedData;
         table = mCachedMask;
     } else {
-        data = blockOf(*tile);
-        if (mShared) table = mShared->neighbours[d][static_cast<std::size_t>(tile->index())];
+        if (mShared) {
+            detail::TileView<T> const& view = mShared->views[d][static_cast<std::size_t>(tile->index())];
+            data = view.data;
+            table = view.neighbours;
+        } else {
+            data = blockOf(*tile);
+        }
         mCachedTile = tile;
         mCachedData = data;
         mCachedMask = table;
@@ -294,7 +310,7 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
                 }
                 int const dir = 13 + 9 * int(out & 1) + 3 * int((out >> 1) & 1) + int((out >> 2) & 1);
                 TileType const& neighbour = mNeighbourAccessor.tileNeighbor(*tile, dir);
-                if (neighbour.valid() && neighbour.depth() == d) {
+                if (&neighbour != &Container<Traits>::sentinel() && neighbour.depth() == d) {
                     T const* nd = blockOf(neighbour);
                     v[e] = nd ? nd[(idx[0] % W) + edge * ((idx[1] % W) + edge * (idx[2] % W))] : def;
                 } else {
