@@ -154,7 +154,7 @@ private:
 
     /// The interpolation in @p tile of position @p p under the convention of depth @p depth.
     T lookup(TileType const* tile, Tavrel::Math::double3 const& p, int depth);
-    /// The block data of @p tile, and its edge (W + 1 for the copy, W otherwise); null without data.
+    /// The block data of @p tile (edge W + 1 in the copy, W in the channel); null without data.
     T const* blockOf(TileType const& tile) const;
     /// The entry point of both value forms.
     T sampleAt(Tavrel::Math::double3 const& p, int depth, int searchDepth);
