@@ -16,6 +16,7 @@
 #include <hexmold/substrate/verify_object.h>
 
 #include "demo_analyze.h"
+#include "demo_hash.h"
 #include "demo_sphere.h"
 
 namespace demo {
@@ -120,6 +121,7 @@ template <typename Traits> void runVolumeDemo(char const* label, double radius)
     std::printf("  time: tree %.1f ms, exact distance %.1f ms\n", buildMs, fillMs);
     std::printf("  object verified: %s\n",
                 CoreGL::verifyObject(*volume, sVoxelComp, sVoxelTileTree) ? "yes" : "no");
+    printVoxelHashes(*volume);
     runAnalyzeDemo<Traits>(*tree, *topology,
                            *volume->template component<Distance>(sVoxelSignedDistance), 1.0);
     std::printf("\n");
