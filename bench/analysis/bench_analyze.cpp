@@ -137,7 +137,7 @@ public:
         for (Run const& r : runs) {
             auto const it = r.counters.find("voxels");
             if (it == r.counters.end() || r.iterations == 0) continue;
-            double const seconds = r.GetAdjustedRealTime() * benchmark::GetTimeUnitMultiplier(r.time_unit);
+            double const seconds = r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit);
             gSecondsPerVoxel[r.benchmark_name()] = seconds / double(it->second);
         }
         ConsoleReporter::ReportRuns(runs);
