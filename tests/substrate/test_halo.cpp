@@ -247,7 +247,7 @@ TYPED_TEST(Halo, ComputeHaloHoldsTheNextLayer)
     testtrees::addBlock(v.tree, d, {0, 0, 0}, {1, 1, 1});
     v.bind(-3.0f);
     v.fill([](Tile<Tr> const& t, int i, int j, int k) {
-        return int((t.ti() + i) + 11 * (t.tj() + j) + 3 * (t.tk() + k)) % 97;
+        return int(((std::int64_t(t.ti()) + i) + 11 * (std::int64_t(t.tj()) + j) + 3 * (std::int64_t(t.tk()) + k)) % 97);
     });
     float const def = -3.0f;
     Channel<Tr, float, W + 1, 0, 0> out("copy", &def, kDataElementInitializerDefaultValue, false, true, 0,
@@ -262,7 +262,7 @@ TYPED_TEST(Halo, ComputeHaloHoldsTheNextLayer)
         for (int j = 0; j <= W; ++j)
             for (int i = 0; i <= W; ++i)
                 EXPECT_EQ(b[i + (W + 1) * (j + (W + 1) * k)],
-                          float(int((t.ti() + i) + 11 * (t.tj() + j) + 3 * (t.tk() + k)) % 97));
+                          float(int(((std::int64_t(t.ti()) + i) + 11 * (std::int64_t(t.tj()) + j) + 3 * (std::int64_t(t.tk()) + k)) % 97)));
 }
 
 TYPED_TEST(Halo, NonLeafVoxelsTakeTheMeanOfTheirChildren)
