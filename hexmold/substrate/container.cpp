@@ -626,6 +626,9 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
 {
     std::vector<std::vector<NeighborRef>> table(kDepthCount);
     mNeighbors.clear();
+    // Same-depth neighbours are found by one hash probe instead of a walk through the tree; the
+    // lookup hash stays for later accessors (it is dropped with the other tables on any change).
+    if (mHash.empty()) buildAccessorAccelerationStructure(-1);
     for (int d = 0; d < kDepthCount; ++d) {
         std::int64_t const n = mTiles[d].size();
         table[d].resize(static_cast<std::size_t>(n) * 27);
