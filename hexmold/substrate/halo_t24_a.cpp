@@ -1,24 +1,11 @@
 /// @file  substrate/halo_t24_a.cpp
-/// @brief Instances of the halo operations for `Traits24`, element types of list A.
+/// @brief Instances of the halo operations for `Traits24`, element types of list A, and of
+///        `computeHalo`.
 #include <hexmold/substrate/detail/halo_impl.h>
 
 namespace TVL::TileTree3D {
 
-#define HEXMOLD_HALO_TILE(TR, T)                                                                   \
-    template decltype(setHaloTile<TR, T, 0, 1, 0, 0>) setHaloTile<TR, T, 0, 1, 0, 0>;              \
-    template decltype(setHaloTile<TR, T, 0, 2, 0, 0>) setHaloTile<TR, T, 0, 2, 0, 0>;              \
-    template decltype(setHaloTile<TR, T, 1, 1, 0, 0>) setHaloTile<TR, T, 1, 1, 0, 0>;              \
-    template decltype(setHaloTile<TR, T, 0, 1, 0, 1>) setHaloTile<TR, T, 0, 1, 0, 1>;              \
-    template decltype(setHaloTile<TR, T, 0, 2, 0, 1>) setHaloTile<TR, T, 0, 2, 0, 1>;              \
-    template decltype(setHaloTile<TR, T, 1, 1, 0, 1>) setHaloTile<TR, T, 1, 1, 0, 1>;              \
-    template decltype(setNonLeafValueToChildValue<TR, T, TR::kTileWidth, 0>)                       \
-        setNonLeafValueToChildValue<TR, T, TR::kTileWidth, 0>;
-HEXMOLD_FOR_EACH_ELEMENT_A(HEXMOLD_HALO_TILE, Traits24)
-#undef HEXMOLD_HALO_TILE
-
-#define HEXMOLD_COMPUTE_HALO(TR, T)                                                                \
-    template decltype(computeHalo<TR, T, 0, 0, 1, 0>) computeHalo<TR, T, 0, 0, 1, 0>;
-HEXMOLD_FOR_EACH_HALO_ELEMENT(HEXMOLD_COMPUTE_HALO, Traits24)
-#undef HEXMOLD_COMPUTE_HALO
+HEXMOLD_FOR_EACH_ELEMENT_A(HEXMOLD_HALO_TILE_INSTANCES, Traits24)
+HEXMOLD_FOR_EACH_HALO_ELEMENT(HEXMOLD_COMPUTE_HALO_INSTANCES, Traits24)
 
 } // namespace TVL::TileTree3D

@@ -249,3 +249,17 @@ void setNonLeafValueToChildValue(Channel<Traits, T, W, H, 0>& channel, Container
 }
 
 } // namespace TVL::TileTree3D
+
+/// Explicit instances of the halo operations for tree TR and element type T, written once for
+/// the instantiation shards halo_t24_a/b.cpp and halo_t55_a/b.cpp.
+#define HEXMOLD_HALO_TILE_INSTANCES(TR, T)                                                         \
+    template decltype(setHaloTile<TR, T, 0, 1, 0, 0>) setHaloTile<TR, T, 0, 1, 0, 0>;              \
+    template decltype(setHaloTile<TR, T, 0, 2, 0, 0>) setHaloTile<TR, T, 0, 2, 0, 0>;              \
+    template decltype(setHaloTile<TR, T, 1, 1, 0, 0>) setHaloTile<TR, T, 1, 1, 0, 0>;              \
+    template decltype(setHaloTile<TR, T, 0, 1, 0, 1>) setHaloTile<TR, T, 0, 1, 0, 1>;              \
+    template decltype(setHaloTile<TR, T, 0, 2, 0, 1>) setHaloTile<TR, T, 0, 2, 0, 1>;              \
+    template decltype(setHaloTile<TR, T, 1, 1, 0, 1>) setHaloTile<TR, T, 1, 1, 0, 1>;              \
+    template decltype(setNonLeafValueToChildValue<TR, T, TR::kTileWidth, 0>)                       \
+        setNonLeafValueToChildValue<TR, T, TR::kTileWidth, 0>;
+#define HEXMOLD_COMPUTE_HALO_INSTANCES(TR, T)                                                      \
+    template decltype(computeHalo<TR, T, 0, 0, 1, 0>) computeHalo<TR, T, 0, 0, 1, 0>;
