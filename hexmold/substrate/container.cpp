@@ -626,25 +626,51 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
 {
     std::vector<std::vector<NeighborRef>> table(kDepthCount);
     mNeighbors.clear();
-    // Same-depth neighbours are found by one hash probe instead of a walk through the tree; the
-    // lookup hash stays for later accessors (it is dropped with the other tables on any change).
-    if (mHash.empty()) buildAccessorAccelerationStructure(-1);
+    constexpr int S = Traits::kSlotsPerAxis;
     for (int d = 0; d < kDepthCount; ++d) {
         std::int64_t const n = mTiles[d].size();
         table[d].resize(static_cast<std::size_t>(n) * 27);
-        // Each worker looks up with its own accessor; the tree does not change meanwhile.
+        // A tile's neighbours follow from its parent's, computed one depth earlier: the target
+        // slot either lies in the parent or in the parent's neighbour in the direction it leaves
+        // it by; that tile's child in the slot is the neighbour, or, where it has none, that tile
+        // (or the coarser tile the parent's table already holds) is the closest coarser tile.
         Parallel::isolate([&] {
-            Parallel::parallel_for(Parallel::blocked_range<std::int64_t>(0, n, 256),
-                                   [&](Parallel::blocked_range<std::int64_t> const& r) {
-                                       ConstTileAccessor acc(*this);
-                                       for (std::int64_t t = r.begin(); t != r.end(); ++t)
-                                           for (int dir = 0; dir < 27; ++dir) {
-                                               TileType const& nb = acc.tileNeighbor(mTiles[d][t], dir);
-                                               table[d][t * 27 + dir] =
-                                                   nb.mValid ? NeighborRef{static_cast<std::int32_t>(nb.mIndex), nb.mDepth}
-                                                             : NeighborRef{-1, -1};
-                                           }
-                                   });
+            Parallel::parallel_for(
+                Parallel::blocked_range<std::int64_t>(0, n, 256),
+                [&](Parallel::blocked_range<std::int64_t> const& r) {
+                    ConstTileAccessor acc(*this);
+                    for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                        TileType const& tile = mTiles[d][t];
+                        NeighborRef* row = &table[d][t * 27];
+                        if (d == 0 || tile.mParent < 0) {
+                            for (int dir = 0; dir < 27; ++dir) {
+                                TileType const& nb = acc.tileNeighbor(tile, dir);
+                                row[dir] = nb.mValid ? NeighborRef{static_cast<std::int32_t>(nb.mIndex), nb.mDepth}
+                                                     : NeighborRef{-1, -1};
+                            }
+                            continue;
+                        }
+                        TileType const& parent = mTiles[d - 1][tile.mParent];
+                        NeighborRef const* prow = &table[d - 1][tile.mParent * 27];
+                        int3 const s = parent.childIJK(tile.tijk());
+                        for (int dir = 0; dir < 27; ++dir) {
+                            int const o[3] = {neighborDx(dir), neighborDy(dir), neighborDz(dir)};
+                            int slot[3], up[3];
+                            for (int a = 0; a < 3; ++a) {
+                                int const c = s[a] + o[a];
+                                up[a] = c < 0 ? -1 : (c >= S ? 1 : 0);
+                                slot[a] = c - up[a] * S;
+                            }
+                            NeighborRef const q = prow[neighborDirection(up[0], up[1], up[2])];
+                            if (q.depth < 0 || q.depth < d - 1) {
+                                row[dir] = q;
+                                continue;
+                            }
+                            std::int64_t const c = mTiles[q.depth][q.index].mChild[TileType::slotNumber(slot[0], slot[1], slot[2])];
+                            row[dir] = c >= 0 ? NeighborRef{static_cast<std::int32_t>(c), d} : q;
+                        }
+                    }
+                });
         });
     }
     mNeighbors.swap(table);
