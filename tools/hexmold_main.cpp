@@ -1,6 +1,7 @@
 // The hexmold command-line program.
 //   hexmold --version          the version banner text
-//   hexmold demo [radius]      adaptive volumes of a sphere's exact signed distance, both trees
+//   hexmold demo [radius]      adaptive volumes of a sphere's exact signed distance, both trees,
+//                              and the redistancing of a field right only near the sphere
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <string>
 #include <hexmold/diagnostics/version.h>
 
+#include "demo_redistance.h"
 #include "demo_volume.h"
 
 namespace {
@@ -40,6 +42,8 @@ int main(int argc, char** argv)
         std::printf("%s\n\n", CoreGL::versionText().c_str());
         demo::runVolumeDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", radius);
         demo::runVolumeDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", radius);
+        demo::runRedistanceDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", radius);
+        demo::runRedistanceDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", radius);
         return 0;
     }
     return usage();
