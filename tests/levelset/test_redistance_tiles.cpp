@@ -1,6 +1,6 @@
 // redistanceTiles and tileColor: the chessboard colours of tiles; one colour sweeps only its own
 // tiles and only unknown voxels, reports its largest change, and alternating colours converge to
-// the exact distance of a plane (which a first-order upwind solve reproduces exactly); the rule
+// the exact distance of a plane; the rule
 // that skips tiles under unknown parent voxels; the coalesced 8^3 block of Traits<2,4,1>; the
 // same result on one thread and on all.
 #include <gtest/gtest.h>
@@ -33,9 +33,14 @@ constexpr float kVoxel = 0.1f;
 constexpr double kPlaneTol = 1e-4;
 
 /// A block of deepest tiles (4 x 4 x 4 for both trees; for Traits<2,4,1> the children of 2 x 2 x 2
-/// tiles of the depth above) around an oblique plane. The voxels with a face neighbour of the
-/// other sign hold the exact distance and are known; all others hold the background of their
-/// sign and are unknown.
+/// tiles of the depth above) around the plane z = 0.3 voxels, whose distance the upwind solve
+/// reproduces exactly everywhere in the block (an oblique plane would not be reproduced near the
+/// faces of the block, where the solve lacks the values beyond them). The coarser voxels hold the background of
+/// the plane's side at their centres, so that the halo of the block, which reads them across the
+/// resolution jump, never offers a smaller magnitude than the block's own voxels. The deepest
+/// voxels with a face neighbour of the other sign (outside the block: the coarser voxel that
+/// holds the neighbour's point) hold the plane's distance and are known; all others hold the
+/// background of their side and are unknown.
 template <typename Tr> struct PlaneBlock {
     static constexpr int W = Tr::kTileWidth;
     LevelSetScene<Tr> s{kVoxel};
@@ -46,36 +51,44 @@ template <typename Tr> struct PlaneBlock {
 
     PlaneBlock()
     {
-        double const len = std::sqrt(1.0 + 4.0 + 9.0);
-        n[0] = 1.0 / len;
-        n[1] = 2.0 / len;
-        n[2] = 3.0 / len;
+        n[0] = 0.0;
+        n[1] = 0.0;
+        n[2] = 1.0;
         s.build([](Container<Tr>& c) { testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {-2, -2, -2}, {1, 1, 1}); });
-        distance = s.makeChannel([this](double x, double y, double z) { return exact(x, y, z); });
-        types = s.makeValueTypes();
         int const d = Tr::kMaxDepth;
-        double const h = kVoxel;
+        float const bg = LevelSetScene<Tr>::kBackground;
+        distance = s.makeChannel([this](double x, double y, double z) { return exact(x, y, z); });
+        s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+            auto& v = distance->tileData(tile.index(), tile.depth())(i, j, k);
+            if (tile.depth() < d) v = 0.0f > v ? -bg : bg;
+        });
+        VoxelChannel<Tr, float> const plane(*distance);
+        types = s.makeValueTypes();
+        auto acc = s.tree.tileAccessor();
+        auto valueAt = [&](std::int64_t x, std::int64_t y, std::int64_t z) {
+            auto const& t = acc.tile(x, y, z, d);
+            std::int64_t const w = t.voxelDataWidth();
+            return plane.tileData(t.index(), t.depth())(int((x - t.ti()) / w), int((y - t.tj()) / w),
+                                                        int((z - t.tk()) / w));
+        };
+        int const step[6][3] = {{1, 0, 0}, {-1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 1}, {0, 0, -1}};
         for (std::int64_t t = 0; t < s.tree.tileCount(d); ++t) {
             Tile<Tr> const& tile = s.tree.tile(t, d);
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) {
-                        auto const p = voxelCentre(tile, i, j, k, s.voxelSize());
-                        double const v = exact(p[0], p[1], p[2]);
+                        std::int64_t const x = tile.ti() + i, y = tile.tj() + j, z = tile.tk() + k;
+                        bool const negative = 0.0f > valueAt(x, y, z);
                         bool crossing = false;
-                        for (int a = 0; a < 3; ++a)
-                            for (int e : {-1, 1}) {
-                                double q[3] = {p[0], p[1], p[2]};
-                                q[a] += e * h;
-                                crossing |= (0.0 > exact(q[0], q[1], q[2])) != (0.0 > v);
-                            }
+                        for (auto const& e : step)
+                            crossing |= (0.0f > valueAt(x + e[0], y + e[1], z + e[2])) != negative;
                         auto& value = distance->tileData(t, d)(i, j, k);
                         auto& type = types->tileData(t, d)(i, j, k);
                         if (crossing) {
                             type = kValueTypeKnown;
                         } else {
                             type = kValueTypeUnknown;
-                            value = (0.0 > v ? -1.0f : 1.0f) * LevelSetScene<Tr>::kBackground;
+                            value = negative ? -bg : bg;
                         }
                     }
         }
@@ -104,8 +117,8 @@ template <typename Tr> struct PlaneBlock {
     /// Largest error, in h, over the deepest voxels.
     double maxError(VoxelChannel<Tr, float> const& ch) const
     {
-        double e = 0;
         int const d = Tr::kMaxDepth;
+        double e = 0;
         for (std::int64_t t = 0; t < s.tree.tileCount(d); ++t) {
             Tile<Tr> const& tile = s.tree.tile(t, d);
             for (int k = 0; k < W; ++k)
