@@ -44,8 +44,18 @@ constexpr double kGradedBandTiles = 2.0;
 /// fraction of a voxel: the errors come from the curvature (h^2 / R per voxel travelled).
 constexpr double kNearMeanTol = 0.05; ///< mean |error| within 3 voxels, in h
 constexpr double kNearMaxTol = 0.25;  ///< largest |error| within 3 voxels, in h
-/// Over the whole tree the first-order solve on each depth is accurate to a voxel of that depth.
+/// Over the whole tree the first-order solve on each depth is accurate to a voxel of that depth,
+/// on the depths whose voxels resolve the shape: its smallest feature spans `kResolvedVoxels`.
 constexpr double kBandMaxTol = 1.0;
+constexpr double kResolvedVoxels = 8.0;
+/// On coarser depths the shape is smaller than a few voxels and the solve starts from what is in
+/// effect a point source, from which first-order upwind values overestimate the distance along
+/// the diagonals by up to about 1.8 voxels, the same on every such depth.
+constexpr double kUnresolvedMaxTol = 2.0;
+/// Near the box's sharp edges (`Shape::nearEdges`) a first-order solve is off by more than a voxel
+/// near the surface too: OpenVDB's sdfToSdf reaches 1.37 h on the same input (see the OpenVDB
+/// comparison).
+constexpr double kConvexEdgeMaxTol = 2.0;
 
 enum class TreeKind { kUniformBand, kGraded };
 enum class Path { kRecursive, kDOF };
@@ -53,7 +63,7 @@ enum class Path { kRecursive, kDOF };
 Shape sphereShape() { return sphere(kSphereRadius); }
 Shape torusShape() { return torus(26.0 * kVoxel, 10.0 * kVoxel); }
 /// Faces between voxel centres, off the tile lattice.
-Shape boxShape() { return box(30.3 * kVoxel, 22.6 * kVoxel, 16.2 * kVoxel, 0.3 * kVoxel, -0.2 * kVoxel, 0.1 * kVoxel); }
+Shape boxShape() { return box(30.3 * kVoxel, 22.6 * kVoxel, 16.2 * kVoxel, 0.3 * kVoxel, -0.2 * kVoxel, 0.1 * kVoxel, kVoxel); }
 
 template <typename Tr> void build(LevelSetScene<Tr>& s, Shape const& shape, TreeKind kind)
 {
@@ -85,9 +95,10 @@ template <typename Tr> void expectAccurate(Shape const& shape, TreeKind kind, Pa
     }
     call.run(s, out);
     auto const a = measure(s, out, *in, shape);
-    std::printf("  %s %s: near surface mean %.4f h max %.4f h (%lld voxels); band max per depth:",
+    std::printf("  %s %s: near surface mean %.4f h max %.4f h (%lld voxels; near sharp edges max %.4f h, %lld "
+                "voxels); band max per depth:",
                 std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55", label(shape, kind, path).c_str(),
-                a.nearSurface.mean(), a.nearSurface.max, a.nearSurface.n);
+                a.nearSurface.mean(), a.nearSurface.max, a.nearSurface.n, a.nearEdges.max, a.nearEdges.n);
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
         if (a.band[d].n) std::printf(" %d:%.2f", d, a.band[d].max);
     std::printf("\n");
@@ -95,10 +106,15 @@ template <typename Tr> void expectAccurate(Shape const& shape, TreeKind kind, Pa
     EXPECT_EQ(a.unreached, 0) << "first unreached voxel: " << a.firstUnreached.str();
     EXPECT_EQ(a.signFlips, 0) << "first flipped voxel: " << a.firstFlip.str();
     EXPECT_GT(a.nearSurface.n, 1000);
-    EXPECT_LE(a.nearSurface.mean(), kNearMeanTol);
+    EXPECT_LE(a.allNearSurface().mean(), kNearMeanTol) << "all voxels within 3 voxels of the surface";
     EXPECT_LE(a.nearSurface.max, kNearMaxTol) << "worst: " << a.worstNear.str();
-    for (int d = 0; d <= Tr::kMaxDepth; ++d)
-        EXPECT_LE(a.band[d].max, kBandMaxTol) << "depth " << d << ", worst: " << a.worstBand[d].str();
+    EXPECT_LE(a.nearEdges.max, kConvexEdgeMaxTol) << "worst: " << a.worstNearEdges.str();
+    for (int d = 0; d <= Tr::kMaxDepth; ++d) {
+        bool const resolved = shape.featureSize >= kResolvedVoxels * s.spacing(d);
+        EXPECT_LE(a.band[d].max, resolved ? kBandMaxTol : kUnresolvedMaxTol)
+            << "depth " << d << (resolved ? "" : " (shape not resolved)") << ", worst: " << a.worstBand[d].str();
+        EXPECT_LE(a.bandEdges[d].max, kConvexEdgeMaxTol) << "depth " << d << ", worst: " << a.worstBandEdges[d].str();
+    }
 }
 
 } // namespace
@@ -203,7 +219,6 @@ template <typename Tr> void expectCancelled(Path path, std::string const& timerN
     call.run(s, fresh);
     auto const a = channelValues(s, again), b = channelValues(s, fresh);
     EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(float)), 0);
-    EXPECT_EQ(measure(s, again, *in, sphereShape()).unreached, 0);
 }
 
 } // namespace

@@ -32,13 +32,22 @@ struct Shape {
     std::string name;
     std::function<double(double, double, double)> distance;
     std::function<double(double, double, double)> field;
+    /// The smallest feature (world units): the sphere's radius, the torus's tube radius, the
+    /// box's smallest half size.
+    double featureSize = 0;
+    /// Where the distance is not smooth because of sharp edges: outside, within two voxels of the
+    /// region where the closest point is an edge or a corner and the distance fans out from it,
+    /// which a first-order upwind solve overestimates by more than a voxel (OpenVDB's sdfToSdf
+    /// alike); inside, within two voxels of the planes where two faces are equally far, where the
+    /// solve mixes the faces' gradients and underestimates.
+    std::function<bool(double, double, double)> nearEdges = [](double, double, double) { return false; };
 };
 
 /// Sphere of radius @p r centred on the origin; field (|x|^2 - r^2) / (2 r) = d + d^2 / (2 r).
 inline Shape sphere(double r)
 {
     return {"sphere", [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
-            [r](double x, double y, double z) { return (x * x + y * y + z * z - r * r) / (2.0 * r); }};
+            [r](double x, double y, double z) { return (x * x + y * y + z * z - r * r) / (2.0 * r); }, r};
 }
 
 /// Torus around the z axis: tube of radius @p minor around a circle of radius @p major; field
@@ -53,13 +62,14 @@ inline Shape torus(double major, double minor)
             [q, minor](double x, double y, double z) {
                 double const v = q(x, y, z);
                 return (v * v - minor * minor) / (2.0 * minor);
-            }};
+            },
+            minor};
 }
 
 /// Axis-aligned box of half sizes (@p hx, @p hy, @p hz) centred on (@p cx, @p cy, @p cz), with
 /// sharp edges and corners; field d + d^2 / (2 m), m the largest half size (the sphere's form,
-/// which keeps the sign since |d| <= m inside).
-inline Shape box(double hx, double hy, double hz, double cx, double cy, double cz)
+/// which keeps the sign since |d| <= m inside). @p voxelSize sizes the region near the edges.
+inline Shape box(double hx, double hy, double hz, double cx, double cy, double cz, double voxelSize)
 {
     auto d = [=](double x, double y, double z) {
         double const qx = std::abs(x - cx) - hx, qy = std::abs(y - cy) - hy, qz = std::abs(z - cz) - hz;
@@ -67,10 +77,19 @@ inline Shape box(double hx, double hy, double hz, double cx, double cy, double c
         return std::sqrt(ox * ox + oy * oy + oz * oz) + std::min(std::max(qx, std::max(qy, qz)), 0.0);
     };
     double const m = std::max(hx, std::max(hy, hz));
-    return {"box", d, [d, m](double x, double y, double z) {
+    auto edge = [=](double x, double y, double z, double voxelSize) {
+        double q[3] = {std::abs(x - cx) - hx, std::abs(y - cy) - hy, std::abs(z - cz) - hz};
+        std::sort(q, q + 3);
+        if (q[2] > 0) return q[1] > -2.0 * voxelSize;
+        return q[2] - q[1] <= 2.0 * voxelSize;
+    };
+    return {"box", d,
+            [d, m](double x, double y, double z) {
                 double const v = d(x, y, z);
                 return v + v * v / (2.0 * m);
-            }};
+            },
+            std::min(hx, std::min(hy, hz)),
+            [edge, voxelSize](double x, double y, double z) { return edge(x, y, z, voxelSize); }};
 }
 
 /// World position of the sample (the centre) of voxel (i, j, k) of @p tile.
@@ -260,12 +279,26 @@ template <typename Tr> struct Accuracy {
     /// from its centre, so its sign is compared only where the surface is farther than that.
     static constexpr double kRestrictedSignBand = 1.0;
 
-    ErrorStats nearSurface;
+    ErrorStats nearSurface; ///< away from sharp edges
     Worst worstNear;
-    std::array<ErrorStats, Tr::kDepthCount> band{}; ///< reached voxels, per depth
+    ErrorStats nearEdges;   ///< near the surface and near sharp edges (`Shape::nearEdges`)
+    Worst worstNearEdges;
+    std::array<ErrorStats, Tr::kDepthCount> band{}; ///< reached voxels away from sharp edges, per depth
     std::array<Worst, Tr::kDepthCount> worstBand{};
+    std::array<ErrorStats, Tr::kDepthCount> bandEdges{}; ///< reached voxels near sharp edges, per depth
+    std::array<Worst, Tr::kDepthCount> worstBandEdges{};
     long long voxels = 0, unreached = 0, signFlips = 0, nonFinite = 0;
     Worst firstUnreached, firstFlip;
+
+    /// All leaf voxels near the surface, near sharp edges or not.
+    ErrorStats allNearSurface() const
+    {
+        ErrorStats e = nearSurface;
+        e.max = std::max(e.max, nearEdges.max);
+        e.sum += nearEdges.sum;
+        e.n += nearEdges.n;
+        return e;
+    }
 };
 
 /// Compares @p out with @p shape's exact distance at every voxel of every depth; @p in is the
@@ -307,11 +340,14 @@ Accuracy<Tr> measure(LevelSetScene<Tr> const& scene, VoxelChannel<Tr, float> con
             if (a.signFlips++ == 0) a.firstFlip = where(0);
         }
         double const e = std::abs(double(v) - exact) / h;
-        a.band[d].add(e);
-        if (e > a.worstBand[d].error) a.worstBand[d] = where(e);
+        bool const fan = shape.nearEdges(p[0], p[1], p[2]);
+        (fan ? a.bandEdges : a.band)[d].add(e);
+        Worst& wb = (fan ? a.worstBandEdges : a.worstBand)[d];
+        if (e > wb.error) wb = where(e);
         if (leaf && std::abs(exact) <= Accuracy<Tr>::kNearSurface * scene.voxelSize()) {
-            a.nearSurface.add(e);
-            if (e > a.worstNear.error) a.worstNear = where(e);
+            (fan ? a.nearEdges : a.nearSurface).add(e);
+            Worst& wn = fan ? a.worstNearEdges : a.worstNear;
+            if (e > wn.error) wn = where(e);
         }
     });
     return a;
