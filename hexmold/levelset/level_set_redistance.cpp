@@ -74,9 +74,20 @@ float faceNeighbour(Tile<Traits> const& tile, ConstTileData<float, Traits::kTile
     constexpr int W = Traits::kTileWidth;
     int n[3] = {i, j, k};
     n[axis] += side;
-    if (n[0] >= 0 && n[0] < W && n[1] >= 0 && n[1] < W && n[2] >= 0 && n[2] < W &&
-        countsAsLeaf(tile, n[0], n[1], n[2], maxDepth))
-        return block(n[0], n[1], n[2]);
+    bool const inside = n[0] >= 0 && n[0] < W && n[1] >= 0 && n[1] < W && n[2] >= 0 && n[2] < W;
+    if (inside && countsAsLeaf(tile, n[0], n[1], n[2], maxDepth)) return block(n[0], n[1], n[2]);
+    if (!inside) {
+        // The same-depth tile beside, from the neighbour table, when it holds a leaf voxel there.
+        int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
+        Tile<Traits> const& beside = accessor.tileNeighbor(tile, direction);
+        if (beside.valid() && beside.depth() == tile.depth()) {
+            n[axis] = side < 0 ? W - 1 : 0;
+            if (countsAsLeaf(beside, n[0], n[1], n[2], maxDepth)) {
+                auto const other = distance.tileData(beside.treeIndex());
+                if (other.size() == block.size()) return other(n[0], n[1], n[2]);
+            }
+        }
+    }
     std::int64_t const w = tile.voxelDataWidth();
     std::int64_t p[3] = {tile.ti() + i * w + w / 2, tile.tj() + j * w + w / 2, tile.tk() + k * w + w / 2};
     std::int64_t const c = (axis == 0 ? tile.ti() + i * w : axis == 1 ? tile.tj() + j * w : tile.tk() + k * w);

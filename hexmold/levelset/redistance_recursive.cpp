@@ -133,15 +133,21 @@ template <typename Traits>
 void smooth(VoxelChannel<Traits, float>& distance, VoxelChannel<Traits, float> const* mask,
             Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const* valueType, int depth,
             float interiorBand, float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation, bool coalesced,
-            int passes, float threshold, char const* redLabel, char const* blackLabel)
+            int passes, float threshold, char const* redLabel, char const* blackLabel, TileActivity& activity)
 {
+    if (passes <= 0) return;
+    // Tiles that are fixed points of the sweep are left out until a neighbour changes.
+    bool const blocks = coalescedForm<Traits>(mask, depth, interiorBand, exteriorBand, useBandAtTiles,
+                                              haloByExtrapolation, coalesced);
+    activity.reset(container, blocks ? depth - 1 : depth);
     float maxChange = FLT_MAX;
     for (int pass = 0; pass < passes && maxChange > threshold; ++pass) {
-        float const red = redistanceTiles<Traits>(kRed, distance, mask, container, valueType, depth, interiorBand,
-                                                  exteriorBand, useBandAtTiles, haloByExtrapolation, coalesced);
-        float const black = redistanceTiles<Traits>(kBlack, distance, mask, container, valueType, depth,
-                                                    interiorBand, exteriorBand, useBandAtTiles, haloByExtrapolation,
-                                                    coalesced);
+        float const red = redistanceTilesTracked<Traits>(kRed, distance, mask, container, valueType, depth,
+                                                         interiorBand, exteriorBand, useBandAtTiles,
+                                                         haloByExtrapolation, coalesced, &activity);
+        float const black = redistanceTilesTracked<Traits>(kBlack, distance, mask, container, valueType, depth,
+                                                           interiorBand, exteriorBand, useBandAtTiles,
+                                                           haloByExtrapolation, coalesced, &activity);
         maxChange = std::max(red, black);
         if (CoreGL::Logger::verboseLevel() > 2) {
             CoreGL::Logger::debugFileStream() << "Depth " << depth << redLabel << red << '\n';
@@ -164,6 +170,7 @@ void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChanne
     while (depth > minDepth && container.tileCount(depth) == 0) --depth;
     if (depth < 0) return;
     float const threshold = container.voxelSize() * tolerance * float(Container<Traits>::voxelDataWidth(depth));
+    TileActivity activity;
     printRange(io_distance, container, "before injecting values", depth);
     if (depth != maxDepth) {
         if (dof)
@@ -173,7 +180,8 @@ void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChanne
     }
     printRange(io_distance, container, "after injecting values", depth);
     smooth(io_distance, mask, container, valueType, depth, FLT_MAX, FLT_MAX, true, haloByExtrapolation,
-           performCoalescedRedistance, pre, threshold, ": maxLocalChange red = ", ": maxLocalChange black = ");
+           performCoalescedRedistance, pre, threshold, ": maxLocalChange red = ", ": maxLocalChange black = ",
+           activity);
     printRange(io_distance, container, "after pre-smooth", depth);
     if (depth > minDepth) {
         redistanceRecursively(io_distance, mask, container, valueType, tolerance, depth - 1, minDepth, maxDepth,
@@ -183,7 +191,8 @@ void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChanne
     }
     printRange(io_distance, container, "after recursive call", depth);
     smooth(io_distance, mask, container, valueType, depth, interiorBand, exteriorBand, false, haloByExtrapolation,
-           performCoalescedRedistance, post, threshold, ": maxLocalChange red2 = ", ": maxLocalChange black2 = ");
+           performCoalescedRedistance, post, threshold, ": maxLocalChange red2 = ", ": maxLocalChange black2 = ",
+           activity);
     printRange(io_distance, container, "after post-smooth", depth);
     if (depth != minDepth) {
         initializeFromParents(io_distance, container, valueType, depth);

@@ -7,6 +7,9 @@
 ///          folder's `.cpp` files.
 #pragma once
 #include <algorithm>
+#include <array>
+#include <type_traits>
+#include <vector>
 #include <cfloat>
 #include <cmath>
 #include <cstddef>
@@ -18,6 +21,7 @@
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/tile_data.h>
+#include <hexmold/substrate/traits.h>
 
 namespace VolumeGL::TileTree3D::LevelSet::detail {
 
@@ -97,10 +101,20 @@ struct MaskedNeighbour {
 };
 
 /// One eikonal update of value @p v from the three chosen neighbours, solved on the positive side.
+/// @details The update of the eikonal solve is never below the smallest neighbour plus h / sqrt(3)
+///          (three equal neighbours), and it only ever lowers |v|. So when the smallest neighbour
+///          plus 0.57 h already reaches |v| the result is |v| with v's side, and the solve is left
+///          out. The margin to h / sqrt(3) covers the rounding of the solve as long as the values
+///          are below 2^16 spacings, beyond which the solve always runs.
 inline float eikonalUpdate(DepthNumbers const& n, float a, float b, float c, float v)
 {
-    if (v < 0.0f) return -CoreGL::detail::solveEikonalInline(n.h, n.h2, n.h3, -a, -b, -c, v);
-    return CoreGL::detail::solveEikonalInline(n.h, n.h2, n.h3, a, b, c, v);
+    bool const inside = v < 0.0f;
+    if (inside) a = -a, b = -b, c = -c;
+    float const bound = std::fabs(v);
+    float const s0 = std::min(a, std::min(b, c));
+    if (s0 + 0.57f * n.h >= bound && s0 < 65536.0f * n.h) return inside ? -bound : bound;
+    float const r = CoreGL::detail::solveEikonalInline(n.h, n.h2, n.h3, a, b, c, v);
+    return inside ? -r : r;
 }
 
 /// Sweep modes of `sweepTile`.
@@ -348,6 +362,89 @@ void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSiz
 template <int W> constexpr std::size_t voxelIndex(int i, int j, int k)
 {
     return std::size_t(i) + std::size_t(W) * (std::size_t(j) + std::size_t(W) * std::size_t(k));
+}
+
+/// @brief Which tiles of one depth a colour pass may leave out, because sweeping them again
+///        would change nothing.
+/// @details A tile sweep is a function of the tile's values and of its face rim, which comes
+///          from the same-depth tiles beside it (tiles of other depths do not change while a
+///          depth is swept). When a sweep changed no value of a tile, the tile is a fixed point
+///          of the sweep for that rim; until a face neighbour changes, sweeping it again gives
+///          exactly the same values and a change of exactly 0. Leaving it out therefore changes
+///          neither the result nor the reported change: it only saves the work. Valid for one
+///          series of passes with fixed arguments; `reset` before each series.
+struct TileActivity {
+    std::vector<std::array<std::int64_t, 6>> faces; ///< same-depth face neighbours, -1 for none
+    std::vector<std::int32_t> quietSince;          ///< pass of the last sweep without change, or -1
+    std::vector<std::int32_t> changedAt;           ///< pass of the last change, or -1
+    std::vector<unsigned char> flag;               ///< a per-tile result of the last sweep
+    std::int32_t pass = 0;                         ///< the current pass
+    int depth = -1;
+    std::int64_t tiles = -1;
+
+    /// Prepares the tiles of @p depth (the face table only when the tree changed depth or size).
+    template <typename Traits> void reset(Container<Traits> const& container, int depth_)
+    {
+        std::int64_t const n = container.tileCount(depth_);
+        if (depth_ != depth || n != tiles) {
+            depth = depth_;
+            tiles = n;
+            faces.assign(std::size_t(n), {});
+            parallelRanges(n, [&](std::int64_t begin, std::int64_t end) {
+                auto accessor = container.tileAccessor();
+                static constexpr int kFaceDirections[6] = {4, 22, 10, 16, 12, 14};
+                for (std::int64_t t = begin; t < end; ++t) {
+                    Tile<Traits> const& tile = container.tile(t, depth_);
+                    for (int f = 0; f < 6; ++f) {
+                        Tile<Traits> const& nb = accessor.tileNeighbor(tile, kFaceDirections[f]);
+                        faces[std::size_t(t)][f] = nb.valid() && nb.depth() == depth_ ? nb.index() : -1;
+                    }
+                }
+            });
+        }
+        quietSince.assign(std::size_t(n), -1);
+        changedAt.assign(std::size_t(n), -1);
+        flag.assign(std::size_t(n), 0);
+        pass = 0;
+    }
+    /// Whether tile @p t is a fixed point of the sweep for its current rim.
+    bool skippable(std::int64_t t) const
+    {
+        std::int32_t const q = quietSince[std::size_t(t)];
+        if (q < 0) return false;
+        for (std::int64_t n : faces[std::size_t(t)])
+            if (n >= 0 && changedAt[std::size_t(n)] > q) return false;
+        return true;
+    }
+    /// Records the sweep of tile @p t in the current pass.
+    void record(std::int64_t t, bool changed)
+    {
+        if (changed) {
+            changedAt[std::size_t(t)] = pass;
+            quietSince[std::size_t(t)] = -1;
+        } else {
+            quietSince[std::size_t(t)] = pass;
+        }
+    }
+};
+
+/// `redistanceTiles` with the skipping of fixed-point tiles; @p activity (may be null) belongs
+/// to the depth swept, or to depth - 1 for the coalesced blocks, and is advanced by one pass.
+template <typename Traits>
+float redistanceTilesTracked(RedBlackType colour, VoxelChannel<Traits, float>& io_distance,
+                             VoxelChannel<Traits, float> const* mask, Container<Traits> const& container,
+                             VoxelChannel<Traits, unsigned char> const* valueType, int depth, float interiorBand,
+                             float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation,
+                             bool performCoalescedRedistance, TileActivity* activity);
+
+/// Whether `redistanceTiles` takes the coalesced form for these arguments.
+template <typename Traits>
+bool coalescedForm(VoxelChannel<Traits, float> const* mask, int depth, float interiorBand, float exteriorBand,
+                   bool useBandAtTiles, bool haloByExtrapolation, bool performCoalescedRedistance)
+{
+    auto inUse = [](float band) { return std::fabs(band - FLT_MAX) > kEpsilon; };
+    return std::is_same_v<Traits, TVL::TileTree3D::Traits24> && performCoalescedRedistance && useBandAtTiles &&
+           !haloByExtrapolation && !mask && !inUse(interiorBand) && !inUse(exteriorBand) && depth > 0;
 }
 
 // ---- stages shared by the sources of the folder ----------------------------------------------
