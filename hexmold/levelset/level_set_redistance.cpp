@@ -180,7 +180,7 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                 std::unique_ptr<Sampler<Traits>> local;
                 if (sampler) local = std::make_unique<Sampler<Traits>>(*sampler);
                 auto sample = [&](double3 const& p) { return local->valueAtTileSpace(p, maxDepth); };
-                auto gradient = [&](double3 const& p) { return detail::sampledGradient(sample, p); };
+                auto gradient = [&](double3 const& p, float f) { return detail::sampledGradient(sample, p, f); };
                 for (std::int64_t t = begin; t < end; ++t) {
                     Tile<Traits> const& tile = container.tile(t, depth);
                     auto const values = static_cast<FloatChannel<Traits> const&>(distance).tileData(tile.treeIndex());
@@ -228,7 +228,7 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                                             double3 const p0 = detail::samplePosition(tile, i, j, k);
                                             float const s = inside ? -1.0f : 1.0f;
                                             float const stepped = detail::stepToZeroCrossing(
-                                                sample, gradient, p0, v, s, gradient(p0), voxelSize, 0.001f * h, 4);
+                                                sample, gradient, p0, v, s, gradient(p0, sample(p0)), voxelSize, 0.001f * h, 4);
                                             if (std::fabs(stepped) < x) x = std::fabs(stepped);
                                             out(i, j, k) = s * std::max(x, kTinyDistance);
                                         }

@@ -232,7 +232,7 @@ template <std::size_t N> bool hasUnknown(unsigned char const* types)
 ///        field @p sample, by at most @p maxSteps steps of the field's value along its
 ///        normalised gradient.
 /// @param sample    position -> value (world units)
-/// @param gradient  position -> gradient (any positive scale)
+/// @param gradient  (position, value there) -> gradient (any positive scale)
 /// @param v         the value at @p p0; @p s its side (-1 inside, +1 outside)
 /// @param g0        the gradient at @p p0
 /// @param t         convergence threshold on |value|
@@ -250,7 +250,7 @@ float stepToZeroCrossing(Sample& sample, Gradient& gradient, double3 const& p0, 
     float f = v;
     float const inverseVoxelSize = 1.0f / voxelSize;
     for (int n = 1; n <= maxSteps; ++n) {
-        double3 const g = n == 1 ? g0 : gradient(p);
+        double3 const g = n == 1 ? g0 : gradient(p, f);
         double norm = std::sqrt(g.x * g.x + g.y * g.y + g.z * g.z);
         if (!(norm <= double(FLT_MAX))) norm = double(FLT_MAX);
         if (!(norm > double(kEpsilon))) break;
@@ -270,13 +270,14 @@ float stepToZeroCrossing(Sample& sample, Gradient& gradient, double3 const& p0, 
     return std::max(length, kTinyDistance) * (voxelSize * s);
 }
 
-/// Central-difference gradient of @p sample at @p p, half a finest voxel each way.
-template <typename Sample> double3 sampledGradient(Sample& sample, double3 const& p)
+/// Forward-difference gradient of @p sample at @p p, where the value @p f is known: half a
+/// finest voxel along each axis, three samples.
+template <typename Sample> double3 sampledGradient(Sample& sample, double3 const& p, float f)
 {
     constexpr double d = 0.5;
-    return {double(sample(double3{p.x + d, p.y, p.z})) - double(sample(double3{p.x - d, p.y, p.z})),
-            double(sample(double3{p.x, p.y + d, p.z})) - double(sample(double3{p.x, p.y - d, p.z})),
-            double(sample(double3{p.x, p.y, p.z + d})) - double(sample(double3{p.x, p.y, p.z - d}))};
+    double const base = double(f);
+    return {double(sample(double3{p.x + d, p.y, p.z})) - base, double(sample(double3{p.x, p.y + d, p.z})) - base,
+            double(sample(double3{p.x, p.y, p.z + d})) - base};
 }
 
 /// @brief The surface distance of a voxel next to the zero crossing: the Newton estimate from
@@ -293,8 +294,8 @@ float surfaceDistance(Sample& sample, float v, float const (&neighbours)[6], flo
     float const t = h * 0.001f;
     if (std::fabs(v) <= t) return v;
     float const s = 0.0f > v ? -1.0f : 1.0f;
-    double3 const g = sampledGradient(sample, p0);
-    auto gradient = [&](double3 const& p) { return sampledGradient(sample, p); };
+    auto gradient = [&](double3 const& p, float f) { return sampledGradient(sample, p, f); };
+    double3 const g = gradient(p0, sample(p0));
     float r = stepToZeroCrossing(sample, gradient, p0, v, s, g, voxelSize, t, 10);
     bool const inside = 0.0f > v;
     for (float n : neighbours) {
