@@ -1,0 +1,131 @@
+/// @file  levelset/sweep_transfer.cpp
+/// @brief The transfers of the multilevel solve between depths: restriction of covered voxels
+///        from their children and interpolation of hanging voxels from the coarser lattice.
+#include <hexmold/diagnostics/logger.h>
+#include <hexmold/levelset/detail/redistance_impl.h>
+#include <hexmold/levelset/dof_classification.h>
+#include <hexmold/substrate/type_lists.h>
+
+namespace VolumeGL::TileTree3D::LevelSet::detail {
+
+template <typename Traits>
+void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
+                       VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name)
+{
+    constexpr int W = Traits::kTileWidth;
+    constexpr int S = Traits::kVoxelsPerSlot;
+    constexpr std::size_t N = std::size_t(W) * W * W;
+    auto const timer = CoreGL::Logger::timer(name + ".restrict", nullptr);
+    int const lo = std::max(a, dof.minDepth());
+    int const hi = std::min(dof.depth(), b) - 1;
+    for (int depth = hi; depth >= lo; --depth) {
+        parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
+            for (std::int64_t t = begin; t < end; ++t) {
+                Tile<Traits> const& tile = container.tile(t, depth);
+                if (tile.isLeaf()) continue;
+                auto const flags = dof.tileData(tile.treeIndex());
+                auto values = io_distance.tileData(tile.treeIndex());
+                if (flags.size() != N || values.size() != N) continue;
+                std::int64_t const w = tile.voxelDataWidth();
+                std::int64_t const cw = tile.childVoxelDataWidth();
+                for (int k = 0; k < W; ++k)
+                    for (int j = 0; j < W; ++j)
+                        for (int i = 0; i < W; ++i) {
+                            if (!(flags(i, j, k) & kDOFFromChild)) continue;
+                            std::int64_t const child = tile.childIndex(i / S, j / S, k / S);
+                            if (child < 0) continue;
+                            auto const childValues = io_distance.tileData(child, depth + 1);
+                            if (childValues.size() != N) continue;
+                            // The voxel's corner relative to the child's corner, in child voxels.
+                            int const ci = int(((i % S) * w) / cw);
+                            int const cj = int(((j % S) * w) / cw);
+                            int const ck = int(((k % S) * w) / cw);
+                            values(i, j, k) = childValues(ci, cj, ck);
+                        }
+            }
+        });
+    }
+}
+
+template <typename Traits>
+void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
+                        VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name)
+{
+    constexpr int W = Traits::kTileWidth;
+    constexpr std::size_t N = std::size_t(W) * W * W;
+    auto const timer = CoreGL::Logger::timer(name + ".interpolate_dirichlet2", nullptr);
+    int const lo = std::max({a, dof.minDepth(), 1});
+    int const hi = std::min(dof.depth(), b);
+    for (int depth = lo; depth <= hi; ++depth) {
+        std::int64_t const pw = Container<Traits>::voxelDataWidth(depth - 1);
+        parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
+            auto accessor = container.tileAccessor();
+            // The value of the coarse lattice point q: the voxel of depth - 1, or of the deepest
+            // tile above it, that holds q.
+            auto coarse = [&](std::int64_t x, std::int64_t y, std::int64_t z) -> float {
+                Tile<Traits> const& c = accessor.tile(x, y, z, depth - 1);
+                if (!c.valid()) return io_distance.defaultValue();
+                auto const cv = io_distance.tileData(c.treeIndex());
+                if (cv.size() != N) return io_distance.defaultValue();
+                std::int64_t const cw = c.voxelDataWidth();
+                return cv(int((x - c.ti()) / cw), int((y - c.tj()) / cw), int((z - c.tk()) / cw));
+            };
+            for (std::int64_t t = begin; t < end; ++t) {
+                Tile<Traits> const& tile = container.tile(t, depth);
+                if (tile.parent() < 0) continue;
+                auto const flags = dof.tileData(tile.treeIndex());
+                auto values = io_distance.tileData(tile.treeIndex());
+                if (flags.size() != N || values.size() != N) continue;
+                std::int64_t const w = tile.voxelDataWidth();
+                auto visit = [&](int i, int j, int k) {
+                    short const f = flags(i, j, k);
+                    if (!(f & kDOFHanging) || (f & kDOFNotInterpolated)) return;
+                    std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
+                    std::int64_t base[3];
+                    double fraction[3];
+                    for (int axis = 0; axis < 3; ++axis) {
+                        std::int64_t const r = (p[axis] + Traits::kCentreOffset) % pw;
+                        base[axis] = p[axis] - r;
+                        fraction[axis] = double(r) / double(pw);
+                    }
+                    // Axes on the coarse lattice do not interpolate: their weight of the upper
+                    // point is zero, and the point is not read.
+                    double sum = 0.0;
+                    for (int c = 0; c < 8; ++c) {
+                        double weight = 1.0;
+                        std::int64_t q[3];
+                        bool skip = false;
+                        for (int axis = 0; axis < 3; ++axis) {
+                            int const upper = (c >> axis) & 1;
+                            if (upper && fraction[axis] == 0.0) {
+                                skip = true;
+                                break;
+                            }
+                            weight *= upper ? fraction[axis] : 1.0 - fraction[axis];
+                            q[axis] = base[axis] + (upper ? pw : 0);
+                        }
+                        if (skip) continue;
+                        sum += weight * double(coarse(q[0], q[1], q[2]));
+                    }
+                    values(i, j, k) = float(sum);
+                };
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) visit(i, j, 0);
+                for (int k = 1; k < W; ++k)
+                    for (int i = 0; i < W; ++i) visit(i, 0, k);
+                for (int k = 1; k < W; ++k)
+                    for (int j = 1; j < W; ++j) visit(0, j, k);
+            }
+        });
+    }
+}
+
+#define HEXMOLD_INSTANTIATE_SWEEP_TRANSFER(TR)                                                      \
+    template void restrictToParents<TR>(Container<TR> const&, VoxelChannel<TR, short> const&,          \
+                                        VoxelChannel<TR, float>&, int, int, Quillon::String const&);   \
+    template void interpolateHanging<TR>(Container<TR> const&, VoxelChannel<TR, short> const&,         \
+                                         VoxelChannel<TR, float>&, int, int, Quillon::String const&);
+HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_SWEEP_TRANSFER)
+#undef HEXMOLD_INSTANTIATE_SWEEP_TRANSFER
+
+} // namespace VolumeGL::TileTree3D::LevelSet::detail
