@@ -4,7 +4,7 @@
 // With --interleave=N (N rounds) it skips Google Benchmark and instead times ours and the peer
 // alternately, pair by pair, N times, and prints the median rates and the median of the
 // per-round ratios, so that load on the machine affects both sides alike; --only=TEXT keeps the
-// pairs whose name contains TEXT ("--only='Traits24 gradient'").
+// pairs whose name contains TEXT ("--only='Traits24 gradient'"), --stages adds our timers.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 #include <hexmold/analysis/analyze.h>
+#include <hexmold/diagnostics/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/object.h>
@@ -155,6 +156,16 @@ public:
 };
 
 
+/// Milliseconds per timer name of our calls, by pair, and the pair being timed (for --stages).
+std::map<std::string, std::map<std::string, double>> gStageMs;
+std::map<std::string, int> gStageCalls;
+std::string gCurrentPair;
+
+void observeTimer(Quillon::StringView name, double ms)
+{
+    if (!gCurrentPair.empty()) gStageMs[gCurrentPair][std::string(name.data(), name.size())] += ms;
+}
+
 /// Seconds per call of @p run, repeated until at least @p minSeconds have passed.
 template <typename F> double secondsPerCall(F const& run, double minSeconds)
 {
@@ -180,8 +191,9 @@ double median(std::vector<double> v)
 #if HEXMOLD_HAVE_OPENVDB
 /// Ours and the peer alternately, @p rounds times per operator and tree (the order flips every
 /// round); prints the median rates and the median of the per-round ratios. A non-empty @p only
-/// keeps the pairs whose name ("Traits24 gradient") contains it, which helps profiling.
-void interleaved(int rounds, std::string const& only)
+/// keeps the pairs whose name ("Traits24 gradient") contains it, which helps profiling; with
+/// @p stages our timers' mean times per call are printed too.
+void interleaved(int rounds, std::string const& only, bool stages)
 {
     TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism, 2);
     struct Pair {
@@ -193,15 +205,23 @@ void interleaved(int rounds, std::string const& only)
     auto add = [&](auto tr, auto op, char const* name, auto peerRun) {
         using Tr = decltype(tr);
         using Op = decltype(op);
-        auto ours = [] {
+        std::string const full = std::string(traitsName<Tr>()) + " " + name;
+        auto ours = [full] {
             auto& in = input<Tr>();
-            return secondsPerCall([&] { analyze<Op>("distance", "", false, *in.object); }, 0.5) / double(in.voxels);
+            gCurrentPair = full;
+            double const s = secondsPerCall(
+                [&] {
+                    analyze<Op>("distance", "", false, *in.object);
+                    ++gStageCalls[full];
+                },
+                0.5);
+            gCurrentPair.clear();
+            return s / double(in.voxels);
         };
         auto peer = [peerRun] {
             auto grid = peerGrid<Tr>();
             return secondsPerCall([&] { peerRun(*grid); }, 0.5) / double(grid->activeVoxelCount());
         };
-        std::string const full = std::string(traitsName<Tr>()) + " " + name;
         if (full.find(only) != std::string::npos) pairs.push_back({full, ours, peer, {}, {}, {}});
     };
     auto grad = [](openvdb::FloatGrid const& g) { return openvdb::tools::gradient(g); };
@@ -217,6 +237,9 @@ void interleaved(int rounds, std::string const& only)
         q.ours();
         q.peer();
     }
+    if (stages) CoreGL::Logger::setTimerObserver(observeTimer);
+    gStageMs.clear();
+    gStageCalls.clear();
     for (int round = 0; round < rounds; ++round)
         for (Pair& q : pairs) {
             double o, p;
@@ -243,6 +266,12 @@ void interleaved(int rounds, std::string const& only)
                     q.name.c_str(), 1e-6 / median(q.o), 1e-6 / median(q.p), median(r),
                     *std::min_element(r.begin(), r.end()), *std::max_element(r.begin(), r.end()));
     }
+    if (!stages) return;
+    CoreGL::Logger::setTimerObserver(nullptr);
+    std::printf("\nOur stages, mean milliseconds per call (wall time):\n");
+    for (auto const& [pair, stageMs] : gStageMs)
+        for (auto const& [stage, ms] : stageMs)
+            std::printf("  %-24s %-50s %9.2f\n", pair.c_str(), stage.c_str(), ms / gStageCalls[pair]);
 }
 #endif
 
@@ -251,12 +280,15 @@ void interleaved(int rounds, std::string const& only)
 int main(int argc, char** argv)
 {
     std::string only;
-    for (int a = 1; a < argc; ++a)
+    bool stages = false;
+    for (int a = 1; a < argc; ++a) {
         if (std::strncmp(argv[a], "--only=", 7) == 0) only = argv[a] + 7;
+        if (std::strcmp(argv[a], "--stages") == 0) stages = true;
+    }
     for (int a = 1; a < argc; ++a)
         if (std::strncmp(argv[a], "--interleave=", 13) == 0) {
 #if HEXMOLD_HAVE_OPENVDB
-            interleaved(std::max(1, std::atoi(argv[a] + 13)), only);
+            interleaved(std::max(1, std::atoi(argv[a] + 13)), only, stages);
             return 0;
 #else
             std::printf("--interleave needs OpenVDB\n");
