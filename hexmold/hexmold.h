@@ -6,5 +6,6 @@
 #include <hexmold/analysis/level_set_sampler.h>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/levelset/dilate_erode.h>
+#include <hexmold/levelset/resize.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/substrate/container.h>

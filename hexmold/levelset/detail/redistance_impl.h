@@ -460,11 +460,14 @@ void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, 
 
 /// Every hanging voxel (DOF flag 4 without 32) of a low face of a tile of depths
 /// max(a, lowest DOF depth) to min(highest DOF depth, b) takes the linear, bilinear or trilinear
-/// mix of the coarser lattice around it; coarser depths first. Timer name +
-/// ".interpolate_dirichlet2".
+/// mix of the coarser lattice around it; coarser depths first. Where a point of that lattice
+/// still holds the background (unreached, as around the coarse tiles of a tree that is not
+/// graded) the voxel keeps its value, and with @p io_types a known voxel becomes unknown, so
+/// that the sweeps of its own depth solve it. Timer name + ".interpolate_dirichlet2".
 template <typename Traits>
 void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
-                        VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name);
+                        VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name,
+                        VoxelChannel<Traits, unsigned char>* io_types = nullptr);
 
 /// The DOF-driven V-cycle (timer name + ".sweep_adaptive"); arguments as `levelSetRedistance`.
 template <typename Traits>
