@@ -1,6 +1,7 @@
 // The hexmold command-line program.
 //   hexmold --version          the version banner text
 //   hexmold demo [radius]      adaptive volumes of a sphere's exact signed distance, both trees
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <string>
 #include <hexmold/diagnostics/version.h>
 
+#include "demo_resize.h"
 #include "demo_volume.h"
 
 namespace {
@@ -40,6 +42,8 @@ int main(int argc, char** argv)
         std::printf("%s\n\n", CoreGL::versionText().c_str());
         demo::runVolumeDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", radius);
         demo::runVolumeDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", radius);
+        demo::runResizeDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", std::min(radius, 128.0));
+        demo::runResizeDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", std::min(radius, 128.0));
         return 0;
     }
     return usage();
