@@ -2,6 +2,7 @@
 //   hexmold --version          the version banner text
 //   hexmold demo [radius]      adaptive volumes of a sphere's exact signed distance, both trees,
 //                              and the redistancing of a field right only near the sphere
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <hexmold/diagnostics/version.h>
 
 #include "demo_redistance.h"
+#include "demo_resize.h"
 #include "demo_volume.h"
 
 namespace {
@@ -42,8 +44,10 @@ int main(int argc, char** argv)
         std::printf("%s\n\n", CoreGL::versionText().c_str());
         demo::runVolumeDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", radius);
         demo::runVolumeDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", radius);
-        demo::runRedistanceDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", radius);
-        demo::runRedistanceDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", radius);
+        demo::runRedistanceDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", std::min(radius, 128.0));
+        demo::runRedistanceDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", std::min(radius, 128.0));
+        demo::runResizeDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", std::min(radius, 128.0));
+        demo::runResizeDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", std::min(radius, 128.0));
         return 0;
     }
     return usage();

@@ -221,7 +221,10 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                                                 }
                                             }
                                         } else if (useValues) {
-                                            typeBlock(i, j, k) = kValueTypeKnown;
+                                            // A hanging voxel is solved at its own depth as well:
+                                            // its interpolated value only bounds it from above.
+                                            bool const hanging = (f & kDOFHanging) && !(f & kDOFFromChild);
+                                            typeBlock(i, j, k) = hanging ? kValueTypeUnknown : kValueTypeKnown;
                                         }
                                         reset(v);
                                         continue;
@@ -370,7 +373,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
     }
     // Coarse to fine: take the border from the coarser depth, relax again.
     for (int depth = minDepth + 1; depth <= maxDepth; ++depth) {
-        interpolateHanging(container, dof, io_distance, depth, depth, name);
+        interpolateHanging(container, dof, io_distance, depth, depth, name, useValues ? types : nullptr);
         if (useValues) redistanceAtDepth(depth, post);
     }
     if (hasMask) {

@@ -4,6 +4,8 @@
 #include <hexmold/levelset/level_set_redistance.h>
 
 #include <atomic>
+#include <cmath>
+#include <limits>
 #include <memory>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
@@ -65,7 +67,8 @@ template <typename Traits> bool countsAsLeaf(Tile<Traits> const& tile, int i, in
 
 /// The face neighbour of voxel (i, j, k) of @p tile on side @p side (-1 or +1) of @p axis, read
 /// across tile borders and resolution jumps: within the tile from a leaf voxel directly,
-/// otherwise from the deepest voxel that touches the shared face in its middle.
+/// otherwise from the deepest voxel that touches the shared face in its middle. NaN where no
+/// neighbour of at most one depth coarser exists.
 template <typename Traits>
 float faceNeighbour(Tile<Traits> const& tile, ConstTileData<float, Traits::kTileWidth, 0, 0> const& block,
                     FloatChannel<Traits> const& distance, typename Container<Traits>::ConstTileAccessor& accessor,
@@ -74,14 +77,31 @@ float faceNeighbour(Tile<Traits> const& tile, ConstTileData<float, Traits::kTile
     constexpr int W = Traits::kTileWidth;
     int n[3] = {i, j, k};
     n[axis] += side;
-    if (n[0] >= 0 && n[0] < W && n[1] >= 0 && n[1] < W && n[2] >= 0 && n[2] < W &&
-        countsAsLeaf(tile, n[0], n[1], n[2], maxDepth))
-        return block(n[0], n[1], n[2]);
+    bool const inside = n[0] >= 0 && n[0] < W && n[1] >= 0 && n[1] < W && n[2] >= 0 && n[2] < W;
+    if (inside && countsAsLeaf(tile, n[0], n[1], n[2], maxDepth)) return block(n[0], n[1], n[2]);
+    if (!inside) {
+        // The same-depth tile beside, from the neighbour table, when it holds a leaf voxel there.
+        int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
+        Tile<Traits> const& beside = accessor.tileNeighbor(tile, direction);
+        if (beside.valid() && beside.depth() == tile.depth()) {
+            n[axis] = side < 0 ? W - 1 : 0;
+            if (countsAsLeaf(beside, n[0], n[1], n[2], maxDepth)) {
+                auto const other = distance.tileData(beside.treeIndex());
+                if (other.size() == block.size()) return other(n[0], n[1], n[2]);
+            }
+        }
+    }
     std::int64_t const w = tile.voxelDataWidth();
     std::int64_t p[3] = {tile.ti() + i * w + w / 2, tile.tj() + j * w + w / 2, tile.tk() + k * w + w / 2};
     std::int64_t const c = (axis == 0 ? tile.ti() + i * w : axis == 1 ? tile.tj() + j * w : tile.tk() + k * w);
     p[axis] = side < 0 ? c - 1 : c + w;
-    return valueAt<Traits, float>(accessor, distance, p[0], p[1], p[2], maxDepth, distance.defaultValue());
+    Tile<Traits> const* found = nullptr;
+    float const value = valueAt<Traits, float>(accessor, distance, p[0], p[1], p[2], maxDepth, distance.defaultValue(),
+                                               &found);
+    // A voxel more than one depth coarser (a tree that is not graded there) sits too far away
+    // for its sign to say anything about a crossing next to this voxel.
+    if (!found->valid() || found->depth() < tile.depth() - 1) return std::numeric_limits<float>::quiet_NaN();
+    return value;
 }
 
 /// Lock-free union-find over voxel ids: find with path halving, union by pointing the larger root
@@ -169,7 +189,7 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                 std::unique_ptr<Sampler<Traits>> local;
                 if (sampler) local = std::make_unique<Sampler<Traits>>(*sampler);
                 auto sample = [&](double3 const& p) { return local->valueAtTileSpace(p, maxDepth); };
-                auto gradient = [&](double3 const& p) { return detail::sampledGradient(sample, p); };
+                auto gradient = [&](double3 const& p, float f) { return detail::sampledGradient(sample, p, f); };
                 for (std::int64_t t = begin; t < end; ++t) {
                     Tile<Traits> const& tile = container.tile(t, depth);
                     auto const values = static_cast<FloatChannel<Traits> const&>(distance).tileData(tile.treeIndex());
@@ -201,7 +221,7 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                                                 for (int side = -1; side <= 1; side += 2) {
                                                     float const n = faceNeighbour(tile, values, distance, accessor,
                                                                                   i, j, k, axis, side, maxDepth);
-                                                    if ((0.0f > n) == inside) continue;
+                                                    if (std::isnan(n) || (0.0f > n) == inside) continue;
                                                     crossing = true;
                                                     float const d = std::fabs(v / (v - n)) * h;
                                                     axisDistance[axis] = std::min(axisDistance[axis], d);
@@ -217,7 +237,7 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                                             double3 const p0 = detail::samplePosition(tile, i, j, k);
                                             float const s = inside ? -1.0f : 1.0f;
                                             float const stepped = detail::stepToZeroCrossing(
-                                                sample, gradient, p0, v, s, gradient(p0), voxelSize, 0.001f * h, 4);
+                                                sample, gradient, p0, v, s, gradient(p0, sample(p0)), voxelSize, 0.001f * h, 4);
                                             if (std::fabs(stepped) < x) x = std::fabs(stepped);
                                             out(i, j, k) = s * std::max(x, kTinyDistance);
                                         }

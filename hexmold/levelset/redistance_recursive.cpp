@@ -93,7 +93,9 @@ void injectFromChildren(VoxelChannel<Traits, float>& distance, Container<Traits>
 }
 
 /// Voxels of @p depth that are unknown and still at the background of the parent voxel's sign
-/// take the parent voxel's value.
+/// take the parent voxel's value, moved away from zero by their distance from the parent voxel's
+/// place (at most the background): an upper bound of their distance, where the parent's value
+/// alone could be far too small for a voxel a coarse diagonal away.
 template <typename Traits>
 void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Traits> const& container,
                            VoxelChannel<Traits, unsigned char> const* valueType, int depth)
@@ -103,6 +105,8 @@ void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Trai
     constexpr int R = Traits::kRatio;
     constexpr std::size_t N = std::size_t(W) * W * W;
     float const background = std::fabs(distance.defaultValue());
+    float const voxelSize = container.voxelSize();
+    std::int64_t const w = Container<Traits>::voxelDataWidth(depth);
     parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
         for (std::int64_t t = begin; t < end; ++t) {
             Tile<Traits> const& tile = container.tile(t, depth);
@@ -121,7 +125,12 @@ void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Trai
                         float const c = parentValues(slot.x * S + i / R, slot.y * S + j / R, slot.z * S + k / R);
                         float const reset = 0.0f > c ? -background : background;
                         float& v = values(i, j, k);
-                        if (std::fabs(v - reset) <= kEpsilon) v = c;
+                        if (std::fabs(v - reset) > kEpsilon) continue;
+                        // The offset of this voxel from the parent voxel's corner, in finest voxels.
+                        double const di = double((i % R) * w), dj = double((j % R) * w), dk = double((k % R) * w);
+                        float const grow = float(std::sqrt(di * di + dj * dj + dk * dk)) * voxelSize;
+                        float const magnitude = std::min(std::fabs(c) + grow, background);
+                        v = 0.0f > c ? -magnitude : magnitude;
                     }
         }
     });
@@ -133,15 +142,21 @@ template <typename Traits>
 void smooth(VoxelChannel<Traits, float>& distance, VoxelChannel<Traits, float> const* mask,
             Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const* valueType, int depth,
             float interiorBand, float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation, bool coalesced,
-            int passes, float threshold, char const* redLabel, char const* blackLabel)
+            int passes, float threshold, char const* redLabel, char const* blackLabel, TileActivity& activity)
 {
+    if (passes <= 0) return;
+    // Tiles that are fixed points of the sweep are left out until a neighbour changes.
+    bool const blocks = coalescedForm<Traits>(mask, depth, interiorBand, exteriorBand, useBandAtTiles,
+                                              haloByExtrapolation, coalesced);
+    activity.reset(container, blocks ? depth - 1 : depth);
     float maxChange = FLT_MAX;
     for (int pass = 0; pass < passes && maxChange > threshold; ++pass) {
-        float const red = redistanceTiles<Traits>(kRed, distance, mask, container, valueType, depth, interiorBand,
-                                                  exteriorBand, useBandAtTiles, haloByExtrapolation, coalesced);
-        float const black = redistanceTiles<Traits>(kBlack, distance, mask, container, valueType, depth,
-                                                    interiorBand, exteriorBand, useBandAtTiles, haloByExtrapolation,
-                                                    coalesced);
+        float const red = redistanceTilesTracked<Traits>(kRed, distance, mask, container, valueType, depth,
+                                                         interiorBand, exteriorBand, useBandAtTiles,
+                                                         haloByExtrapolation, coalesced, &activity);
+        float const black = redistanceTilesTracked<Traits>(kBlack, distance, mask, container, valueType, depth,
+                                                           interiorBand, exteriorBand, useBandAtTiles,
+                                                           haloByExtrapolation, coalesced, &activity);
         maxChange = std::max(red, black);
         if (CoreGL::Logger::verboseLevel() > 2) {
             CoreGL::Logger::debugFileStream() << "Depth " << depth << redLabel << red << '\n';
@@ -164,6 +179,7 @@ void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChanne
     while (depth > minDepth && container.tileCount(depth) == 0) --depth;
     if (depth < 0) return;
     float const threshold = container.voxelSize() * tolerance * float(Container<Traits>::voxelDataWidth(depth));
+    TileActivity activity;
     printRange(io_distance, container, "before injecting values", depth);
     if (depth != maxDepth) {
         if (dof)
@@ -173,7 +189,8 @@ void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChanne
     }
     printRange(io_distance, container, "after injecting values", depth);
     smooth(io_distance, mask, container, valueType, depth, FLT_MAX, FLT_MAX, true, haloByExtrapolation,
-           performCoalescedRedistance, pre, threshold, ": maxLocalChange red = ", ": maxLocalChange black = ");
+           performCoalescedRedistance, pre, threshold, ": maxLocalChange red = ", ": maxLocalChange black = ",
+           activity);
     printRange(io_distance, container, "after pre-smooth", depth);
     if (depth > minDepth) {
         redistanceRecursively(io_distance, mask, container, valueType, tolerance, depth - 1, minDepth, maxDepth,
@@ -183,7 +200,8 @@ void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChanne
     }
     printRange(io_distance, container, "after recursive call", depth);
     smooth(io_distance, mask, container, valueType, depth, interiorBand, exteriorBand, false, haloByExtrapolation,
-           performCoalescedRedistance, post, threshold, ": maxLocalChange red2 = ", ": maxLocalChange black2 = ");
+           performCoalescedRedistance, post, threshold, ": maxLocalChange red2 = ", ": maxLocalChange black2 = ",
+           activity);
     printRange(io_distance, container, "after post-smooth", depth);
     if (depth != minDepth) {
         initializeFromParents(io_distance, container, valueType, depth);

@@ -43,7 +43,8 @@ template <typename Traits>
 float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, VoxelChannel<Traits, float>& distance,
                      VoxelChannel<Traits, float> const* mask, Container<Traits> const& container,
                      VoxelChannel<Traits, unsigned char> const* valueType, int depth, float interiorBand,
-                     float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation, DepthNumbers const& numbers)
+                     float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation, DepthNumbers const& numbers,
+                     detail::TileActivity* activity)
 {
     constexpr int W = Traits::kTileWidth;
     constexpr int S = Traits::kVoxelsPerSlot;
@@ -83,6 +84,7 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
             }
         }
         if (tileColor<Traits>(tile.tijk(), depth) != colour) continue;
+        if (activity && activity->skippable(t)) continue;
         auto block = distance.tileData(tile.treeIndex());
         if (block.size() != N) continue;
         unsigned char const* types = scratch.unknown.data();
@@ -90,7 +92,10 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
             auto const typeBlock = valueType->tileData(tile.treeIndex());
             if (typeBlock.size() != N) continue;
             types = typeBlock.data();
-            if (!detail::hasUnknown<N>(types)) continue;
+            if (!detail::hasUnknown<N>(types)) {
+                if (activity) activity->record(t, false);
+                continue;
+            }
             std::copy_n(types, N, scratch.unknown.data());
             types = scratch.unknown.data();
         } else {
@@ -114,6 +119,7 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
                                           detail::PlainNeighbour{});
         }
         maxChange = std::max(maxChange, change);
+        if (activity) activity->record(t, change > 0.0f);
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) block(i, j, k) = scratch.values(i, j, k);
@@ -127,7 +133,7 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
 float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType colour,
                           VoxelChannel<Traits24, float>& distance, Container<Traits24> const& container,
                           VoxelChannel<Traits24, unsigned char> const* valueType, int depth,
-                          DepthNumbers const& numbers)
+                          DepthNumbers const& numbers, detail::TileActivity* activity)
 {
     constexpr int W = Traits24::kTileWidth;
     constexpr int B = 2 * W;
@@ -136,13 +142,12 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
     std::array<unsigned char, std::size_t(B) * B * B> types;
     auto accessor = container.tileAccessor();
     float const background = std::fabs(distance.defaultValue());
-    std::int64_t const w = Container<Traits24>::voxelDataWidth(depth);
-    std::int64_t const tw = Container<Traits24>::tileVoxelWidth(depth);
     float maxChange = 0.0f;
     for (std::int64_t t = begin; t < end; ++t) {
         Tile<Traits24> const& parent = container.tile(t, depth - 1);
         if (tileColor<Traits24>(parent.tijk(), depth - 1) != colour) continue;
         if (parent.isLeaf()) continue;
+        if (activity && activity->skippable(t)) continue;
         auto const parentValues = distance.tileData(parent.treeIndex());
         bool anyUnknown = false;
         // Gather: children where they exist, else the parent's side at the background, known.
@@ -169,36 +174,50 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
                         }
                     }
         }
-        if (!anyUnknown) continue;
-        // Halo faces: the tile of this depth beyond the face, or a copy of the outermost layer.
-        std::int64_t const ox = parent.ti(), oy = parent.tj(), oz = parent.tk();
-        auto fill = [&](int i, int j, int k, int ii, int jj, int kk) {
-            std::int64_t const x = ox + std::int64_t(i) * w, y = oy + std::int64_t(j) * w,
-                               z = oz + std::int64_t(k) * w;
-            Tile<Traits24> const& n = accessor.tile(x, y, z, depth);
-            if (n.valid() && n.depth() == depth) {
-                auto const nv = distance.tileData(n.treeIndex());
-                if (nv.size() == N) {
-                    values(i, j, k) = nv(int((x - n.ti()) / w), int((y - n.tj()) / w), int((z - n.tk()) / w));
-                    return;
-                }
+        if (!anyUnknown) {
+            if (activity) activity->record(t, false);
+            continue;
+        }
+        // Halo faces: the tile of this depth beyond the face (a child of the parent's neighbour),
+        // or a copy of the block's outermost layer where there is none.
+        for (int axis = 0; axis < 3; ++axis)
+            for (int side = -1; side <= 1; side += 2) {
+                int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
+                Tile<Traits24> const& beside = accessor.tileNeighbor(parent, direction);
+                bool const sameDepth = beside.valid() && beside.depth() == depth - 1;
+                int const layer = side < 0 ? -1 : B;
+                int const inner = side < 0 ? 0 : B - 1;
+                for (int b = 0; b < B; ++b)
+                    for (int a = 0; a < B; ++a) {
+                        int at[3], from[3];
+                        at[axis] = layer, from[axis] = inner;
+                        at[(axis + 1) % 3] = from[(axis + 1) % 3] = a;
+                        at[(axis + 2) % 3] = from[(axis + 2) % 3] = b;
+                        float& target = values(at[0], at[1], at[2]);
+                        if (sameDepth) {
+                            int slot[3], local[3];
+                            for (int c = 0; c < 3; ++c) {
+                                int const e = c == axis ? (side < 0 ? B - 1 : 0) : at[c];
+                                slot[c] = e / W;
+                                local[c] = e % W;
+                            }
+                            std::int64_t const child = beside.childIndex(slot[0], slot[1], slot[2]);
+                            if (child >= 0) {
+                                auto const nv = distance.tileData(child, depth);
+                                if (nv.size() == N) {
+                                    target = nv(local[0], local[1], local[2]);
+                                    continue;
+                                }
+                            }
+                        }
+                        target = values(from[0], from[1], from[2]);
+                    }
             }
-            values(i, j, k) = values(ii, jj, kk);
-        };
-        for (int a = 0; a < B; ++a)
-            for (int b = 0; b < B; ++b) {
-                fill(-1, a, b, 0, a, b);
-                fill(B, a, b, B - 1, a, b);
-                fill(a, -1, b, a, 0, b);
-                fill(a, B, b, a, B - 1, b);
-                fill(a, b, -1, a, b, 0);
-                fill(a, b, B, a, b, B - 1);
-            }
-        (void)tw;
         float const change = detail::sweepTile<B>(FLT_MAX, FLT_MAX, numbers, types.data(), values,
                                                   detail::kSweepEightDirections, true, detail::kVoxelsPerTile<Traits24>,
                                                   detail::PlainNeighbour{});
         maxChange = std::max(maxChange, change);
+        if (activity) activity->record(t, change > 0.0f);
         // Scatter back into the children that exist.
         for (int slot = 0; slot < Traits24::kChildCount; ++slot) {
             std::int64_t const child = parent.childIndex(slot);
@@ -216,6 +235,38 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
 
 } // namespace
 
+namespace detail {
+
+template <typename Traits>
+float redistanceTilesTracked(RedBlackType colour, VoxelChannel<Traits, float>& io_distance,
+                             VoxelChannel<Traits, float> const* mask, Container<Traits> const& container,
+                             VoxelChannel<Traits, unsigned char> const* valueType, int depth, float interiorBand,
+                             float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation,
+                             bool performCoalescedRedistance, TileActivity* activity)
+{
+    if (depth < 0 || depth > Traits::kMaxDepth) return 0.0f;
+    DepthNumbers const numbers = depthNumbers<Traits>(container.voxelSize(), depth, 0.0f);
+    float result;
+    if constexpr (std::is_same_v<Traits, Traits24>) {
+        if (coalescedForm<Traits>(mask, depth, interiorBand, exteriorBand, useBandAtTiles, haloByExtrapolation,
+                                  performCoalescedRedistance)) {
+            result = parallelMaximum(container.tileCount(depth - 1), [&](std::int64_t b, std::int64_t e) {
+                return sweepCoalescedRange(b, e, colour, io_distance, container, valueType, depth, numbers, activity);
+            });
+            if (activity) ++activity->pass;
+            return result;
+        }
+    }
+    result = parallelMaximum(container.tileCount(depth), [&](std::int64_t b, std::int64_t e) {
+        return sweepTileRange<Traits>(b, e, colour, io_distance, mask, container, valueType, depth, interiorBand,
+                                      exteriorBand, useBandAtTiles, haloByExtrapolation, numbers, activity);
+    });
+    if (activity) ++activity->pass;
+    return result;
+}
+
+} // namespace detail
+
 template <typename Traits>
 float redistanceTiles(RedBlackType colour, VoxelChannel<Traits, float>& io_distance,
                       VoxelChannel<Traits, float> const* mask, Container<Traits> const& container,
@@ -223,26 +274,15 @@ float redistanceTiles(RedBlackType colour, VoxelChannel<Traits, float>& io_dista
                       float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation,
                       bool performCoalescedRedistance)
 {
-    if (depth < 0 || depth > Traits::kMaxDepth) return 0.0f;
-    DepthNumbers const numbers = detail::depthNumbers<Traits>(container.voxelSize(), depth, 0.0f);
-    if constexpr (std::is_same_v<Traits, Traits24>) {
-        bool const coalesced = performCoalescedRedistance && useBandAtTiles && !haloByExtrapolation && !mask &&
-                               !bandInUse(interiorBand) && !bandInUse(exteriorBand) && depth > 0;
-        if (coalesced) {
-            return detail::parallelMaximum(container.tileCount(depth - 1), [&](std::int64_t b, std::int64_t e) {
-                return sweepCoalescedRange(b, e, colour, io_distance, container, valueType, depth, numbers);
-            });
-        }
-    }
-    return detail::parallelMaximum(container.tileCount(depth), [&](std::int64_t b, std::int64_t e) {
-        return sweepTileRange<Traits>(b, e, colour, io_distance, mask, container, valueType, depth, interiorBand,
-                                      exteriorBand, useBandAtTiles, haloByExtrapolation, numbers);
-    });
+    return detail::redistanceTilesTracked<Traits>(colour, io_distance, mask, container, valueType, depth,
+                                                  interiorBand, exteriorBand, useBandAtTiles, haloByExtrapolation,
+                                                  performCoalescedRedistance, nullptr);
 }
 
 #define HEXMOLD_INSTANTIATE_REDISTANCE_TILES(TR)                                                    \
     template HEXMOLD_API decltype(tileColor<TR>) tileColor<TR>;                                      \
-    template HEXMOLD_API decltype(redistanceTiles<TR>) redistanceTiles<TR>;
+    template HEXMOLD_API decltype(redistanceTiles<TR>) redistanceTiles<TR>;                          \
+    template decltype(detail::redistanceTilesTracked<TR>) detail::redistanceTilesTracked<TR>;
 HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_REDISTANCE_TILES)
 #undef HEXMOLD_INSTANTIATE_REDISTANCE_TILES
 

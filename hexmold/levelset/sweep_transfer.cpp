@@ -49,11 +49,13 @@ void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, 
 
 template <typename Traits>
 void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
-                        VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name)
+                        VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name,
+                        VoxelChannel<Traits, unsigned char>* io_types)
 {
     constexpr int W = Traits::kTileWidth;
     constexpr std::size_t N = std::size_t(W) * W * W;
     auto const timer = CoreGL::Logger::timer(name + ".interpolate_dirichlet2", nullptr);
+    float const background = std::fabs(io_distance.defaultValue());
     int const lo = std::max({a, dof.minDepth(), 1});
     int const hi = std::min(dof.depth(), b);
     for (int depth = lo; depth <= hi; ++depth) {
@@ -77,6 +79,7 @@ void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits,
                 auto values = io_distance.tileData(tile.treeIndex());
                 if (flags.size() != N || values.size() != N) continue;
                 std::int64_t const w = tile.voxelDataWidth();
+                auto types = io_types ? io_types->tileData(tile.treeIndex()) : TileData<unsigned char, W, 0, 0>();
                 auto visit = [&](int i, int j, int k) {
                     short const f = flags(i, j, k);
                     if (!(f & kDOFHanging) || (f & kDOFNotInterpolated)) return;
@@ -105,9 +108,21 @@ void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits,
                             q[axis] = base[axis] + (upper ? pw : 0);
                         }
                         if (skip) continue;
-                        sum += weight * double(coarse(q[0], q[1], q[2]));
+                        float const value = coarse(q[0], q[1], q[2]);
+                        if (!(std::fabs(value) < background - kEpsilon)) {
+                            // The coarse lattice is unreached here: no value to interpolate, and
+                            // the voxel is solved at its own depth instead.
+                            if (types.size() == N && types(i, j, k) == kValueTypeKnown) types(i, j, k) = kValueTypeUnknown;
+                            return;
+                        }
+                        sum += weight * double(value);
                     }
-                    values(i, j, k) = float(sum);
+                    float const interpolated = float(sum);
+                    // An unknown voxel keeps the smaller magnitude: the interpolation bounds it.
+                    if (types.size() == N && types(i, j, k) == kValueTypeUnknown &&
+                        !(std::fabs(interpolated) < std::fabs(values(i, j, k))))
+                        return;
+                    values(i, j, k) = interpolated;
                 };
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) visit(i, j, 0);
@@ -124,7 +139,8 @@ void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits,
     template void restrictToParents<TR>(Container<TR> const&, VoxelChannel<TR, short> const&,          \
                                         VoxelChannel<TR, float>&, int, int, Quillon::String const&);   \
     template void interpolateHanging<TR>(Container<TR> const&, VoxelChannel<TR, short> const&,         \
-                                         VoxelChannel<TR, float>&, int, int, Quillon::String const&);
+                                         VoxelChannel<TR, float>&, int, int, Quillon::String const&,   \
+                                         VoxelChannel<TR, unsigned char>*);
 HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_SWEEP_TRANSFER)
 #undef HEXMOLD_INSTANTIATE_SWEEP_TRANSFER
 

@@ -7,6 +7,9 @@
 ///          folder's `.cpp` files.
 #pragma once
 #include <algorithm>
+#include <array>
+#include <type_traits>
+#include <vector>
 #include <cfloat>
 #include <cmath>
 #include <cstddef>
@@ -18,6 +21,7 @@
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/tile_data.h>
+#include <hexmold/substrate/traits.h>
 
 namespace VolumeGL::TileTree3D::LevelSet::detail {
 
@@ -97,10 +101,20 @@ struct MaskedNeighbour {
 };
 
 /// One eikonal update of value @p v from the three chosen neighbours, solved on the positive side.
+/// @details The update of the eikonal solve is never below the smallest neighbour plus h / sqrt(3)
+///          (three equal neighbours), and it only ever lowers |v|. So when the smallest neighbour
+///          plus 0.57 h already reaches |v| the result is |v| with v's side, and the solve is left
+///          out. The margin to h / sqrt(3) covers the rounding of the solve as long as the values
+///          are below 2^16 spacings, beyond which the solve always runs.
 inline float eikonalUpdate(DepthNumbers const& n, float a, float b, float c, float v)
 {
-    if (v < 0.0f) return -CoreGL::detail::solveEikonalInline(n.h, n.h2, n.h3, -a, -b, -c, v);
-    return CoreGL::detail::solveEikonalInline(n.h, n.h2, n.h3, a, b, c, v);
+    bool const inside = v < 0.0f;
+    if (inside) a = -a, b = -b, c = -c;
+    float const bound = std::fabs(v);
+    float const s0 = std::min(a, std::min(b, c));
+    if (s0 + 0.57f * n.h >= bound && s0 < 65536.0f * n.h) return inside ? -bound : bound;
+    float const r = CoreGL::detail::solveEikonalInline(n.h, n.h2, n.h3, a, b, c, v);
+    return inside ? -r : r;
 }
 
 /// Sweep modes of `sweepTile`.
@@ -218,7 +232,7 @@ template <std::size_t N> bool hasUnknown(unsigned char const* types)
 ///        field @p sample, by at most @p maxSteps steps of the field's value along its
 ///        normalised gradient.
 /// @param sample    position -> value (world units)
-/// @param gradient  position -> gradient (any positive scale)
+/// @param gradient  (position, value there) -> gradient (any positive scale)
 /// @param v         the value at @p p0; @p s its side (-1 inside, +1 outside)
 /// @param g0        the gradient at @p p0
 /// @param t         convergence threshold on |value|
@@ -236,7 +250,7 @@ float stepToZeroCrossing(Sample& sample, Gradient& gradient, double3 const& p0, 
     float f = v;
     float const inverseVoxelSize = 1.0f / voxelSize;
     for (int n = 1; n <= maxSteps; ++n) {
-        double3 const g = n == 1 ? g0 : gradient(p);
+        double3 const g = n == 1 ? g0 : gradient(p, f);
         double norm = std::sqrt(g.x * g.x + g.y * g.y + g.z * g.z);
         if (!(norm <= double(FLT_MAX))) norm = double(FLT_MAX);
         if (!(norm > double(kEpsilon))) break;
@@ -256,13 +270,14 @@ float stepToZeroCrossing(Sample& sample, Gradient& gradient, double3 const& p0, 
     return std::max(length, kTinyDistance) * (voxelSize * s);
 }
 
-/// Central-difference gradient of @p sample at @p p, half a finest voxel each way.
-template <typename Sample> double3 sampledGradient(Sample& sample, double3 const& p)
+/// Forward-difference gradient of @p sample at @p p, where the value @p f is known: half a
+/// finest voxel along each axis, three samples.
+template <typename Sample> double3 sampledGradient(Sample& sample, double3 const& p, float f)
 {
     constexpr double d = 0.5;
-    return {double(sample(double3{p.x + d, p.y, p.z})) - double(sample(double3{p.x - d, p.y, p.z})),
-            double(sample(double3{p.x, p.y + d, p.z})) - double(sample(double3{p.x, p.y - d, p.z})),
-            double(sample(double3{p.x, p.y, p.z + d})) - double(sample(double3{p.x, p.y, p.z - d}))};
+    double const base = double(f);
+    return {double(sample(double3{p.x + d, p.y, p.z})) - base, double(sample(double3{p.x, p.y + d, p.z})) - base,
+            double(sample(double3{p.x, p.y, p.z + d})) - base};
 }
 
 /// @brief The surface distance of a voxel next to the zero crossing: the Newton estimate from
@@ -279,8 +294,8 @@ float surfaceDistance(Sample& sample, float v, float const (&neighbours)[6], flo
     float const t = h * 0.001f;
     if (std::fabs(v) <= t) return v;
     float const s = 0.0f > v ? -1.0f : 1.0f;
-    double3 const g = sampledGradient(sample, p0);
-    auto gradient = [&](double3 const& p) { return sampledGradient(sample, p); };
+    auto gradient = [&](double3 const& p, float f) { return sampledGradient(sample, p, f); };
+    double3 const g = gradient(p0, sample(p0));
     float r = stepToZeroCrossing(sample, gradient, p0, v, s, g, voxelSize, t, 10);
     bool const inside = 0.0f > v;
     for (float n : neighbours) {
@@ -350,6 +365,89 @@ template <int W> constexpr std::size_t voxelIndex(int i, int j, int k)
     return std::size_t(i) + std::size_t(W) * (std::size_t(j) + std::size_t(W) * std::size_t(k));
 }
 
+/// @brief Which tiles of one depth a colour pass may leave out, because sweeping them again
+///        would change nothing.
+/// @details A tile sweep is a function of the tile's values and of its face rim, which comes
+///          from the same-depth tiles beside it (tiles of other depths do not change while a
+///          depth is swept). When a sweep changed no value of a tile, the tile is a fixed point
+///          of the sweep for that rim; until a face neighbour changes, sweeping it again gives
+///          exactly the same values and a change of exactly 0. Leaving it out therefore changes
+///          neither the result nor the reported change: it only saves the work. Valid for one
+///          series of passes with fixed arguments; `reset` before each series.
+struct TileActivity {
+    std::vector<std::array<std::int64_t, 6>> faces; ///< same-depth face neighbours, -1 for none
+    std::vector<std::int32_t> quietSince;          ///< pass of the last sweep without change, or -1
+    std::vector<std::int32_t> changedAt;           ///< pass of the last change, or -1
+    std::vector<unsigned char> flag;               ///< a per-tile result of the last sweep
+    std::int32_t pass = 0;                         ///< the current pass
+    int depth = -1;
+    std::int64_t tiles = -1;
+
+    /// Prepares the tiles of @p depth (the face table only when the tree changed depth or size).
+    template <typename Traits> void reset(Container<Traits> const& container, int depth_)
+    {
+        std::int64_t const n = container.tileCount(depth_);
+        if (depth_ != depth || n != tiles) {
+            depth = depth_;
+            tiles = n;
+            faces.assign(std::size_t(n), {});
+            parallelRanges(n, [&](std::int64_t begin, std::int64_t end) {
+                auto accessor = container.tileAccessor();
+                static constexpr int kFaceDirections[6] = {4, 22, 10, 16, 12, 14};
+                for (std::int64_t t = begin; t < end; ++t) {
+                    Tile<Traits> const& tile = container.tile(t, depth_);
+                    for (int f = 0; f < 6; ++f) {
+                        Tile<Traits> const& nb = accessor.tileNeighbor(tile, kFaceDirections[f]);
+                        faces[std::size_t(t)][f] = nb.valid() && nb.depth() == depth_ ? nb.index() : -1;
+                    }
+                }
+            });
+        }
+        quietSince.assign(std::size_t(n), -1);
+        changedAt.assign(std::size_t(n), -1);
+        flag.assign(std::size_t(n), 0);
+        pass = 0;
+    }
+    /// Whether tile @p t is a fixed point of the sweep for its current rim.
+    bool skippable(std::int64_t t) const
+    {
+        std::int32_t const q = quietSince[std::size_t(t)];
+        if (q < 0) return false;
+        for (std::int64_t n : faces[std::size_t(t)])
+            if (n >= 0 && changedAt[std::size_t(n)] > q) return false;
+        return true;
+    }
+    /// Records the sweep of tile @p t in the current pass.
+    void record(std::int64_t t, bool changed)
+    {
+        if (changed) {
+            changedAt[std::size_t(t)] = pass;
+            quietSince[std::size_t(t)] = -1;
+        } else {
+            quietSince[std::size_t(t)] = pass;
+        }
+    }
+};
+
+/// `redistanceTiles` with the skipping of fixed-point tiles; @p activity (may be null) belongs
+/// to the depth swept, or to depth - 1 for the coalesced blocks, and is advanced by one pass.
+template <typename Traits>
+float redistanceTilesTracked(RedBlackType colour, VoxelChannel<Traits, float>& io_distance,
+                             VoxelChannel<Traits, float> const* mask, Container<Traits> const& container,
+                             VoxelChannel<Traits, unsigned char> const* valueType, int depth, float interiorBand,
+                             float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation,
+                             bool performCoalescedRedistance, TileActivity* activity);
+
+/// Whether `redistanceTiles` takes the coalesced form for these arguments.
+template <typename Traits>
+bool coalescedForm(VoxelChannel<Traits, float> const* mask, int depth, float interiorBand, float exteriorBand,
+                   bool useBandAtTiles, bool haloByExtrapolation, bool performCoalescedRedistance)
+{
+    auto inUse = [](float band) { return std::fabs(band - FLT_MAX) > kEpsilon; };
+    return std::is_same_v<Traits, TVL::TileTree3D::Traits24> && performCoalescedRedistance && useBandAtTiles &&
+           !haloByExtrapolation && !mask && !inUse(interiorBand) && !inUse(exteriorBand) && depth > 0;
+}
+
 // ---- stages shared by the sources of the folder ----------------------------------------------
 
 /// Every voxel with DOF flag 2 of the depths max(a, lowest DOF depth) to
@@ -362,11 +460,14 @@ void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, 
 
 /// Every hanging voxel (DOF flag 4 without 32) of a low face of a tile of depths
 /// max(a, lowest DOF depth) to min(highest DOF depth, b) takes the linear, bilinear or trilinear
-/// mix of the coarser lattice around it; coarser depths first. Timer name +
-/// ".interpolate_dirichlet2".
+/// mix of the coarser lattice around it; coarser depths first. Where a point of that lattice
+/// still holds the background (unreached, as around the coarse tiles of a tree that is not
+/// graded) the voxel keeps its value, and with @p io_types a known voxel becomes unknown, so
+/// that the sweeps of its own depth solve it. Timer name + ".interpolate_dirichlet2".
 template <typename Traits>
 void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
-                        VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name);
+                        VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name,
+                        VoxelChannel<Traits, unsigned char>* io_types = nullptr);
 
 /// The DOF-driven V-cycle (timer name + ".sweep_adaptive"); arguments as `levelSetRedistance`.
 template <typename Traits>

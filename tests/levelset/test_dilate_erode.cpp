@@ -1,0 +1,302 @@
+// Dilation and erosion: on a sphere band against the exact distance (the band covered, nothing
+// far kept), the listed edge cases with the radii and thresholds worked out by hand, the log
+// lines and timers, the channel that follows the erosion, and determinism over thread counts.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+#include <hexmold/diagnostics/logger.h>
+#include <hexmold/levelset/dilate_erode.h>
+#include <hexmold/platform/testing/recording_services.h>
+#include <hexmold/substrate/parallel.h>
+#include "support/analysis_scene.h"
+#include "support/random_trees.h"
+#include "support/trees.h"
+
+using namespace TVL::TileTree3D;
+using namespace VolumeGL::TileTree3D::LevelSet;
+
+namespace {
+
+template <typename Tr> class DilateErode : public ::testing::Test {};
+using TraitsTypes = ::testing::Types<Traits24, Traits55>;
+struct TraitsNames {
+    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+};
+TYPED_TEST_SUITE(DilateErode, TraitsTypes, TraitsNames);
+
+using Key = std::tuple<int, int, int, int>;
+constexpr float kVoxel = 0.5f;   ///< finest voxel, world units
+constexpr double kRadius = 20.0; ///< sphere radius in finest voxels
+
+template <typename Tr> std::set<Key> tileSet(Container<Tr> const& c)
+{
+    std::set<Key> out;
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
+            auto const& tile = c.tile(t, d);
+            out.emplace(d, tile.ti(), tile.tj(), tile.tk());
+        }
+    return out;
+}
+
+/// Exact signed distance (world units) of the sphere at the centre of a voxel.
+template <typename Tr> float exactAt(Tile<Tr> const& t, int i, int j, int k)
+{
+    double const w = double(t.voxelDataWidth());
+    double const x = (t.ti() + (i + 0.5) * w) * kVoxel, y = (t.tj() + (j + 0.5) * w) * kVoxel,
+                 z = (t.tk() + (k + 0.5) * w) * kVoxel;
+    return float(std::sqrt(x * x + y * y + z * z) - kRadius * kVoxel);
+}
+
+/// A tree with the deepest tiles within @p band finest voxels of the sphere (and their
+/// ancestors), and a distance channel of the exact values over all its tiles.
+template <typename Tr> struct Band {
+    Container<Tr> tree{"tree", kVoxel};
+    VoxelChannel<Tr, float> phi{"phi", nullptr, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth};
+
+    explicit Band(double band)
+    {
+        testtrees::refineWhere<Tr>(tree, Tr::kMaxDepth, [&](int3 const& corner, int depth) {
+            return testtrees::boxSphereDistance<Tr>(corner, depth, kRadius) <= band;
+        });
+        fill();
+    }
+    /// Exact values in every block (after a change of the tree, too).
+    void fill()
+    {
+        phi.update(tree);
+        constexpr int W = Tr::kTileWidth;
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
+                auto td = phi.tileData(t, d);
+                for (int k = 0; k < W; ++k)
+                    for (int j = 0; j < W; ++j)
+                        for (int i = 0; i < W; ++i) td(i, j, k) = exactAt(tree.tile(t, d), i, j, k);
+            }
+    }
+};
+
+/// Every finest voxel whose centre lies within @p bandwidth (world) of the sphere is in a tile.
+template <typename Tr> int uncoveredVoxels(Container<Tr> const& c, double bandwidth)
+{
+    testtrees::TileSet<Tr> tiles(c);
+    int missing = 0;
+    int const reach = int(kRadius + bandwidth / kVoxel) + 2;
+    for (int z = -reach; z < reach; ++z)
+        for (int y = -reach; y < reach; ++y)
+            for (int x = -reach; x < reach; ++x) {
+                double const d = std::sqrt((x + 0.5) * (x + 0.5) + (y + 0.5) * (y + 0.5) + (z + 0.5) * (z + 0.5)) - kRadius;
+                if (std::abs(d) * kVoxel > bandwidth) continue;
+                if (!tiles.at(x, y, z, Tr::kMaxDepth)) ++missing;
+            }
+    return missing;
+}
+
+TYPED_TEST(DilateErode, DilateThenErodeCoversTheBandAndKeepsNothingFar)
+{
+    using Tr = TypeParam;
+    for (double voxels : {3.0, 6.5}) {
+        Band<Tr> band(1.0);
+        double const bandwidth = voxels * kVoxel;
+        TileCornerLists<Tr> added;
+        dilate(float(bandwidth), band.tree, band.phi, added, CoreGL::NOPLogger{}, 0, Tr::kMaxDepth);
+        EXPECT_EQ(uncoveredVoxels(band.tree, bandwidth), 0) << voxels << " voxels, after dilate";
+        band.fill();
+        erode(float(bandwidth), band.tree, band.phi, CoreGL::NOPLogger{});
+        EXPECT_EQ(uncoveredVoxels(band.tree, bandwidth), 0) << voxels << " voxels, after erode";
+        // No tile whose voxels all lie farther than the bandwidth plus a tile diagonal.
+        constexpr int W = Tr::kTileWidth;
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            for (std::int64_t t = 0; t < band.tree.tileCount(d); ++t) {
+                auto const& tile = band.tree.tile(t, d);
+                double const diagonal = std::sqrt(3.0) * double(tile.tileVoxelWidth()) * kVoxel;
+                double nearest = 1e30;
+                for (int k = 0; k < W; ++k)
+                    for (int j = 0; j < W; ++j)
+                        for (int i = 0; i < W; ++i) nearest = std::min(nearest, double(std::abs(exactAt(tile, i, j, k))));
+                EXPECT_LT(nearest, bandwidth + 1.01 * diagonal) << "depth " << d;
+                // The channel's blocks moved with their tiles.
+                auto const td = band.phi.tileData(t, d);
+                EXPECT_EQ(td(1, 1, 1), exactAt(tile, 1, 1, 1));
+            }
+    }
+}
+
+/// R of a tile of width t with bandwidth 0, and the distances from its dilation centre (the mean
+/// of its corners, corner + (t - 1) / 2) to the centres (corner + t / 2) of the face neighbours
+/// below and above it on one axis, in finest voxels.
+template <typename Tr> struct LoneTileGeometry {
+    static constexpr double t = double(Tr::tileVoxelWidth(Tr::kMaxDepth));
+    static double radius0()
+    {
+        float const e = float(t - 1);
+        return double(std::sqrt(e * e + e * e + e * e) * 1.01f * 0.5f);
+    }
+    static double lowNeighbour() { return std::sqrt((t - 0.5) * (t - 0.5) + 0.5); }
+    static double highNeighbour() { return std::sqrt((t + 0.5) * (t + 0.5) + 0.5); }
+};
+
+/// A single tile of @p depth at the origin holding the value @p value everywhere; its ancestors
+/// hold 0, so that erosion keeps them (dilation is run on @p depth alone).
+template <typename Tr> struct LoneTile {
+    Container<Tr> tree{"tree", kVoxel};
+    VoxelChannel<Tr, float> phi{"phi", nullptr, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth};
+    LoneTile(float value, int depth = Tr::kMaxDepth)
+    {
+        tree.tileAccessor().addTile(0, 0, 0, depth);
+        phi.update(tree);
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            for (std::int64_t t = 0; t < tree.tileCount(d); ++t) phi.tileData(t, d).set(d == depth ? value : 0.0f);
+    }
+};
+
+TYPED_TEST(DilateErode, ZeroBandwidthDilatesWithinTheHalfDiagonalAndErodesBeyondOneTileDiagonal)
+{
+    using Tr = TypeParam;
+    using G = LoneTileGeometry<Tr>;
+    // Half a diagonal times 1.01 reaches no neighbour's centre: nothing is added.
+    ASSERT_LT(G::radius0(), G::lowNeighbour());
+    LoneTile<Tr> lone(0.0f);
+    TileCornerLists<Tr> added;
+    dilate(0.0f, lone.tree, lone.phi, added, CoreGL::NOPLogger{}, Tr::kMaxDepth, Tr::kMaxDepth);
+    EXPECT_EQ(added[Tr::kMaxDepth].size(), 0u);
+    // A radius between the two neighbour distances adds the three face neighbours below the
+    // tile and none above it.
+    LoneTile<Tr> grown(0.0f);
+    double const between = 0.5 * (G::lowNeighbour() + G::highNeighbour()) - G::radius0();
+    dilate(float(between * kVoxel), grown.tree, grown.phi, added, CoreGL::NOPLogger{}, Tr::kMaxDepth, Tr::kMaxDepth);
+    EXPECT_EQ(added[Tr::kMaxDepth].size(), 3u);
+    int3 const own = grown.tree.tile(0, Tr::kMaxDepth).tijk();
+    for (int3 const& p : added[Tr::kMaxDepth]) EXPECT_EQ(p.x + p.y + p.z, own.x + own.y + own.z - int(G::t));
+
+    // Erosion with bandwidth 0 keeps a tile whose nearest value is just inside one tile
+    // diagonal and removes it just outside.
+    float const diagonal = kVoxel * 1.01f * 1.7320508f * float(G::t);
+    LoneTile<Tr> inside(std::nextafter(diagonal, 0.0f));
+    erode(0.0f, inside.tree, inside.phi, CoreGL::NOPLogger{});
+    EXPECT_EQ(inside.tree.tileCount(Tr::kMaxDepth), 1);
+    LoneTile<Tr> outside(diagonal);
+    erode(0.0f, outside.tree, outside.phi, CoreGL::NOPLogger{});
+    EXPECT_EQ(outside.tree.tileCount(Tr::kMaxDepth), 0);
+}
+
+TYPED_TEST(DilateErode, BackgroundTilesNeverDilateAndAlwaysErode)
+{
+    using Tr = TypeParam;
+    float const background = 1e3f;
+    LoneTile<Tr> lone(background);
+    TileCornerLists<Tr> added;
+    dilate(10.0f * kVoxel, lone.tree, lone.phi, added, CoreGL::NOPLogger{}, Tr::kMaxDepth, Tr::kMaxDepth);
+    for (int d = 0; d <= Tr::kMaxDepth; ++d) EXPECT_EQ(added[d].size(), 0u);
+    erode(10.0f * kVoxel, lone.tree, lone.phi, CoreGL::NOPLogger{});
+    EXPECT_EQ(lone.tree.tileCount(Tr::kMaxDepth), 0);
+}
+
+TYPED_TEST(DilateErode, CoarseSurfaceTilesAddCoarseTilesOnTheirOwnLattice)
+{
+    using Tr = TypeParam;
+    int const d = Tr::kMaxDepth - 2;
+    LoneTile<Tr> lone(0.0f, d);
+    std::int64_t const t = Tr::tileVoxelWidth(d);
+    TileCornerLists<Tr> added;
+    dilate(float(1.5 * double(t)) * kVoxel, lone.tree, lone.phi, added, CoreGL::NOPLogger{}, d, d);
+    EXPECT_GT(added[d].size(), 6u);
+    for (int q = d + 1; q <= Tr::kMaxDepth; ++q) EXPECT_EQ(added[q].size(), 0u);
+    for (int3 const& p : added[d]) {
+        EXPECT_EQ((p.x + Tr::kCentreOffset) % t, 0);
+        EXPECT_EQ((p.y + Tr::kCentreOffset) % t, 0);
+        EXPECT_EQ((p.z + Tr::kCentreOffset) % t, 0);
+    }
+}
+
+TYPED_TEST(DilateErode, EmptyVolumeAddsAndRemovesNothingAndSaysSo)
+{
+    using Tr = TypeParam;
+    Container<Tr> tree("tree", kVoxel);
+    VoxelChannel<Tr, float> phi("phi", nullptr, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
+    phi.update(tree);
+    Quillon::Testing::RecordingServices services;
+    CoreGL::QuillonLogger const logger(&services);
+    TileCornerLists<Tr> added;
+    dilate(3.0f, tree, phi, added, logger, 0, Tr::kMaxDepth);
+    erode(3.0f, tree, phi, logger);
+    EXPECT_EQ(tree.tileCount(-1), 0);
+    EXPECT_TRUE(services.contains(Quillon::RuntimeMessageCategory::kInfo, "Added 0 tiles."));
+    EXPECT_TRUE(services.contains(Quillon::RuntimeMessageCategory::kInfo, "Removed 0 tiles."));
+}
+
+std::vector<std::string> gTimers;
+void recordTimer(Quillon::StringView name, double) { gTimers.emplace_back(name); }
+
+TYPED_TEST(DilateErode, LogLinesTimersAndCounts)
+{
+    using Tr = TypeParam;
+    Band<Tr> band(1.0);
+    std::int64_t const before = band.tree.tileCount(-1);
+    gTimers.clear();
+    CoreGL::Logger::setTimerObserver(&recordTimer);
+    int const saved = CoreGL::Logger::verboseLevel();
+    CoreGL::Logger::setVerboseLevel(1);
+    ::testing::internal::CaptureStdout();
+    TileCornerLists<Tr> added;
+    dilate(4.0f * kVoxel, band.tree, band.phi, added, CoreGL::ConsoleLogger{}, 0, Tr::kMaxDepth);
+    std::int64_t const grown = band.tree.tileCount(-1);
+    band.fill();
+    erode(1.0f * kVoxel, band.tree, band.phi, CoreGL::ConsoleLogger{});
+    std::string const out = ::testing::internal::GetCapturedStdout();
+    CoreGL::Logger::setVerboseLevel(saved);
+    CoreGL::Logger::setTimerObserver(nullptr);
+    std::size_t reported = 0;
+    for (auto const& a : added) reported += a.size();
+    EXPECT_EQ(std::int64_t(reported), grown - before);
+    EXPECT_NE(out.find("levelset_dilate.begin"), std::string::npos);
+    EXPECT_NE(out.find("levelset_dilate.end"), std::string::npos);
+    EXPECT_NE(out.find("Added " + std::to_string(grown - before) + " tiles."), std::string::npos) << out;
+    EXPECT_NE(out.find("Removed " + std::to_string(grown - band.tree.tileCount(-1)) + " tiles."), std::string::npos);
+    std::vector<std::string> const expected{"Volume::resize_level_set.dilate.reduce",
+                                            "Volume::resize_level_set.dilate.refine",
+                                            "Volume::resize_level_set.dilate.precompute_neighbors"};
+    EXPECT_EQ(gTimers, expected);
+    EXPECT_TRUE(band.tree.hasPrecomputedTileNeighbors());
+}
+
+TYPED_TEST(DilateErode, OneAndAllThreadsGiveTheSameTilesInTheSameOrder)
+{
+    using Tr = TypeParam;
+    Band<Tr> a(1.0), b(1.0);
+    TileCornerLists<Tr> addedA, addedB;
+    {
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        dilate(5.0f * kVoxel, a.tree, a.phi, addedA, CoreGL::NOPLogger{}, 0, Tr::kMaxDepth);
+        a.fill();
+        erode(2.0f * kVoxel, a.tree, a.phi, CoreGL::NOPLogger{});
+    }
+    dilate(5.0f * kVoxel, b.tree, b.phi, addedB, CoreGL::NOPLogger{}, 0, Tr::kMaxDepth);
+    b.fill();
+    erode(2.0f * kVoxel, b.tree, b.phi, CoreGL::NOPLogger{});
+    for (int d = 0; d <= Tr::kMaxDepth; ++d) {
+        EXPECT_EQ(addedA[d], addedB[d]);
+        ASSERT_EQ(a.tree.tileCount(d), b.tree.tileCount(d));
+        for (std::int64_t t = 0; t < a.tree.tileCount(d); ++t) EXPECT_EQ(a.tree.tile(t, d).tijk(), b.tree.tile(t, d).tijk());
+    }
+}
+
+TEST(DilateErode, EveryInstanceIsExported)
+{
+    using namespace CoreGL;
+    std::vector<void const*> const all{
+        reinterpret_cast<void const*>(&dilate<Traits24, QuillonLogger>), reinterpret_cast<void const*>(&dilate<Traits24, ConsoleLogger>),
+        reinterpret_cast<void const*>(&dilate<Traits24, NOPLogger>),     reinterpret_cast<void const*>(&dilate<Traits55, QuillonLogger>),
+        reinterpret_cast<void const*>(&dilate<Traits55, ConsoleLogger>), reinterpret_cast<void const*>(&dilate<Traits55, NOPLogger>),
+        reinterpret_cast<void const*>(&erode<Traits24, QuillonLogger>),  reinterpret_cast<void const*>(&erode<Traits24, ConsoleLogger>),
+        reinterpret_cast<void const*>(&erode<Traits24, NOPLogger>),      reinterpret_cast<void const*>(&erode<Traits55, QuillonLogger>),
+        reinterpret_cast<void const*>(&erode<Traits55, ConsoleLogger>),  reinterpret_cast<void const*>(&erode<Traits55, NOPLogger>)};
+    for (void const* f : all) EXPECT_NE(f, nullptr);
+}
+
+} // namespace
