@@ -1,13 +1,24 @@
 // Gradient, Laplacian and mean curvature over the narrow band of a sphere: ours (the whole
 // analyze call) against OpenVDB's tools::gradient, laplacian and meanCurvature on a grid holding
 // the same finest voxels, both on 2 threads. The last benchmark prints the per-voxel time ratio.
+// With --interleave=N (N rounds) it skips Google Benchmark and instead times ours and the peer
+// alternately, pair by pair, N times, and prints the median rates and the median of the
+// per-round ratios, so that load on the machine affects both sides alike; --only=TEXT keeps the
+// pairs whose name contains TEXT ("--only='Traits24 gradient'"), --stages adds our timers.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <map>
 #include <string>
+#include <vector>
 #include <hexmold/analysis/analyze.h>
+#include <hexmold/diagnostics/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/object.h>
@@ -144,10 +155,146 @@ public:
     }
 };
 
+
+/// Milliseconds per timer name of our calls, by pair, and the pair being timed (for --stages).
+std::map<std::string, std::map<std::string, double>> gStageMs;
+std::map<std::string, int> gStageCalls;
+std::string gCurrentPair;
+
+void observeTimer(Quillon::StringView name, double ms)
+{
+    if (!gCurrentPair.empty()) gStageMs[gCurrentPair][std::string(name.data(), name.size())] += ms;
+}
+
+/// Seconds per call of @p run, repeated until at least @p minSeconds have passed.
+template <typename F> double secondsPerCall(F const& run, double minSeconds)
+{
+    using Clock = std::chrono::steady_clock;
+    int calls = 0;
+    auto const start = Clock::now();
+    double elapsed = 0;
+    do {
+        run();
+        ++calls;
+        elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    } while (elapsed < minSeconds);
+    return elapsed / calls;
+}
+
+double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    std::size_t const n = v.size();
+    return n == 0 ? 0.0 : (n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]));
+}
+
+#if HEXMOLD_HAVE_OPENVDB
+/// Ours and the peer alternately, @p rounds times per operator and tree (the order flips every
+/// round); prints the median rates and the median of the per-round ratios. A non-empty @p only
+/// keeps the pairs whose name ("Traits24 gradient") contains it, which helps profiling; with
+/// @p stages our timers' mean times per call are printed too.
+void interleaved(int rounds, std::string const& only, bool stages)
+{
+    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism, 2);
+    struct Pair {
+        std::string name;
+        std::function<double()> ours, peer; ///< seconds per voxel of one timed stretch
+        std::vector<double> o, p, r;
+    };
+    std::vector<Pair> pairs;
+    auto add = [&](auto tr, auto op, char const* name, auto peerRun) {
+        using Tr = decltype(tr);
+        using Op = decltype(op);
+        std::string const full = std::string(traitsName<Tr>()) + " " + name;
+        auto ours = [full] {
+            auto& in = input<Tr>();
+            gCurrentPair = full;
+            double const s = secondsPerCall(
+                [&] {
+                    analyze<Op>("distance", "", false, *in.object);
+                    ++gStageCalls[full];
+                },
+                0.5);
+            gCurrentPair.clear();
+            return s / double(in.voxels);
+        };
+        auto peer = [peerRun] {
+            auto grid = peerGrid<Tr>();
+            return secondsPerCall([&] { peerRun(*grid); }, 0.5) / double(grid->activeVoxelCount());
+        };
+        if (full.find(only) != std::string::npos) pairs.push_back({full, ours, peer, {}, {}, {}});
+    };
+    auto grad = [](openvdb::FloatGrid const& g) { return openvdb::tools::gradient(g); };
+    auto lap = [](openvdb::FloatGrid const& g) { return openvdb::tools::laplacian(g); };
+    auto mc = [](openvdb::FloatGrid const& g) { return openvdb::tools::meanCurvature(g); };
+    add(Traits24{}, Analyze::GradientOperator{}, "gradient", grad);
+    add(Traits24{}, Analyze::LaplacianOperator{}, "laplacian", lap);
+    add(Traits24{}, Analyze::MeanCurvatureOperator{}, "mean_curvature", mc);
+    add(Traits55{}, Analyze::GradientOperator{}, "gradient", grad);
+    add(Traits55{}, Analyze::LaplacianOperator{}, "laplacian", lap);
+    add(Traits55{}, Analyze::MeanCurvatureOperator{}, "mean_curvature", mc);
+    for (Pair& q : pairs) { // warm-up: inputs, grids, output channels, tables
+        q.ours();
+        q.peer();
+    }
+    if (stages) CoreGL::Logger::setTimerObserver(observeTimer);
+    gStageMs.clear();
+    gStageCalls.clear();
+    for (int round = 0; round < rounds; ++round)
+        for (Pair& q : pairs) {
+            double o, p;
+            if (round % 2 == 0) {
+                o = q.ours();
+                p = q.peer();
+            } else {
+                p = q.peer();
+                o = q.ours();
+            }
+            q.o.push_back(o);
+            q.p.push_back(p);
+            q.r.push_back(o / p);
+            std::printf("  round %d %-24s ours %7.1f  OpenVDB %7.1f Mvoxel/s  ratio %.2f\n", round + 1,
+                        q.name.c_str(), 1e-6 / o, 1e-6 / p, o / p);
+            std::fflush(stdout);
+        }
+    std::printf("\nMedians over %d interleaved rounds, ours (analyze, all tiles of all depths) / OpenVDB "
+                "(active voxels), 2 threads:\n",
+                rounds);
+    for (Pair const& q : pairs) {
+        std::vector<double> const& r = q.r;
+        std::printf("  %-24s ours %7.1f Mvoxel/s  OpenVDB %7.1f Mvoxel/s  ratio %.2f (min %.2f, max %.2f)\n",
+                    q.name.c_str(), 1e-6 / median(q.o), 1e-6 / median(q.p), median(r),
+                    *std::min_element(r.begin(), r.end()), *std::max_element(r.begin(), r.end()));
+    }
+    if (!stages) return;
+    CoreGL::Logger::setTimerObserver(nullptr);
+    std::printf("\nOur stages, mean milliseconds per call (wall time):\n");
+    for (auto const& [pair, stageMs] : gStageMs)
+        for (auto const& [stage, ms] : stageMs)
+            std::printf("  %-24s %-50s %9.2f\n", pair.c_str(), stage.c_str(), ms / gStageCalls[pair]);
+}
+#endif
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    std::string only;
+    bool stages = false;
+    for (int a = 1; a < argc; ++a) {
+        if (std::strncmp(argv[a], "--only=", 7) == 0) only = argv[a] + 7;
+        if (std::strcmp(argv[a], "--stages") == 0) stages = true;
+    }
+    for (int a = 1; a < argc; ++a)
+        if (std::strncmp(argv[a], "--interleave=", 13) == 0) {
+#if HEXMOLD_HAVE_OPENVDB
+            interleaved(std::max(1, std::atoi(argv[a] + 13)), only, stages);
+            return 0;
+#else
+            std::printf("--interleave needs OpenVDB\n");
+            return 1;
+#endif
+        }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     auto reg = [](std::string const& name, auto fn) {

@@ -236,13 +236,15 @@ bool analyzeTraits(std::vector<String> const& names, String const& maskName, boo
     TVL::ComponentGuard<VoxelTopology<Traits>> topology(object, Tavrel::Geometry::sVoxelComp);
     if (!container || !topology) return false;
     auto const mask = object.component<Channel<Traits, float, Traits::kTileWidth, 0, 0>>(maskName);
+    // Every change of a tree drops its tables, so tables still present describe the tree as it
+    // is (a previous call left them): they are kept rather than built again.
     {
         auto const t = CoreGL::Logger::timer(stages.precomputeNeighbors, nullptr);
-        container->precomputeTileNeighbors();
+        if (!container->hasPrecomputedTileNeighbors()) container->precomputeTileNeighbors();
     }
     {
         auto const t = CoreGL::Logger::timer(stages.precomputeHalos, nullptr);
-        container->precomputeCompressedTileHalos();
+        if (!container->hasCompressedTileHalos()) container->precomputeCompressedTileHalos();
     }
     for (String const& name : names)
         channelStep<Op, Traits>(object, name, *container, *topology, mask.get(), replaceInput, stages);

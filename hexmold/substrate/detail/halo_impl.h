@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/halo.h>
@@ -17,6 +18,65 @@ namespace TVL::TileTree3D::detail {
 /// adds the eight corners. Bits 1 and 2 are markers of the caller and change nothing.
 constexpr bool haloWantsEdges(int type) { return (type & 12) != 0; }
 constexpr bool haloWantsCorners(int type) { return (type & 8) != 0; }
+
+/// Fills the region of the rim of @p out (edge W + 2*Hout) that lies in direction @p Dir of
+/// @p tile, from the tile found there. The region's bounds are constants here, so that its copy
+/// loops unroll: a rim of W = 4 or 5 holds only a few elements per row, and loops with bounds
+/// known only at run time would cost more than the copies.
+template <int Dir, typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
+inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
+                           typename Container<Traits>::ConstTileAccessor& acc, bool tables, bool wanted, T* out,
+                           T const& def)
+{
+    constexpr int Ein = W + 2 * Hin;
+    constexpr int Eout = W + 2 * Hout;
+    constexpr int dx = neighborDx(Dir), dy = neighborDy(Dir), dz = neighborDz(Dir);
+    constexpr int lo0 = dx < 0 ? -Hout : (dx == 0 ? 0 : W), hi0 = dx < 0 ? 0 : (dx == 0 ? W : W + Hout);
+    constexpr int lo1 = dy < 0 ? -Hout : (dy == 0 ? 0 : W), hi1 = dy < 0 ? 0 : (dy == 0 ? W : W + Hout);
+    constexpr int lo2 = dz < 0 ? -Hout : (dz == 0 ? 0 : W), hi2 = dz < 0 ? 0 : (dz == 0 ? W : W + Hout);
+    constexpr int n0 = hi0 - lo0;
+    auto outAt = [](int i, int j, int k) { return (i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout)); };
+    auto inAt = [](int i, int j, int k) { return (i + Hin) + Ein * ((j + Hin) + Ein * (k + Hin)); };
+
+    Tile<Traits> const* nb = nullptr;
+    if (wanted) {
+        Tile<Traits> const& found = tables ? c.compressedHaloNeighbor(tile, Dir) : acc.tileNeighbor(tile, Dir);
+        nb = found.valid() ? &found : nullptr;
+    }
+    T const* src = nb ? get(nb->index(), nb->depth()) : nullptr;
+    if (!src) {
+        for (int k = lo2; k < hi2; ++k)
+            for (int j = lo1; j < hi1; ++j) {
+                T* o = out + outAt(lo0, j, k);
+                for (int i = 0; i < n0; ++i) o[i] = def;
+            }
+        return;
+    }
+    if (nb->depth() == tile.depth()) {
+        constexpr int sx = dx * W, sy = dy * W, sz = dz * W;
+        for (int k = lo2; k < hi2; ++k)
+            for (int j = lo1; j < hi1; ++j) {
+                T const* s = src + inAt(lo0 - sx, j - sy, k - sz);
+                T* o = out + outAt(lo0, j, k);
+                for (int i = 0; i < n0; ++i) o[i] = s[i];
+            }
+        return;
+    }
+    // A coarser tile: the coarse voxel covering each rim voxel, axis by axis.
+    std::int64_t const w = Container<Traits>::voxelDataWidth(tile.depth());
+    std::int64_t const wn = Container<Traits>::voxelDataWidth(nb->depth());
+    int3 const corner = tile.tijk();
+    int3 const nc = nb->tijk();
+    constexpr int lo[3] = {lo0, lo1, lo2}, hi[3] = {hi0, hi1, hi2};
+    int ci[3][W + 2 * Hout];
+    for (int a = 0; a < 3; ++a)
+        for (int l = lo[a]; l < hi[a]; ++l)
+            ci[a][l + Hout] = static_cast<int>((std::int64_t(corner[a]) + l * w - std::int64_t(nc[a])) / wn);
+    for (int k = lo2; k < hi2; ++k)
+        for (int j = lo1; j < hi1; ++j)
+            for (int i = lo0; i < hi0; ++i)
+                out[outAt(i, j, k)] = src[inAt(ci[0][i + Hout], ci[1][j + Hout], ci[2][k + Hout])];
+}
 
 /// Fills the rim walk's block @p out (edge W + 2*Hout) for @p tile: the interior from the tile's
 /// own block, and each rim region from the tile found in that direction. @p get(index, depth)
@@ -58,54 +118,17 @@ void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBloc
     bool const tables = c.hasCompressedTileHalos();
     bool const edges = haloWantsEdges(type);
     bool const corners = haloWantsCorners(type);
-    std::int64_t const w = Container<Traits>::voxelDataWidth(tile.depth());
-    int3 const corner = tile.tijk();
-
-    for (int dir = 0; dir < 27; ++dir) {
-        if (dir == kNeighborSelf) continue;
-        int const d[3] = {neighborDx(dir), neighborDy(dir), neighborDz(dir)};
-        int const touched = (d[0] != 0) + (d[1] != 0) + (d[2] != 0);
-        int lo[3], hi[3];
-        for (int a = 0; a < 3; ++a) {
-            lo[a] = d[a] < 0 ? -Hout : (d[a] == 0 ? 0 : W);
-            hi[a] = d[a] < 0 ? 0 : (d[a] == 0 ? W : W + Hout);
-        }
-        Tile<Traits> const* nb = nullptr;
-        if ((touched == 2 && !edges) || (touched == 3 && !corners)) {
-            nb = nullptr;
-        } else {
-            Tile<Traits> const& found = tables ? c.compressedHaloNeighbor(tile, dir) : acc.tileNeighbor(tile, dir);
-            nb = found.valid() ? &found : nullptr;
-        }
-        T const* src = nb ? get(nb->index(), nb->depth()) : nullptr;
-        if (!src) {
-            for (int k = lo[2]; k < hi[2]; ++k)
-                for (int j = lo[1]; j < hi[1]; ++j)
-                    for (int i = lo[0]; i < hi[0]; ++i) out[outAt(i, j, k)] = def;
-            continue;
-        }
-        if (nb->depth() == tile.depth()) {
-            int const sx = d[0] * W, sy = d[1] * W, sz = d[2] * W;
-            for (int k = lo[2]; k < hi[2]; ++k)
-                for (int j = lo[1]; j < hi[1]; ++j) {
-                    T const* s = src + inAt(lo[0] - sx, j - sy, k - sz);
-                    T* o = out + outAt(lo[0], j, k);
-                    for (int i = 0; i < hi[0] - lo[0]; ++i) o[i] = s[i];
-                }
-            continue;
-        }
-        // A coarser tile: the coarse voxel covering each rim voxel, axis by axis.
-        std::int64_t const wn = Container<Traits>::voxelDataWidth(nb->depth());
-        int3 const nc = nb->tijk();
-        int ci[3][W + 2 * Hout];
-        for (int a = 0; a < 3; ++a)
-            for (int l = lo[a]; l < hi[a]; ++l)
-                ci[a][l + Hout] = static_cast<int>((std::int64_t(corner[a]) + l * w - std::int64_t(nc[a])) / wn);
-        for (int k = lo[2]; k < hi[2]; ++k)
-            for (int j = lo[1]; j < hi[1]; ++j)
-                for (int i = lo[0]; i < hi[0]; ++i)
-                    out[outAt(i, j, k)] = src[inAt(ci[0][i + Hout], ci[1][j + Hout], ci[2][k + Hout])];
-    }
+    // The 26 directions, each with its own bounds; faces always, edges and corners as asked.
+    [&]<int... Dir>(std::integer_sequence<int, Dir...>) {
+        auto one = [&]<int D>(std::integral_constant<int, D>) {
+            if constexpr (D != kNeighborSelf) {
+                constexpr int touched = (neighborDx(D) != 0) + (neighborDy(D) != 0) + (neighborDz(D) != 0);
+                bool const wanted = touched == 1 || (touched == 2 && edges) || (touched == 3 && corners);
+                fillHaloRegion<D, Traits, T, W, Hin, Hout>(c, tile, get, acc, tables, wanted, out, def);
+            }
+        };
+        (one(std::integral_constant<int, Dir>{}), ...);
+    }(std::make_integer_sequence<int, 27>{});
 }
 
 // ---- element arithmetic for means -------------------------------------------------------------
