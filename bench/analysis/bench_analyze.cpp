@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <string>
@@ -166,6 +167,14 @@ void observeTimer(Quillon::StringView name, double ms)
     if (!gCurrentPair.empty()) gStageMs[gCurrentPair][std::string(name.data(), name.size())] += ms;
 }
 
+/// CPU seconds used by all threads of the process so far.
+double processCpuSeconds()
+{
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
+}
+
 /// Seconds per call of @p run, repeated until at least @p minSeconds have passed.
 template <typename F> double secondsPerCall(F const& run, double minSeconds)
 {
@@ -209,12 +218,14 @@ void interleaved(int rounds, std::string const& only, bool stages)
         auto ours = [full] {
             auto& in = input<Tr>();
             gCurrentPair = full;
+            double const cpu0 = processCpuSeconds();
             double const s = secondsPerCall(
                 [&] {
                     analyze<Op>("distance", "", false, *in.object);
                     ++gStageCalls[full];
                 },
                 0.5);
+            gStageMs[full]["(process CPU time, all threads)"] += 1e3 * (processCpuSeconds() - cpu0);
             gCurrentPair.clear();
             return s / double(in.voxels);
         };
