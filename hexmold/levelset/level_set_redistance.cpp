@@ -4,6 +4,8 @@
 #include <hexmold/levelset/level_set_redistance.h>
 
 #include <atomic>
+#include <cmath>
+#include <limits>
 #include <memory>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
@@ -65,7 +67,8 @@ template <typename Traits> bool countsAsLeaf(Tile<Traits> const& tile, int i, in
 
 /// The face neighbour of voxel (i, j, k) of @p tile on side @p side (-1 or +1) of @p axis, read
 /// across tile borders and resolution jumps: within the tile from a leaf voxel directly,
-/// otherwise from the deepest voxel that touches the shared face in its middle.
+/// otherwise from the deepest voxel that touches the shared face in its middle. NaN where no
+/// neighbour of at most one depth coarser exists.
 template <typename Traits>
 float faceNeighbour(Tile<Traits> const& tile, ConstTileData<float, Traits::kTileWidth, 0, 0> const& block,
                     FloatChannel<Traits> const& distance, typename Container<Traits>::ConstTileAccessor& accessor,
@@ -92,7 +95,13 @@ float faceNeighbour(Tile<Traits> const& tile, ConstTileData<float, Traits::kTile
     std::int64_t p[3] = {tile.ti() + i * w + w / 2, tile.tj() + j * w + w / 2, tile.tk() + k * w + w / 2};
     std::int64_t const c = (axis == 0 ? tile.ti() + i * w : axis == 1 ? tile.tj() + j * w : tile.tk() + k * w);
     p[axis] = side < 0 ? c - 1 : c + w;
-    return valueAt<Traits, float>(accessor, distance, p[0], p[1], p[2], maxDepth, distance.defaultValue());
+    Tile<Traits> const* found = nullptr;
+    float const value = valueAt<Traits, float>(accessor, distance, p[0], p[1], p[2], maxDepth, distance.defaultValue(),
+                                               &found);
+    // A voxel more than one depth coarser (a tree that is not graded there) sits too far away
+    // for its sign to say anything about a crossing next to this voxel.
+    if (!found->valid() || found->depth() < tile.depth() - 1) return std::numeric_limits<float>::quiet_NaN();
+    return value;
 }
 
 /// Lock-free union-find over voxel ids: find with path halving, union by pointing the larger root
@@ -212,7 +221,7 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                                                 for (int side = -1; side <= 1; side += 2) {
                                                     float const n = faceNeighbour(tile, values, distance, accessor,
                                                                                   i, j, k, axis, side, maxDepth);
-                                                    if ((0.0f > n) == inside) continue;
+                                                    if (std::isnan(n) || (0.0f > n) == inside) continue;
                                                     crossing = true;
                                                     float const d = std::fabs(v / (v - n)) * h;
                                                     axisDistance[axis] = std::min(axisDistance[axis], d);

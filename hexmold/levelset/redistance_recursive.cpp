@@ -93,7 +93,9 @@ void injectFromChildren(VoxelChannel<Traits, float>& distance, Container<Traits>
 }
 
 /// Voxels of @p depth that are unknown and still at the background of the parent voxel's sign
-/// take the parent voxel's value.
+/// take the parent voxel's value, moved away from zero by their distance from the parent voxel's
+/// place (at most the background): an upper bound of their distance, where the parent's value
+/// alone could be far too small for a voxel a coarse diagonal away.
 template <typename Traits>
 void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Traits> const& container,
                            VoxelChannel<Traits, unsigned char> const* valueType, int depth)
@@ -103,6 +105,8 @@ void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Trai
     constexpr int R = Traits::kRatio;
     constexpr std::size_t N = std::size_t(W) * W * W;
     float const background = std::fabs(distance.defaultValue());
+    float const voxelSize = container.voxelSize();
+    std::int64_t const w = Container<Traits>::voxelDataWidth(depth);
     parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
         for (std::int64_t t = begin; t < end; ++t) {
             Tile<Traits> const& tile = container.tile(t, depth);
@@ -121,7 +125,12 @@ void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Trai
                         float const c = parentValues(slot.x * S + i / R, slot.y * S + j / R, slot.z * S + k / R);
                         float const reset = 0.0f > c ? -background : background;
                         float& v = values(i, j, k);
-                        if (std::fabs(v - reset) <= kEpsilon) v = c;
+                        if (std::fabs(v - reset) > kEpsilon) continue;
+                        // The offset of this voxel from the parent voxel's corner, in finest voxels.
+                        double const di = double((i % R) * w), dj = double((j % R) * w), dk = double((k % R) * w);
+                        float const grow = float(std::sqrt(di * di + dj * dj + dk * dk)) * voxelSize;
+                        float const magnitude = std::min(std::fabs(c) + grow, background);
+                        v = 0.0f > c ? -magnitude : magnitude;
                     }
         }
     });
