@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <string>
@@ -159,11 +160,20 @@ public:
 /// Milliseconds per timer name of our calls, by pair, and the pair being timed (for --stages).
 std::map<std::string, std::map<std::string, double>> gStageMs;
 std::map<std::string, int> gStageCalls;
+std::map<std::string, int> gPeerCalls;
 std::string gCurrentPair;
 
 void observeTimer(Quillon::StringView name, double ms)
 {
     if (!gCurrentPair.empty()) gStageMs[gCurrentPair][std::string(name.data(), name.size())] += ms;
+}
+
+/// CPU seconds used by all threads of the process so far.
+double processCpuSeconds()
+{
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
 }
 
 /// Seconds per call of @p run, repeated until at least @p minSeconds have passed.
@@ -209,18 +219,28 @@ void interleaved(int rounds, std::string const& only, bool stages)
         auto ours = [full] {
             auto& in = input<Tr>();
             gCurrentPair = full;
+            double const cpu0 = processCpuSeconds();
             double const s = secondsPerCall(
                 [&] {
                     analyze<Op>("distance", "", false, *in.object);
                     ++gStageCalls[full];
                 },
                 0.5);
+            gStageMs[full]["(process CPU time, all threads)"] += 1e3 * (processCpuSeconds() - cpu0);
             gCurrentPair.clear();
             return s / double(in.voxels);
         };
-        auto peer = [peerRun] {
+        auto peer = [peerRun, full] {
             auto grid = peerGrid<Tr>();
-            return secondsPerCall([&] { peerRun(*grid); }, 0.5) / double(grid->activeVoxelCount());
+            double const cpu0 = processCpuSeconds();
+            double const s = secondsPerCall(
+                [&] {
+                    peerRun(*grid);
+                    ++gPeerCalls[full];
+                },
+                0.5);
+            gStageMs[full]["(OpenVDB: process CPU time, all threads)"] += 1e3 * (processCpuSeconds() - cpu0);
+            return s / double(grid->activeVoxelCount());
         };
         if (full.find(only) != std::string::npos) pairs.push_back({full, ours, peer, {}, {}, {}});
     };
@@ -240,6 +260,7 @@ void interleaved(int rounds, std::string const& only, bool stages)
     if (stages) CoreGL::Logger::setTimerObserver(observeTimer);
     gStageMs.clear();
     gStageCalls.clear();
+    gPeerCalls.clear();
     for (int round = 0; round < rounds; ++round)
         for (Pair& q : pairs) {
             double o, p;
@@ -268,10 +289,11 @@ void interleaved(int rounds, std::string const& only, bool stages)
     }
     if (!stages) return;
     CoreGL::Logger::setTimerObserver(nullptr);
-    std::printf("\nOur stages, mean milliseconds per call (wall time):\n");
+    std::printf("\nOur stages, mean milliseconds per call (wall time), and the CPU time per call of both:\n");
     for (auto const& [pair, stageMs] : gStageMs)
         for (auto const& [stage, ms] : stageMs)
-            std::printf("  %-24s %-50s %9.2f\n", pair.c_str(), stage.c_str(), ms / gStageCalls[pair]);
+            std::printf("  %-24s %-50s %9.2f\n", pair.c_str(), stage.c_str(),
+                        ms / (stage.rfind("(OpenVDB", 0) == 0 ? gPeerCalls[pair] : gStageCalls[pair]));
 }
 #endif
 

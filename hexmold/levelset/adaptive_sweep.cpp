@@ -292,6 +292,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
         }
     }
 
+    TileActivity activity;
     // Relaxation of one depth: colours alternate until two in a row are quiet, or, while an
     // unknown voxel still holds the background, up to maxSweeps.
     auto redistanceAtDepth = [&](int depth, int passes) {
@@ -299,6 +300,9 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
         DepthNumbers const numbers = depthNumbers<Traits>(voxelSize, depth, tolerance);
         int sweep = 0, consecutive = 0;
         std::atomic<bool> unreached{false};
+        // Tiles that are fixed points of the relaxation are left out until a neighbour changes;
+        // their unreached state is the one of their last relaxation.
+        activity.reset(container, depth);
         for (;;) {
             if (sweep >= passes || consecutive >= 2) {
                 if (!(unreached.load() && sweep < maxSweeps)) break;
@@ -315,10 +319,17 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                 for (std::int64_t t = begin; t < end; ++t) {
                     Tile<Traits> const& tile = container.tile(t, depth);
                     if (tileColor<Traits>(tile.tijk(), depth) != colour) continue;
+                    if (activity.skippable(t)) {
+                        if (activity.flag[std::size_t(t)]) unreached.store(true, std::memory_order_relaxed);
+                        continue;
+                    }
                     auto const tb = static_cast<TypeChannel const*>(types)->tileData(tile.treeIndex());
                     auto values = io_distance.tileData(tile.treeIndex());
                     if (tb.size() != N || values.size() != N) continue;
-                    if (!hasUnknown<N>(tb.data())) continue;
+                    if (!hasUnknown<N>(tb.data())) {
+                        activity.record(t, false);
+                        continue;
+                    }
                     setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), io_distance, haloMode,
                                                         kHaloTypeFacesAndEdges, accessor, u,
                                                         io_distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
@@ -336,6 +347,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                                               bandCheck, kVoxelsPerTile<Traits>, PlainNeighbour{});
                     }
                     if (change > numbers.tol) converged.store(false, std::memory_order_relaxed);
+                    activity.record(t, change > 0.0f);
                     bool tested = false;
                     for (int k = 0; k < W; ++k)
                         for (int j = 0; j < W; ++j)
@@ -347,10 +359,12 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                                     tested = true;
                                 }
                             }
+                    activity.flag[std::size_t(t)] = tested ? 1 : 0;
                 }
             });
             if (converged.load()) ++consecutive;
             ++sweep;
+            ++activity.pass;
         }
         if (CoreGL::Logger::verboseLevel() > 2)
             CoreGL::Logger::debugFileStream() << "Depth " << depth << " completed in " << sweep << " of " << passes

@@ -93,9 +93,10 @@ void injectFromChildren(VoxelChannel<Traits, float>& distance, Container<Traits>
 }
 
 /// Voxels of @p depth that are unknown and still at the background of the parent voxel's sign
-/// take the parent voxel's value, moved away from zero by their distance from the parent voxel's
-/// place (at most the background): an upper bound of their distance, where the parent's value
-/// alone could be far too small for a voxel a coarse diagonal away.
+/// take their value from the coarser depth: the trilinear mix of the coarse lattice around them
+/// where all of it is reached, else the parent voxel's value moved away from zero by their
+/// distance from the parent voxel's place (at most the background), an upper bound of their
+/// distance. The parent's value alone could be far too small for a voxel a coarse diagonal away.
 template <typename Traits>
 void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Traits> const& container,
                            VoxelChannel<Traits, unsigned char> const* valueType, int depth)
@@ -107,7 +108,19 @@ void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Trai
     float const background = std::fabs(distance.defaultValue());
     float const voxelSize = container.voxelSize();
     std::int64_t const w = Container<Traits>::voxelDataWidth(depth);
+    std::int64_t const pw = Container<Traits>::voxelDataWidth(depth - 1);
     parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
+        auto accessor = container.tileAccessor();
+        // The value at coarse lattice point q, or NaN where it is unreached or missing.
+        auto coarse = [&](std::int64_t x, std::int64_t y, std::int64_t z) -> float {
+            Tile<Traits> const& c = accessor.tile(x, y, z, depth - 1);
+            if (!c.valid()) return std::numeric_limits<float>::quiet_NaN();
+            auto const cv = distance.tileData(c.treeIndex());
+            if (cv.size() != N) return std::numeric_limits<float>::quiet_NaN();
+            std::int64_t const cw = c.voxelDataWidth();
+            float const v = cv(int((x - c.ti()) / cw), int((y - c.tj()) / cw), int((z - c.tk()) / cw));
+            return std::fabs(v) < background - kEpsilon ? v : std::numeric_limits<float>::quiet_NaN();
+        };
         for (std::int64_t t = begin; t < end; ++t) {
             Tile<Traits> const& tile = container.tile(t, depth);
             if (tile.parent() < 0) continue;
@@ -126,6 +139,37 @@ void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Trai
                         float const reset = 0.0f > c ? -background : background;
                         float& v = values(i, j, k);
                         if (std::fabs(v - reset) > kEpsilon) continue;
+                        // Trilinear mix of the coarse lattice; axes on the lattice do not mix.
+                        std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
+                        std::int64_t base[3];
+                        double fraction[3];
+                        for (int axis = 0; axis < 3; ++axis) {
+                            std::int64_t const r = (p[axis] + Traits::kCentreOffset) % pw;
+                            base[axis] = p[axis] - r;
+                            fraction[axis] = double(r) / double(pw);
+                        }
+                        double sum = 0.0;
+                        bool reached = true;
+                        for (int corner = 0; corner < 8 && reached; ++corner) {
+                            double weight = 1.0;
+                            std::int64_t q[3];
+                            bool skip = false;
+                            for (int axis = 0; axis < 3; ++axis) {
+                                int const upper = (corner >> axis) & 1;
+                                if (upper && fraction[axis] == 0.0) skip = true;
+                                weight *= upper ? fraction[axis] : 1.0 - fraction[axis];
+                                q[axis] = base[axis] + (upper ? pw : 0);
+                            }
+                            if (skip) continue;
+                            float const value = coarse(q[0], q[1], q[2]);
+                            if (std::isnan(value) || (0.0f > value) != (0.0f > c)) reached = false;
+                            else sum += weight * double(value);
+                        }
+                        if (reached) {
+                            float const mixed = float(sum);
+                            v = 0.0f > c ? std::min(mixed, -kTinyDistance) : std::max(mixed, kTinyDistance);
+                            continue;
+                        }
                         // The offset of this voxel from the parent voxel's corner, in finest voxels.
                         double const di = double((i % R) * w), dj = double((j % R) * w), dk = double((k % R) * w);
                         float const grow = float(std::sqrt(di * di + dj * dj + dk * dk)) * voxelSize;

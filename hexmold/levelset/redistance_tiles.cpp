@@ -69,8 +69,15 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
             int const pj = int((tile.tj() - parent.tj()) / tw) * S;
             int const pk = int((tile.tk() - parent.tk()) / tw) * S;
             auto const parentTypes = valueType->tileData(parent.treeIndex());
-            unsigned char const vp =
-                parentTypes.size() == N ? parentTypes(pi, pj, pk) : (unsigned char)kValueTypeUnknown;
+            unsigned char vp = parentTypes.size() == N ? parentTypes(pi, pj, pk) : (unsigned char)kValueTypeUnknown;
+            if (vp == kValueTypeUnknown && !useBandAtTiles) {
+                // On the way back from the coarser depths a parent voxel that their solve has
+                // reached holds a value: it counts as known, so that the tiles below it are
+                // smoothed again with the coarse solution around them.
+                auto const parentValues = distance.tileData(parent.treeIndex());
+                if (parentValues.size() == N && std::fabs(parentValues(pi, pj, pk)) < std::fabs(background) - kEpsilon)
+                    vp = kValueTypeKnown;
+            }
             if (!useBandAtTiles || mask) {
                 if (vp == kValueTypeExcluded) continue;
                 if (vp == kValueTypeUnknown && !useBandAtTiles) continue;
