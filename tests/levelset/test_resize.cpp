@@ -49,7 +49,7 @@ Tavrel::Math::Vec3<double> samplePosition(testscene::Scene<Tr> const& scene, Til
     return {p.x + 0.5 * kVoxel, p.y + 0.5 * kVoxel, p.z + 0.5 * kVoxel};
 }
 
-/// A sphere band @p band finest voxels wide (deepest tiles and their ancestors) with the exact
+/// A sphere band @p band finest voxels wide (deepest tiles, their ancestors, graded) with the exact
 /// distance in every voxel of every tile.
 template <typename Tr> testscene::Scene<Tr> sphereBand(double band)
 {
