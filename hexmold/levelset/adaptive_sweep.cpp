@@ -182,6 +182,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                         setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), io_distance, haloMode,
                                                             kHaloTypeFacesAndEdges, accessor, halo,
                                                             io_distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
+                        boundCoarseRim(tile, accessor, voxelSize, halo);
                         if (mask)
                             setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), *mask, haloMode,
                                                                 kHaloTypeFacesAndEdges, accessor, maskHalo,
@@ -190,6 +191,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                             setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), *extended, kHaloModeRedistance,
                                                                 kHaloTypeFacesAndEdges, accessor, frozen,
                                                                 extended->defaultValue(), 1.0f, kVoxelOffsetCenter);
+                        if (needExtended) boundCoarseRim(tile, accessor, voxelSize, frozen);
                         Tile<Traits> const* parent =
                             tile.parent() >= 0 ? &container.tile(tile.parent(), depth - 1) : nullptr;
                         int3 const slot = parent ? parent->childIJK(tile) : int3{0, 0, 0};
@@ -197,8 +199,12 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                             for (int j = 0; j < W; ++j)
                                 for (int i = 0; i < W; ++i) {
                                     if (hasMask && ((hasMaskChannel && !(maskBlock(i, j, k) < 0.0f)) ||
-                                                    (useValues && typeBlock(i, j, k) == kValueTypeExcluded)))
+                                                    (useValues && typeBlock(i, j, k) == kValueTypeExcluded))) {
+                                        // A masked voxel keeps its value: the sweeps must not
+                                        // solve it, nor read it.
+                                        if (useValues) typeBlock(i, j, k) = kValueTypeExcluded;
                                         continue;
+                                    }
                                     short const f = flags(i, j, k);
                                     bool const isDOF = (f & kDOFSolved) || (depth == maxDepth && (f & kDOFFromChild));
                                     float& v = values(i, j, k);
@@ -221,10 +227,11 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                                                 }
                                             }
                                         } else if (useValues) {
-                                            // A hanging voxel is solved at its own depth as well:
-                                            // its interpolated value only bounds it from above.
-                                            bool const hanging = (f & kDOFHanging) && !(f & kDOFFromChild);
-                                            typeBlock(i, j, k) = hanging ? kValueTypeUnknown : kValueTypeKnown;
+                                            // A hanging voxel of a tile without a parent has no
+                                            // coarser lattice to take its value from: it is solved
+                                            // here like a degree of freedom.
+                                            bool const orphan = !parent && (f & kDOFHanging) && !(f & kDOFFromChild);
+                                            typeBlock(i, j, k) = orphan ? kValueTypeUnknown : kValueTypeKnown;
                                         }
                                         reset(v);
                                         continue;
@@ -308,9 +315,13 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                 if (!(unreached.load() && sweep < maxSweeps)) break;
             }
             int const colour = sweep % 2;
-            if (colour == 0) consecutive = 0;
+            // A pair of colours is judged together: two quiet colours end the depth only when
+            // they are one pair, and a voxel left unreached by either keeps the depth going.
+            if (colour == 0) {
+                consecutive = 0;
+                unreached.store(false);
+            }
             std::atomic<bool> converged{true};
-            unreached.store(false);
             parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
                 auto accessor = container.tileAccessor();
                 TileData<float, W, 1, 0> u(TileData<float, W, 1, 0>::kVoxelCount, 0.0f);
@@ -393,7 +404,8 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
     if (hasMask) {
         setNonLeafValueToChildValue<Traits, float, W, 0>(io_distance, container, topology.offsetType(), 0,
                                                          Traits::kMaxDepth);
-        interpolateHanging(container, dof, io_distance, std::max(1, minDepth), maxDepth, name);
+        interpolateHanging(container, dof, io_distance, std::max(1, minDepth), maxDepth, name,
+                           useValues ? types : nullptr);
     } else {
         restrictToParents(container, dof, io_distance, minDepth, maxDepth, name);
     }

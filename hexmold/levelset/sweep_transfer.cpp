@@ -83,6 +83,8 @@ void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits,
                 auto visit = [&](int i, int j, int k) {
                     short const f = flags(i, j, k);
                     if (!(f & kDOFHanging) || (f & kDOFNotInterpolated)) return;
+                    // An excluded voxel keeps its value.
+                    if (types.size() == N && types(i, j, k) == kValueTypeExcluded) return;
                     std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
                     std::int64_t base[3];
                     double fraction[3];
@@ -118,10 +120,15 @@ void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits,
                         sum += weight * double(value);
                     }
                     float const interpolated = float(sum);
-                    // An unknown voxel keeps the smaller magnitude: the interpolation bounds it.
-                    if (types.size() == N && types(i, j, k) == kValueTypeUnknown &&
-                        !(std::fabs(interpolated) < std::fabs(values(i, j, k))))
-                        return;
+                    if (types.size() == N) {
+                        // From here on the voxel is also solved at its own depth: the interpolated
+                        // value bounds it from above, and the sweeps lower it where the finer
+                        // data know better than the coarse lattice.
+                        unsigned char& type = types(i, j, k);
+                        if (type == kValueTypeUnknown && !(std::fabs(interpolated) < std::fabs(values(i, j, k))))
+                            return;
+                        if (type == kValueTypeKnown) type = kValueTypeUnknown;
+                    }
                     values(i, j, k) = interpolated;
                 };
                 for (int j = 0; j < W; ++j)

@@ -317,8 +317,9 @@ template <typename TileT> double3 samplePosition(TileT const& tile, int i, int j
     return {double(tile.ti() + i * w), double(tile.tj() + j * w), double(tile.tk() + k * w)};
 }
 
-/// @brief Turns the face rim of a halo block that was filled from a coarser tile into an upper
-///        bound of the distance at the rim elements' own places.
+/// @brief Makes the face rim of a halo block safe for the solves: a face filled from a coarser
+///        tile becomes an upper bound of the distance at the rim elements' own places, and a face
+///        beyond the domain repeats the tile's own face.
 /// @details Across a resolution jump the rim holds the value of the coarse voxel that covers each
 ///          rim element, which sits up to a coarse voxel's diagonal away from it. A sweep can only
 ///          lower magnitudes, so a rim value that is too small would spread; the coarse value
@@ -336,10 +337,24 @@ void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSiz
         for (int side = -1; side <= 1; side += 2) {
             int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
             Tile<Traits> const& n = accessor.tileNeighbor(tile, direction);
-            if (!n.valid() || n.depth() >= tile.depth()) continue;
+            int const layer = side < 0 ? -1 : W;
+            if (!n.valid()) {
+                // Beyond the domain nothing is known: the rim repeats the tile's own face, so it
+                // neither brings a value nor fakes a crossing with the default's sign.
+                int const inner = side < 0 ? 0 : W - 1;
+                for (int b = 0; b < W; ++b)
+                    for (int a = 0; a < W; ++a) {
+                        int at[3], from[3];
+                        at[axis] = layer, from[axis] = inner;
+                        at[(axis + 1) % 3] = from[(axis + 1) % 3] = a;
+                        at[(axis + 2) % 3] = from[(axis + 2) % 3] = b;
+                        u(at[0], at[1], at[2]) = u(from[0], from[1], from[2]);
+                    }
+                continue;
+            }
+            if (n.depth() >= tile.depth()) continue;
             std::int64_t const nw = n.voxelDataWidth();
             std::int64_t const nc[3] = {n.ti(), n.tj(), n.tk()};
-            int const layer = side < 0 ? -1 : W;
             for (int b = 0; b < W; ++b)
                 for (int a = 0; a < W; ++a) {
                     int idx[3];
@@ -462,8 +477,10 @@ void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, 
 /// max(a, lowest DOF depth) to min(highest DOF depth, b) takes the linear, bilinear or trilinear
 /// mix of the coarser lattice around it; coarser depths first. Where a point of that lattice
 /// still holds the background (unreached, as around the coarse tiles of a tree that is not
-/// graded) the voxel keeps its value, and with @p io_types a known voxel becomes unknown, so
-/// that the sweeps of its own depth solve it. Timer name + ".interpolate_dirichlet2".
+/// graded) the voxel keeps its value. With @p io_types the voxel becomes unknown, so that the
+/// sweeps of its own depth solve it too with the interpolation as an upper bound (an unknown
+/// voxel keeps a smaller magnitude than the interpolation). Timer name +
+/// ".interpolate_dirichlet2".
 template <typename Traits>
 void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
                         VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name,
