@@ -369,6 +369,14 @@ void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSiz
                     }
                     float& v = u(idx[0], idx[1], idx[2]);
                     float const grow = float(std::sqrt(d2)) * voxelSize;
+                    if (!(std::fabs(v) > grow)) {
+                        // The surface may pass between the two places: not even the side is
+                        // known, so the rim element repeats the voxel inside it.
+                        int inner[3] = {idx[0], idx[1], idx[2]};
+                        inner[axis] = side < 0 ? 0 : W - 1;
+                        v = u(inner[0], inner[1], inner[2]);
+                        continue;
+                    }
                     v = 0.0f > v ? v - grow : v + grow;
                 }
         }
