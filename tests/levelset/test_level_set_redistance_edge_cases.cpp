@@ -684,8 +684,7 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, BandWithEveryVoxelAtTheZeroCrossingEndsT
     EXPECT_EQ(changed, 0);
 }
 
-// Disabled here: fails against the current implementation; enabled on branch redisttests.
-TYPED_TEST(LevelSetRedistanceEdgeCases, DISABLED_ValueExactlyZeroCountsAsPositive)
+TYPED_TEST(LevelSetRedistanceEdgeCases, ValueExactlyZeroCountsAsPositive)
 {
     using Tr = TypeParam;
     Scene<Tr> s(kVoxel);
