@@ -206,7 +206,12 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                                         continue;
                                     }
                                     short const f = flags(i, j, k);
-                                    bool const isDOF = (f & kDOFSolved) || (depth == maxDepth && (f & kDOFFromChild));
+                                    // A hanging voxel is solved here as well: the finer data next to it
+                                    // know its value better than the coarser lattice, which only fills
+                                    // in where the sweeps of this depth leave it unreached.
+                                    bool const hanging = (f & kDOFHanging) && !(f & kDOFNotInterpolated);
+                                    bool const isDOF = (f & kDOFSolved) || hanging ||
+                                                       (depth == maxDepth && (f & kDOFFromChild));
                                     float& v = values(i, j, k);
                                     if (!isDOF) {
                                         if (hasMask && useValues && parent) {
@@ -227,11 +232,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                                                 }
                                             }
                                         } else if (useValues) {
-                                            // A hanging voxel of a tile without a parent has no
-                                            // coarser lattice to take its value from: it is solved
-                                            // here like a degree of freedom.
-                                            bool const orphan = !parent && (f & kDOFHanging) && !(f & kDOFFromChild);
-                                            typeBlock(i, j, k) = orphan ? kValueTypeUnknown : kValueTypeKnown;
+                                            typeBlock(i, j, k) = kValueTypeKnown;
                                         }
                                         reset(v);
                                         continue;

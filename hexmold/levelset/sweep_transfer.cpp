@@ -111,24 +111,16 @@ void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits,
                         }
                         if (skip) continue;
                         float const value = coarse(q[0], q[1], q[2]);
-                        if (!(std::fabs(value) < background - kEpsilon)) {
-                            // The coarse lattice is unreached here: no value to interpolate, and
-                            // the voxel is solved at its own depth instead.
-                            if (types.size() == N && types(i, j, k) == kValueTypeKnown) types(i, j, k) = kValueTypeUnknown;
-                            return;
-                        }
+                        // The coarse lattice is unreached here: no value to interpolate.
+                        if (!(std::fabs(value) < background - kEpsilon)) return;
                         sum += weight * double(value);
                     }
                     float const interpolated = float(sum);
-                    if (types.size() == N) {
-                        // From here on the voxel is also solved at its own depth: the interpolated
-                        // value bounds it from above, and the sweeps lower it where the finer
-                        // data know better than the coarse lattice.
-                        unsigned char& type = types(i, j, k);
-                        if (type == kValueTypeUnknown && !(std::fabs(interpolated) < std::fabs(values(i, j, k))))
-                            return;
-                        if (type == kValueTypeKnown) type = kValueTypeUnknown;
-                    }
+                    // A voxel the sweeps of its own depth solve keeps their value where they
+                    // reached it; the coarse lattice fills in where they did not.
+                    if (types.size() == N && types(i, j, k) == kValueTypeUnknown &&
+                        std::fabs(values(i, j, k)) < background - kEpsilon)
+                        return;
                     values(i, j, k) = interpolated;
                 };
                 for (int j = 0; j < W; ++j)

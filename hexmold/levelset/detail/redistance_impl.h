@@ -485,9 +485,9 @@ void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, 
 /// max(a, lowest DOF depth) to min(highest DOF depth, b) takes the linear, bilinear or trilinear
 /// mix of the coarser lattice around it; coarser depths first. Where a point of that lattice
 /// still holds the background (unreached, as around the coarse tiles of a tree that is not
-/// graded) the voxel keeps its value. With @p io_types the voxel becomes unknown, so that the
-/// sweeps of its own depth solve it too with the interpolation as an upper bound (an unknown
-/// voxel keeps a smaller magnitude than the interpolation). Timer name +
+/// graded) the voxel keeps its value. With @p io_types, a voxel the sweeps of its own depth
+/// solve (value type 2) keeps the value they reached, and only an unreached one (at the
+/// background) takes the interpolation; excluded voxels are left alone. Timer name +
 /// ".interpolate_dirichlet2".
 template <typename Traits>
 void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
