@@ -120,8 +120,7 @@ template <typename Tr> void expectAccurate(Shape const& shape, TreeKind kind, Pa
 } // namespace
 
 TYPED_TEST(LevelSetRedistance, SphereUniformBandRecursion) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kUniformBand, Path::kRecursive); }
-// Disabled here: fails against the current implementation; enabled on branch redisttests.
-TYPED_TEST(LevelSetRedistance, DISABLED_SphereUniformBandDOFSweep) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kUniformBand, Path::kDOF); }
+TYPED_TEST(LevelSetRedistance, SphereUniformBandDOFSweep) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kUniformBand, Path::kDOF); }
 // Disabled here: fails against the current implementation; enabled on branch redisttests.
 TYPED_TEST(LevelSetRedistance, DISABLED_SphereGradedTreeRecursion) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kGraded, Path::kRecursive); }
 // Disabled here: fails against the current implementation; enabled on branch redisttests.
@@ -133,8 +132,7 @@ TYPED_TEST(LevelSetRedistance, TorusGradedTreeRecursion) { expectAccurate<TypePa
 // Disabled here: fails against the current implementation; enabled on branch redisttests.
 TYPED_TEST(LevelSetRedistance, DISABLED_TorusGradedTreeDOFSweep) { expectAccurate<TypeParam>(torusShape(), TreeKind::kGraded, Path::kDOF); }
 TYPED_TEST(LevelSetRedistance, BoxUniformBandRecursion) { expectAccurate<TypeParam>(boxShape(), TreeKind::kUniformBand, Path::kRecursive); }
-// Disabled here: fails against the current implementation; enabled on branch redisttests.
-TYPED_TEST(LevelSetRedistance, DISABLED_BoxUniformBandDOFSweep) { expectAccurate<TypeParam>(boxShape(), TreeKind::kUniformBand, Path::kDOF); }
+TYPED_TEST(LevelSetRedistance, BoxUniformBandDOFSweep) { expectAccurate<TypeParam>(boxShape(), TreeKind::kUniformBand, Path::kDOF); }
 TYPED_TEST(LevelSetRedistance, BoxGradedTreeRecursion) { expectAccurate<TypeParam>(boxShape(), TreeKind::kGraded, Path::kRecursive); }
 // Disabled here: fails against the current implementation; enabled on branch redisttests.
 TYPED_TEST(LevelSetRedistance, DISABLED_BoxGradedTreeDOFSweep) { expectAccurate<TypeParam>(boxShape(), TreeKind::kGraded, Path::kDOF); }
