@@ -121,21 +121,16 @@ template <typename Tr> void expectAccurate(Shape const& shape, TreeKind kind, Pa
 
 TYPED_TEST(LevelSetRedistance, SphereUniformBandRecursion) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kUniformBand, Path::kRecursive); }
 TYPED_TEST(LevelSetRedistance, SphereUniformBandDOFSweep) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kUniformBand, Path::kDOF); }
-// Disabled here: fails against the current implementation; enabled on branch redisttests.
-TYPED_TEST(LevelSetRedistance, DISABLED_SphereGradedTreeRecursion) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kGraded, Path::kRecursive); }
-// Disabled here: fails against the current implementation; enabled on branch redisttests.
-TYPED_TEST(LevelSetRedistance, DISABLED_SphereGradedTreeDOFSweep) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kGraded, Path::kDOF); }
+TYPED_TEST(LevelSetRedistance, SphereGradedTreeRecursion) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kGraded, Path::kRecursive); }
+TYPED_TEST(LevelSetRedistance, SphereGradedTreeDOFSweep) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kGraded, Path::kDOF); }
 TYPED_TEST(LevelSetRedistance, TorusUniformBandRecursion) { expectAccurate<TypeParam>(torusShape(), TreeKind::kUniformBand, Path::kRecursive); }
-// Disabled here: fails against the current implementation; enabled on branch redisttests.
-TYPED_TEST(LevelSetRedistance, DISABLED_TorusUniformBandDOFSweep) { expectAccurate<TypeParam>(torusShape(), TreeKind::kUniformBand, Path::kDOF); }
+TYPED_TEST(LevelSetRedistance, TorusUniformBandDOFSweep) { expectAccurate<TypeParam>(torusShape(), TreeKind::kUniformBand, Path::kDOF); }
 TYPED_TEST(LevelSetRedistance, TorusGradedTreeRecursion) { expectAccurate<TypeParam>(torusShape(), TreeKind::kGraded, Path::kRecursive); }
-// Disabled here: fails against the current implementation; enabled on branch redisttests.
-TYPED_TEST(LevelSetRedistance, DISABLED_TorusGradedTreeDOFSweep) { expectAccurate<TypeParam>(torusShape(), TreeKind::kGraded, Path::kDOF); }
+TYPED_TEST(LevelSetRedistance, TorusGradedTreeDOFSweep) { expectAccurate<TypeParam>(torusShape(), TreeKind::kGraded, Path::kDOF); }
 TYPED_TEST(LevelSetRedistance, BoxUniformBandRecursion) { expectAccurate<TypeParam>(boxShape(), TreeKind::kUniformBand, Path::kRecursive); }
 TYPED_TEST(LevelSetRedistance, BoxUniformBandDOFSweep) { expectAccurate<TypeParam>(boxShape(), TreeKind::kUniformBand, Path::kDOF); }
 TYPED_TEST(LevelSetRedistance, BoxGradedTreeRecursion) { expectAccurate<TypeParam>(boxShape(), TreeKind::kGraded, Path::kRecursive); }
-// Disabled here: fails against the current implementation; enabled on branch redisttests.
-TYPED_TEST(LevelSetRedistance, DISABLED_BoxGradedTreeDOFSweep) { expectAccurate<TypeParam>(boxShape(), TreeKind::kGraded, Path::kDOF); }
+TYPED_TEST(LevelSetRedistance, BoxGradedTreeDOFSweep) { expectAccurate<TypeParam>(boxShape(), TreeKind::kGraded, Path::kDOF); }
 
 TYPED_TEST(LevelSetRedistance, OneThreadAndAllThreadsGiveTheSameBits)
 {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 #include <cfloat>
+#include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/substrate/channel.h>
@@ -92,12 +93,15 @@ inline Shape box(double hx, double hy, double hz, double cx, double cy, double c
             [edge, voxelSize](double x, double y, double z) { return edge(x, y, z, voxelSize); }};
 }
 
-/// World position of the sample (the centre) of voxel (i, j, k) of @p tile.
+/// World position of the sample of voxel (i, j, k) of @p tile as the solves place it at every
+/// depth: the sample (centre) of the finest voxel at the voxel's corner. A covered voxel thus
+/// coincides with the child voxel at the low corner of its region, and a hanging voxel with its
+/// place on the coarser lattice.
 template <typename Tr> std::array<double, 3> voxelCentre(Tile<Tr> const& tile, int i, int j, int k, double voxelSize)
 {
     double const w = double(tile.voxelDataWidth());
-    return {(tile.ti() + (i + 0.5) * w) * voxelSize, (tile.tj() + (j + 0.5) * w) * voxelSize,
-            (tile.tk() + (k + 0.5) * w) * voxelSize};
+    return {(tile.ti() + i * w + 0.5) * voxelSize, (tile.tj() + j * w + 0.5) * voxelSize,
+            (tile.tk() + k * w + 0.5) * voxelSize};
 }
 
 /// Lower bound of |distance| over the box of the tile (@p corner, @p depth): the value at the
@@ -131,14 +135,20 @@ public:
     /// World spacing of the voxels of depth @p d.
     double spacing(int d) const { return double(Container<Tr>::voxelDataWidth(d)) * voxelSize(); }
 
-    /// The deepest tiles that may come within @p bandVoxels finest voxels of the surface, with all
-    /// their ancestors and nothing else.
+    /// A narrow band: the deepest tiles that may come within @p bandVoxels finest voxels of the
+    /// surface, in a tree that coarsens away from it as `buildGraded` does with one tile of each
+    /// depth around the surface (graded, as every producer of level sets leaves its tree: no tile
+    /// has a neighbour more than one depth coarser, which the transfers between depths rely on).
     void buildUniformBand(Shape const& shape, double bandVoxels)
     {
         double const s = voxelSize();
         testtrees::refineWhere<Tr>(tree, Tr::kMaxDepth, [&](int3 const& corner, int depth) {
-            return tileLowerBound<Tr>(shape, corner, depth, s) <= bandVoxels * s;
+            double const reach = depth == Tr::kMaxDepth
+                                     ? bandVoxels
+                                     : std::max(bandVoxels, double(Container<Tr>::tileVoxelWidth(depth)));
+            return tileLowerBound<Tr>(shape, corner, depth, s) <= reach * s;
         });
+        CoreGL::TileTree3D::gradeTileTree<Tr>(tree, nullptr, nullptr, 0, Tr::kMaxDepth);
         finish();
     }
 
