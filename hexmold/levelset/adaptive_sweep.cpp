@@ -182,7 +182,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                         setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), io_distance, haloMode,
                                                             kHaloTypeFacesAndEdges, accessor, halo,
                                                             io_distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
-                        boundCoarseRim(tile, accessor, voxelSize, halo);
+                        boundCoarseRim(tile, accessor, voxelSize, halo, minDepth);
                         if (mask)
                             setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), *mask, haloMode,
                                                                 kHaloTypeFacesAndEdges, accessor, maskHalo,
@@ -191,7 +191,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                             setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), *extended, kHaloModeRedistance,
                                                                 kHaloTypeFacesAndEdges, accessor, frozen,
                                                                 extended->defaultValue(), 1.0f, kVoxelOffsetCenter);
-                        if (needExtended) boundCoarseRim(tile, accessor, voxelSize, frozen);
+                        if (needExtended) boundCoarseRim(tile, accessor, voxelSize, frozen, minDepth);
                         Tile<Traits> const* parent =
                             tile.parent() >= 0 ? &container.tile(tile.parent(), depth - 1) : nullptr;
                         int3 const slot = parent ? parent->childIJK(tile) : int3{0, 0, 0};
@@ -264,6 +264,9 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                                         for (int c = k - 1; c <= k + 1 && !change; ++c)
                                             for (int b = j - 1; b <= j + 1 && !change; ++b)
                                                 for (int a = i - 1; a <= i + 1 && !change; ++a) {
+                                                    // The halo's corners are not filled.
+                                                    if ((a < 0 || a >= W) && (b < 0 || b >= W) && (c < 0 || c >= W))
+                                                        continue;
                                                     bool const qInside = 0.0f > halo(a, b, c);
                                                     static constexpr int kUp[7][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1},
                                                                                       {1, 1, 0}, {1, 0, 1}, {0, 1, 1},
@@ -271,6 +274,9 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                                                     for (auto const& u : kUp) {
                                                         int const x = a + u[0], y = b + u[1], z = c + u[2];
                                                         if (x > W || y > W || z > W) continue;
+                                                        // The halo's corners are not filled.
+                                                        if ((x < 0 || x >= W) && (y < 0 || y >= W) && (z < 0 || z >= W))
+                                                            continue;
                                                         float const n = halo(x, y, z);
                                                         if ((0.0f > n) != qInside && std::fabs(n) <= nearZero) {
                                                             change = true;
@@ -345,7 +351,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                     setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), io_distance, haloMode,
                                                         kHaloTypeFacesAndEdges, accessor, u,
                                                         io_distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
-                    boundCoarseRim(tile, accessor, voxelSize, u);
+                    boundCoarseRim(tile, accessor, voxelSize, u, minDepth);
                     float change;
                     if (hasMask) {
                         setHaloTile<Traits, unsigned char, 0, 1, 0>(tile.treeIndex(), *types, typeHaloMode,

@@ -319,7 +319,7 @@ template <typename TileT> double3 samplePosition(TileT const& tile, int i, int j
 
 /// @brief Makes the face rim of a halo block safe for the solves: a face filled from a coarser
 ///        tile becomes an upper bound of the distance at the rim elements' own places, and a face
-///        beyond the domain repeats the tile's own face.
+///        beyond the domain or in a depth below @p minDepth repeats the tile's own face.
 /// @details Across a resolution jump the rim holds the value of the coarse voxel that covers each
 ///          rim element, which sits up to a coarse voxel's diagonal away from it. A sweep can only
 ///          lower magnitudes, so a rim value that is too small would spread; the coarse value
@@ -328,19 +328,41 @@ template <typename TileT> double3 samplePosition(TileT const& tile, int i, int j
 /// @param u  the block, its face rim filled by the rim rule
 template <typename Traits, typename Accessor>
 void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSize,
-                    TileData<float, Traits::kTileWidth, 1, 0>& u)
+                    TileData<float, Traits::kTileWidth, 1, 0>& u, int minDepth = 0)
 {
     constexpr int W = Traits::kTileWidth;
     std::int64_t const w = tile.voxelDataWidth();
     std::int64_t const corner[3] = {tile.ti(), tile.tj(), tile.tk()};
+    // Edges and corners of the rim beyond the domain (or in untreated depths) repeat the nearest
+    // voxel of the tile, like the faces below.
+    for (int dz = -1; dz <= 1; ++dz)
+        for (int dy = -1; dy <= 1; ++dy)
+            for (int dx = -1; dx <= 1; ++dx) {
+                if ((dx != 0) + (dy != 0) + (dz != 0) < 2) continue;
+                Tile<Traits> const& n = accessor.tileNeighbor(tile, 13 + 9 * dx + 3 * dy + dz);
+                if (n.valid() && n.depth() >= minDepth) continue;
+                auto range = [](int d, int& lo, int& hi) {
+                    lo = d < 0 ? -1 : d > 0 ? W : 0;
+                    hi = d < 0 ? -1 : d > 0 ? W : W - 1;
+                };
+                int x0, x1, y0, y1, z0, z1;
+                range(dx, x0, x1);
+                range(dy, y0, y1);
+                range(dz, z0, z1);
+                for (int z = z0; z <= z1; ++z)
+                    for (int y = y0; y <= y1; ++y)
+                        for (int x = x0; x <= x1; ++x)
+                            u(x, y, z) = u(std::clamp(x, 0, W - 1), std::clamp(y, 0, W - 1), std::clamp(z, 0, W - 1));
+            }
     for (int axis = 0; axis < 3; ++axis)
         for (int side = -1; side <= 1; side += 2) {
             int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
             Tile<Traits> const& n = accessor.tileNeighbor(tile, direction);
             int const layer = side < 0 ? -1 : W;
-            if (!n.valid()) {
-                // Beyond the domain nothing is known: the rim repeats the tile's own face, so it
-                // neither brings a value nor fakes a crossing with the default's sign.
+            if (!n.valid() || n.depth() < minDepth) {
+                // Beyond the domain, or in depths the solve does not treat, nothing is known: the
+                // rim repeats the tile's own face, so it neither brings a value nor fakes a
+                // crossing with the default's sign.
                 int const inner = side < 0 ? 0 : W - 1;
                 for (int b = 0; b < W; ++b)
                     for (int a = 0; a < W; ++a) {
