@@ -59,11 +59,15 @@ template <typename Tr> struct Input {
     {
         double const s = kVoxel;
         scene.buildUniformBand(shape, kOutputBand);
-        float const bg = LevelSetScene<Tr>::kBackground;
+        // As the tree producers leave it: neighbour tables built.
+        scene.tree.precomputeTileNeighbors();
+        // The background is the band's half width, as the peer's.
+        float const bg = float(kOutputBand * kVoxel);
         distance = scene.makeChannel([&](double x, double y, double z) {
             double const f = shape.field(x, y, z);
             return f < 0 ? -double(bg) : double(bg);
         });
+        distance->setDefaultValue(&bg);
         // The field on the voxels of the tiles that the 3-voxel band has.
         int const d = Tr::kMaxDepth;
         for (std::int64_t t = 0; t < scene.tree.tileCount(d); ++t) {
@@ -111,7 +115,8 @@ template <typename Tr> Input<Tr>& input()
 template <typename Tr> char const* traitsName() { return std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55"; }
 
 /// One of our runs on a fresh copy of the input; returns seconds and leaves the result in @p out.
-template <typename Tr> double runOurs(Input<Tr>& in, bool useDOF, std::unique_ptr<VoxelChannel<Tr, float>>& out)
+template <typename Tr>
+double runOurs(Input<Tr>& in, bool useDOF, std::unique_ptr<VoxelChannel<Tr, float>>& out, bool coalesced = false)
 {
     out = std::make_unique<VoxelChannel<Tr, float>>(*in.distance);
     auto const t0 = Clock::now();
@@ -119,6 +124,7 @@ template <typename Tr> double runOurs(Input<Tr>& in, bool useDOF, std::unique_pt
     if (useDOF) dof = in.scene.makeDOF();
     RedistanceCall<Tr> call;
     call.dof = dof.get();
+    call.coalesced = coalesced;
     call.name = "bench";
     call.run(in.scene, *out);
     return secondsSince(t0);
@@ -144,7 +150,7 @@ template <typename Tr> openvdb::FloatGrid::Ptr peerInput(Input<Tr>& in)
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) {
                     float v = td(i, j, k);
-                    if (std::abs(v) >= LevelSetScene<Tr>::kBackground) v = v < 0 ? -background : background;
+                    if (std::abs(v) >= background) v = v < 0 ? -background : background;
                     acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k), v);
                 }
     }
@@ -160,13 +166,14 @@ template <typename Tr> void BM_RedistanceVersusOpenVDB(benchmark::State& state)
 #if HEXMOLD_HAVE_OPENVDB
     auto const peerIn = peerInput(in);
 #endif
-    std::vector<double> dofTimes, recursionTimes, peerTimes;
-    std::unique_ptr<VoxelChannel<Tr, float>> oursDOF, oursRecursion;
-    ErrorStats eDOF, eRecursion, ePeer;
+    std::vector<double> dofTimes, recursionTimes, coalescedTimes, peerTimes;
+    std::unique_ptr<VoxelChannel<Tr, float>> oursDOF, oursRecursion, oursCoalesced;
+    ErrorStats eDOF, eRecursion, eCoalesced, ePeer;
     for (auto _ : state) {
         for (int r = 0; r < kRepeats; ++r) {
             dofTimes.push_back(runOurs(in, true, oursDOF));
             recursionTimes.push_back(runOurs(in, false, oursRecursion));
+            coalescedTimes.push_back(runOurs(in, false, oursCoalesced, true));
 #if HEXMOLD_HAVE_OPENVDB
             auto const t0 = Clock::now();
             auto const peer = openvdb::tools::sdfToSdf(*peerIn);
@@ -187,8 +194,9 @@ template <typename Tr> void BM_RedistanceVersusOpenVDB(benchmark::State& state)
     };
     eDOF = in.nearSurfaceError(valueOf(*oursDOF));
     eRecursion = in.nearSurfaceError(valueOf(*oursRecursion));
+    eCoalesced = in.nearSurfaceError(valueOf(*oursCoalesced));
 
-    double const tDOF = median(dofTimes), tRecursion = median(recursionTimes);
+    double const tDOF = median(dofTimes), tRecursion = median(recursionTimes), tCoalesced = median(coalescedTimes);
     std::printf("\n%s, sphere of radius %.0f voxels, %lld threads, median of %d alternating runs:\n",
                 traitsName<Tr>(), kRadius, (long long)state.range(0), kRepeats);
     std::printf("  voxels: %lld deepest (the peer's active voxels), %lld over all depths\n",
@@ -197,6 +205,8 @@ template <typename Tr> void BM_RedistanceVersusOpenVDB(benchmark::State& state)
     std::printf("  %-32s %10.1f %16.4f %16.4f\n", "ours, DOF sweep (+ classify)", 1e3 * tDOF, eDOF.mean(), eDOF.max);
     std::printf("  %-32s %10.1f %16.4f %16.4f\n", "ours, recursion", 1e3 * tRecursion, eRecursion.mean(),
                 eRecursion.max);
+    std::printf("  %-32s %10.1f %16.4f %16.4f\n", "ours, recursion, coalesced blocks", 1e3 * tCoalesced,
+                eCoalesced.mean(), eCoalesced.max);
     state.counters["voxels"] = double(in.finestVoxels);
     state.counters["ours_dof_ms"] = 1e3 * tDOF;
     state.counters["ours_recursion_ms"] = 1e3 * tRecursion;
@@ -204,9 +214,10 @@ template <typename Tr> void BM_RedistanceVersusOpenVDB(benchmark::State& state)
 #if HEXMOLD_HAVE_OPENVDB
     double const tPeer = median(peerTimes);
     std::printf("  %-32s %10.1f %16.4f %16.4f\n", "OpenVDB sdfToSdf", 1e3 * tPeer, ePeer.mean(), ePeer.max);
-    std::printf("  time ratio ours / OpenVDB: DOF sweep %.2f, recursion %.2f (errors near the surface: %d voxels "
-                "each side, %lld voxels)\n",
-                tDOF / tPeer, tRecursion / tPeer, 3, ePeer.n);
+    std::printf("  time ratio ours / OpenVDB: DOF sweep %.2f, recursion %.2f, coalesced %.2f (errors near the "
+                "surface: %d voxels each side, %lld voxels)\n",
+                tDOF / tPeer, tRecursion / tPeer, tCoalesced / tPeer, 3, ePeer.n);
+    state.counters["ratio_coalesced"] = tCoalesced / tPeer;
     state.counters["openvdb_ms"] = 1e3 * tPeer;
     state.counters["ratio_dof"] = tDOF / tPeer;
     state.counters["ratio_recursion"] = tRecursion / tPeer;
