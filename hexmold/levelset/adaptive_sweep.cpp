@@ -182,7 +182,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                         setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), io_distance, haloMode,
                                                             kHaloTypeFacesAndEdges, accessor, halo,
                                                             io_distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
-                        boundCoarseRim(tile, accessor, voxelSize, halo, minDepth);
+                        boundCoarseRim(tile, accessor, voxelSize, halo, minDepth, true);
                         if (mask)
                             setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), *mask, haloMode,
                                                                 kHaloTypeFacesAndEdges, accessor, maskHalo,
@@ -191,7 +191,7 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                             setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), *extended, kHaloModeRedistance,
                                                                 kHaloTypeFacesAndEdges, accessor, frozen,
                                                                 extended->defaultValue(), 1.0f, kVoxelOffsetCenter);
-                        if (needExtended) boundCoarseRim(tile, accessor, voxelSize, frozen, minDepth);
+                        if (needExtended) boundCoarseRim(tile, accessor, voxelSize, frozen, minDepth, true);
                         Tile<Traits> const* parent =
                             tile.parent() >= 0 ? &container.tile(tile.parent(), depth - 1) : nullptr;
                         int3 const slot = parent ? parent->childIJK(tile) : int3{0, 0, 0};

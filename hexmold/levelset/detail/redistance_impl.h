@@ -328,14 +328,14 @@ template <typename TileT> double3 samplePosition(TileT const& tile, int i, int j
 /// @param u  the block, its face rim filled by the rim rule
 template <typename Traits, typename Accessor>
 void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSize,
-                    TileData<float, Traits::kTileWidth, 1, 0>& u, int minDepth = 0)
+                    TileData<float, Traits::kTileWidth, 1, 0>& u, int minDepth = 0, bool edgesToo = false)
 {
     constexpr int W = Traits::kTileWidth;
     std::int64_t const w = tile.voxelDataWidth();
     std::int64_t const corner[3] = {tile.ti(), tile.tj(), tile.tk()};
-    // Edges and corners of the rim beyond the domain (or in untreated depths) repeat the nearest
-    // voxel of the tile, like the faces below.
-    for (int dz = -1; dz <= 1; ++dz)
+    // With @p edgesToo, edges and corners of the rim beyond the domain (or in untreated depths)
+    // repeat the nearest voxel of the tile, like the faces below; the sweeps read faces only.
+    for (int dz = -1; dz <= 1 && edgesToo; ++dz)
         for (int dy = -1; dy <= 1; ++dy)
             for (int dx = -1; dx <= 1; ++dx) {
                 if ((dx != 0) + (dy != 0) + (dz != 0) < 2) continue;
