@@ -10,11 +10,11 @@ namespace CoreGL::TileTree3D {
 using namespace TVL::TileTree3D;
 
 template <typename Traits>
-LevelSetSamplerReader<Traits>::LevelSetSamplerReader(LevelSetSampler const& spec, Container<Traits> const& container,
+LevelSetSamplerReader<Traits>::LevelSetSamplerReader(LevelSetSampler const& description, Container<Traits> const& container,
                                                      VoxelTopology<Traits> const& topology,
                                                      VoxelChannel<Traits, float> const& channel,
                                                      bbox<float3, float> const* box)
-    : mSpec(spec), mBox(box ? *box : bbox<float3, float>{}), mHasBox(box != nullptr && !box->empty()),
+    : mSpec(description), mBox(box ? *box : bbox<float3, float>{}), mHasBox(box != nullptr && !box->empty()),
       mVoxelSize(container.voxelSize()), mLinear(container, topology, channel)
 {
 }

@@ -45,12 +45,12 @@ template <typename Traits> class HEXMOLD_API LevelSetSamplerReader {
 public:
     using Linear = TVL::TileTree3D::VoxelSamplerLinear<Traits, float, Traits::kTileWidth, 2, Tavrel::Math::double3>;
 
-    /// @param spec      the description; copied
-    /// @param channel   the level set named by @p spec, bound to @p topology
-    /// @param box       an extra world box (null: none), applied like `spec.bounds`
+    /// @param description      the description; copied
+    /// @param channel   the level set named by @p description, bound to @p topology
+    /// @param box       an extra world box (null: none), applied like `description.bounds`
     /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only (building the
     ///         sampler runs parallel passes).
-    LevelSetSamplerReader(LevelSetSampler const& spec, TVL::TileTree3D::Container<Traits> const& container,
+    LevelSetSamplerReader(LevelSetSampler const& description, TVL::TileTree3D::Container<Traits> const& container,
                           TVL::TileTree3D::VoxelTopology<Traits> const& topology,
                           TVL::TileTree3D::VoxelChannel<Traits, float> const& channel,
                           TVL::TileTree3D::bbox<Tavrel::Math::float3, float> const* box);
