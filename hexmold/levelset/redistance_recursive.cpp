@@ -139,34 +139,18 @@ void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Trai
                         float const reset = 0.0f > c ? -background : background;
                         float& v = values(i, j, k);
                         if (std::fabs(v - reset) > kEpsilon) continue;
-                        // Trilinear mix of the coarse lattice; axes on the lattice do not mix.
+                        // The trilinear mix of the coarse lattice, where all of it is reached on
+                        // this voxel's side.
                         std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
-                        std::int64_t base[3];
-                        double fraction[3];
-                        for (int axis = 0; axis < 3; ++axis) {
-                            std::int64_t const r = (p[axis] + Traits::kCentreOffset) % pw;
-                            base[axis] = p[axis] - r;
-                            fraction[axis] = double(r) / double(pw);
-                        }
-                        double sum = 0.0;
-                        bool reached = true;
-                        for (int corner = 0; corner < 8 && reached; ++corner) {
-                            double weight = 1.0;
-                            std::int64_t q[3];
-                            bool skip = false;
-                            for (int axis = 0; axis < 3; ++axis) {
-                                int const upper = (corner >> axis) & 1;
-                                if (upper && fraction[axis] == 0.0) skip = true;
-                                weight *= upper ? fraction[axis] : 1.0 - fraction[axis];
-                                q[axis] = base[axis] + (upper ? pw : 0);
-                            }
-                            if (skip) continue;
-                            float const value = coarse(q[0], q[1], q[2]);
-                            if (std::isnan(value) || (0.0f > value) != (0.0f > c)) reached = false;
-                            else sum += weight * double(value);
-                        }
+                        double const mix = latticeMix<Traits>(p, pw, [&](std::int64_t x, std::int64_t y, std::int64_t z) {
+                            float const value = coarse(x, y, z);
+                            return std::isnan(value) || (0.0f > value) != (0.0f > c)
+                                       ? std::numeric_limits<double>::quiet_NaN()
+                                       : double(value);
+                        });
+                        bool const reached = !std::isnan(mix);
                         if (reached) {
-                            float const mixed = float(sum);
+                            float const mixed = float(mix);
                             v = 0.0f > c ? std::min(mixed, -kTinyDistance) : std::max(mixed, kTinyDistance);
                             continue;
                         }

@@ -1,6 +1,7 @@
 /// @file  levelset/sweep_transfer.cpp
 /// @brief The transfers of the multilevel solve between depths: restriction of covered voxels
 ///        from their children and interpolation of hanging voxels from the coarser lattice.
+#include <limits>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/levelset/dof_classification.h>
@@ -86,36 +87,14 @@ void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits,
                     // An excluded voxel keeps its value.
                     if (types.size() == N && types(i, j, k) == kValueTypeExcluded) return;
                     std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
-                    std::int64_t base[3];
-                    double fraction[3];
-                    for (int axis = 0; axis < 3; ++axis) {
-                        std::int64_t const r = (p[axis] + Traits::kCentreOffset) % pw;
-                        base[axis] = p[axis] - r;
-                        fraction[axis] = double(r) / double(pw);
-                    }
-                    // Axes on the coarse lattice do not interpolate: their weight of the upper
-                    // point is zero, and the point is not read.
-                    double sum = 0.0;
-                    for (int c = 0; c < 8; ++c) {
-                        double weight = 1.0;
-                        std::int64_t q[3];
-                        bool skip = false;
-                        for (int axis = 0; axis < 3; ++axis) {
-                            int const upper = (c >> axis) & 1;
-                            if (upper && fraction[axis] == 0.0) {
-                                skip = true;
-                                break;
-                            }
-                            weight *= upper ? fraction[axis] : 1.0 - fraction[axis];
-                            q[axis] = base[axis] + (upper ? pw : 0);
-                        }
-                        if (skip) continue;
-                        float const value = coarse(q[0], q[1], q[2]);
-                        // The coarse lattice is unreached here: no value to interpolate.
-                        if (!(std::fabs(value) < background - kEpsilon)) return;
-                        sum += weight * double(value);
-                    }
-                    float const interpolated = float(sum);
+                    // Where the coarse lattice is unreached there is no value to interpolate.
+                    double const mix = latticeMix<Traits>(p, pw, [&](std::int64_t x, std::int64_t y, std::int64_t z) {
+                        float const v = coarse(x, y, z);
+                        return std::fabs(v) < background - kEpsilon ? double(v)
+                                                                     : std::numeric_limits<double>::quiet_NaN();
+                    });
+                    if (std::isnan(mix)) return;
+                    float const interpolated = float(mix);
                     // A voxel the sweeps of its own depth solve keeps their value where they
                     // reached it; the coarse lattice fills in where they did not.
                     if (types.size() == N && types(i, j, k) == kValueTypeUnknown &&

@@ -404,6 +404,43 @@ void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSiz
         }
 }
 
+/// @brief The trilinear mix, at the finest-voxel point @p p, of the lattice of spacing @p pw
+///        (tile-lattice aligned) around it; an axis on which @p p lies on the lattice does not
+///        mix, and its upper point is not read.
+/// @param value  lattice point (x, y, z) -> its value, NaN where it has none
+/// @return the mix, or NaN when a point it weights has no value
+template <typename Traits, typename Value>
+double latticeMix(std::int64_t const (&p)[3], std::int64_t pw, Value const& value)
+{
+    std::int64_t base[3];
+    double fraction[3];
+    for (int axis = 0; axis < 3; ++axis) {
+        std::int64_t const r = (p[axis] + Traits::kCentreOffset) % pw;
+        base[axis] = p[axis] - r;
+        fraction[axis] = double(r) / double(pw);
+    }
+    double sum = 0.0;
+    for (int corner = 0; corner < 8; ++corner) {
+        double weight = 1.0;
+        std::int64_t q[3];
+        bool skip = false;
+        for (int axis = 0; axis < 3; ++axis) {
+            int const upper = (corner >> axis) & 1;
+            if (upper && fraction[axis] == 0.0) {
+                skip = true;
+                break;
+            }
+            weight *= upper ? fraction[axis] : 1.0 - fraction[axis];
+            q[axis] = base[axis] + (upper ? pw : 0);
+        }
+        if (skip) continue;
+        double const v = value(q[0], q[1], q[2]);
+        if (std::isnan(v)) return v;
+        sum += weight * v;
+    }
+    return sum;
+}
+
 /// Voxel (i, j, k) of a W^3 block, k outer.
 template <int W> constexpr std::size_t voxelIndex(int i, int j, int k)
 {
