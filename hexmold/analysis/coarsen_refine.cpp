@@ -6,10 +6,10 @@
 #include <iostream>
 #include <span>
 #include <sstream>
-#include <tuple>
 #include <utility>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/substrate/cancel.h>
+#include <hexmold/substrate/canonical_order.h>
 #include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/topology.h>
@@ -87,21 +87,6 @@ private:
     TileIndexLists<Traits> mRemovals;
 };
 
-/// The tiles of @p scratch added again in the order depth, k, j, i, so that the merge gives an
-/// order independent of the workers' timing.
-template <typename Traits> void addInCanonicalOrder(Container<Traits> const& scratch, Container<Traits>& out)
-{
-    std::vector<std::tuple<int, int, int, int>> keys;
-    for (int d = 0; d <= Traits::kMaxDepth; ++d)
-        for (std::int64_t t = 0; t < scratch.tileCount(d); ++t) {
-            Tile<Traits> const& tile = scratch.tile(t, d);
-            keys.emplace_back(d, tile.tk(), tile.tj(), tile.ti());
-        }
-    std::sort(keys.begin(), keys.end());
-    auto accessor = out.tileAccessor();
-    for (auto const& [d, k, j, i] : keys) accessor.addTile(i, j, k, d);
-}
-
 template <typename Traits> void printTileCounts(char const* what, Container<Traits> const& container)
 {
     std::ostringstream out;
@@ -172,7 +157,7 @@ void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler con
                 removals = std::move(visitor.removals());
                 for (auto& list : removals) std::sort(list.begin(), list.end());
                 added = scratch->tileCount(-1) > 1;
-                if (added) addInCanonicalOrder(*scratch, ordered);
+                if (added) addTilesInCanonicalOrder(*scratch, ordered);
             } catch (...) {
                 container->freeThreadLocalContainer(scratch);
                 throw;

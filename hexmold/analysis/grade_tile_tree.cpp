@@ -7,10 +7,10 @@
 #include <cmath>
 #include <iostream>
 #include <sstream>
-#include <tuple>
 #include <utility>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/substrate/cancel.h>
+#include <hexmold/substrate/canonical_order.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
 
@@ -121,23 +121,6 @@ private:
     bool mGraded = true;
 };
 
-/// The tiles of @p scratch added again, on one thread and in the order depth, k, j, i, to a
-/// fresh tree: the tree that `refine` then merges has an order that does not depend on which
-/// worker added what first.
-template <typename Traits> void addInCanonicalOrder(Container<Traits> const& scratch, Container<Traits>& out)
-{
-    std::vector<std::tuple<int, int, int, int>> keys;
-    keys.reserve(static_cast<std::size_t>(scratch.tileCount(-1)));
-    for (int d = 0; d <= Traits::kMaxDepth; ++d)
-        for (std::int64_t t = 0; t < scratch.tileCount(d); ++t) {
-            Tile<Traits> const& tile = scratch.tile(t, d);
-            keys.emplace_back(d, tile.tk(), tile.tj(), tile.ti());
-        }
-    std::sort(keys.begin(), keys.end());
-    auto accessor = out.tileAccessor();
-    for (auto const& [d, k, j, i] : keys) accessor.addTile(i, j, k, d);
-}
-
 } // namespace
 
 template <typename Traits>
@@ -174,7 +157,7 @@ void gradeTileTree(Container<Traits>& io_container, TileCornerLists<Traits>* io_
         if (scratch->tileCount(-1) > 1) {
             changed = true;
             Container<Traits> ordered("", io_container.voxelSize());
-            addInCanonicalOrder(*scratch, ordered);
+            addTilesInCanonicalOrder(*scratch, ordered);
             TileCornerLists<Traits> added;
             io_container.refine(ordered, io_newTiles ? &added : nullptr, true);
             if (io_newTiles)

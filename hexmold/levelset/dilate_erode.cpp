@@ -8,11 +8,11 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/substrate/cancel.h>
+#include <hexmold/substrate/canonical_order.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
 
@@ -154,21 +154,6 @@ private:
     TileIndexLists<Traits> mFar;
 };
 
-/// The tiles of @p scratch added again in the order depth, k, j, i: the merge then gives the
-/// tree the same order whatever the split of the reduction was.
-template <typename Traits> void addInCanonicalOrder(Container<Traits> const& scratch, Container<Traits>& out)
-{
-    std::vector<std::tuple<int, int, int, int>> keys;
-    for (int d = 0; d <= Traits::kMaxDepth; ++d)
-        for (std::int64_t t = 0; t < scratch.tileCount(d); ++t) {
-            Tile<Traits> const& tile = scratch.tile(t, d);
-            keys.emplace_back(d, tile.tk(), tile.tj(), tile.ti());
-        }
-    std::sort(keys.begin(), keys.end());
-    auto accessor = out.tileAccessor();
-    for (auto const& [d, k, j, i] : keys) accessor.addTile(i, j, k, d);
-}
-
 } // namespace
 
 template <typename Traits, typename Logger>
@@ -187,7 +172,7 @@ void dilate(float bandwidth, Container<Traits>& io_container, VoxelChannel<Trait
         DilateVisitor<Traits> visitor(bandwidth, io_container.voxelSize(), distance);
         std::as_const(io_container).reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, minDepth, maxDepth, 50, 0,
                                               Traits::kRatio, kVisitInteriorVoxelNone);
-        if (visitor.scratch().tileCount(-1) > 1) addInCanonicalOrder(visitor.scratch(), ordered);
+        if (visitor.scratch().tileCount(-1) > 1) addTilesInCanonicalOrder(visitor.scratch(), ordered);
     }
     std::int64_t const before = io_container.tileCount(-1);
     {
