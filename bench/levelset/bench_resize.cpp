@@ -7,6 +7,9 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <string>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/levelset/resize.h>
@@ -106,8 +109,21 @@ demo::BandErrors peerErrors(openvdb::FloatGrid const& grid)
 }
 #endif
 
+/// Our timers' total milliseconds per name over the timed calls, when HEXMOLD_BENCH_STAGES is set.
+std::map<std::string, double>& stageTotals()
+{
+    static std::map<std::string, double> totals;
+    return totals;
+}
+
+void observeStage(Quillon::StringView name, double milliseconds)
+{
+    stageTotals()[std::string(name)] += milliseconds;
+}
+
 void BM_ResizeSphereBand3To10(benchmark::State& state)
 {
+    bool const stages = std::getenv("HEXMOLD_BENCH_STAGES") != nullptr;
     TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism, 2);
     static auto const source = demo::sphereBandVolume<Traits24>(kRadius, 3.0);
     float const bandwidth = float(10.0 / kRadius);
@@ -119,11 +135,13 @@ void BM_ResizeSphereBand3To10(benchmark::State& state)
     for (auto _ : state) {
         for (int r = 0; r < kRepeats; ++r) {
             auto volume = deepCopy(*source);
+            if (stages) CoreGL::Logger::setTimerObserver(observeStage);
             auto const t0 = std::chrono::steady_clock::now();
             VolumeGL::TileTree3D::LevelSet::resize(bandwidth, *volume, Tavrel::Geometry::sVoxelTileTree,
                                                    Tavrel::Geometry::sVoxelComp,
                                                    Tavrel::Geometry::sVoxelSignedDistance, CoreGL::NOPLogger{});
             ours.push_back(msSince(t0));
+            CoreGL::Logger::setTimerObserver(nullptr);
             if (r == 0) ourErrors = demo::bandErrors<Traits24>(*volume, kRadius, 10.0);
 #if HEXMOLD_HAVE_OPENVDB
             auto grid = peerSource->deepCopy();
@@ -142,6 +160,11 @@ void BM_ResizeSphereBand3To10(benchmark::State& state)
                 kRadius, ours.size());
     std::printf("  ours     %8.1f ms  %9ld finest voxels  near-surface error mean %.4f max %.4f, band max %.3f voxels\n",
                 median(ours), ourErrors.finestVoxels, ourErrors.nearMean, ourErrors.nearMax, ourErrors.bandMax);
+    if (stages) {
+        std::printf("  our stages, mean milliseconds per call:\n");
+        for (auto const& [name, ms] : stageTotals())
+            std::printf("    %-60s %9.1f\n", name.c_str(), ms / double(ours.size()));
+    }
 #if HEXMOLD_HAVE_OPENVDB
     state.counters["openvdb_ms"] = median(peer);
     state.counters["ratio"] = median(ours) / median(peer);

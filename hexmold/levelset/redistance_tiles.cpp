@@ -5,6 +5,7 @@
 
 #include <array>
 #include <hexmold/levelset/detail/redistance_impl.h>
+#include <hexmold/levelset/detail/sweep_batch.h>
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/type_lists.h>
 
@@ -36,6 +37,9 @@ template <typename Traits> struct TileScratch {
     TileData<unsigned char, W, 1, 0> typesWithHalo{TileData<unsigned char, W, 1, 0>::kVoxelCount,
                                                    (unsigned char)kValueTypeExcluded};
     std::array<unsigned char, std::size_t(W) * W * W> unknown;
+    detail::SweepBatch<W> batch;
+    TreeIndex batchTiles[detail::SweepBatch<W>::kLanes];      ///< tree index of each loaded lane
+    std::int64_t batchIndices[detail::SweepBatch<W>::kLanes]; ///< index at the depth of each lane
 };
 
 /// The tile-by-tile form over tiles [begin, end) of @p depth.
@@ -59,6 +63,22 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
     float const tileRadius = std::sqrt(3.0f * (halfTile * halfTile));
     float const background = distance.defaultValue();
     float maxChange = 0.0f;
+    // Without a mask the tiles go through the batched sweep, kLanes at a time; the result is the
+    // same as tile by tile.
+    bool const batched = !(mask && valueType);
+    auto flush = [&] {
+        auto& batch = scratch.batch;
+        if (batch.size() == 0) return;
+        float changes[detail::SweepBatch<W>::kLanes];
+        batch.sweep(numbers, changes);
+        for (int lane = 0; lane < batch.size(); ++lane) {
+            maxChange = std::max(maxChange, changes[lane]);
+            if (activity) activity->record(scratch.batchIndices[lane], changes[lane] > 0.0f);
+            auto block = distance.tileData(scratch.batchTiles[lane]);
+            batch.interior(lane, block.data());
+        }
+        batch.clear();
+    };
     for (std::int64_t t = begin; t < end; ++t) {
         Tile<Traits> const& tile = container.tile(t, depth);
         if (tile.parent() >= 0 && valueType) {
@@ -108,9 +128,21 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
         } else {
             scratch.unknown.fill((unsigned char)kValueTypeUnknown);
         }
-        setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), distance, mode, kHaloTypeFacesAndEdges, accessor,
+        // The sweep reads the face rim only.
+        setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), distance, mode, kHaloTypeBase, accessor,
                                             scratch.values, background, 1.0f, kVoxelOffsetCenter);
         detail::boundCoarseRim(tile, accessor, voxelSize, scratch.values);
+        if (batched) {
+            if (detail::beyondBands(interiorBand, exteriorBand, scratch.values, detail::kVoxelsPerTile<Traits>)) {
+                if (activity) activity->record(t, false);
+                continue;
+            }
+            int const lane = scratch.batch.add(scratch.values.data(), types);
+            scratch.batchTiles[lane] = tile.treeIndex();
+            scratch.batchIndices[lane] = t;
+            if (scratch.batch.full()) flush();
+            continue;
+        }
         float change;
         if (mask && valueType) {
             setHaloTile<Traits, unsigned char, 0, 1, 0>(tile.treeIndex(), *valueType, typeMode,
@@ -131,6 +163,7 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) block(i, j, k) = scratch.values(i, j, k);
     }
+    flush();
     return maxChange;
 }
 

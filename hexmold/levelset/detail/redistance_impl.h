@@ -123,6 +123,32 @@ enum SweepMode : int {
     kSweepRedBlack = 1,        ///< red-black relaxation of single voxels
 };
 
+/// @brief The band check of the tile sweep: whether the block @p u (with a one-element halo)
+///        lies beyond the bands, so that its sweep is left out.
+/// @details The scan compares the index where it stops with the voxel count of a tile
+///          (@p voxelsPerTile), not with the block size: a quirk that decides which tiles are
+///          skipped, and that is kept. The edge and corner elements of the halo are overwritten;
+///          the sweeps read faces only.
+template <int W>
+bool beyondBands(float interiorBand, float exteriorBand, TileData<float, W, 1, 0>& u, int voxelsPerTile)
+{
+    float const* const data = u.data();
+    std::size_t const size = u.size();
+    if (std::fabs(exteriorBand - FLT_MAX) > kEpsilon) {
+        u.setHaloEdges(FLT_MAX);
+        std::size_t n = 0;
+        while (n < size && !(data[n] < exteriorBand)) ++n;
+        if (n == std::size_t(voxelsPerTile)) return true;
+    }
+    if (std::fabs(interiorBand - FLT_MAX) > kEpsilon) {
+        u.setHaloEdges(-FLT_MAX);
+        std::size_t n = 0;
+        while (n < size && !(data[n] > -interiorBand)) ++n;
+        if (n == std::size_t(voxelsPerTile)) return true;
+    }
+    return false;
+}
+
 /// @brief Sweeps one tile block held with a one-element halo.
 /// @tparam W  elements across the block (4, 5, or 8 for the coalesced block)
 /// @param interiorBand, exteriorBand  band of the tile test (world units)
@@ -145,23 +171,7 @@ float sweepTile(float interiorBand, float exteriorBand, DepthNumbers const& numb
     constexpr std::ptrdiff_t sy = E;
     constexpr std::ptrdiff_t sz = std::ptrdiff_t(E) * E;
     float* const data = u.data();
-    if (bandCheck) {
-        // The scan compares the index where it stops with the voxel count of a tile, not with
-        // the block size: a quirk that decides which tiles are skipped, and that is kept.
-        std::size_t const size = u.size();
-        if (std::fabs(exteriorBand - FLT_MAX) > kEpsilon) {
-            u.setHaloEdges(FLT_MAX);
-            std::size_t n = 0;
-            while (n < size && !(data[n] < exteriorBand)) ++n;
-            if (n == std::size_t(voxelsPerTile)) return 0.0f;
-        }
-        if (std::fabs(interiorBand - FLT_MAX) > kEpsilon) {
-            u.setHaloEdges(-FLT_MAX);
-            std::size_t n = 0;
-            while (n < size && !(data[n] > -interiorBand)) ++n;
-            if (n == std::size_t(voxelsPerTile)) return 0.0f;
-        }
-    }
+    if (bandCheck && beyondBands(interiorBand, exteriorBand, u, voxelsPerTile)) return 0.0f;
     auto at = [](int i, int j, int k) { return std::ptrdiff_t(i + 1) + sy * (j + 1) + sz * (k + 1); };
     float tracked = 0.0f;
     if (mode == kSweepEightDirections) {

@@ -1,0 +1,64 @@
+/// @file  levelset/detail/sweep_batch.h
+/// @brief The eight-direction tile sweep of several tiles at once, one tile per SIMD lane, with
+///        the voxels of each direction taken in wavefront order.
+/// @details Bit for bit the same as `sweepTile` in `kSweepEightDirections` mode with the plain
+///          neighbour function and no band check:
+///          - every lane runs the same single-precision operations, in the same order, as the
+///            scalar update (`eikonalUpdate` and `solveEikonalInline`), its branches turned into
+///            selections that mirror each comparison, NaN cases included;
+///          - within one direction a voxel reads only its own value and its three upwind
+///            neighbours, which lie on the previous wavefront (i + j + k one less, counted along
+///            the direction). Any order that visits the wavefronts one after the other therefore
+///            sees the same values as the scalar row order. Voxels of one wavefront do not
+///            depend on each other, so the processor overlaps their updates instead of waiting
+///            for each in turn, which the row order makes it do;
+///          - the largest change is a maximum, which no order changes.
+///          The scalar sweep is latency-bound on that chain; the batch is bound by throughput.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <hexmold/export.h>
+#include <hexmold/levelset/detail/redistance_impl.h>
+
+namespace VolumeGL::TileTree3D::LevelSet::detail {
+
+/// @brief Up to `kLanes` tile blocks of width @p W (4, 5, or 8 for the coalesced block), each
+///        held with a one-element halo, swept together.
+/// @details Lanes that are not loaded take part without effect: none of their voxels is unknown.
+///          Allocate per worker, not per tile (about 4 KB for W = 4, 16 KB for W = 8).
+template <int W> class HEXMOLD_API SweepBatch {
+public:
+    static constexpr int kLanes = 4;
+    static constexpr int kEdge = W + 2;
+    static constexpr std::size_t kBlock = std::size_t(kEdge) * kEdge * kEdge;
+    static constexpr std::size_t kInterior = std::size_t(W) * W * W;
+
+    SweepBatch();
+
+    /// Number of lanes loaded.
+    int size() const { return mCount; }
+    bool full() const { return mCount == kLanes; }
+
+    /// @brief Loads the next lane.
+    /// @param block  kBlock values with halo (k outer), as `sweepTile` takes them
+    /// @param types  kInterior value types; only voxels of type 2 (unknown) change
+    /// @return the lane loaded
+    int add(float const* block, unsigned char const* types);
+
+    /// Sweeps the loaded lanes in the eight directions; @p changes receives each lane's largest
+    /// change (0 for lanes not loaded).
+    void sweep(DepthNumbers const& numbers, float (&changes)[kLanes]);
+
+    /// Copies the interior of @p lane out, W^3 values with k outer.
+    void interior(int lane, float* out) const;
+
+    /// Forgets the loaded lanes.
+    void clear();
+
+private:
+    alignas(64) float mValues[kBlock * kLanes];
+    alignas(64) std::uint32_t mUnknown[kInterior * kLanes];
+    int mCount = 0;
+};
+
+} // namespace VolumeGL::TileTree3D::LevelSet::detail

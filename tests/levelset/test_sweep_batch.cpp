@@ -1,0 +1,142 @@
+// The batched tile sweep against the tile-by-tile sweep: the same bits for every lane, on random
+// blocks that mix both sides, exact zeros of both signs, the background, huge values, NaN and all
+// value types, for the three block widths and for partly loaded batches.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <vector>
+#include <hexmold/levelset/detail/redistance_impl.h>
+#include <hexmold/levelset/detail/sweep_batch.h>
+
+namespace {
+
+using namespace VolumeGL::TileTree3D::LevelSet::detail;
+using TVL::TileTree3D::TileData;
+
+template <int W> struct Case {
+    TileData<float, W, 1, 0> block{TileData<float, W, 1, 0>::kVoxelCount, 0.0f};
+    std::vector<unsigned char> types = std::vector<unsigned char>(std::size_t(W) * W * W);
+};
+
+/// A value of one of the kinds the solves meet, in units of the spacing @p h.
+float randomValue(std::mt19937& rng, float h, float background)
+{
+    std::uniform_int_distribution<int> kind(0, 11);
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    switch (kind(rng)) {
+    case 0: return background;
+    case 1: return -background;
+    case 2: return 0.0f;
+    case 3: return -0.0f;
+    case 4: return unit(rng) * 0.001f * h;
+    case 5: return std::numeric_limits<float>::quiet_NaN();
+    case 6: return unit(rng) * 1e20f;
+    case 7: return unit(rng) * 1e5f * h;
+    default: return unit(rng) * 6.0f * h;
+    }
+}
+
+template <int W> Case<W> randomCase(std::mt19937& rng, float h, float background, bool withNaN)
+{
+    Case<W> c;
+    for (std::size_t n = 0; n < c.block.size(); ++n) {
+        float v = randomValue(rng, h, background);
+        while (!withNaN && std::isnan(v)) v = randomValue(rng, h, background);
+        c.block[n] = v;
+    }
+    // A smooth part too, so that the two- and three-neighbour solves are taken.
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    float const gx = unit(rng), gy = unit(rng), gz = unit(rng);
+    for (int k = -1; k <= W; ++k)
+        for (int j = -1; j <= W; ++j)
+            for (int i = -1; i <= W; ++i)
+                if ((i + j + k) % 3 == 0) c.block(i, j, k) = (gx * float(i) + gy * float(j) + gz * float(k)) * h;
+    std::uniform_int_distribution<int> type(0, 5);
+    for (auto& t : c.types) t = (unsigned char)std::min(type(rng), 3);
+    return c;
+}
+
+std::uint32_t bits(float v) { return std::bit_cast<std::uint32_t>(v); }
+
+template <int W> void compareBatches(std::uint32_t seed, float h, float background, bool withNaN)
+{
+    std::mt19937 rng(seed);
+    DepthNumbers const numbers{h, CoreGL::detail::eikonalTwoHSquared(h), CoreGL::detail::eikonalThreeHSquared(h),
+                               0.0f};
+    SweepBatch<W> batch;
+    for (int round = 0; round < 40; ++round) {
+        int const lanes = 1 + round % SweepBatch<W>::kLanes;
+        std::vector<Case<W>> cases;
+        for (int lane = 0; lane < lanes; ++lane) {
+            cases.push_back(randomCase<W>(rng, h, background, withNaN));
+            ASSERT_EQ(batch.add(cases.back().block.data(), cases.back().types.data()), lane);
+        }
+        float changes[SweepBatch<W>::kLanes];
+        batch.sweep(numbers, changes);
+        for (int lane = 0; lane < lanes; ++lane) {
+            Case<W>& c = cases[std::size_t(lane)];
+            float const expectedChange =
+                sweepTile<W>(FLT_MAX, FLT_MAX, numbers, c.types.data(), c.block, kSweepEightDirections, false,
+                             W * W * W, PlainNeighbour{});
+            std::vector<float> got(static_cast<std::size_t>(W * W * W));
+            batch.interior(lane, got.data());
+            EXPECT_EQ(bits(changes[lane]), bits(expectedChange)) << "round " << round << " lane " << lane;
+            int mismatches = 0;
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i)
+                        mismatches += bits(got[std::size_t(i + W * (j + W * k))]) != bits(c.block(i, j, k));
+            EXPECT_EQ(mismatches, 0) << "round " << round << " lane " << lane;
+        }
+        for (int lane = lanes; lane < SweepBatch<W>::kLanes; ++lane) EXPECT_EQ(changes[lane], 0.0f);
+        batch.clear();
+        EXPECT_EQ(batch.size(), 0);
+    }
+}
+
+TEST(SweepBatch, SameBitsAsTileSweepWidth4)
+{
+    compareBatches<4>(1, 0.25f, 1e30f, false);
+    compareBatches<4>(2, 1.0f / 512.0f, 3.0f / 512.0f, false);
+}
+
+TEST(SweepBatch, SameBitsAsTileSweepWidth5)
+{
+    compareBatches<5>(3, 0.5f, 1e30f, false);
+    compareBatches<5>(4, 3.0e-3f, 0.03f, false);
+}
+
+TEST(SweepBatch, SameBitsAsTileSweepCoalescedBlock)
+{
+    compareBatches<8>(5, 0.125f, 1e30f, false);
+}
+
+TEST(SweepBatch, NaNIsCarriedLikeTheTileSweep)
+{
+    compareBatches<4>(6, 0.25f, 1e30f, true);
+    compareBatches<5>(7, 0.25f, FLT_MAX, true);
+}
+
+TEST(SweepBatch, LanesWithoutUnknownVoxelsStayAsTheyAre)
+{
+    std::mt19937 rng(8);
+    Case<4> c = randomCase<4>(rng, 0.5f, 1e30f, false);
+    std::fill(c.types.begin(), c.types.end(), (unsigned char)1);
+    SweepBatch<4> batch;
+    batch.add(c.block.data(), c.types.data());
+    float changes[SweepBatch<4>::kLanes];
+    batch.sweep(DepthNumbers{0.5f, 0.5f, 0.75f, 0.0f}, changes);
+    std::vector<float> got(64);
+    batch.interior(0, got.data());
+    for (int k = 0; k < 4; ++k)
+        for (int j = 0; j < 4; ++j)
+            for (int i = 0; i < 4; ++i) EXPECT_EQ(bits(got[std::size_t(i + 4 * (j + 4 * k))]), bits(c.block(i, j, k)));
+    EXPECT_EQ(changes[0], 0.0f);
+}
+
+} // namespace
