@@ -3,6 +3,7 @@
 #include <hexmold/levelset/dilate_erode.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <iostream>
 #include <memory>
@@ -13,6 +14,7 @@
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>
+#include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
 
@@ -40,43 +42,33 @@ template <typename Traits> inline std::int64_t snapDown(std::int64_t x, std::int
     return x - (x + Traits::kCentreOffset) % t;
 }
 
-/// The dilation reduction: each worker grows a scratch tree of its own, and the scratch trees
-/// are merged in the join.
-template <typename Traits> class DilateVisitor final : public Visitor<Container<Traits>> {
-    using Base = Visitor<Container<Traits>>;
+/// The lower face neighbours (-x, -y, -z), as directions of the neighbour tables and as offsets.
+constexpr int kLowerFaceDirections[3] = {4, 10, 12};
+constexpr int kLowerFaceOffsets[3][3] = {{-1, 0, 0}, {0, -1, 0}, {0, 0, -1}};
 
-public:
-    DilateVisitor(float bandwidth, float voxelSize, VoxelChannel<Traits, float> const& distance)
-        : mBandwidth(bandwidth), mVoxelSize(voxelSize), mDistance(&distance), mScratch(freshTree(voxelSize)),
-          mAccessor(mScratch->tileAccessor())
-    {
-    }
-    DilateVisitor(DilateVisitor const& other)
-        : Base(other), mBandwidth(other.mBandwidth), mVoxelSize(other.mVoxelSize), mDistance(other.mDistance),
-          mScratch(freshTree(other.mVoxelSize)), mAccessor(mScratch->tileAccessor())
-    {
-    }
-    using Base::beginTile;
-    using Base::endTile;
-    using Base::visitInteriorVoxel;
+/// The dilation of one surface tile of a depth: its box, and the tiles of the box within its
+/// radius, all in finest voxels.
+/// @details The centre is the tile's corner plus (t - 1) / 2, and every quantity derived from it
+///          (the box ends, the distances to the candidate tiles' centres) is computed in double
+///          precision from integers below 2^31 and a radius of float precision, without
+///          rounding. Which tiles a surface tile adds, relative to its corner, is therefore the
+///          same for every tile of the depth.
+template <typename Traits> struct Ball {
+    float radius;
+    std::int64_t t;
 
-    void beginTile(Tile<Traits> const& tile) override
+    Ball(float bandwidth, float voxelSize, int depth) : t(Container<Traits>::tileVoxelWidth(depth))
     {
-        if (TVL::bodyCancelled()) return;
-        auto const block = mDistance->tileData(tile.treeIndex());
-        if (block.empty()) return;
-        int const d = tile.depth();
-        float const surface = float(tile.voxelDataWidth()) * mVoxelSize * kSqrt3 * kSafety;
-        if (!anyBelow(block.data(), block.size(), surface)) return;
-
-        std::int64_t const t = tile.tileVoxelWidth();
-        // Corners, centre and diagonal in finest voxels; the centre in double precision, since
-        // tile-space coordinates need up to 30 bits.
-        double const c[3] = {tile.ti() + 0.5 * double(t - 1), tile.tj() + 0.5 * double(t - 1),
-                             tile.tk() + 0.5 * double(t - 1)};
         float const e = float(t - 1);
         float const diagonal = std::sqrt(e * e + e * e + e * e);
-        float const radius = diagonal * kSafety * 0.5f + mBandwidth / mVoxelSize;
+        radius = diagonal * kSafety * 0.5f + bandwidth / voxelSize;
+    }
+    /// Calls @p add(i, j, k) for every lattice tile within the radius of the tile with corner
+    /// @p corner, k outer, then j, then i.
+    template <typename Add> void forEach(std::int64_t const (&corner)[3], Add const& add) const
+    {
+        double const c[3] = {corner[0] + 0.5 * double(t - 1), corner[1] + 0.5 * double(t - 1),
+                             corner[2] + 0.5 * double(t - 1)};
         std::int64_t lo[3], hi[3];
         for (int a = 0; a < 3; ++a) {
             lo[a] = snapDown<Traits>(static_cast<std::int64_t>(std::floor(c[a] - radius)), t);
@@ -86,10 +78,134 @@ public:
         for (std::int64_t k = lo[2]; k <= hi[2]; k += t)
             for (std::int64_t j = lo[1]; j <= hi[1]; j += t)
                 for (std::int64_t i = lo[0]; i <= hi[0]; i += t) {
-                    if (!Container<Traits>::inDomain(i, j, k)) continue;
                     double const dx = c[0] - (i + half), dy = c[1] - (j + half), dz = c[2] - (k + half);
-                    if (double(radius) > std::sqrt(dx * dx + dy * dy + dz * dz)) mAccessor.addTile(i, j, k, d);
+                    if (double(radius) > std::sqrt(dx * dx + dy * dy + dz * dz)) add(i, j, k);
                 }
+    }
+};
+
+/// @brief The balls of one depth as offsets from the tile's corner, and for each set of lower
+///        face neighbours that are surface tiles too, the part of the ball that their balls miss.
+/// @details The set of added tiles is a union, so a tile that a face neighbour's ball holds may
+///          be left to that neighbour: offset o is needed only when o - e lies outside the ball
+///          for every such neighbour at offset e. Only the lower neighbours (-x, -y, -z) are
+///          relied on: each lies before the tile in the order of i + j + k, so by induction from
+///          the first tile in that order every surface tile's whole ball is added. (Relying on
+///          both sides would let two neighbours each leave a tile to the other.)
+struct BallStencil {
+    std::vector<std::array<std::int64_t, 3>> offsets;                      ///< the whole ball
+    std::array<std::vector<std::array<std::int64_t, 3>>, 8> partByFaces;   ///< by lower-neighbour mask
+};
+
+/// The stencil of @p ball, or null when the ball is too large to list (the tiles are then
+/// visited through the box, as `Ball::forEach` does).
+template <typename Traits> std::unique_ptr<BallStencil> makeStencil(Ball<Traits> const& ball)
+{
+    constexpr std::int64_t kMaxAcross = 33; ///< tiles of the box across, at most
+    std::int64_t const t = ball.t;
+    // A corner on the lattice of the depth: the one at the origin's cell.
+    std::int64_t const origin = snapDown<Traits>(0, t);
+    std::int64_t const corner[3] = {origin, origin, origin};
+    if (2.0 * double(ball.radius) / double(t) + 3.0 > double(kMaxAcross)) return nullptr;
+    auto stencil = std::make_unique<BallStencil>();
+    ball.forEach(corner, [&](std::int64_t i, std::int64_t j, std::int64_t k) {
+        stencil->offsets.push_back({(i - origin) / t, (j - origin) / t, (k - origin) / t});
+    });
+    // Membership in the ball, on a box with a margin of one for the shifted lookups.
+    std::int64_t reach = 0;
+    for (auto const& o : stencil->offsets)
+        for (std::int64_t v : o) reach = std::max(reach, v < 0 ? -v : v);
+    std::int64_t const side = 2 * reach + 3;
+    std::vector<unsigned char> inside(std::size_t(side * side * side), 0);
+    auto cell = [&](std::int64_t x, std::int64_t y, std::int64_t z) {
+        return std::size_t((x + reach + 1) + side * ((y + reach + 1) + side * (z + reach + 1)));
+    };
+    for (auto const& o : stencil->offsets) inside[cell(o[0], o[1], o[2])] = 1;
+    for (int mask = 0; mask < 8; ++mask)
+        for (auto const& o : stencil->offsets) {
+            bool needed = true;
+            for (int f = 0; f < 3 && needed; ++f)
+                if (mask & (1 << f))
+                    needed = !inside[cell(o[0] - kLowerFaceOffsets[f][0], o[1] - kLowerFaceOffsets[f][1],
+                                          o[2] - kLowerFaceOffsets[f][2])];
+            if (needed) stencil->partByFaces[std::size_t(mask)].push_back({o[0] * t, o[1] * t, o[2] * t});
+        }
+    return stencil;
+}
+
+/// Which tiles of each depth hold the surface: a voxel below the depth's threshold, found by the
+/// scan in storage order.
+template <typename Traits>
+std::vector<std::vector<unsigned char>> surfaceTiles(Container<Traits> const& container,
+                                                     VoxelChannel<Traits, float> const& distance, float voxelSize,
+                                                     int minDepth, int maxDepth)
+{
+    std::vector<std::vector<unsigned char>> out(std::size_t(Traits::kMaxDepth + 1));
+    for (int d = minDepth; d <= maxDepth; ++d) {
+        std::int64_t const n = container.tileCount(d);
+        out[std::size_t(d)].assign(std::size_t(n), 0);
+        float const threshold = float(Container<Traits>::voxelDataWidth(d)) * voxelSize * kSqrt3 * kSafety;
+        unsigned char* const flags = out[std::size_t(d)].data();
+        TVL::Parallel::parallel_for(TVL::Parallel::blocked_range<std::int64_t>(0, n, 256),
+                                    [&](TVL::Parallel::blocked_range<std::int64_t> const& r) {
+                                        for (std::int64_t t = r.begin(); t < r.end(); ++t) {
+                                            auto const block = distance.tileData(t, d);
+                                            flags[t] = !block.empty() &&
+                                                       anyBelow(block.data(), block.size(), threshold);
+                                        }
+                                    });
+    }
+    return out;
+}
+
+/// The dilation reduction: each worker grows a scratch tree of its own, and the scratch trees
+/// are merged in the join.
+template <typename Traits> class DilateVisitor final : public Visitor<Container<Traits>> {
+    using Base = Visitor<Container<Traits>>;
+
+public:
+    /// @param surface   per depth, per tile: whether the tile holds the surface
+    /// @param balls     per depth, the ball (null outside the depths visited)
+    /// @param stencils  per depth, its stencil (null where the ball is visited through its box)
+    DilateVisitor(Container<Traits> const& container, float voxelSize,
+                  std::vector<std::vector<unsigned char>> const& surface,
+                  std::vector<std::unique_ptr<Ball<Traits>>> const& balls,
+                  std::vector<std::unique_ptr<BallStencil>> const& stencils)
+        : mContainer(&container), mVoxelSize(voxelSize), mSurface(&surface), mBalls(&balls), mStencils(&stencils),
+          mScratch(freshTree(voxelSize)), mAccessor(mScratch->tileAccessor()), mNeighbours(container.tileAccessor())
+    {
+    }
+    DilateVisitor(DilateVisitor const& other)
+        : Base(other), mContainer(other.mContainer), mVoxelSize(other.mVoxelSize), mSurface(other.mSurface),
+          mBalls(other.mBalls), mStencils(other.mStencils), mScratch(freshTree(other.mVoxelSize)),
+          mAccessor(mScratch->tileAccessor()), mNeighbours(other.mContainer->tileAccessor())
+    {
+    }
+    using Base::beginTile;
+    using Base::endTile;
+    using Base::visitInteriorVoxel;
+
+    void beginTile(Tile<Traits> const& tile) override
+    {
+        if (TVL::bodyCancelled()) return;
+        int const d = tile.depth();
+        auto const& surface = (*mSurface)[std::size_t(d)];
+        if (!surface[std::size_t(tile.index())]) return;
+        std::int64_t const corner[3] = {tile.ti(), tile.tj(), tile.tk()};
+        auto add = [&](std::int64_t i, std::int64_t j, std::int64_t k) {
+            if (Container<Traits>::inDomain(i, j, k)) mAccessor.addTile(i, j, k, d);
+        };
+        BallStencil const* stencil = (*mStencils)[std::size_t(d)].get();
+        if (!stencil) {
+            (*mBalls)[std::size_t(d)]->forEach(corner, add);
+            return;
+        }
+        int mask = 0;
+        for (int f = 0; f < 3; ++f) {
+            Tile<Traits> const& n = mNeighbours.tileNeighbor(tile, kLowerFaceDirections[f]);
+            if (n.valid() && n.depth() == d && surface[std::size_t(n.index())]) mask |= 1 << f;
+        }
+        for (auto const& o : stencil->partByFaces[std::size_t(mask)]) add(corner[0] + o[0], corner[1] + o[1], corner[2] + o[2]);
     }
     void join(Base const& other) override
     {
@@ -109,11 +225,14 @@ private:
         return tree;
     }
 
-    float mBandwidth;
+    Container<Traits> const* mContainer;
     float mVoxelSize;
-    VoxelChannel<Traits, float> const* mDistance;
+    std::vector<std::vector<unsigned char>> const* mSurface;
+    std::vector<std::unique_ptr<Ball<Traits>>> const* mBalls;
+    std::vector<std::unique_ptr<BallStencil>> const* mStencils;
     std::unique_ptr<Container<Traits>> mScratch;
     typename Container<Traits>::TileAccessor mAccessor;
+    typename Container<Traits>::ConstTileAccessor mNeighbours;
 };
 
 /// The erosion reduction: per worker, per depth, the tiles that are far from the surface.
@@ -169,7 +288,18 @@ void dilate(float bandwidth, Container<Traits>& io_container, VoxelChannel<Trait
     Container<Traits> ordered("", io_container.voxelSize());
     {
         auto const timer = CoreGL::Logger::timer(reduceName, logger.services());
-        DilateVisitor<Traits> visitor(bandwidth, io_container.voxelSize(), distance);
+        float const voxelSize = io_container.voxelSize();
+        auto const surface = surfaceTiles(std::as_const(io_container), std::as_const(distance), voxelSize, minDepth,
+                                          maxDepth);
+        std::vector<std::unique_ptr<Ball<Traits>>> balls(std::size_t(Traits::kMaxDepth + 1));
+        std::vector<std::unique_ptr<BallStencil>> stencils(std::size_t(Traits::kMaxDepth + 1));
+        for (int d = minDepth; d <= maxDepth; ++d) {
+            auto const& flags = surface[std::size_t(d)];
+            if (std::find(flags.begin(), flags.end(), 1) == flags.end()) continue;
+            balls[std::size_t(d)] = std::make_unique<Ball<Traits>>(bandwidth, voxelSize, d);
+            stencils[std::size_t(d)] = makeStencil(*balls[std::size_t(d)]);
+        }
+        DilateVisitor<Traits> visitor(std::as_const(io_container), voxelSize, surface, balls, stencils);
         std::as_const(io_container).reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, minDepth, maxDepth, 50, 0,
                                               Traits::kRatio, kVisitInteriorVoxelNone);
         if (visitor.scratch().tileCount(-1) > 1) addTilesInCanonicalOrder(visitor.scratch(), ordered);

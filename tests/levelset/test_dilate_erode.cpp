@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <random>
 #include <set>
 #include <string>
 #include <tuple>
@@ -283,6 +284,82 @@ TYPED_TEST(DilateErode, OneAndAllThreadsGiveTheSameTilesInTheSameOrder)
         EXPECT_EQ(addedA[d], addedB[d]);
         ASSERT_EQ(a.tree.tileCount(d), b.tree.tileCount(d));
         for (std::int64_t t = 0; t < a.tree.tileCount(d); ++t) EXPECT_EQ(a.tree.tile(t, d).tijk(), b.tree.tile(t, d).tijk());
+    }
+}
+
+/// The tiles that the dilation rule adds around the surface tiles of @p tree at depth @p d, the
+/// way the rule states it for each surface tile on its own: the box around the tile's centre,
+/// its low corners snapped to the lattice, and every lattice tile of the box whose centre lies
+/// within the radius.
+template <typename Tr>
+std::set<Key> bruteForceDilation(Container<Tr> const& tree, VoxelChannel<Tr, float> const& phi, int d, float bandwidth)
+{
+    std::set<Key> out;
+    std::int64_t const t = Tr::tileVoxelWidth(d);
+    float const surface = float(Tr::voxelDataWidth(d)) * kVoxel * 1.7320508f * 1.01f;
+    float const e = float(t - 1);
+    float const radius = std::sqrt(e * e + e * e + e * e) * 1.01f * 0.5f + bandwidth / kVoxel;
+    for (std::int64_t n = 0; n < tree.tileCount(d); ++n) {
+        auto const& tile = tree.tile(n, d);
+        bool any = false;
+        for (float v : phi.tileData(n, d)) any |= std::abs(v) < surface;
+        if (!any) continue;
+        double const c[3] = {tile.ti() + 0.5 * double(t - 1), tile.tj() + 0.5 * double(t - 1),
+                             tile.tk() + 0.5 * double(t - 1)};
+        std::int64_t lo[3], hi[3];
+        for (int a = 0; a < 3; ++a) {
+            std::int64_t const x = std::int64_t(std::floor(c[a] - radius));
+            lo[a] = x - (x + Tr::kCentreOffset) % t;
+            hi[a] = std::int64_t(std::ceil(c[a] + radius));
+        }
+        for (std::int64_t k = lo[2]; k <= hi[2]; k += t)
+            for (std::int64_t j = lo[1]; j <= hi[1]; j += t)
+                for (std::int64_t i = lo[0]; i <= hi[0]; i += t) {
+                    if (!Container<Tr>::inDomain(i, j, k)) continue;
+                    double const dx = c[0] - (i + 0.5 * t), dy = c[1] - (j + 0.5 * t), dz = c[2] - (k + 0.5 * t);
+                    if (double(radius) > std::sqrt(dx * dx + dy * dy + dz * dz)) out.emplace(d, int(i), int(j), int(k));
+                }
+    }
+    return out;
+}
+
+TYPED_TEST(DilateErode, AddsExactlyTheTilesOfTheRuleAppliedToEachSurfaceTile)
+{
+    using Tr = TypeParam;
+    std::mt19937 rng(11);
+    for (int round = 0; round < 6; ++round) {
+        int const d = Tr::kMaxDepth - round % 3;
+        std::int64_t const t = Tr::tileVoxelWidth(d);
+        Container<Tr> tree("tree", kVoxel);
+        // Clumps of tiles (so that surface tiles have surface neighbours on every side), one
+        // near the origin, one against the low end of the domain, one against the high end.
+        std::int64_t const lowEnd = -Tr::kCentreOffset, highEnd = lowEnd + Tr::tileVoxelWidth(0) - t;
+        std::int64_t const centres[3] = {0, lowEnd + 2 * t, highEnd - 2 * t};
+        std::uniform_int_distribution<int> step(-3, 3);
+        auto accessor = tree.tileAccessor();
+        for (std::int64_t centre : centres)
+            for (int n = 0; n < 60; ++n) {
+                std::int64_t const p[3] = {centre + step(rng) * t, centre + step(rng) * t, centre + step(rng) * t};
+                accessor.addTile(p[0], p[1], p[2], d);
+            }
+        VoxelChannel<Tr, float> phi("phi", nullptr, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
+        phi.update(tree);
+        std::bernoulli_distribution surface(0.7);
+        for (std::int64_t n = 0; n < tree.tileCount(d); ++n) phi.tileData(n, d).set(surface(rng) ? 0.0f : 1e3f);
+        for (int q = 0; q < d; ++q)
+            for (std::int64_t n = 0; n < tree.tileCount(q); ++n) phi.tileData(n, q).set(1e3f);
+        float const bandwidth = float(round) * 2.5f * kVoxel;
+        std::set<Key> expected = bruteForceDilation(tree, phi, d, bandwidth);
+        for (std::int64_t n = 0; n < tree.tileCount(d); ++n) {
+            auto const& tile = tree.tile(n, d);
+            expected.emplace(d, int(tile.ti()), int(tile.tj()), int(tile.tk()));
+        }
+        TileCornerLists<Tr> added;
+        dilate(bandwidth, tree, phi, added, CoreGL::NOPLogger{}, 0, Tr::kMaxDepth);
+        std::set<Key> got;
+        for (auto const& key : tileSet(tree))
+            if (std::get<0>(key) == d) got.insert(key);
+        EXPECT_EQ(got, expected) << "round " << round;
     }
 }
 
