@@ -1,13 +1,13 @@
 /// @file  levelset/sweep_batch.cpp
-/// @brief The batched eight-direction tile sweep with SSE2, four tiles per register.
+/// @brief The batched eight-direction tile sweep: the lanes, the wavefront tables, and the choice
+///        of the kernel instance.
 #include <hexmold/levelset/detail/sweep_batch.h>
-
-#include <emmintrin.h>
 
 #include <array>
 #include <bit>
 #include <cstring>
 #include <hexmold/levelset/detail/eikonal_inline.h>
+#include <hexmold/levelset/detail/sweep_batch_kernel.h>
 
 namespace VolumeGL::TileTree3D::LevelSet::detail {
 
@@ -59,8 +59,58 @@ template <int W> WavefrontOrder<W> const& wavefrontOrder()
     return order;
 }
 
-/// m ? x : y, with m all ones or all zeros per lane.
-inline __m128 select(__m128 m, __m128 x, __m128 y) { return _mm_or_ps(_mm_and_ps(m, x), _mm_andnot_ps(m, y)); }
+/// The flat tables of the kernel: offsets, interior indices and upwind strides per direction.
+template <int W> struct KernelTables {
+    std::array<std::uint16_t, 8 * WavefrontOrder<W>::N> order;
+    std::array<std::uint16_t, 8 * WavefrontOrder<W>::N> interior;
+    std::array<std::ptrdiff_t, 24> upwind;
+    KernelTables()
+    {
+        auto const& o = wavefrontOrder<W>();
+        constexpr int N = WavefrontOrder<W>::N;
+        for (int d = 0; d < 8; ++d) {
+            auto const& direction = o.directions[std::size_t(d)];
+            for (int n = 0; n < N; ++n) {
+                order[std::size_t(d * N + n)] = direction.block[std::size_t(n)];
+                interior[std::size_t(d * N + n)] = direction.interior[std::size_t(n)];
+            }
+            upwind[std::size_t(3 * d)] = direction.ni;
+            upwind[std::size_t(3 * d + 1)] = direction.nj;
+            upwind[std::size_t(3 * d + 2)] = direction.nk;
+        }
+    }
+};
+
+template <int W> KernelTables<W> const& kernelTables()
+{
+    static KernelTables<W> const tables;
+    return tables;
+}
+
+bool processorHas(SweepIsa isa)
+{
+#if defined(__x86_64__) || defined(__i386__)
+    switch (isa) {
+    case SweepIsa::kSse2: return __builtin_cpu_supports("sse2");
+    case SweepIsa::kAvx2: return __builtin_cpu_supports("avx2");
+    case SweepIsa::kAvx512: return __builtin_cpu_supports("avx512f");
+    default: return true;
+    }
+#else
+    return isa == SweepIsa::kPortable || isa == SweepIsa::kBest;
+#endif
+}
+
+/// The widest instruction set that both the build and the processor have, chosen once.
+SweepIsa bestIsa()
+{
+    static SweepIsa const best = [] {
+        for (SweepIsa isa : {SweepIsa::kAvx512, SweepIsa::kAvx2, SweepIsa::kSse2})
+            if (sweepIsaAvailable(isa)) return isa;
+        return SweepIsa::kPortable;
+    }();
+    return best;
+}
 
 } // namespace
 
@@ -96,73 +146,49 @@ template <int W> void SweepBatch<W>::interior(int lane, float* out) const
                     mValues[std::size_t((i + 1) + E * ((j + 1) + E * (k + 1))) * kLanes + std::size_t(lane)];
 }
 
-template <int W> void SweepBatch<W>::sweep(DepthNumbers const& numbers, float (&changes)[kLanes])
+template <int W> void SweepBatch<W>::sweep(DepthNumbers const& numbers, float (&changes)[kLanes], SweepIsa isa)
 {
-    static_assert(kLanes == 4, "one SSE register per voxel");
-    WavefrontOrder<W> const& order = wavefrontOrder<W>();
+    static_assert(kLanes == kBatchLanes);
+    KernelTables<W> const& tables = kernelTables<W>();
     // The scalar update's constants, formed by the same operations.
-    __m128 const h = _mm_set1_ps(numbers.h);
-    __m128 const twoHSquared = _mm_set1_ps(numbers.h2);
-    __m128 const threeHSquared = _mm_set1_ps(numbers.h3);
-    __m128 const rejectMargin = _mm_set1_ps(0.57f * numbers.h);
-    __m128 const rejectLimit = _mm_set1_ps(65536.0f * numbers.h);
-    __m128 const floor = _mm_set1_ps(CoreGL::detail::kEikonalFloorFactor * numbers.h);
-    __m128 const half = _mm_set1_ps(0.5f);
-    __m128 const oneThird = _mm_set1_ps(CoreGL::detail::kEikonalOneThird);
-    __m128 const zero = _mm_setzero_ps();
-    __m128 const signBit = _mm_castsi128_ps(_mm_set1_epi32(std::int32_t(0x80000000u)));
-    __m128 tracked = zero;
-    float* const values = mValues;
-    for (auto const& direction : order.directions) {
-        std::ptrdiff_t const ni = direction.ni * kLanes, nj = direction.nj * kLanes, nk = direction.nk * kLanes;
-        for (int n = 0; n < WavefrontOrder<W>::N; ++n) {
-            float* const at = values + std::ptrdiff_t(direction.block[std::size_t(n)]) * kLanes;
-            __m128 const unknown = _mm_load_ps(reinterpret_cast<float const*>(
-                mUnknown + std::size_t(direction.interior[std::size_t(n)]) * kLanes));
-            __m128 const v = _mm_load_ps(at);
-            // Solved on the positive side: inside, the neighbours and the result are negated.
-            __m128 const inside = _mm_and_ps(_mm_cmplt_ps(v, zero), signBit);
-            __m128 const a = _mm_xor_ps(_mm_load_ps(at + ni), inside);
-            __m128 const b = _mm_xor_ps(_mm_load_ps(at + nj), inside);
-            __m128 const c = _mm_xor_ps(_mm_load_ps(at + nk), inside);
-            __m128 const bound = _mm_andnot_ps(signBit, v);
-            // std::min(a, std::min(b, c)) of the quick reject; min_ps(x, y) is x < y ? x : y.
-            __m128 const smallest = _mm_min_ps(_mm_min_ps(c, b), a);
-            __m128 const reject = _mm_and_ps(_mm_cmpge_ps(_mm_add_ps(smallest, rejectMargin), bound),
-                                             _mm_cmplt_ps(smallest, rejectLimit));
-            // The three-comparison sort of the scalar update.
-            __m128 const ba = _mm_cmplt_ps(b, a);
-            __m128 const cb = _mm_cmplt_ps(c, b);
-            __m128 const ca = _mm_cmplt_ps(c, a);
-            __m128 const s0 = select(ba, select(cb, c, b), select(ca, c, a));
-            __m128 const s1 = select(ba, select(cb, b, select(ca, c, a)), select(ca, a, select(cb, c, b)));
-            __m128 const s2 = select(ba, select(_mm_or_ps(cb, ca), a, c), select(_mm_or_ps(ca, cb), b, c));
-            // One, two or three neighbours.
-            __m128 const x1 = _mm_add_ps(h, s0);
-            __m128 const two = _mm_cmpge_ps(x1, s1);
-            __m128 const d01 = _mm_sub_ps(s1, s0);
-            __m128 const disc2 = _mm_sub_ps(twoHSquared, _mm_mul_ps(d01, d01));
-            __m128 const x2 = _mm_mul_ps(half, _mm_add_ps(_mm_add_ps(s0, s1), _mm_sqrt_ps(_mm_max_ps(disc2, zero))));
-            __m128 const three = _mm_and_ps(two, _mm_cmpgt_ps(x2, s2));
-            __m128 const d02 = _mm_sub_ps(s2, s0);
-            __m128 const d12 = _mm_sub_ps(s2, s1);
-            __m128 const disc3 = _mm_sub_ps(
-                _mm_sub_ps(_mm_sub_ps(threeHSquared, _mm_mul_ps(d01, d01)), _mm_mul_ps(d02, d02)),
-                _mm_mul_ps(d12, d12));
-            __m128 const x3 = _mm_mul_ps(
-                _mm_add_ps(_mm_add_ps(_mm_add_ps(s0, s1), s2), _mm_sqrt_ps(_mm_max_ps(disc3, zero))), oneThird);
-            __m128 const x = select(three, x3, select(two, x2, x1));
-            __m128 magnitude = _mm_min_ps(x, bound);
-            magnitude = select(_mm_cmple_ps(magnitude, zero), _mm_min_ps(floor, bound), magnitude);
-            magnitude = select(reject, bound, magnitude);
-            __m128 const r = select(unknown, _mm_xor_ps(magnitude, inside), v);
-            // max_ps(x, y) is x > y ? x : y: std::max(tracked, change).
-            __m128 const change = _mm_and_ps(unknown, _mm_andnot_ps(signBit, _mm_sub_ps(v, r)));
-            tracked = _mm_max_ps(change, tracked);
-            _mm_store_ps(at, r);
-        }
+    SweepKernelArgs const args{mValues,
+                               mUnknown,
+                               tables.order.data(),
+                               tables.interior.data(),
+                               tables.upwind.data(),
+                               int(kInterior),
+                               numbers.h,
+                               numbers.h2,
+                               numbers.h3,
+                               0.57f * numbers.h,
+                               65536.0f * numbers.h,
+                               CoreGL::detail::kEikonalFloorFactor * numbers.h,
+                               CoreGL::detail::kEikonalOneThird,
+                               changes};
+    switch (isa == SweepIsa::kBest ? bestIsa() : isa) {
+    case SweepIsa::kAvx512: sweepKernelAvx512(args); break;
+    case SweepIsa::kAvx2: sweepKernelAvx2(args); break;
+    case SweepIsa::kSse2: sweepKernelSse2(args); break;
+    default: sweepKernelPortable(args); break;
     }
-    _mm_storeu_ps(changes, tracked);
+}
+
+bool sweepIsaAvailable(SweepIsa isa)
+{
+    switch (isa) {
+    case SweepIsa::kBest:
+    case SweepIsa::kPortable: return true;
+#if defined(__SSE2__)
+    case SweepIsa::kSse2: return processorHas(isa);
+#endif
+#if defined(HEXMOLD_SWEEP_AVX2)
+    case SweepIsa::kAvx2: return processorHas(isa);
+#endif
+#if defined(HEXMOLD_SWEEP_AVX512)
+    case SweepIsa::kAvx512: return processorHas(isa);
+#endif
+    default: return false;
+    }
 }
 
 template class SweepBatch<4>;

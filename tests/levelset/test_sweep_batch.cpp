@@ -63,13 +63,26 @@ template <int W> Case<W> randomCase(std::mt19937& rng, float h, float background
 
 std::uint32_t bits(float v) { return std::bit_cast<std::uint32_t>(v); }
 
+constexpr SweepIsa kIsas[] = {SweepIsa::kPortable, SweepIsa::kSse2, SweepIsa::kAvx2, SweepIsa::kAvx512};
+
+template <int W> void compareBatches(std::uint32_t seed, float h, float background, bool withNaN, SweepIsa isa);
+
 template <int W> void compareBatches(std::uint32_t seed, float h, float background, bool withNaN)
+{
+    for (SweepIsa isa : kIsas) {
+        if (!sweepIsaAvailable(isa)) continue;
+        SCOPED_TRACE(::testing::Message() << "instruction set " << int(isa));
+        compareBatches<W>(seed, h, background, withNaN, isa);
+    }
+}
+
+template <int W> void compareBatches(std::uint32_t seed, float h, float background, bool withNaN, SweepIsa isa)
 {
     std::mt19937 rng(seed);
     DepthNumbers const numbers{h, CoreGL::detail::eikonalTwoHSquared(h), CoreGL::detail::eikonalThreeHSquared(h),
                                0.0f};
     SweepBatch<W> batch;
-    for (int round = 0; round < 40; ++round) {
+    for (int round = 0; round < 48; ++round) {
         int const lanes = 1 + round % SweepBatch<W>::kLanes;
         std::vector<Case<W>> cases;
         for (int lane = 0; lane < lanes; ++lane) {
@@ -77,7 +90,7 @@ template <int W> void compareBatches(std::uint32_t seed, float h, float backgrou
             ASSERT_EQ(batch.add(cases.back().block.data(), cases.back().types.data()), lane);
         }
         float changes[SweepBatch<W>::kLanes];
-        batch.sweep(numbers, changes);
+        batch.sweep(numbers, changes, isa);
         for (int lane = 0; lane < lanes; ++lane) {
             Case<W>& c = cases[std::size_t(lane)];
             float const expectedChange =
@@ -120,6 +133,15 @@ TEST(SweepBatch, NaNIsCarriedLikeTheTileSweep)
 {
     compareBatches<4>(6, 0.25f, 1e30f, true);
     compareBatches<5>(7, 0.25f, FLT_MAX, true);
+}
+
+TEST(SweepBatch, PortableAndSse2AreAlwaysThere)
+{
+    EXPECT_TRUE(sweepIsaAvailable(SweepIsa::kBest));
+    EXPECT_TRUE(sweepIsaAvailable(SweepIsa::kPortable));
+#if defined(__x86_64__)
+    EXPECT_TRUE(sweepIsaAvailable(SweepIsa::kSse2));
+#endif
 }
 
 TEST(SweepBatch, LanesWithoutUnknownVoxelsStayAsTheyAre)

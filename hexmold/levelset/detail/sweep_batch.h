@@ -22,13 +22,25 @@
 
 namespace VolumeGL::TileTree3D::LevelSet::detail {
 
+/// The instruction sets of the batched sweep; all give the same bits.
+enum class SweepIsa : int {
+    kBest = 0,     ///< the widest one the processor runs
+    kPortable = 1, ///< plain C++, one lane at a time
+    kSse2 = 2,
+    kAvx2 = 3,
+    kAvx512 = 4,
+};
+
+/// Whether this processor (and build) runs the batched sweep with @p isa.
+HEXMOLD_API bool sweepIsaAvailable(SweepIsa isa);
+
 /// @brief Up to `kLanes` tile blocks of width @p W (4, 5, or 8 for the coalesced block), each
 ///        held with a one-element halo, swept together.
 /// @details Lanes that are not loaded take part without effect: none of their voxels is unknown.
-///          Allocate per worker, not per tile (about 4 KB for W = 4, 16 KB for W = 8).
+///          Allocate per worker, not per tile (about 17 KB for W = 4, 70 KB for W = 8).
 template <int W> class HEXMOLD_API SweepBatch {
 public:
-    static constexpr int kLanes = 4;
+    static constexpr int kLanes = 16;
     static constexpr int kEdge = W + 2;
     static constexpr std::size_t kBlock = std::size_t(kEdge) * kEdge * kEdge;
     static constexpr std::size_t kInterior = std::size_t(W) * W * W;
@@ -46,8 +58,8 @@ public:
     int add(float const* block, unsigned char const* types);
 
     /// Sweeps the loaded lanes in the eight directions; @p changes receives each lane's largest
-    /// change (0 for lanes not loaded).
-    void sweep(DepthNumbers const& numbers, float (&changes)[kLanes]);
+    /// change (0 for lanes not loaded). @p isa must be available.
+    void sweep(DepthNumbers const& numbers, float (&changes)[kLanes], SweepIsa isa = SweepIsa::kBest);
 
     /// Copies the interior of @p lane out, W^3 values with k outer.
     void interior(int lane, float* out) const;
