@@ -84,9 +84,18 @@ void buildValueTypes(Container<Traits> const& container, VoxelTopology<Traits> c
             if (TVL::bodyCancelled()) return;
             TileData<unsigned char, W, 0, 0> types = valueTypes.tileData(tile.treeIndex());
             if (types.empty() || distance.tileData(tile.treeIndex()).empty()) return;
-            setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral, kHaloTypeAll,
+            // The sign test reads the face rim only; the whole rim is fetched only for a tile with a
+            // voxel near zero, whose test also reads the edges and corners.
+            setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral, kHaloTypeBase,
                                                    accessor, halo, 0.0f, 1.0f, kVoxelOffsetCenter);
             float const tolerance = 0.001f * float(tile.voxelDataWidth()) * voxelSize;
+            bool nearZero = false;
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) nearZero |= std::abs(halo(i, j, k)) <= tolerance;
+            if (nearZero)
+                setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral, kHaloTypeAll,
+                                                       accessor, halo, 0.0f, 1.0f, kVoxelOffsetCenter);
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i)
