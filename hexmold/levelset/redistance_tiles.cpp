@@ -4,6 +4,8 @@
 #include <hexmold/levelset/redistance_tiles.h>
 
 #include <array>
+#include <memory>
+#include <vector>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/levelset/detail/sweep_batch.h>
 #include <hexmold/substrate/halo.h>
@@ -221,11 +223,41 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
     constexpr int W = Traits24::kTileWidth;
     constexpr int B = 2 * W;
     constexpr std::size_t N = std::size_t(W) * W * W;
+    using Batch = detail::SweepBatch<B>;
     TileData<float, B, 1, 0> values(TileData<float, B, 1, 0>::kVoxelCount, 0.0f);
     std::array<unsigned char, std::size_t(B) * B * B> types;
     auto accessor = container.tileAccessor();
     float const background = std::fabs(distance.defaultValue());
     float maxChange = 0.0f;
+    // The blocks go through the batched sweep, Batch::kLanes at a time (the same result as one
+    // by one); the batch is large, so it lives on the heap.
+    auto batch = std::make_unique<Batch>();
+    std::int64_t parents[Batch::kLanes];
+    std::vector<float> interior(std::size_t(B) * B * B);
+    auto flush = [&] {
+        if (batch->size() == 0) return;
+        float changes[Batch::kLanes];
+        batch->sweep(numbers, changes);
+        for (int lane = 0; lane < batch->size(); ++lane) {
+            maxChange = std::max(maxChange, changes[lane]);
+            if (activity) activity->record(parents[lane], changes[lane] > 0.0f);
+            batch->interior(lane, interior.data());
+            // Scatter back into the children that exist.
+            Tile<Traits24> const& parent = container.tile(parents[lane], depth - 1);
+            for (int slot = 0; slot < Traits24::kChildCount; ++slot) {
+                std::int64_t const child = parent.childIndex(slot);
+                if (child < 0) continue;
+                auto childValues = distance.tileData(child, depth);
+                if (childValues.size() != N) continue;
+                int3 const s = Tile<Traits24>::slotCoordinates(slot);
+                for (int k = 0; k < W; ++k)
+                    for (int j = 0; j < W; ++j)
+                        for (int i = 0; i < W; ++i)
+                            childValues(i, j, k) = interior[detail::voxelIndex<B>(s.x * W + i, s.y * W + j, s.z * W + k)];
+            }
+        }
+        batch->clear();
+    };
     for (std::int64_t t = begin; t < end; ++t) {
         Tile<Traits24> const& parent = container.tile(t, depth - 1);
         if (tileColor<Traits24>(parent.tijk(), depth - 1) != colour) continue;
@@ -296,23 +328,11 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
                         target = values(from[0], from[1], from[2]);
                     }
             }
-        float const change = detail::sweepTile<B>(FLT_MAX, FLT_MAX, numbers, types.data(), values,
-                                                  detail::kSweepEightDirections, true, detail::kVoxelsPerTile<Traits24>,
-                                                  detail::PlainNeighbour{});
-        maxChange = std::max(maxChange, change);
-        if (activity) activity->record(t, change > 0.0f);
-        // Scatter back into the children that exist.
-        for (int slot = 0; slot < Traits24::kChildCount; ++slot) {
-            std::int64_t const child = parent.childIndex(slot);
-            if (child < 0) continue;
-            auto childValues = distance.tileData(child, depth);
-            if (childValues.size() != N) continue;
-            int3 const s = Tile<Traits24>::slotCoordinates(slot);
-            for (int k = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i) childValues(i, j, k) = values(s.x * W + i, s.y * W + j, s.z * W + k);
-        }
+        // No band is in use here, so the band check of the sweep would keep every block.
+        parents[batch->add(values.data(), types.data())] = t;
+        if (batch->full()) flush();
     }
+    flush();
     return maxChange;
 }
 
