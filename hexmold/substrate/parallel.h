@@ -10,6 +10,7 @@
 #include <tbb/global_control.h>
 #include <tbb/parallel_for.h>
 #include <tbb/parallel_reduce.h>
+#include <tbb/parallel_sort.h>
 #include <tbb/partitioner.h>
 #include <tbb/task.h>
 #include <tbb/task_arena.h>
@@ -23,6 +24,7 @@ using tbb::enumerable_thread_specific;
 using tbb::global_control;
 using tbb::parallel_for;
 using tbb::parallel_reduce;
+using tbb::parallel_sort;
 using tbb::split;
 using tbb::task_group_context;
 
