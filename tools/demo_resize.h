@@ -76,6 +76,24 @@ template <typename Traits> Quillon::Ptr<TVL::Object> sphereBandVolume(double rad
 struct BandErrors {
     double nearMean = 0, nearMax = 0, bandMax = 0;
     long finestVoxels = 0;
+    long nearVoxels = 0;
+
+    /// Counts one finest voxel with exact distance @p exact and error @p error (finest voxels).
+    void add(double exact, double error, double band)
+    {
+        ++finestVoxels;
+        if (std::abs(exact) <= band) bandMax = std::max(bandMax, error);
+        if (std::abs(exact) <= 3.0) {
+            nearMean += error;
+            nearMax = std::max(nearMax, error);
+            ++nearVoxels;
+        }
+    }
+    /// Turns the sum of the near errors into their mean, once all voxels are counted.
+    void finish()
+    {
+        if (nearVoxels) nearMean /= double(nearVoxels);
+    }
 };
 
 template <typename Traits> BandErrors bandErrors(TVL::Object const& volume, double radius, double band)
@@ -86,7 +104,6 @@ template <typename Traits> BandErrors bandErrors(TVL::Object const& volume, doub
     auto const& phi = *volume.component<VoxelChannel<Traits, float>>(Tavrel::Geometry::sVoxelSignedDistance);
     double const h = 1.0 / radius;
     BandErrors e;
-    long near = 0;
     int const d = Traits::kMaxDepth;
     for (std::int64_t n = 0; n < tree.tileCount(d); ++n) {
         auto const& tile = tree.tile(n, d);
@@ -96,17 +113,10 @@ template <typename Traits> BandErrors bandErrors(TVL::Object const& volume, doub
                 for (int i = 0; i < W; ++i) {
                     double const x = tile.ti() + i + 0.5, y = tile.tj() + j + 0.5, z = tile.tk() + k + 0.5;
                     double const exact = std::sqrt(x * x + y * y + z * z) - radius;
-                    double const err = std::abs(double(data(i, j, k)) / h - exact);
-                    ++e.finestVoxels;
-                    if (std::abs(exact) <= band) e.bandMax = std::max(e.bandMax, err);
-                    if (std::abs(exact) <= 3.0) {
-                        e.nearMean += err;
-                        e.nearMax = std::max(e.nearMax, err);
-                        ++near;
-                    }
+                    e.add(exact, std::abs(double(data(i, j, k)) / h - exact), band);
                 }
     }
-    if (near) e.nearMean /= double(near);
+    e.finish();
     return e;
 }
 

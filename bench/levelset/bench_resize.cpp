@@ -89,22 +89,14 @@ openvdb::FloatGrid::Ptr peerGrid(TVL::Object const& volume)
 demo::BandErrors peerErrors(openvdb::FloatGrid const& grid)
 {
     demo::BandErrors e;
-    long near = 0;
     double const h = grid.voxelSize()[0];
     for (auto it = grid.cbeginValueOn(); it; ++it) {
         openvdb::Coord const c = it.getCoord();
         double const x = c.x() + 0.5, y = c.y() + 0.5, z = c.z() + 0.5;
         double const exact = std::sqrt(x * x + y * y + z * z) - kRadius;
-        double const err = std::abs(double(*it) / h - exact);
-        ++e.finestVoxels;
-        if (std::abs(exact) <= 10.0) e.bandMax = std::max(e.bandMax, err);
-        if (std::abs(exact) <= 3.0) {
-            e.nearMean += err;
-            e.nearMax = std::max(e.nearMax, err);
-            ++near;
-        }
+        e.add(exact, std::abs(double(*it) / h - exact), 10.0);
     }
-    if (near) e.nearMean /= double(near);
+    e.finish();
     return e;
 }
 #endif

@@ -194,7 +194,8 @@ void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler con
         else
             forChannels(channelNames, io_object, [&](ChannelBase& c) { update(io_object, &c); });
     };
-    if (added && topology) {
+    // The topology and the channels follow tiles that were added.
+    auto followAddedTiles = [&] {
         topology->update(*container);
         keepInStep([&](TVL::Object& object, ChannelBase* c) {
             if (c)
@@ -202,7 +203,8 @@ void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler con
             else
                 updateTilesAdded(*topology, object);
         });
-    }
+    };
+    if (added && topology) followAddedTiles();
     if (verbose > 1) printTileCounts("After refine", *container);
 
     if (collectRemovals) {
@@ -230,15 +232,7 @@ void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler con
     }
     if (verbose > 1) std::cout << "coarsenRefine.coarsestDepth = " << coarsestDepth << '\n';
     gradeTileTree(*container, nullptr, io_colors, coarsestDepth, 28);
-    if (topology) {
-        topology->update(*container);
-        keepInStep([&](TVL::Object& object, ChannelBase* c) {
-            if (c)
-                c->updateTilesAdded(*topology);
-            else
-                updateTilesAdded(*topology, object);
-        });
-    }
+    if (topology) followAddedTiles();
     if (verbose > 2)
         std::cout << "Tile tree graded after grade call = " << checkGraded(*container, 0, kMaxDepth) << '\n';
     if (verbose > 0) std::cout << "coarsenRefine.end\n";

@@ -38,7 +38,11 @@ template <typename Traits> struct TileScratch {
     TileData<float, W, 1, 0> values{TileData<float, W, 1, 0>::kVoxelCount, 0.0f};
     TileData<unsigned char, W, 1, 0> typesWithHalo{TileData<unsigned char, W, 1, 0>::kVoxelCount,
                                                    (unsigned char)kValueTypeExcluded};
-    std::array<unsigned char, std::size_t(W) * W * W> unknown;
+    std::array<unsigned char, std::size_t(W) * W * W> allUnknown = [] {
+        std::array<unsigned char, std::size_t(W) * W * W> a;
+        a.fill((unsigned char)kValueTypeUnknown);
+        return a;
+    }();
     detail::SweepBatch<W> batch;
     TreeIndex batchTiles[detail::SweepBatch<W>::kLanes];      ///< tree index of each loaded lane
     std::int64_t batchIndices[detail::SweepBatch<W>::kLanes]; ///< index at the depth of each lane
@@ -156,7 +160,8 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
         if (activity && activity->skippable(t)) continue;
         auto block = distance.tileData(tile.treeIndex());
         if (block.size() != N) continue;
-        unsigned char const* types = scratch.unknown.data();
+        // Without value types every voxel is unknown; with them, the tile's own block is read.
+        unsigned char const* types = scratch.allUnknown.data();
         if (valueType) {
             auto const typeBlock = valueType->tileData(tile.treeIndex());
             if (typeBlock.size() != N) continue;
@@ -165,10 +170,6 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
                 if (activity) activity->record(t, false);
                 continue;
             }
-            std::copy_n(types, N, scratch.unknown.data());
-            types = scratch.unknown.data();
-        } else {
-            scratch.unknown.fill((unsigned char)kValueTypeUnknown);
         }
         // The sweep reads the face rim only.
         if (!activity || activity->depth != depth ||

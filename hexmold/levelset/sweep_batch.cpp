@@ -4,7 +4,6 @@
 #include <hexmold/levelset/detail/sweep_batch.h>
 
 #include <array>
-#include <bit>
 #include <cstring>
 #include <hexmold/levelset/detail/eikonal_inline.h>
 #include <hexmold/levelset/detail/sweep_batch_kernel.h>
@@ -13,30 +12,26 @@ namespace VolumeGL::TileTree3D::LevelSet::detail {
 
 namespace {
 
-/// The voxels of a W^3 tile in the wavefront order of each sweep direction: block offsets (with
-/// the one-element halo) and interior indices, plus the three upwind strides.
-template <int W> struct WavefrontOrder {
+/// The kernel's tables for W^3 tiles: per sweep direction, the voxels in wavefront order as
+/// block offsets (with the one-element halo) and interior indices, and the three upwind strides.
+template <int W> struct KernelTables {
     static constexpr int E = W + 2;
     static constexpr int N = W * W * W;
-    struct Direction {
-        std::array<std::uint16_t, N> block;
-        std::array<std::uint16_t, N> interior;
-        std::ptrdiff_t ni, nj, nk;
-    };
-    std::array<Direction, 8> directions;
+    std::array<std::uint16_t, 8 * N> order;
+    std::array<std::uint16_t, 8 * N> interior;
+    std::array<std::ptrdiff_t, 24> upwind;
 
-    WavefrontOrder()
+    KernelTables()
     {
         // The directions of travel (k, j, i) in the scalar sweep's order.
         static constexpr int kDirections[8][3] = {{1, 1, 1},   {-1, -1, -1}, {-1, 1, 1},  {1, -1, -1},
                                                   {-1, -1, 1}, {1, 1, -1},   {1, -1, 1},  {-1, 1, -1}};
         for (int d = 0; d < 8; ++d) {
             int const dk = kDirections[d][0], dj = kDirections[d][1], di = kDirections[d][2];
-            Direction& out = directions[std::size_t(d)];
-            out.ni = -di;
-            out.nj = -dj * std::ptrdiff_t(E);
-            out.nk = -dk * std::ptrdiff_t(E) * E;
-            int n = 0;
+            upwind[std::size_t(3 * d)] = -di;
+            upwind[std::size_t(3 * d + 1)] = -dj * std::ptrdiff_t(E);
+            upwind[std::size_t(3 * d + 2)] = -dk * std::ptrdiff_t(E) * E;
+            std::size_t n = std::size_t(d) * N;
             for (int front = 0; front <= 3 * (W - 1); ++front)
                 for (int kk = 0; kk < W; ++kk)
                     for (int jj = 0; jj < W; ++jj) {
@@ -45,38 +40,10 @@ template <int W> struct WavefrontOrder {
                         int const i = di > 0 ? ii : W - 1 - ii;
                         int const j = dj > 0 ? jj : W - 1 - jj;
                         int const k = dk > 0 ? kk : W - 1 - kk;
-                        out.block[std::size_t(n)] = std::uint16_t((i + 1) + E * ((j + 1) + E * (k + 1)));
-                        out.interior[std::size_t(n)] = std::uint16_t(i + W * (j + W * k));
+                        order[n] = std::uint16_t((i + 1) + E * ((j + 1) + E * (k + 1)));
+                        interior[n] = std::uint16_t(i + W * (j + W * k));
                         ++n;
                     }
-        }
-    }
-};
-
-template <int W> WavefrontOrder<W> const& wavefrontOrder()
-{
-    static WavefrontOrder<W> const order;
-    return order;
-}
-
-/// The flat tables of the kernel: offsets, interior indices and upwind strides per direction.
-template <int W> struct KernelTables {
-    std::array<std::uint16_t, 8 * WavefrontOrder<W>::N> order;
-    std::array<std::uint16_t, 8 * WavefrontOrder<W>::N> interior;
-    std::array<std::ptrdiff_t, 24> upwind;
-    KernelTables()
-    {
-        auto const& o = wavefrontOrder<W>();
-        constexpr int N = WavefrontOrder<W>::N;
-        for (int d = 0; d < 8; ++d) {
-            auto const& direction = o.directions[std::size_t(d)];
-            for (int n = 0; n < N; ++n) {
-                order[std::size_t(d * N + n)] = direction.block[std::size_t(n)];
-                interior[std::size_t(d * N + n)] = direction.interior[std::size_t(n)];
-            }
-            upwind[std::size_t(3 * d)] = direction.ni;
-            upwind[std::size_t(3 * d + 1)] = direction.nj;
-            upwind[std::size_t(3 * d + 2)] = direction.nk;
         }
     }
 };

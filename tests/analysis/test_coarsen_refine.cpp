@@ -16,6 +16,7 @@
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
 #include "support/analysis_scene.h"
+#include "support/trees.h"
 
 using namespace TVL::TileTree3D;
 using namespace CoreGL::TileTree3D;
@@ -29,20 +30,11 @@ struct TraitsNames {
 };
 TYPED_TEST_SUITE(CoarsenRefine, TraitsTypes, TraitsNames);
 
-using Key = std::tuple<int, int, int, int>; // depth, i, j, k
+using Key = testtrees::TileKey;
 constexpr float kVoxel = 0.25f;             ///< finest voxel, world units
 constexpr double kRadius = 9.0;             ///< sphere radius, finest voxels
 
-template <typename Tr> std::set<Key> tileSet(Container<Tr> const& c)
-{
-    std::set<Key> out;
-    for (int d = 0; d <= Tr::kMaxDepth; ++d)
-        for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
-            auto const& tile = c.tile(t, d);
-            out.emplace(d, tile.ti(), tile.tj(), tile.tk());
-        }
-    return out;
-}
+using testtrees::tileSet;
 
 /// A sphere level set "phi" on a tree of two depths above the deepest: a block of tiles that
 /// covers the sphere and reaches well away from it, so that there is something to coarsen.

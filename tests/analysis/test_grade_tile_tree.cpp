@@ -31,18 +31,9 @@ struct TraitsNames {
 };
 TYPED_TEST_SUITE(GradeTileTree, TraitsTypes, TraitsNames);
 
-using Key = std::tuple<int, int, int, int>; // depth, i, j, k
+using Key = testtrees::TileKey;
 
-template <typename Tr> std::set<Key> tileSet(Container<Tr> const& c)
-{
-    std::set<Key> out;
-    for (int d = 0; d <= Tr::kMaxDepth; ++d)
-        for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
-            auto const& tile = c.tile(t, d);
-            out.emplace(d, tile.ti(), tile.tj(), tile.tk());
-        }
-    return out;
-}
+using testtrees::tileSet;
 
 /// Grading from its definition: no tile of depth in [lo, hi] sees, one tile step away in any of
 /// the 26 directions, a deepest tile (at most its own depth) that is two or more depths coarser

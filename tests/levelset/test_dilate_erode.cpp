@@ -30,20 +30,11 @@ struct TraitsNames {
 };
 TYPED_TEST_SUITE(DilateErode, TraitsTypes, TraitsNames);
 
-using Key = std::tuple<int, int, int, int>;
+using Key = testtrees::TileKey;
 constexpr float kVoxel = 0.5f;   ///< finest voxel, world units
 constexpr double kRadius = 20.0; ///< sphere radius in finest voxels
 
-template <typename Tr> std::set<Key> tileSet(Container<Tr> const& c)
-{
-    std::set<Key> out;
-    for (int d = 0; d <= Tr::kMaxDepth; ++d)
-        for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
-            auto const& tile = c.tile(t, d);
-            out.emplace(d, tile.ti(), tile.tj(), tile.tk());
-        }
-    return out;
-}
+using testtrees::tileSet;
 
 /// Exact signed distance (world units) of the sphere at the centre of a voxel.
 template <typename Tr> float exactAt(Tile<Tr> const& t, int i, int j, int k)

@@ -3,12 +3,29 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <set>
+#include <tuple>
 #include <hexmold/substrate/container.h>
 
 namespace testtrees {
 
 using TVL::TileTree3D::Container;
 using TVL::TileTree3D::int3;
+
+/// A tile by depth and corner: (depth, i, j, k).
+using TileKey = std::tuple<int, int, int, int>;
+
+/// Every tile of @p c, by depth and corner.
+template <typename Tr> std::set<TileKey> tileSet(Container<Tr> const& c)
+{
+    std::set<TileKey> out;
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
+            auto const& tile = c.tile(t, d);
+            out.emplace(d, int(tile.ti()), int(tile.tj()), int(tile.tk()));
+        }
+    return out;
+}
 
 /// Adds the tiles of @p depth whose ordinals (corner / tile width, counted from the tile-space
 /// origin) lie in [lo, hi] on each axis, with their ancestors.
