@@ -6,6 +6,7 @@
 #pragma once
 #include <cstddef>
 #include <tbb/blocked_range.h>
+#include <tbb/concurrent_vector.h>
 #include <tbb/enumerable_thread_specific.h>
 #include <tbb/global_control.h>
 #include <tbb/parallel_for.h>
@@ -20,12 +21,16 @@ namespace TVL::Parallel {
 
 using tbb::auto_partitioner;
 using tbb::blocked_range;
+using tbb::concurrent_vector;
 using tbb::enumerable_thread_specific;
 using tbb::global_control;
 using tbb::parallel_for;
+using tbb::parallel_deterministic_reduce;
 using tbb::parallel_reduce;
 using tbb::parallel_sort;
+using tbb::simple_partitioner;
 using tbb::split;
+using tbb::task_group;
 using tbb::task_group_context;
 
 /// Runs @p f so that, while it waits inside nested parallel constructs, the calling thread takes

@@ -1,0 +1,225 @@
+/// @file  voxelize/mesh/detail/lattice_kernel.h
+/// @brief Body of the tile lattice kernel, over any iterator of triangle indices (a plain range
+///        or a concurrent triangle list).
+#pragma once
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <hexmold/platform/tavrel/spatial_query.h>
+#include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
+
+namespace VolumeGL::TileTree3D::detail {
+
+/// World coordinate of lattice node @p n along one axis: (corner + spacing * n + offset) * h,
+/// in double precision, rounded once to float. Every node, voxel and test uses this one formula.
+inline float latticeCoordinate(std::int64_t corner, std::int64_t spacing, int n, float offset, float h)
+{
+    return static_cast<float>(
+        (static_cast<double>(corner) + static_cast<double>(spacing) * n + static_cast<double>(offset)) *
+        static_cast<double>(h));
+}
+
+/// Squared distance from a coordinate to the interval [lo, hi], in float.
+inline float intervalDistance2(float x, float lo, float hi)
+{
+    float const d = std::max({lo - x, x - hi, 0.0f});
+    return d * d;
+}
+
+/// The box test of the kernel: a triangle whose box is this much farther than a node's best
+/// squared distance cannot win. The margin keeps the float rounding of the box from skipping a
+/// triangle that ties.
+inline constexpr float kBoxTestTolerance = 0.9999f;
+
+/// `computeTileLattice` over the triangle indices [begin, end).
+template <typename Traits, typename It>
+bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, std::int64_t cj, std::int64_t ck,
+                             std::int64_t spacing, It begin, It end, float* out_distances,
+                             std::int64_t* out_closest, float band, float const* parentDistances,
+                             std::int64_t const* parentClosest, int3 childPosition, int3 rangeBegin,
+                             int3 rangeEnd, bool clip, bool sweepFill, bool finalFill)
+{
+    using L = TileLattice<Traits>;
+    constexpr int N = L::kNodes;
+    constexpr int kCount = L::kCount;
+    constexpr int R = Traits::kRatio;
+    constexpr int V = Traits::kVoxelsPerSlot;
+    constexpr std::int64_t kNone = std::numeric_limits<std::int64_t>::max();
+    enum : unsigned char { kCompute = 0, kCopied = 1, kOutside = 2 };
+
+    float const band2 = band * band;
+    float const h = ctx.voxelSize;
+    float coord[3][N];
+    std::int64_t const corner[3] = {ci, cj, ck};
+    for (int a = 0; a < 3; ++a)
+        for (int n = 0; n < N; ++n) coord[a][n] = latticeCoordinate(corner[a], spacing, n, ctx.voxelOffset[a], h);
+
+    int lo[3] = {std::max(rangeBegin.x, 0), std::max(rangeBegin.y, 0), std::max(rangeBegin.z, 0)};
+    int hi[3] = {std::min(rangeEnd.x, N), std::min(rangeEnd.y, N), std::min(rangeEnd.z, N)};
+
+    float best2[kCount];
+    std::int64_t id[kCount];
+    unsigned char state[kCount];
+    bool within = false;
+    int unset = 0;
+    bool const withParent = parentDistances != nullptr;
+    for (int z = 0; z < N; ++z)
+        for (int y = 0; y < N; ++y)
+            for (int x = 0; x < N; ++x) {
+                int const n = L::index(x, y, z);
+                best2[n] = ctx.far2;
+                id[n] = kNone;
+                if (x < lo[0] || x >= hi[0] || y < lo[1] || y >= hi[1] || z < lo[2] || z >= hi[2]) {
+                    state[n] = kOutside;
+                } else if (withParent && x % R == 0 && y % R == 0 && z % R == 0) {
+                    state[n] = kCopied;
+                    int const p = L::index(x / R + V * childPosition.x, y / R + V * childPosition.y,
+                                           z / R + V * childPosition.z);
+                    float const d = parentDistances[p];
+                    best2[n] = d * d;
+                    std::int64_t const pid = parentClosest ? parentClosest[p] : kNoTriangle;
+                    id[n] = pid < 0 ? kNone : pid;
+                    if (best2[n] < band2) within = true;
+                } else {
+                    state[n] = kCompute;
+                    ++unset;
+                }
+            }
+
+    auto const& triangles = *ctx.triangles;
+    auto const& positions = *ctx.positions;
+    float dd[3][N];
+    if (unset > 0) {
+        for (It it = begin; it != end; ++it) {
+            std::int64_t const t = *it;
+            ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
+            float3 const& a = positions[tri.x];
+            float3 const& b = positions[tri.y];
+            float3 const& c = positions[tri.z];
+            float const bmin[3] = {std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}), std::min({a.z, b.z, c.z})};
+            float const bmax[3] = {std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}), std::max({a.z, b.z, c.z})};
+            int wlo[3] = {lo[0], lo[1], lo[2]};
+            int whi[3] = {hi[0], hi[1], hi[2]};
+            bool empty = false;
+            for (int ax = 0; ax < 3; ++ax) {
+                if (clip) {
+                    // The nodes within the band of the box, in lattice coordinates.
+                    double const o = coord[ax][0];
+                    double const s = static_cast<double>(spacing) * h;
+                    double const first = std::ceil((static_cast<double>(bmin[ax]) - band - o) / s);
+                    double const last = std::floor((static_cast<double>(bmax[ax]) + band - o) / s);
+                    int f, l;
+                    if (sweepFill) {
+                        // Keep at least one node, so that the sweep has a seed near every triangle.
+                        f = static_cast<int>(std::clamp(first, double(lo[ax]), double(hi[ax] - 1)));
+                        l = static_cast<int>(std::clamp(last, double(lo[ax]), double(hi[ax] - 1)));
+                        if (f > l) l = f;
+                    } else {
+                        f = static_cast<int>(std::clamp(first, double(lo[ax]), double(hi[ax])));
+                        l = static_cast<int>(std::clamp(last, double(lo[ax] - 1), double(hi[ax] - 1)));
+                    }
+                    wlo[ax] = f;
+                    whi[ax] = l + 1;
+                    if (f > l) empty = true;
+                }
+                for (int n = wlo[ax]; n < whi[ax]; ++n) dd[ax][n] = intervalDistance2(coord[ax][n], bmin[ax], bmax[ax]);
+            }
+            if (empty) continue;
+            for (int z = wlo[2]; z < whi[2]; ++z)
+                for (int y = wlo[1]; y < whi[1]; ++y) {
+                    float const dyz = dd[1][y] + dd[2][z];
+                    for (int x = wlo[0]; x < whi[0]; ++x) {
+                        int const n = L::index(x, y, z);
+                        if (state[n] != kCompute) continue;
+                        float const box2 = dd[0][x] + dyz;
+                        if (best2[n] < kBoxTestTolerance * box2) continue;
+                        float3 const p{coord[0][x], coord[1][y], coord[2][z]};
+                        float const d2 = Tavrel::SpatialQuery::pointTriangleDistance2(p, a, b, c);
+                        if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
+                            best2[n] = d2;
+                            id[n] = t;
+                        }
+                    }
+                }
+        }
+    }
+
+    if (sweepFill) {
+        // Fast sweep inside the lattice for the nodes no triangle box reached: each proposes
+        // its neighbours' triangles in eight sweep directions.
+        bool marked[kCount];
+        bool any = false;
+        for (int n = 0; n < kCount; ++n) {
+            marked[n] = state[n] == kCompute && id[n] == kNone;
+            any = any || marked[n];
+        }
+        for (int sweep = 0; any && sweep < 8; ++sweep) {
+            int const sx = (sweep & 1) ? -1 : 1, sy = (sweep & 2) ? -1 : 1, sz = (sweep & 4) ? -1 : 1;
+            for (int zz = 0; zz < N; ++zz) {
+                int const z = sz > 0 ? zz : N - 1 - zz;
+                for (int yy = 0; yy < N; ++yy) {
+                    int const y = sy > 0 ? yy : N - 1 - yy;
+                    for (int xx = 0; xx < N; ++xx) {
+                        int const x = sx > 0 ? xx : N - 1 - xx;
+                        int const n = L::index(x, y, z);
+                        if (!marked[n]) continue;
+                        float3 const p{coord[0][x], coord[1][y], coord[2][z]};
+                        for (int dz = -1; dz <= 1; ++dz) {
+                            int const qz = z + dz;
+                            if (qz < 0 || qz >= N) continue;
+                            for (int dy = -1; dy <= 1; ++dy) {
+                                int const qy = y + dy;
+                                if (qy < 0 || qy >= N) continue;
+                                for (int dx = -1; dx <= 1; ++dx) {
+                                    int const qx = x + dx;
+                                    if (qx < 0 || qx >= N) continue;
+                                    std::int64_t const t = id[L::index(qx, qy, qz)];
+                                    if (t == kNone || t == id[n]) continue;
+                                    ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
+                                    float3 const& a = positions[tri.x];
+                                    float3 const& b = positions[tri.y];
+                                    float3 const& c = positions[tri.z];
+                                    if (id[n] != kNone) {
+                                        float const box2 =
+                                            intervalDistance2(p.x, std::min({a.x, b.x, c.x}), std::max({a.x, b.x, c.x})) +
+                                            intervalDistance2(p.y, std::min({a.y, b.y, c.y}), std::max({a.y, b.y, c.y})) +
+                                            intervalDistance2(p.z, std::min({a.z, b.z, c.z}), std::max({a.z, b.z, c.z}));
+                                        if (best2[n] < kBoxTestTolerance * box2) continue;
+                                    }
+                                    float const d2 = Tavrel::SpatialQuery::pointTriangleDistance2(p, a, b, c);
+                                    if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
+                                        best2[n] = d2;
+                                        id[n] = t;
+                                    }
+                                }
+                            }
+                        }
+                    }
+                }
+            }
+        }
+    }
+
+    for (int n = 0; n < kCount; ++n) {
+        if (state[n] == kOutside) continue;
+        if (state[n] == kCopied) {
+            int const z = n / (N * N), y = (n / N) % N, x = n % N;
+            int const p = L::index(x / R + V * childPosition.x, y / R + V * childPosition.y, z / R + V * childPosition.z);
+            out_distances[n] = parentDistances[p];
+            out_closest[n] = parentClosest ? parentClosest[p] : kNoTriangle;
+            continue;
+        }
+        if (id[n] != kNone) {
+            out_distances[n] = std::sqrt(best2[n]);
+            out_closest[n] = id[n];
+            if (best2[n] < band2) within = true;
+        } else if (finalFill) {
+            out_distances[n] = ctx.far;
+            out_closest[n] = kNoTriangle;
+        }
+    }
+    return within;
+}
+
+} // namespace VolumeGL::TileTree3D::detail
