@@ -183,10 +183,13 @@ struct BruteForce {
                              std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}), std::max({a.z, b.z, c.z})});
         }
     }
-    /// The distance and the lowest index of a closest triangle.
+    /// The distance and the lowest index of a closest triangle: the triangle with the nearest
+    /// box gives a first bound, then every triangle whose box is within the bound is measured.
     std::pair<Real, std::int64_t> operator()(float3 const& p) const
     {
-        std::vector<std::pair<Real, std::size_t>> order(boxes.size());
+        thread_local std::vector<Real> box2;
+        box2.resize(boxes.size());
+        std::size_t first = 0;
         for (std::size_t t = 0; t < boxes.size(); ++t) {
             Real d2 = 0;
             for (int ax = 0; ax < 3; ++ax) {
@@ -194,15 +197,20 @@ struct BruteForce {
                 Real const d = std::max<Real>({Real(boxes[t][ax]) - x, x - Real(boxes[t][3 + ax]), 0});
                 d2 += d * d;
             }
-            order[t] = {d2, t};
+            box2[t] = d2;
+            if (d2 < box2[first]) first = t;
         }
-        std::sort(order.begin(), order.end());
-        Real best = std::numeric_limits<Real>::infinity();
-        std::int64_t id = -1;
-        for (auto const& [box2, t] : order) {
-            if (box2 > best * best * (1 + 1e-12L)) break;
+        if (boxes.empty()) return {std::numeric_limits<Real>::infinity(), -1};
+        auto measure = [&](std::size_t t) {
             ulong3 const& tri = mesh->triangles[t];
-            Real const d = triangleDistance(p, mesh->positions[tri.x], mesh->positions[tri.y], mesh->positions[tri.z]);
+            return triangleDistance(p, mesh->positions[tri.x], mesh->positions[tri.y], mesh->positions[tri.z]);
+        };
+        Real best = measure(first);
+        std::int64_t id = std::int64_t(first);
+        Real const bound2 = best * best * (1 + 1e-12L);
+        for (std::size_t t = 0; t < boxes.size(); ++t) {
+            if (box2[t] > bound2 || t == first) continue;
+            Real const d = measure(t);
             if (d < best || (d == best && std::int64_t(t) < id)) {
                 best = d;
                 id = std::int64_t(t);

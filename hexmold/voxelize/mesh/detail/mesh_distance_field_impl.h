@@ -402,6 +402,7 @@ template <typename Traits> struct RefineScratch {
     std::vector<std::int64_t> closest = std::vector<std::int64_t>(std::size_t(kBig) * kBig * kBig);
     std::vector<unsigned char> written = std::vector<unsigned char>(Traits::kChildCount);
     std::vector<std::int64_t> childList;
+    std::vector<std::pair<float, std::int64_t>> keyed; ///< squared distance to the child's centre, triangle
     static std::size_t index(int i, int j, int k) { return std::size_t(i) + kBig * (std::size_t(j) + kBig * std::size_t(k)); }
 };
 
@@ -563,6 +564,7 @@ template <typename Traits> struct Refiner {
                 // within reach of its centre.
                 auto& list = s.childList;
                 list.clear();
+                s.keyed.clear();
                 float smallest = std::numeric_limits<float>::max();
                 int target = 0;
                 for (std::int64_t t : parent->triangles) {
@@ -577,12 +579,15 @@ template <typename Traits> struct Refiner {
                     if (!overlap) continue;
                     float const d2 = Tavrel::SpatialQuery::pointTriangleDistance2(centre, *a, *bb, *c);
                     if (!(d2 <= reach2)) continue;
-                    list.push_back(t);
+                    s.keyed.emplace_back(d2, t);
                     smallest = std::min(smallest, d2);
                     if (b.detailMode && target <= d) target = std::max(target, triangleTarget(t, bmin, bmax, d));
                 }
                 if (!(reach2 > smallest)) continue;
                 if (b.detailMode && target <= d) continue;
+                // Nearest triangles first: the lattice's box test then prunes most of the rest.
+                std::sort(s.keyed.begin(), s.keyed.end());
+                for (auto const& [d2, t] : s.keyed) list.push_back(t);
 
                 // The child's lattice: nodes shared with the parent are copied, a face an earlier
                 // sibling wrote is reused.
@@ -952,6 +957,8 @@ void buildSparse(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Triangl
             MeshBuild<Traits> const* b;
             std::unique_ptr<C> tmp;
             std::vector<SparseRecord> records;
+            /// Per depth, the block of coarse tiles added last (tile ordinals of its corners).
+            std::array<std::array<std::int64_t, 6>, Traits::kDepthCount> lastBlock{};
             double grow;
             float keep2, near2;
             std::int64_t T;
@@ -959,12 +966,14 @@ void buildSparse(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Triangl
                 : b(&build), tmp(std::make_unique<C>("tmp", build.voxelSize)), grow(g), keep2(k2), near2(n2), T(t)
             {
                 tmp->tileAccessor().addTile(0, 0, 0, 0);
+                for (auto& block : lastBlock) block.fill(-1);
             }
             Body(Body& o, Par::split)
                 : b(o.b), tmp(std::make_unique<C>("tmp", o.b->voxelSize)), grow(o.grow), keep2(o.keep2),
                   near2(o.near2), T(o.T)
             {
                 tmp->tileAccessor().addTile(0, 0, 0, 0);
+                for (auto& block : lastBlock) block.fill(-1);
             }
             void operator()(Par::blocked_range<std::size_t> const& r)
             {
@@ -983,8 +992,17 @@ void buildSparse(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Triangl
                         if (d2 < near2)
                             for (int d = kMax - 1; d >= 1; --d) {
                                 std::int64_t const w = C::tileVoxelWidth(d);
-                                acc.addTiles(int3{int(x - w), int(y - w), int(z - w)},
-                                             int3{int(x + w + 1), int(y + w), int(z + w)}, d);
+                                int3 const lo{int(x - w), int(y - w), int(z - w)};
+                                int3 const hi{int(x + w + 1), int(y + w), int(z + w)};
+                                // Neighbouring surface tiles mostly ask for the same block of
+                                // coarse tiles: a block this body has just added is skipped.
+                                std::int64_t const A = Traits::kCentreOffset;
+                                std::int64_t const key[6] = {floorDiv(lo.x + A, w), floorDiv(lo.y + A, w),
+                                                             floorDiv(lo.z + A, w), floorDiv(hi.x + A, w),
+                                                             floorDiv(hi.y + A, w), floorDiv(hi.z + A, w)};
+                                if (std::equal(key, key + 6, lastBlock[d].begin())) continue;
+                                std::copy(key, key + 6, lastBlock[d].begin());
+                                acc.addTiles(lo, hi, d);
                             }
                     });
             }
