@@ -6,6 +6,7 @@
 #include <cmath>
 #include <iostream>
 #include <span>
+#include <utility>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/levelset/dilate_erode.h>
 #include <hexmold/levelset/level_set_redistance.h>
@@ -141,13 +142,16 @@ void resizeBody(float bandwidth, TVL::Object& object, Quillon::String const& til
     if (!*distance) return;
     {
         auto const timer = CoreGL::Logger::timer(stages.erode, logger.services());
-        TileMoveLists<Traits> moved;
-        erode(bandwidth, *container, **distance, logger, &moved);
+        // Erosion hands back no pairs: they come from the layout before it.
+        TileLayout<Traits> const layout = recordTileLayout(std::as_const(*container));
+        erode(bandwidth, *container, **distance, logger);
+        TileMoveLists<Traits> const moved = tileMovesSince(layout, std::as_const(*container));
+        std::span<TileMoveList const> const pairs(moved.data(), moved.size());
         TVL::ComponentGuard<VoxelTopology<Traits>> again(object, topologyName);
         if (again) {
             again->update(*container);
-            (*distance)->update(*again);
-            updateTilesRemoved(std::span<TileMoveList const>(moved.data(), moved.size()), *again, object);
+            (*distance)->updateTilesRemoved(pairs, *again);
+            updateTilesRemoved(pairs, *again, object);
         }
     }
 
