@@ -7,6 +7,7 @@
 #include <memory>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
+#include <hexmold/levelset/detail/zero_crossing.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/sampling/linear_sampler.h>
 #include <hexmold/substrate/channel_temporary.h>
@@ -246,45 +247,12 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                                         if (!sideSolved) vt = kValueTypeKnown;
                                         continue;
                                     }
-                                    // Sign change towards a face neighbour, on the halo copy.
-                                    static constexpr int kFaces[6][3] = {{1, 0, 0},  {-1, 0, 0}, {0, 1, 0},
-                                                                         {0, -1, 0}, {0, 0, 1},  {0, 0, -1}};
-                                    bool change = false;
-                                    for (auto const& d : kFaces) {
-                                        int const a = i + d[0], b = j + d[1], c = k + d[2];
-                                        if (hasMask && !(maskHalo(a, b, c) < 0.0f)) continue;
-                                        if ((0.0f > halo(a, b, c)) != inside) {
-                                            change = true;
-                                            break;
-                                        }
-                                    }
-                                    if (!change && std::fabs(v) <= nearZero) {
-                                        // A voxel at zero: look for a crossing next to it whose far
-                                        // side is at zero too.
-                                        for (int c = k - 1; c <= k + 1 && !change; ++c)
-                                            for (int b = j - 1; b <= j + 1 && !change; ++b)
-                                                for (int a = i - 1; a <= i + 1 && !change; ++a) {
-                                                    // The halo's corners are not filled.
-                                                    if ((a < 0 || a >= W) && (b < 0 || b >= W) && (c < 0 || c >= W))
-                                                        continue;
-                                                    bool const qInside = 0.0f > halo(a, b, c);
-                                                    static constexpr int kUp[7][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1},
-                                                                                      {1, 1, 0}, {1, 0, 1}, {0, 1, 1},
-                                                                                      {1, 1, 1}};
-                                                    for (auto const& u : kUp) {
-                                                        int const x = a + u[0], y = b + u[1], z = c + u[2];
-                                                        if (x > W || y > W || z > W) continue;
-                                                        // The halo's corners are not filled.
-                                                        if ((x < 0 || x >= W) && (y < 0 || y >= W) && (z < 0 || z >= W))
-                                                            continue;
-                                                        float const n = halo(x, y, z);
-                                                        if ((0.0f > n) != qInside && std::fabs(n) <= nearZero) {
-                                                            change = true;
-                                                            break;
-                                                        }
-                                                    }
-                                                }
-                                    }
+                                    // On the halo copy; with a mask, only the face neighbours of
+                                    // the mask's inside take part in the sign test.
+                                    bool const change = onZeroCrossing<W, false>(
+                                        halo, i, j, k, nearZero, [&](int a, int b, int c) {
+                                            return !hasMask || maskHalo(a, b, c) < 0.0f;
+                                        });
                                     if (!change) {
                                         reset(v);
                                         if (useValues && !sideSolved) typeBlock(i, j, k) = kValueTypeKnown;

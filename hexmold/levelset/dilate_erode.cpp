@@ -7,7 +7,6 @@
 #include <cmath>
 #include <iostream>
 #include <memory>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -251,11 +250,12 @@ public:
     void beginTile(Tile<Traits> const& tile) override
     {
         if (TVL::bodyCancelled()) return;
+        // A tile without a block has no voxel below the threshold: it goes too.
         auto const block = mDistance->tileData(tile.treeIndex());
-        if (block.empty()) return;
         // The tile's whole diagonal, not a voxel's: kept in this order of multiplication.
         float const threshold = mVoxelSize * kSafety * kSqrt3 * float(tile.tileVoxelWidth()) + mBandwidth;
-        if (!anyBelow(block.data(), block.size(), threshold)) mFar[tile.depth()].push_back(tile.index());
+        if (block.empty() || !anyBelow(block.data(), block.size(), threshold))
+            mFar[tile.depth()].push_back(tile.index());
     }
     void join(Base const& other) override
     {
@@ -319,20 +319,19 @@ void dilate(float bandwidth, Container<Traits>& io_container, VoxelChannel<Trait
 }
 
 template <typename Traits, typename Logger>
-void erode(float bandwidth, Container<Traits>& io_container, VoxelChannel<Traits, float>& io_distance,
-           Logger const& logger, TileMoveLists<Traits>* out_moved)
+void erode(float bandwidth, Container<Traits>& io_container, VoxelChannel<Traits, float>& distance,
+           Logger const& logger)
 {
-    ErodeVisitor<Traits> visitor(bandwidth, io_container.voxelSize(), io_distance);
+    ErodeVisitor<Traits> visitor(bandwidth, io_container.voxelSize(), std::as_const(distance));
     std::as_const(io_container).reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, 0, Traits::kMaxDepth, 50, 0,
                                           Traits::kRatio, kVisitInteriorVoxelNone);
     std::int64_t const before = io_container.tileCount(-1);
+    // The pairs are the caller's to recover (tileMovesSince); channels follow as after any removal.
     TileMoveLists<Traits> moved;
     io_container.tileAccessor().removeTiles(visitor.far(), moved, true);
-    io_distance.updateTilesRemoved(std::span<TileMoveList const>(moved.data(), moved.size()), io_container);
     logger.info("Removed " + std::to_string(before - io_container.tileCount(-1)) + " tiles.");
     io_container.clearPrecomputedTileNeighbors();
     io_container.precomputeTileNeighbors();
-    if (out_moved) *out_moved = std::move(moved);
 }
 
 #define HEXMOLD_INSTANTIATE_DILATE_ERODE(TR, LG)                                                   \

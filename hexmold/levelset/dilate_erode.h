@@ -7,9 +7,9 @@
 ///          of the bandwidth, so that a tile that could still matter stays. The two bracket the
 ///          narrow band of resize and offset.
 ///
-///          Afterwards the voxel topology and the channels of the tree are stale (dilate) or
-///          stale except @p distance (erode): the caller updates the topology with the tree and
-///          the channels with the topology. The precomputed tile neighbours are fresh.
+///          Afterwards the voxel topology and the channels of the tree are stale: the caller
+///          updates the topology with the tree and the channels with the topology (after
+///          `erode`, with the pairs of the removal). The precomputed tile neighbours are fresh.
 #pragma once
 #include <hexmold/export.h>
 #include <hexmold/substrate/channel.h>
@@ -45,19 +45,22 @@ HEXMOLD_API void dilate(float bandwidth, TVL::TileTree3D::Container<Traits>& io_
 ///        bandwidth, t being the tile's width in finest voxels and s the finest voxel size.
 /// @details One parallel reduction over all depths collects the tiles per depth; the removal,
 ///          which takes the descendants of a removed tile along, runs on the calling thread.
-///          The logger's info gets "Removed n tiles.". Tiles of depths without blocks in
-///          @p io_distance stay.
-/// @param bandwidth   world units
+///          A tile for which @p distance holds no block (outside its depth range, or beyond its
+///          blocks) has no voxel below the threshold and is removed; a channel whose depth range
+///          leaves out depth 0 thus loses the whole tree. The logger's info gets
+///          "Removed n tiles.". No channel is changed: the caller brings the topology and every
+///          channel, @p distance included, in step with the tree as after any removal, taking the
+///          (from, to) pairs from `recordTileLayout` before the call and `tileMovesSince` after
+///          it (substrate/channel_update.h).
+/// @param bandwidth     world units
 /// @param io_container  loses tiles
-/// @param io_distance   the level set; its blocks follow the removal (`updateTilesRemoved`), so
-///                      that it stays consistent with the tree; values are not changed
-/// @param logger      `QuillonLogger`, `ConsoleLogger` or `NOPLogger`
-/// @param out_moved   optional: how the surviving tiles moved, for the caller's other channels
+/// @param distance      the level set (world units); only read
+/// @param logger        `QuillonLogger`, `ConsoleLogger` or `NOPLogger`
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only; nothing is removed.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>` and the three loggers.
 template <typename Traits, typename Logger>
 HEXMOLD_API void erode(float bandwidth, TVL::TileTree3D::Container<Traits>& io_container,
-                       TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance, Logger const& logger,
-                       TVL::TileTree3D::TileMoveLists<Traits>* out_moved = nullptr);
+                       TVL::TileTree3D::VoxelChannel<Traits, float>& distance,
+                       Logger const& logger);
 
 } // namespace VolumeGL::TileTree3D::LevelSet

@@ -6,7 +6,9 @@
 #include <cmath>
 #include <iostream>
 #include <span>
+#include <utility>
 #include <hexmold/diagnostics/logger.h>
+#include <hexmold/levelset/detail/zero_crossing.h>
 #include <hexmold/levelset/dilate_erode.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/platform/tavrel/geometry.h>
@@ -37,74 +39,6 @@ struct Stages {
         redistanceName = "Volume::LevelSet::redistance";
     }
 };
-
-/// Value types of one tile from a halo copy of its distances: 1 at the voxels on the zero
-/// crossing (a face neighbour of the other sign under the test 0 > value, or, within 0.001 voxel
-/// of zero, a voxel of the 3 x 3 x 3 block around with a +x, +y or +z neighbour of the other sign
-/// that is itself within 0.001 voxel of zero); the others keep 2.
-template <int W> struct ZeroCrossing {
-    template <typename Halo> static bool atSurface(Halo const& b, int i, int j, int k, float tolerance)
-    {
-        float const v = b(i, j, k);
-        bool const inside = 0.0f > v;
-        if ((0.0f > b(i + 1, j, k)) != inside || (0.0f > b(i - 1, j, k)) != inside ||
-            (0.0f > b(i, j + 1, k)) != inside || (0.0f > b(i, j - 1, k)) != inside ||
-            (0.0f > b(i, j, k + 1)) != inside || (0.0f > b(i, j, k - 1)) != inside)
-            return true;
-        if (!(std::abs(v) <= tolerance)) return false;
-        for (int kk = k - 1; kk <= k + 1; ++kk)
-            for (int jj = j - 1; jj <= j + 1; ++jj)
-                for (int ii = i - 1; ii <= i + 1; ++ii) {
-                    bool const s = 0.0f > b(ii, jj, kk);
-                    auto crosses = [&](int a, int c, int d) {
-                        if (a > W || c > W || d > W) return false; // beyond the halo
-                        float const n = b(a, c, d);
-                        return (0.0f > n) != s && std::abs(n) <= tolerance;
-                    };
-                    if (crosses(ii + 1, jj, kk) || crosses(ii, jj + 1, kk) || crosses(ii, jj, kk + 1)) return true;
-                }
-        return false;
-    }
-};
-
-/// Builds the value types of a resize: a parallel walk over all tiles, then the coarse copies
-/// of the non-leaf voxels.
-template <typename Traits>
-void buildValueTypes(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
-                     VoxelChannel<Traits, float> const& distance, VoxelChannel<Traits, unsigned char>& valueTypes)
-{
-    constexpr int W = Traits::kTileWidth;
-    constexpr std::size_t kHaloCount = std::size_t(W + 2) * (W + 2) * (W + 2);
-    float const voxelSize = container.voxelSize();
-    TileData<float, W, 1, 0> halo(kHaloCount);
-    auto accessor = container.tileAccessor();
-    container.traverse(
-        [] {}, [] {},
-        [&distance, &valueTypes, voxelSize, halo, accessor](Tile<Traits> const& tile) mutable {
-            if (TVL::bodyCancelled()) return;
-            TileData<unsigned char, W, 0, 0> types = valueTypes.tileData(tile.treeIndex());
-            if (types.empty() || distance.tileData(tile.treeIndex()).empty()) return;
-            // The sign test reads the face rim only; the whole rim is fetched only for a tile with a
-            // voxel near zero, whose test also reads the edges and corners.
-            setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral, kHaloTypeBase,
-                                                   accessor, halo, 0.0f, 1.0f, kVoxelOffsetCenter);
-            float const tolerance = 0.001f * float(tile.voxelDataWidth()) * voxelSize;
-            bool nearZero = false;
-            for (int k = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i) nearZero |= std::abs(halo(i, j, k)) <= tolerance;
-            if (nearZero)
-                setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral, kHaloTypeAll,
-                                                       accessor, halo, 0.0f, 1.0f, kVoxelOffsetCenter);
-            for (int k = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i)
-                        if (ZeroCrossing<W>::atSurface(halo, i, j, k, tolerance)) types(i, j, k) = kValueTypeKnown;
-        },
-        [](Tile<Traits> const&) {}, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0, Traits::kMaxDepth, 25, true, 0,
-        Traits::kRatio, false, Traits::kMaxDepth - 3);
-    setNonLeafValueToChildValue(valueTypes, container, topology.offsetType(), 0, Traits::kMaxDepth);
-}
 
 /// The resize of one tree type; does nothing when the object holds no such tree.
 template <typename Traits, typename Logger>
@@ -141,13 +75,16 @@ void resizeBody(float bandwidth, TVL::Object& object, Quillon::String const& til
     if (!*distance) return;
     {
         auto const timer = CoreGL::Logger::timer(stages.erode, logger.services());
-        TileMoveLists<Traits> moved;
-        erode(bandwidth, *container, **distance, logger, &moved);
+        // Erosion hands back no pairs: they come from the layout before it.
+        TileLayout<Traits> const layout = recordTileLayout(std::as_const(*container));
+        erode(bandwidth, *container, **distance, logger);
+        TileMoveLists<Traits> const moved = tileMovesSince(layout, std::as_const(*container));
+        std::span<TileMoveList const> const pairs(moved.data(), moved.size());
         TVL::ComponentGuard<VoxelTopology<Traits>> again(object, topologyName);
         if (again) {
             again->update(*container);
-            (*distance)->update(*again);
-            updateTilesRemoved(std::span<TileMoveList const>(moved.data(), moved.size()), *again, object);
+            (*distance)->updateTilesRemoved(pairs, *again);
+            updateTilesRemoved(pairs, *again, object);
         }
     }
 
@@ -167,7 +104,7 @@ void resizeBody(float bandwidth, TVL::Object& object, Quillon::String const& til
                                                        0, Traits::kMaxDepth);
         valueTypes.setTargetName(topologyPtr->name());
         valueTypes.update(*topologyPtr);
-        buildValueTypes(*container, *topologyPtr, **distance, valueTypes);
+        resizeValueTypes(*container, *topologyPtr, **distance, valueTypes);
         levelSetRedistance<Traits>(*container, *topologyPtr, **distance, true, true, false, 0, Traits::kMaxDepth, nullptr,
                            &valueTypes, 0.01f, FLT_MAX, FLT_MAX, passes.maxNumPreSmoothingPasses,
                            passes.maxNumPostSmoothingPasses, false, passes.performCoalescedRedistance, nullptr,
@@ -177,6 +114,48 @@ void resizeBody(float bandwidth, TVL::Object& object, Quillon::String const& til
 }
 
 } // namespace
+
+// A parallel walk over all tiles, then the coarse copies of the non-leaf voxels.
+template <typename Traits>
+void resizeValueTypes(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
+                      VoxelChannel<Traits, float> const& distance,
+                      VoxelChannel<Traits, unsigned char>& io_valueTypes)
+{
+    constexpr int W = Traits::kTileWidth;
+    constexpr std::size_t kHaloCount = std::size_t(W + 2) * (W + 2) * (W + 2);
+    float const voxelSize = container.voxelSize();
+    TileData<float, W, 1, 0> halo(kHaloCount);
+    auto accessor = container.tileAccessor();
+    container.traverse(
+        [] {}, [] {},
+        [&distance, &io_valueTypes, voxelSize, halo, accessor](Tile<Traits> const& tile) mutable {
+            if (TVL::bodyCancelled()) return;
+            TileData<unsigned char, W, 0, 0> types = io_valueTypes.tileData(tile.treeIndex());
+            if (types.empty() || distance.tileData(tile.treeIndex()).empty()) return;
+            // The sign test reads the face rim only; the whole rim is fetched only for a tile with a
+            // voxel near zero, whose test also reads the edges and corners.
+            setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral, kHaloTypeBase,
+                                                   accessor, halo, 0.0f, 1.0f, kVoxelOffsetCenter);
+            // 0.001 h, with h = width * voxel size rounded first, as in the adaptive sweep.
+            float const tolerance = 0.001f * (float(tile.voxelDataWidth()) * voxelSize);
+            bool nearZero = false;
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) nearZero |= std::abs(halo(i, j, k)) <= tolerance;
+            if (nearZero)
+                setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral, kHaloTypeAll,
+                                                       accessor, halo, 0.0f, 1.0f, kVoxelOffsetCenter);
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i)
+                        if (detail::onZeroCrossing<W, true>(halo, i, j, k, tolerance,
+                                                            detail::EveryNeighbour{}))
+                            types(i, j, k) = kValueTypeKnown;
+        },
+        [](Tile<Traits> const&) {}, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0, Traits::kMaxDepth, 25, true, 0,
+        Traits::kRatio, false, Traits::kMaxDepth - 3);
+    setNonLeafValueToChildValue(io_valueTypes, container, topology.offsetType(), 0, Traits::kMaxDepth);
+}
 
 int resizeCeiling(float x)
 {
@@ -210,6 +189,11 @@ void resize(float bandwidth, TVL::Object& io_object, Quillon::String const& tile
     resizeBody<Traits55>(bandwidth, io_object, tileTreeName, topologyName, distanceChannelName, logger, stages);
     if (CoreGL::Logger::verboseLevel() > 0) std::cout << "levelset_resize.end\n";
 }
+
+#define HEXMOLD_INSTANTIATE_RESIZE_VALUE_TYPES(TR)                                                 \
+    template HEXMOLD_API decltype(resizeValueTypes<TR>) resizeValueTypes<TR>;
+HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_RESIZE_VALUE_TYPES)
+#undef HEXMOLD_INSTANTIATE_RESIZE_VALUE_TYPES
 
 template HEXMOLD_API decltype(resize<CoreGL::QuillonLogger>) resize<CoreGL::QuillonLogger>;
 template HEXMOLD_API decltype(resize<CoreGL::ConsoleLogger>) resize<CoreGL::ConsoleLogger>;

@@ -5,6 +5,9 @@
 #pragma once
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/string.h>
+#include <hexmold/substrate/channel.h>
+#include <hexmold/substrate/container.h>
+#include <hexmold/substrate/topology.h>
 
 namespace TVL {
 class Object;
@@ -32,6 +35,29 @@ HEXMOLD_API int resizeCeiling(float x);
 ///        coalesced when ceil(x) >= 10; post passes ceil(x / 2), plus 1 when positive; 2 pre passes.
 HEXMOLD_API ResizePasses resizePasses(float bandwidth, float voxelSize);
 
+/// @brief The value types that the redistancing of a resize starts from: 1 (known) at the voxels
+///        on the zero crossing of @p distance, 2 (unknown) elsewhere.
+/// @details A voxel is on the zero crossing when a face neighbour has the other sign under the
+///          test 0 > value, or when it lies within 0.001 h of zero (h the voxel spacing of its
+///          depth) and a voxel of the 3 x 3 x 3 block around it changes sign towards one of its
+///          neighbours above (+x, +y, +z or a diagonal between them) that is within 0.001 h of
+///          zero too: the test of the adaptive sweep. Neighbours across tiles and depths come from
+///          a halo copy in the general mode. Non-leaf voxels then take the type of the child voxel
+///          at their sample.
+/// @param container     the tree; its precomputed tile neighbours are used when present
+/// @param topology      the voxel topology of @p distance and @p io_valueTypes
+/// @param distance      the level set (world units)
+/// @param io_valueTypes in: 2 everywhere (the caller's fill); out: the types. Tiles without a
+///                      block in either channel are left alone.
+/// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only.
+/// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
+template <typename Traits>
+HEXMOLD_API void
+resizeValueTypes(TVL::TileTree3D::Container<Traits> const& container,
+                 TVL::TileTree3D::VoxelTopology<Traits> const& topology,
+                 TVL::TileTree3D::VoxelChannel<Traits, float> const& distance,
+                 TVL::TileTree3D::VoxelChannel<Traits, unsigned char>& io_valueTypes);
+
 /// @brief Sets the narrow band of the level set @p distanceChannelName of @p io_object to
 ///        @p bandwidth.
 /// @details Runs for a `Traits<2,4,1>` tree and then for a `Traits<5,5,1>` tree: each body takes
@@ -39,11 +65,9 @@ HEXMOLD_API ResizePasses resizePasses(float bandwidth, float voxelSize);
 ///          of the other tree type, so one call serves either kind of object. A body:
 ///          `dilate` (timer "Volume::resize_level_set.dilate"), initialisation of the new tiles
 ///          in every channel of the object from their parents (".initialize_tiles"), `erode`
-///          (".erode"), the value types (1 at the voxels with a sign change to a face
-///          neighbour, or within 0.001 voxel of zero beside another such voxel; 2 elsewhere), and
-///          `levelSetRedistance` of the whole tree (".redistance") with the settings of
-///          `resizePasses`. The other channels of the object follow the tile changes; their new
-///          tiles take their parents' values.
+///          (".erode"), the value types of `resizeValueTypes`, and `levelSetRedistance` of the
+///          whole tree (".redistance") with the settings of `resizePasses`. The other channels of
+///          the object follow the tile changes; their new tiles take their parents' values.
 ///          Prints "levelset_resize.begin"/".end" at verbose above 0 and the settings at
 ///          verbose above 1; the logger's info gets "Redistancing distance channel.".
 /// @param bandwidth  half-width of the band, world units; at or below

@@ -2,7 +2,9 @@
 /// @brief The free update functions over the channels of an object.
 #include <hexmold/substrate/channel_update.h>
 
+#include <iostream>
 #include <vector>
+#include <hexmold/diagnostics/logger.h>
 #include <hexmold/substrate/topology.h>
 
 namespace TVL::TileTree3D {
@@ -86,6 +88,49 @@ void initializeTileData(Container<Traits> const& container, TileCornerLists<Trai
     }
 }
 
+template <typename Traits> TileLayout<Traits> recordTileLayout(Container<Traits> const& container)
+{
+    TileLayout<Traits> out;
+    for (int d = 0; d < Traits::kDepthCount; ++d) {
+        std::int64_t const n = container.tileCount(d);
+        auto& corners = out.corners[std::size_t(d)];
+        corners.resize(std::size_t(n));
+        for (std::int64_t t = 0; t < n; ++t) corners[std::size_t(t)] = container.tile(t, d).tijk();
+    }
+    return out;
+}
+
+template <typename Traits>
+TileMoveLists<Traits> tileMovesSince(TileLayout<Traits> const& before,
+                                     Container<Traits> const& after)
+{
+    TileMoveLists<Traits> moved;
+    std::int64_t unmatched = 0;
+    for (int d = 0; d < Traits::kDepthCount; ++d) {
+        auto const& corners = before.corners[std::size_t(d)];
+        std::size_t const count = corners.size();
+        std::int64_t const n = after.tileCount(d);
+        std::size_t from = 0;
+        for (std::int64_t to = 0; to < n; ++to, ++from) {
+            int3 const corner = after.tile(to, d).tijk();
+            while (from < count && !(corners[from] == corner)) ++from;
+            if (from == count) {
+                unmatched += n - to;
+                break;
+            }
+            if (std::int64_t(from) != to) moved[d].emplace_back(std::int64_t(from), to);
+        }
+    }
+    if (unmatched && CoreGL::Logger::errorVerboseLevel() > 0)
+        std::cerr << "tileMovesSince.error: " << unmatched
+                  << " tiles are not in the recorded layout; their moves are left out\n";
+    return moved;
+}
+
+template HEXMOLD_API decltype(recordTileLayout<Traits24>) recordTileLayout<Traits24>;
+template HEXMOLD_API decltype(recordTileLayout<Traits55>) recordTileLayout<Traits55>;
+template HEXMOLD_API decltype(tileMovesSince<Traits24>) tileMovesSince<Traits24>;
+template HEXMOLD_API decltype(tileMovesSince<Traits55>) tileMovesSince<Traits55>;
 template HEXMOLD_API decltype(initializeTileData<Traits24>) initializeTileData<Traits24>;
 template HEXMOLD_API decltype(initializeTileData<Traits55>) initializeTileData<Traits55>;
 

@@ -1,18 +1,23 @@
 // Dilation and erosion: on a sphere band against the exact distance (the band covered, nothing
 // far kept), the listed edge cases with the radii and thresholds worked out by hand, the log
-// lines and timers, the channel that follows the erosion, and determinism over thread counts.
+// lines and timers, tiles without a channel block, the channel that is only read by erosion and
+// follows it through the usual update, and determinism over thread counts.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
 #include <random>
+#include <map>
 #include <set>
+#include <span>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/levelset/dilate_erode.h>
 #include <hexmold/platform/testing/recording_services.h>
+#include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/parallel.h>
 #include "support/analysis_scene.h"
 #include "support/random_trees.h"
@@ -99,8 +104,12 @@ TYPED_TEST(DilateErode, DilateThenErodeCoversTheBandAndKeepsNothingFar)
         dilate(float(bandwidth), band.tree, band.phi, added, CoreGL::NOPLogger{}, 0, Tr::kMaxDepth);
         EXPECT_EQ(uncoveredVoxels(band.tree, bandwidth), 0) << voxels << " voxels, after dilate";
         band.fill();
+        TileLayout<Tr> const layout = recordTileLayout(band.tree);
         erode(float(bandwidth), band.tree, band.phi, CoreGL::NOPLogger{});
         EXPECT_EQ(uncoveredVoxels(band.tree, bandwidth), 0) << voxels << " voxels, after erode";
+        // The channel follows as after any removal.
+        TileMoveLists<Tr> const moved = tileMovesSince(layout, band.tree);
+        band.phi.updateTilesRemoved(std::span<TileMoveList const>(moved.data(), moved.size()), band.tree);
         // No tile whose voxels all lie farther than the bandwidth plus a tile diagonal.
         constexpr int W = Tr::kTileWidth;
         for (int d = 0; d <= Tr::kMaxDepth; ++d)
@@ -112,7 +121,7 @@ TYPED_TEST(DilateErode, DilateThenErodeCoversTheBandAndKeepsNothingFar)
                     for (int j = 0; j < W; ++j)
                         for (int i = 0; i < W; ++i) nearest = std::min(nearest, double(std::abs(exactAt(tile, i, j, k))));
                 EXPECT_LT(nearest, bandwidth + 1.01 * diagonal) << "depth " << d;
-                // The channel's blocks moved with their tiles.
+                // The channel's blocks followed their tiles.
                 auto const td = band.phi.tileData(t, d);
                 EXPECT_EQ(td(1, 1, 1), exactAt(tile, 1, 1, 1));
             }
@@ -354,6 +363,147 @@ TYPED_TEST(DilateErode, AddsExactlyTheTilesOfTheRuleAppliedToEachSurfaceTile)
     }
 }
 
+/// The blocks of @p phi for the tiles of @p tree that it has a block for, by tile corner.
+template <typename Tr>
+std::map<Key, std::vector<float>> blocksByCorner(Container<Tr> const& tree, VoxelChannel<Tr, float> const& phi)
+{
+    std::map<Key, std::vector<float>> out;
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
+            auto const block = phi.tileData(t, d);
+            if (block.empty()) continue;
+            auto const& tile = tree.tile(t, d);
+            out[Key(d, int(tile.ti()), int(tile.tj()), int(tile.tk()))] = std::vector<float>(block.begin(), block.end());
+        }
+    return out;
+}
+
+/// The tiles that erosion keeps by its rule, worked out tile by tile: a tile with a block holding
+/// a voxel of |value| below s * 1.01 * 1.7320508 * t + bandwidth (single precision, in this
+/// order), whose ancestors are kept too. A tile without a block has no such voxel.
+template <typename Tr>
+std::set<Key> erosionSurvivors(Container<Tr> const& tree, VoxelChannel<Tr, float> const& phi, float bandwidth)
+{
+    std::set<Key> out;
+    std::vector<std::vector<char>> kept(Tr::kMaxDepth + 1);
+    for (int d = 0; d <= Tr::kMaxDepth; ++d) {
+        kept[d].assign(std::size_t(tree.tileCount(d)), 0);
+        for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
+            auto const& tile = tree.tile(t, d);
+            float const threshold = kVoxel * 1.01f * 1.7320508f * float(tile.tileVoxelWidth()) + bandwidth;
+            bool near = false;
+            for (float v : phi.tileData(t, d)) near |= std::abs(v) < threshold;
+            bool const parentKept = tile.parent() < 0 || kept[d - 1][std::size_t(tile.parent())];
+            kept[d][std::size_t(t)] = near && parentKept;
+            if (kept[d][std::size_t(t)]) out.emplace(d, int(tile.ti()), int(tile.tj()), int(tile.tk()));
+        }
+    }
+    return out;
+}
+
+/// Adds to @p tree, without telling any channel, deepest tiles beside the band that lie within
+/// three voxels of the sphere (their exact values would keep them) and one far tile two depths
+/// up; returns their corners.
+template <typename Tr> std::vector<Key> addUnfollowedTiles(Container<Tr>& tree)
+{
+    constexpr int D = Tr::kMaxDepth;
+    std::int64_t const t = Tr::tileVoxelWidth(D);
+    std::vector<Key> added;
+    auto accessor = tree.tileAccessor();
+    std::int64_t const n = tree.tileCount(D);
+    for (std::int64_t i = 0; i < n && added.size() < 8; ++i) {
+        int3 const c = tree.tile(i, D).tijk();
+        for (int a = 0; a < 3 && added.size() < 8; ++a)
+            for (int side = -1; side <= 1; side += 2) {
+                int3 p = c;
+                (a == 0 ? p.x : a == 1 ? p.y : p.z) += side * int(t);
+                if (accessor.tile(p, D).depth() == D) continue;
+                if (testtrees::boxSphereDistance<Tr>(p, D, kRadius) > 3.0) continue;
+                auto const& made = accessor.addTile(p, D);
+                added.emplace_back(D, int(made.ti()), int(made.tj()), int(made.tk()));
+                break;
+            }
+    }
+    // Three tile widths of its depth beyond the sphere: a tile the band's tree does not have.
+    std::int64_t const far = std::int64_t(kRadius) + 3 * Tr::tileVoxelWidth(D - 2);
+    if (accessor.tile(far, far, far, D - 2).depth() != D - 2) {
+        auto const& made = accessor.addTile(far, far, far, D - 2);
+        added.emplace_back(D - 2, int(made.ti()), int(made.tj()), int(made.tk()));
+    }
+    return added;
+}
+
+TYPED_TEST(DilateErode, TilesWithoutAChannelBlockAreRemovedAndTheChannelIsOnlyRead)
+{
+    using Tr = TypeParam;
+    constexpr int D = Tr::kMaxDepth;
+    float const bandwidth = 2.0f * kVoxel;
+    // Three channels that lack blocks: one that has not followed tiles added after it, one
+    // without the deepest depth, one without depth 0 (the root goes, and the whole tree with it).
+    for (int form = 0; form < 3; ++form) {
+        SCOPED_TRACE(form == 0 ? "tiles added after the channel" : form == 1 ? "no deepest depth" : "no depth 0");
+        Band<Tr> band(1.0);
+        std::vector<Key> added;
+        std::unique_ptr<VoxelChannel<Tr, float>> ranged;
+        if (form == 0) {
+            added = addUnfollowedTiles(band.tree);
+            ASSERT_GT(added.size(), 8u);
+        } else {
+            ranged = std::make_unique<VoxelChannel<Tr, float>>("phi", nullptr, kDataElementInitializerDefaultValue,
+                                                               false, true, form == 1 ? 0 : 1, form == 1 ? D - 1 : D);
+            ranged->update(band.tree);
+            for (int d = ranged->minDepth(); d <= ranged->depth(); ++d)
+                for (std::int64_t t = 0; t < band.tree.tileCount(d); ++t) {
+                    auto const from = std::as_const(band.phi).tileData(t, d);
+                    std::copy(from.begin(), from.end(), ranged->tileData(t, d).begin());
+                }
+        }
+        VoxelChannel<Tr, float>& phi = ranged ? *ranged : band.phi;
+        std::set<Key> const expected = erosionSurvivors(band.tree, phi, bandwidth);
+        auto const before = blocksByCorner(band.tree, phi);
+        VoxelChannel<Tr, float> const untouched(phi);
+        TileLayout<Tr> const layout = recordTileLayout(band.tree);
+
+        erode(bandwidth, band.tree, phi, CoreGL::NOPLogger{});
+
+        EXPECT_EQ(tileSet(band.tree), expected);
+        for (Key const& key : added) EXPECT_EQ(expected.count(key), 0u);
+        if (form == 0) EXPECT_GT(band.tree.tileCount(D), 0);
+        if (form == 1) {
+            EXPECT_EQ(band.tree.tileCount(D), 0);
+            EXPECT_GT(band.tree.tileCount(D - 1), 0);
+        }
+        if (form == 2) EXPECT_EQ(band.tree.tileCount(-1), 0);
+        // Only read: every block as it was, in its old place.
+        for (int d = 0; d <= D; ++d) {
+            ASSERT_EQ(phi.tileCount(d), untouched.tileCount(d)) << "depth " << d;
+            for (std::int64_t t = 0; t < phi.tileCount(d); ++t) {
+                auto const now = std::as_const(phi).tileData(t, d), then = untouched.tileData(t, d);
+                ASSERT_TRUE(std::equal(now.begin(), now.end(), then.begin(), then.end())) << "depth " << d << " tile " << t;
+            }
+        }
+        // The usual update after a removal: the kept tiles hold what they held.
+        TileMoveLists<Tr> const moved = tileMovesSince(layout, band.tree);
+        phi.updateTilesRemoved(std::span<TileMoveList const>(moved.data(), moved.size()), band.tree);
+        for (int d = phi.minDepth(); d <= phi.depth(); ++d) {
+            ASSERT_EQ(phi.tileCount(d), band.tree.tileCount(d)) << "depth " << d;
+            for (std::int64_t t = 0; t < band.tree.tileCount(d); ++t) {
+                auto const& tile = band.tree.tile(t, d);
+                auto const block = std::as_const(phi).tileData(t, d);
+                EXPECT_EQ(std::vector<float>(block.begin(), block.end()),
+                          before.at(Key(d, int(tile.ti()), int(tile.tj()), int(tile.tk()))))
+                    << "depth " << d << " tile " << t;
+            }
+        }
+    }
+}
+
+template <typename Tr, typename Lg> void const* erodeAddress()
+{
+    void (*f)(float, Container<Tr>&, VoxelChannel<Tr, float>&, Lg const&) = &erode<Tr, Lg>;
+    return reinterpret_cast<void const*>(f);
+}
+
 TEST(DilateErode, EveryInstanceIsExported)
 {
     using namespace CoreGL;
@@ -361,9 +511,10 @@ TEST(DilateErode, EveryInstanceIsExported)
         reinterpret_cast<void const*>(&dilate<Traits24, QuillonLogger>), reinterpret_cast<void const*>(&dilate<Traits24, ConsoleLogger>),
         reinterpret_cast<void const*>(&dilate<Traits24, NOPLogger>),     reinterpret_cast<void const*>(&dilate<Traits55, QuillonLogger>),
         reinterpret_cast<void const*>(&dilate<Traits55, ConsoleLogger>), reinterpret_cast<void const*>(&dilate<Traits55, NOPLogger>),
-        reinterpret_cast<void const*>(&erode<Traits24, QuillonLogger>),  reinterpret_cast<void const*>(&erode<Traits24, ConsoleLogger>),
-        reinterpret_cast<void const*>(&erode<Traits24, NOPLogger>),      reinterpret_cast<void const*>(&erode<Traits55, QuillonLogger>),
-        reinterpret_cast<void const*>(&erode<Traits55, ConsoleLogger>),  reinterpret_cast<void const*>(&erode<Traits55, NOPLogger>)};
+        // The four-argument erosion: (bandwidth, tree, distance, logger).
+        erodeAddress<Traits24, QuillonLogger>(), erodeAddress<Traits24, ConsoleLogger>(),
+        erodeAddress<Traits24, NOPLogger>(),     erodeAddress<Traits55, QuillonLogger>(),
+        erodeAddress<Traits55, ConsoleLogger>(), erodeAddress<Traits55, NOPLogger>()};
     for (void const* f : all) EXPECT_NE(f, nullptr);
 }
 

@@ -1,6 +1,8 @@
 // Resize: the band of a sphere's level set widened and narrowed against the exact distance and
 // the tile rules of dilation and erosion; the pass-count and coalescing rule; the refused width;
-// one call serving either tree type; log lines, timers, other channels, threads, cancellation.
+// one call serving either tree type; the value types of a voxel at zero whose partner of the
+// other sign is a diagonal neighbour, against the adaptive sweep; log lines, timers, other
+// channels, threads, cancellation.
 #include <gtest/gtest.h>
 #include <cstdlib>
 #include <hexmold/analysis/grade_tile_tree.h>
@@ -8,10 +10,13 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
+#include <hexmold/levelset/dof_classification.h>
+#include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/levelset/resize.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/geometry.h>
@@ -200,6 +205,118 @@ TYPED_TEST(Resize, WidenThenNarrowASphereBandMeetsTheWholeBandBarAndTheTileRules
         EXPECT_EQ(uncovered(scene.tree(), bandwidth, &nearest), 0) << voxels << " voxels; nearest uncovered " << nearest;
         EXPECT_EQ(farTiles(scene, bandwidth), 0) << voxels << " voxels";
     }
+}
+
+/// A block of deepest tiles around the origin with one voxel V within 0.001 h of zero whose only
+/// neighbour of the other sign, Q, is a diagonal one: Q at the corner of the deepest tile at the
+/// origin plus (1, 1, 1) holds -h/2, V = Q + (1, 1, 0) holds h/2000, and every other voxel the
+/// distance from Q (world units), positive; so V's face neighbours all share its sign.
+template <typename Tr> struct DiagonalPartner {
+    static constexpr int D = Tr::kMaxDepth;
+    static constexpr float kV = 0.0005f * kVoxel; ///< V's value: within 0.001 h of zero
+    static constexpr float kQ = -0.5f * kVoxel;
+    testscene::Scene<Tr> scene{kVoxel};
+    int3 q{}, v{}, far{};
+
+    DiagonalPartner()
+    {
+        scene.build([](Container<Tr>& c) { testtrees::addBlock<Tr>(c, D, {-2, -2, -2}, {1, 1, 1}); });
+        int3 const corner = scene.tree().tileAccessor().tile(0, 0, 0, D).tijk();
+        q = {corner.x + 1, corner.y + 1, corner.z + 1};
+        v = {q.x + 1, q.y + 1, q.z};
+        far = {q.x + 3, q.y, q.z + 3};
+        scene.template add<float>(kPhi, [&](Tile<Tr> const& t, int i, int j, int k) {
+            std::int64_t const w = t.voxelDataWidth();
+            int3 const p{int(t.ti() + i * w), int(t.tj() + j * w), int(t.tk() + k * w)};
+            if (t.depth() == D && p == q) return kQ;
+            if (t.depth() == D && p == v) return kV;
+            double const dx = p.x - q.x, dy = p.y - q.y, dz = p.z - q.z;
+            return float(std::sqrt(dx * dx + dy * dy + dz * dz) * kVoxel);
+        });
+        float const background = 1e30f;
+        static_cast<VoxelChannel<Tr, float>*>(scene.object->mutableComponent(kPhi))->setDefaultValue(&background);
+    }
+    VoxelChannel<Tr, float> const& phi() const { return scene.template channel<float>(kPhi); }
+    /// The deepest voxel at finest-voxel corner @p p of @p channel.
+    template <typename T> T at(VoxelChannel<Tr, T> const& channel, int3 const& p) const
+    {
+        auto accessor = scene.tree().tileAccessor();
+        auto const& t = accessor.tile(p, D);
+        EXPECT_EQ(t.depth(), D);
+        return channel.tileData(t.index(), D)(int(p.x - t.ti()), int(p.y - t.tj()), int(p.z - t.tk()));
+    }
+    /// Whether the deepest voxel at @p p lies two voxels or more inside the block of tiles.
+    bool inner(int3 const& p) const
+    {
+        auto accessor = scene.tree().tileAccessor();
+        for (int dz = -2; dz <= 2; ++dz)
+            for (int dy = -2; dy <= 2; ++dy)
+                for (int dx = -2; dx <= 2; ++dx)
+                    if (accessor.tile(p.x + dx, p.y + dy, p.z + dz, D).depth() != D) return false;
+        return true;
+    }
+    /// The value types a resize starts from, on the field as built.
+    std::unique_ptr<VoxelChannel<Tr, unsigned char>> resizeTypes() const
+    {
+        unsigned char const unknown = kValueTypeUnknown;
+        auto types = std::make_unique<VoxelChannel<Tr, unsigned char>>("", &unknown, kDataElementInitializerDefaultValue,
+                                                                       false, true, 0, D);
+        types->update(scene.topology());
+        resizeValueTypes(scene.tree(), scene.topology(), phi(), *types);
+        return types;
+    }
+};
+
+TYPED_TEST(Resize, AVoxelAtZeroWhoseOnlyOtherSignNeighbourIsDiagonalIsKnownAndKeepsItsValue)
+{
+    using Tr = TypeParam;
+    DiagonalPartner<Tr> f;
+    auto const types = f.resizeTypes();
+    EXPECT_EQ(int(f.at(*types, f.v)), int(kValueTypeKnown));
+    EXPECT_EQ(int(f.at(*types, f.q)), int(kValueTypeKnown));
+    EXPECT_EQ(int(f.at(*types, f.far)), int(kValueTypeUnknown));
+    // A known voxel is a boundary condition of the sweeps: the surface through V stays where it is.
+    resize(4.0f * kVoxel, *f.scene.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::NOPLogger{});
+    EXPECT_EQ(f.at(f.phi(), f.v), DiagonalPartner<Tr>::kV);
+    EXPECT_EQ(f.at(f.phi(), f.q), DiagonalPartner<Tr>::kQ);
+}
+
+TYPED_TEST(Resize, ValueTypesAgreeWithTheAdaptiveSweepsZeroCrossingOnTheDiagonalPartnerCase)
+{
+    using Tr = TypeParam;
+    constexpr int D = Tr::kMaxDepth;
+    DiagonalPartner<Tr> f;
+    auto const types = f.resizeTypes();
+    // The adaptive sweep without passes and without the caller's value types keeps the values of
+    // the voxels its zero-crossing test makes known and resets every other one to the background.
+    auto const& tree = f.scene.tree();
+    auto const& topology = f.scene.topology();
+    VoxelChannel<Tr, float> out(f.phi());
+    short const zero = 0;
+    VoxelChannel<Tr, short> dof("dof", &zero, kDataElementInitializerDefaultValue, false, true, 0, D);
+    dof.update(topology);
+    classifyDegreesOfFreedom<Tr>(tree, dof);
+    levelSetRedistance<Tr>(tree, topology, out, true, true, false, 0, D, nullptr, nullptr, 0.01f, FLT_MAX, FLT_MAX, 0, 0,
+                           false, false, &dof, "test", kRedistanceSweeping);
+    EXPECT_EQ(f.at(out, f.v), DiagonalPartner<Tr>::kV);
+    EXPECT_EQ(f.at(out, f.far), 1e30f);
+    // Voxel by voxel, away from the block's faces (where the two read the rim in different modes).
+    long compared = 0;
+    for (std::int64_t t = 0; t < tree.tileCount(D); ++t) {
+        auto const& tile = tree.tile(t, D);
+        constexpr int W = Tr::kTileWidth;
+        for (int k = 0; k < W; ++k)
+            for (int j = 0; j < W; ++j)
+                for (int i = 0; i < W; ++i) {
+                    int3 const p{int(tile.ti() + i), int(tile.tj() + j), int(tile.tk() + k)};
+                    if (!f.inner(p)) continue;
+                    bool const keptByTheSweep = f.at(out, p) == f.at(f.phi(), p);
+                    EXPECT_EQ(f.at(*types, p) == kValueTypeKnown, keptByTheSweep)
+                        << "voxel " << p.x << ", " << p.y << ", " << p.z;
+                    ++compared;
+                }
+    }
+    EXPECT_GT(compared, 100);
 }
 
 TEST(Resize, BandwidthAtOrBelowEpsilonOnlyWarns)

@@ -1,14 +1,17 @@
 // Volume objects: typed lookup, extract/put ownership, sharing, scope guards, creation commands,
-// the free channel updates.
+// the free channel updates, the pairs of a removal recovered from the layout before it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <stdexcept>
+#include <hexmold/diagnostics/logger.h>
 #include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/topology.h>
+#include "support/random_trees.h"
 
 using namespace TVL::TileTree3D;
 using TVL::Object;
@@ -265,4 +268,42 @@ TYPED_TEST(ObjectTest, FreeUpdatesReachTheChannelsInTheObjectOnly)
     object->putComponent(std::move(topo));
     object->putComponent(std::move(extracted));
     EXPECT_EQ(object->componentRange().size(), 4u);
+}
+
+TYPED_TEST(ObjectTest, TheLayoutBeforeARemovalGivesTheRemovalsOwnPairs)
+{
+    using Tr = TypeParam;
+    for (std::uint32_t seed : {1u, 2u, 3u}) {
+        Container<Tr> c("t", 1.0f);
+        testtrees::growRandomTree(c, seed, 40, 64, Tr::kMaxDepth - 4, 0.3);
+        TileLayout<Tr> const layout = recordTileLayout(c);
+        // Every third tile of every depth but 0; their descendants go with them.
+        TileIndexLists<Tr> toRemove;
+        for (int d = 1; d <= Tr::kMaxDepth; ++d)
+            for (std::int64_t t = seed % 3; t < c.tileCount(d); t += 3) toRemove[d].push_back(t);
+        TileMoveLists<Tr> moved;
+        ASSERT_GT(c.removeTiles(toRemove, moved, true), 0);
+        TileMoveLists<Tr> const recovered = tileMovesSince(layout, c);
+        for (int d = 0; d <= Tr::kMaxDepth; ++d) EXPECT_EQ(recovered[d], moved[d]) << "seed " << seed << ", depth " << d;
+    }
+}
+
+TYPED_TEST(ObjectTest, TheLayoutOfATreeThatGainedTilesGivesPairsOnlyUpToTheFirstNewTile)
+{
+    using Tr = TypeParam;
+    int const d = Tr::kMaxDepth;
+    std::int64_t const w = Tr::tileVoxelWidth(d);
+    Container<Tr> c("t", 1.0f);
+    c.tileAccessor().addTiles(int3{0, 0, 0}, int3{int(4 * w - 1), int(w - 1), int(w - 1)}, d);
+    TileLayout<Tr> const layout = recordTileLayout(c);
+    TileIndexLists<Tr> toRemove;
+    toRemove[d] = {0};
+    TileMoveLists<Tr> moved;
+    c.removeTiles(toRemove, moved, true);
+    c.tileAccessor().addTile(-w, 0, 0, d);
+    int const saved = CoreGL::Logger::errorVerboseLevel();
+    CoreGL::Logger::setErrorVerboseLevel(0);
+    TileMoveLists<Tr> const recovered = tileMovesSince(layout, c);
+    CoreGL::Logger::setErrorVerboseLevel(saved);
+    EXPECT_EQ(recovered[d], moved[d]);
 }
