@@ -150,6 +150,9 @@ template <typename Tr> void BM_UnsignedDistanceArmadillo(benchmark::State& state
     openvdb::initialize();
 #endif
     int const repeats = across > 512 ? 3 : kRepeats;
+    // HEXMOLD_BENCH_SPARSE=0 leaves the sparse build out (it is the slow one).
+    char const* sparseVar = std::getenv("HEXMOLD_BENCH_SPARSE");
+    bool const withSparse = !(sparseVar && sparseVar[0] == '0');
     char const* stages = std::getenv("HEXMOLD_BENCH_STAGES");
     if (stages && stages[0] == '1') CoreGL::Logger::setTimerObserver(&printStage);
     for (auto _ : state) {
@@ -158,8 +161,12 @@ template <typename Tr> void BM_UnsignedDistanceArmadillo(benchmark::State& state
         for (int n = 0; n < repeats; ++n) {
             ra = runOurs<Tr>(m, h, true);
             adaptive.push_back(ra.ms);
-            rs = runOurs<Tr>(m, h, false);
-            sparse.push_back(rs.ms);
+            if (withSparse) {
+                rs = runOurs<Tr>(m, h, false);
+                sparse.push_back(rs.ms);
+            } else {
+                sparse.push_back(0.0);
+            }
 #if HEXMOLD_HAVE_OPENVDB
             rp = runPeer(m, h);
             peer.push_back(rp.ms);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <vector>
 #include <hexmold/platform/tavrel/spatial_query.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
 
@@ -89,7 +90,53 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
 
     auto const& triangles = *ctx.triangles;
     auto const& positions = *ctx.positions;
+    auto exact = [&](int n, float3 const& p, std::int64_t t) {
+        ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
+        float const d2 = Tavrel::SpatialQuery::pointTriangleDistance2(p, positions[tri.x], positions[tri.y],
+                                                                      positions[tri.z]);
+        if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
+            best2[n] = d2;
+            id[n] = t;
+        }
+    };
+    if (withParent && parentClosest && unset > 0) {
+        // Seeds: the listed triangles closest to the parent's nodes around each node. Measured
+        // first, they give the box test below a tight bound, so that few other triangles are
+        // measured at all. Only listed triangles are taken, so the result is the list's minimum
+        // with its tie rule, exactly as without seeds.
+        thread_local std::vector<std::uint64_t> listed;
+        std::size_t const words = (triangles.size() + 63) / 64;
+        if (listed.size() < words) listed.assign(words, 0);
+        for (It it = begin; it != end; ++it) listed[std::size_t(*it) >> 6] |= std::uint64_t(1) << (*it & 63);
+        for (int z = lo[2]; z < hi[2]; ++z)
+            for (int y = lo[1]; y < hi[1]; ++y)
+                for (int x = lo[0]; x < hi[0]; ++x) {
+                    int const n = L::index(x, y, z);
+                    if (state[n] != kCompute) continue;
+                    float3 const p{coord[0][x], coord[1][y], coord[2][z]};
+                    int const c[3] = {x, y, z};
+                    int pl[3], ph[3];
+                    int const slot[3] = {childPosition.x, childPosition.y, childPosition.z};
+                    for (int a = 0; a < 3; ++a) {
+                        pl[a] = c[a] / R + V * slot[a];
+                        ph[a] = (c[a] + R - 1) / R + V * slot[a];
+                    }
+                    std::int64_t seen[8];
+                    int count = 0;
+                    for (int q = 0; q < 8; ++q) {
+                        int const px = (q & 1) ? ph[0] : pl[0], py = (q & 2) ? ph[1] : pl[1], pz = (q & 4) ? ph[2] : pl[2];
+                        std::int64_t const t = parentClosest[L::index(px, py, pz)];
+                        if (t < 0 || std::size_t(t) >= triangles.size()) continue;
+                        if (!(listed[std::size_t(t) >> 6] >> (t & 63) & 1)) continue;
+                        if (std::find(seen, seen + count, t) != seen + count) continue;
+                        seen[count++] = t;
+                        exact(n, p, t);
+                    }
+                }
+        for (It it = begin; it != end; ++it) listed[std::size_t(*it) >> 6] = 0;
+    }
     float dd[3][N];
+    double pd[3][N];
     if (unset > 0) {
         for (It it = begin; it != end; ++it) {
             std::int64_t const t = *it;
@@ -126,14 +173,31 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                 for (int n = wlo[ax]; n < whi[ax]; ++n) dd[ax][n] = intervalDistance2(coord[ax][n], bmin[ax], bmax[ax]);
             }
             if (empty) continue;
+            // A second lower bound: the distance to the triangle's plane, as per-axis terms of
+            // the unit normal's dot product (in double: nodes lie close to the plane). Off for
+            // slivers, whose normal is noise.
+            double const e0[3] = {double(b.x) - a.x, double(b.y) - a.y, double(b.z) - a.z};
+            double const e1[3] = {double(c.x) - a.x, double(c.y) - a.y, double(c.z) - a.z};
+            double nrm[3] = {e0[1] * e1[2] - e0[2] * e1[1], e0[2] * e1[0] - e0[0] * e1[2], e0[0] * e1[1] - e0[1] * e1[0]};
+            double const nn = nrm[0] * nrm[0] + nrm[1] * nrm[1] + nrm[2] * nrm[2];
+            double const scale = (e0[0] * e0[0] + e0[1] * e0[1] + e0[2] * e0[2]) * (e1[0] * e1[0] + e1[1] * e1[1] + e1[2] * e1[2]);
+            bool const usePlane = nn > 1e-12 * scale && nn > 0.0;
+            double const inv = usePlane ? 1.0 / std::sqrt(nn) : 0.0;
+            for (int ax = 0; ax < 3; ++ax) {
+                nrm[ax] *= inv;
+                double const origin = ax == 0 ? a.x : (ax == 1 ? a.y : a.z);
+                for (int n = wlo[ax]; n < whi[ax]; ++n) pd[ax][n] = nrm[ax] * (double(coord[ax][n]) - origin);
+            }
             for (int z = wlo[2]; z < whi[2]; ++z)
                 for (int y = wlo[1]; y < whi[1]; ++y) {
                     float const dyz = dd[1][y] + dd[2][z];
+                    double const pyz = pd[1][y] + pd[2][z];
                     for (int x = wlo[0]; x < whi[0]; ++x) {
                         int const n = L::index(x, y, z);
                         if (state[n] != kCompute) continue;
-                        float const box2 = dd[0][x] + dyz;
-                        if (best2[n] < kBoxTestTolerance * box2) continue;
+                        double const plane = pd[0][x] + pyz;
+                        float const box2 = std::max(dd[0][x] + dyz, static_cast<float>(plane * plane));
+                        if (best2[n] < kBoxTestTolerance * box2 || id[n] == t) continue;
                         float3 const p{coord[0][x], coord[1][y], coord[2][z]};
                         float const d2 = Tavrel::SpatialQuery::pointTriangleDistance2(p, a, b, c);
                         if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
