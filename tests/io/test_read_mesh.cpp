@@ -432,6 +432,16 @@ TEST_F(ReadMesh, NegativeZeroJoinsPositiveZero)
     EXPECT_EQ(faceVertexOf(*mesh), (std::vector<unsigned>{0, 1, 2, 0, 3, 1}));
 }
 
+TEST_F(ReadMesh, ObjectsOfOneFileBecomeOneMeshJoinedAcrossThem)
+{
+    // Two objects sharing an edge; only the first has normals, so the mesh has none.
+    auto const mesh = readMesh(write("two.obj", "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nvn 0 0 1\n"
+                                                "o first\nf 1//1 2//1 3//1\no second\nf 1 3 4\n"));
+    expectPoints(positionsOf(*mesh), {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}});
+    EXPECT_EQ(faceVertexOf(*mesh), (std::vector<unsigned>{0, 1, 2, 0, 2, 3}));
+    EXPECT_EQ(getDataGeoProperty(*mesh, sPointNormal), nullptr);
+}
+
 TEST_F(ReadMesh, PointAndLineFacesAreDropped)
 {
     auto const mesh = readMesh(
