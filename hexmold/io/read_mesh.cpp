@@ -186,15 +186,16 @@ std::vector<Instance> instancesOf(aiScene const& scene, std::filesystem::path co
     return instances;
 }
 
-/// The attributes every instance carries, with their names and widths.
-std::vector<Attribute> commonAttributes(std::vector<Instance> const& instances)
+/// The attributes every instance carries, with their names and widths. The normals of STL are
+/// facet normals by definition, never the points' own: they are left out.
+std::vector<Attribute> commonAttributes(std::vector<Instance> const& instances, Format format)
 {
     auto const all = [&](auto const& has) {
         return std::all_of(instances.begin(), instances.end(),
                            [&](Instance const& instance) { return has(*instance.mesh); });
     };
     std::vector<Attribute> attributes;
-    if (all([](aiMesh const& mesh) { return mesh.HasNormals(); }))
+    if (format != Format::kStl && all([](aiMesh const& mesh) { return mesh.HasNormals(); }))
         attributes.push_back({sPointNormal, 3, Attribute::kNormal, 0, {}, false});
     for (unsigned set = 0; set < AI_MAX_NUMBER_OF_COLOR_SETS; ++set)
         if (all([set](aiMesh const& mesh) { return mesh.HasVertexColors(set); }))
@@ -362,7 +363,7 @@ Gathered gather(aiScene const& scene, std::filesystem::path const& path, Format 
     std::vector<Instance> const instances = instancesOf(scene, path);
     if (instances.empty()) fail(path, "no faces: the file has no face of three or more points");
     Gathered gathered;
-    gathered.attributes = commonAttributes(instances);
+    gathered.attributes = commonAttributes(instances, format);
     for (auto const& instance : instances) gatherInstance(instance, path, gathered);
 
     // COFF colours are 0 to 255 or 0 to 1, and Assimp hands them on as they are written.

@@ -41,10 +41,11 @@ HEXMOLD_IO_API extern Quillon::String const sPointUv;
 ///   reversed after its first corner, so that faces keep facing the way they did.
 /// - Points with the same position and the same attributes are joined into one, the first
 ///   occurrence giving its place; -0 and +0 are the same coordinate. An attribute that has one
-///   value over each whole face (the facet normals of STL and of flat-shaded files) does not
-///   separate points: they are joined by position and the other attributes, and the attribute is
-///   kept only if every joined point then has one value of it. So a closed STL solid comes out
-///   closed, with shared points and no normals.
+///   value over each whole face (the facet normals of flat-shaded files) does not separate
+///   points: they are joined by position and the other attributes, and the attribute is kept
+///   only if every joined point then has one value of it. STL normals are facet normals by
+///   definition and are never kept. So a closed STL solid, or a flat-shaded closed OBJ, comes
+///   out closed, with shared points.
 /// - Attributes (see the names above) are kept when every mesh of the file carries them. COFF
 ///   colours given as 0 to 255 are scaled to 0 to 1.
 /// - Reads only @p path and, for .gltf, the buffer files it names. Safe to call from several

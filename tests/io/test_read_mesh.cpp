@@ -484,7 +484,6 @@ TEST_F(ReadMesh, AsciiStlCubeComesOutClosed)
     EXPECT_EQ(positionsOf(*mesh).size(), 8u);
     EXPECT_EQ(faceOffsetOf(*mesh).size(), 13u);
     EXPECT_EQ(openOrMisorientedEdges(*mesh), 0u);
-    // Each corner of the cube has three facet normals: none of them is the point's.
     EXPECT_EQ(getDataGeoProperty(*mesh, sPointNormal), nullptr);
 }
 
@@ -504,14 +503,41 @@ TEST_F(ReadMesh, BinaryStlWhoseHeaderSaysSolidIsBinary)
     EXPECT_EQ(openOrMisorientedEdges(*mesh), 0u);
 }
 
-TEST_F(ReadMesh, FlatFacetNormalsAreKeptWhenEachPointHasOne)
+TEST_F(ReadMesh, StlFacetNormalsAreNeverPointNormals)
 {
-    // Two coplanar STL triangles: the facet normals agree at the shared points.
+    // Two coplanar triangles: even where the facet normals agree, they are not kept.
     std::vector<std::array<float3, 3>> const triangles{{{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}}},
                                                        {{{0, 0, 0}, {1, 1, 0}, {0, 1, 0}}}};
     auto const mesh = readMesh(write("square.stl", binaryStl(triangles)));
     EXPECT_EQ(positionsOf(*mesh).size(), 4u);
+    EXPECT_EQ(getDataGeoProperty(*mesh, sPointNormal), nullptr);
+}
+
+TEST_F(ReadMesh, FlatNormalsAreKeptWhereEachPointHasOne)
+{
+    // Two coplanar triangles, each with a normal of its own (of equal value).
+    auto const mesh = readMesh(write("square.obj", "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n"
+                                                   "vn 0 0 1\nvn 0 0 1\n"
+                                                   "f 1//1 2//1 3//1\nf 1//2 3//2 4//2\n"));
+    EXPECT_EQ(positionsOf(*mesh).size(), 4u);
     expectValues(*mesh, sPointNormal, std::vector<float3>(4, float3{0, 0, 1}));
+}
+
+TEST_F(ReadMesh, FlatShadedObjCubeComesOutClosedWithoutNormals)
+{
+    // One normal per side: each corner of the cube has three, so the points join by position
+    // and the normals go.
+    auto const mesh = readMesh(write("cube.obj", "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n"
+                                                 "v 0 0 1\nv 1 0 1\nv 1 1 1\nv 0 1 1\n"
+                                                 "vn 0 0 -1\nvn 0 0 1\nvn 0 -1 0\n"
+                                                 "vn 1 0 0\nvn 0 1 0\nvn -1 0 0\n"
+                                                 "f 1//1 4//1 3//1 2//1\nf 5//2 6//2 7//2 8//2\n"
+                                                 "f 1//3 2//3 6//3 5//3\nf 2//4 3//4 7//4 6//4\n"
+                                                 "f 3//5 4//5 8//5 7//5\nf 4//6 1//6 5//6 8//6\n"));
+    EXPECT_EQ(positionsOf(*mesh).size(), 8u);
+    EXPECT_EQ(faceOffsetOf(*mesh), (std::vector<unsigned>{0, 4, 8, 12, 16, 20, 24}));
+    EXPECT_EQ(openOrMisorientedEdges(*mesh), 0u);
+    EXPECT_EQ(getDataGeoProperty(*mesh, sPointNormal), nullptr);
 }
 
 TEST_F(ReadMesh, OffKeepsQuadAndTriangle)
