@@ -21,7 +21,8 @@ namespace hexmold::io {
 /// "point_normal": float3 per point, as the file gives it (unit length if the file's are),
 /// turned with the node transform of its mesh and renormalised.
 HEXMOLD_IO_API extern Quillon::String const sPointNormal;
-/// "point_color": float4 (r, g, b, a) per point, 0 to 1; default (1, 1, 1, 1).
+/// "point_color": float4 (r, g, b, a) per point, 0 to 1 (byte colours of PLY and COFF files are
+/// divided by 255); alpha 1 where the file gives none; default (1, 1, 1, 1).
 HEXMOLD_IO_API extern Quillon::String const sPointColor;
 /// "point_uv": float2 (u, v) per point, or float3 (u, v, w) when the file has three components,
 /// with v running upwards from the lower edge of the image (glTF's v is flipped to match).
@@ -48,8 +49,8 @@ HEXMOLD_IO_API extern Quillon::String const sPointUv;
 ///   out closed, with shared points.
 /// - Attributes (see the names above) are kept when every mesh of the file carries them. COFF
 ///   colours given as 0 to 255 are scaled to 0 to 1.
-/// - Reads only @p path and, for .gltf, the buffer files it names. Safe to call from several
-///   threads at once. Prints nothing.
+/// - Reads @p path and the files it names (OBJ material libraries, glTF buffers); writes
+///   nothing. Safe to call from several threads at once. Prints nothing.
 /// @param path  the file; relative paths are taken from the working folder
 /// @return a mesh object (never null) with at least one face
 /// @throws IoError naming the file and the reason when the extension is unknown, the file is
