@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the built library into a temporary prefix and builds and runs the consumer example
+# Installs the built libraries into a temporary prefix and builds and runs the consumer examples
 # against the installed CMake package, as another project would use it.
 #   scripts/check_consumer.sh <build-dir>
 set -euo pipefail
@@ -10,4 +10,7 @@ trap 'rm -rf "$work"' EXIT
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
 cmake -S "$root/examples/consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/build" >/dev/null
-LD_LIBRARY_PATH="$work/prefix/lib:${LD_LIBRARY_PATH:-}" "$work/build/consumer"
+export LD_LIBRARY_PATH="$work/prefix/lib:${LD_LIBRARY_PATH:-}"
+"$work/build/consumer"
+printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3 4\n' >"$work/square.obj"
+"$work/build/consumer_read_mesh" "$work/square.obj"
