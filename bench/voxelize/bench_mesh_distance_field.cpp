@@ -10,11 +10,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
+#include <hexmold/io/read_mesh.h>
+#include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/parallel.h>
@@ -55,26 +55,23 @@ struct Mesh {
     float maxSide = 0;
 };
 
-/// The vertices and fan-triangulated faces of an OBJ file.
-Mesh loadObj(std::string const& path)
+/// The mesh of a file, its faces fan-triangulated; empty when the file cannot be read.
+Mesh loadMesh(std::string const& path)
 {
     Mesh m;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        std::istringstream s(line);
-        std::string tag;
-        s >> tag;
-        if (tag == "v") {
-            float3 p;
-            s >> p.x >> p.y >> p.z;
-            m.positions.push_back(p);
-        } else if (tag == "f") {
-            std::vector<std::uint64_t> f;
-            std::string w;
-            while (s >> w) f.push_back(std::stoull(w.substr(0, w.find('/'))) - 1);
-            for (std::size_t k = 2; k < f.size(); ++k) m.triangles.push_back({f[0], f[k - 1], f[k]});
-        }
+    try {
+        auto const object = hexmold::io::readMesh(path);
+        auto const* positions =
+            Tavrel::Geometry::getDataGeoPropertyValues<float3>(*object, Tavrel::Geometry::sPointPosition);
+        auto const* faceVertex = Tavrel::Geometry::getMeshFaceVertices(*object);
+        auto const* faceOffset = Tavrel::Geometry::getMeshFaceOffsets(*object);
+        if (!positions || !faceVertex || !faceOffset) return m;
+        m.positions = *positions;
+        for (std::size_t f = 0; f + 1 < faceOffset->size(); ++f)
+            for (unsigned k = (*faceOffset)[f] + 2; k < (*faceOffset)[f + 1]; ++k)
+                m.triangles.push_back({(*faceVertex)[(*faceOffset)[f]], (*faceVertex)[k - 1], (*faceVertex)[k]});
+    } catch (hexmold::io::IoError const&) {
+        return m;
     }
     float lo[3] = {1e30f, 1e30f, 1e30f}, hi[3] = {-1e30f, -1e30f, -1e30f};
     for (auto const& p : m.positions)
@@ -139,7 +136,7 @@ template <typename Tr> void BM_UnsignedDistanceArmadillo(benchmark::State& state
 {
     int const across = static_cast<int>(state.range(0));
     std::string const path = std::string(HEXMOLD_DATA_DIR) + "/armadillo.obj";
-    Mesh const m = loadObj(path);
+    Mesh const m = loadMesh(path);
     if (m.triangles.empty()) {
         state.SkipWithError("armadillo.obj is not in the shared data folder");
         return;
