@@ -138,6 +138,19 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     float dd[3][N];
     double pd[3][N];
     if (unset > 0) {
+        // The largest best squared distance of the nodes to compute: a triangle whose box is
+        // farther than that from every node is skipped whole. Bests only fall, so a bound taken
+        // now and then stays valid.
+        float worst2 = 0.0f;
+        auto refreshWorst = [&] {
+            worst2 = 0.0f;
+            for (int n = 0; n < kCount; ++n)
+                if (state[n] == kCompute) worst2 = std::max(worst2, best2[n]);
+        };
+        refreshWorst();
+        float const nodeMin[3] = {coord[0][lo[0]], coord[1][lo[1]], coord[2][lo[2]]};
+        float const nodeMax[3] = {coord[0][hi[0] - 1], coord[1][hi[1] - 1], coord[2][hi[2] - 1]};
+        int sinceRefresh = 0;
         for (It it = begin; it != end; ++it) {
             std::int64_t const t = *it;
             ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
@@ -146,6 +159,18 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
             float3 const& c = positions[tri.z];
             float const bmin[3] = {std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}), std::min({a.z, b.z, c.z})};
             float const bmax[3] = {std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}), std::max({a.z, b.z, c.z})};
+            if (!clip) {
+                if (++sinceRefresh == 4) {
+                    refreshWorst();
+                    sinceRefresh = 0;
+                }
+                float gap2 = 0.0f;
+                for (int ax = 0; ax < 3; ++ax) {
+                    float const g = std::max({bmin[ax] - nodeMax[ax], nodeMin[ax] - bmax[ax], 0.0f});
+                    gap2 += g * g;
+                }
+                if (worst2 < kBoxTestTolerance * gap2) continue;
+            }
             int wlo[3] = {lo[0], lo[1], lo[2]};
             int whi[3] = {hi[0], hi[1], hi[2]};
             bool empty = false;
