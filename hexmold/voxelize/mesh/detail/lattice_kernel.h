@@ -33,6 +33,91 @@ inline float intervalDistance2(float x, float lo, float hi)
 /// triangle that ties.
 inline constexpr float kBoxTestTolerance = 0.9999f;
 
+/// @brief A triangle made ready for many distance queries: edges, normal and the inward normals
+///        of the edges computed once, in double precision.
+/// @details The same closest-feature classification as the spatial query's point-triangle
+///          distance (the foot of the perpendicular when it lies in the face, else the nearest
+///          edge; slivers as their edges), with the per-triangle products taken out of the
+///          per-point work. Distances are exact to double rounding, then rounded to float.
+struct PreparedTriangle {
+    double a[3], b[3], c[3];
+    double e[3][3];     ///< edges a->b, b->c, c->a
+    double invLen2[3];  ///< 1 / squared edge lengths (0 for a point edge)
+    double n[3];        ///< face normal (|n| = twice the area)
+    double m[3][3];     ///< n x edge: inward normals of the edges
+    double invNN = 0.0; ///< 1 / |n|^2
+    bool face = false;  ///< not a sliver: the face case is taken
+
+    void prepare(float3 const& pa, float3 const& pb, float3 const& pc)
+    {
+        a[0] = pa.x, a[1] = pa.y, a[2] = pa.z;
+        b[0] = pb.x, b[1] = pb.y, b[2] = pb.z;
+        c[0] = pc.x, c[1] = pc.y, c[2] = pc.z;
+        double const* v[3] = {a, b, c};
+        double l2[3];
+        for (int i = 0; i < 3; ++i) {
+            double const* p0 = v[i];
+            double const* p1 = v[(i + 1) % 3];
+            for (int k = 0; k < 3; ++k) e[i][k] = p1[k] - p0[k];
+            l2[i] = e[i][0] * e[i][0] + e[i][1] * e[i][1] + e[i][2] * e[i][2];
+            invLen2[i] = l2[i] > 0.0 ? 1.0 / std::max(l2[i], std::numeric_limits<double>::min()) : 0.0;
+        }
+        // The normal from the two shorter edges (at the largest angle), oriented as ab x ac.
+        auto cross = [](double const* x, double const* y, double* out) {
+            out[0] = x[1] * y[2] - x[2] * y[1];
+            out[1] = x[2] * y[0] - x[0] * y[2];
+            out[2] = x[0] * y[1] - x[1] * y[0];
+        };
+        double scale;
+        if (l2[1] >= l2[0] && l2[1] >= l2[2]) {
+            double const ac[3] = {-e[2][0], -e[2][1], -e[2][2]};
+            cross(e[0], ac, n);
+            scale = l2[0] * l2[2];
+        } else if (l2[2] >= l2[0]) {
+            double const ba[3] = {-e[0][0], -e[0][1], -e[0][2]};
+            cross(e[1], ba, n);
+            scale = l2[1] * l2[0];
+        } else {
+            double const cb[3] = {-e[1][0], -e[1][1], -e[1][2]};
+            cross(e[2], cb, n);
+            scale = l2[2] * l2[1];
+        }
+        double const nn = n[0] * n[0] + n[1] * n[1] + n[2] * n[2];
+        face = nn > Tavrel::SpatialQuery::detail::kSliverSine2 * scale;
+        invNN = face ? 1.0 / nn : 0.0;
+        for (int i = 0; i < 3; ++i) cross(n, e[i], m[i]);
+    }
+
+    /// Squared distance from @p p, rounded to float.
+    float distance2(float3 const& p) const
+    {
+        double const q[3] = {p.x, p.y, p.z};
+        double const* v[3] = {a, b, c};
+        if (face) {
+            bool inside = true;
+            for (int i = 0; i < 3 && inside; ++i) {
+                double const w = (q[0] - v[i][0]) * m[i][0] + (q[1] - v[i][1]) * m[i][1] + (q[2] - v[i][2]) * m[i][2];
+                inside = w >= 0.0;
+            }
+            if (inside) {
+                double const h = (q[0] - a[0]) * n[0] + (q[1] - a[1]) * n[1] + (q[2] - a[2]) * n[2];
+                return static_cast<float>(h * h * invNN);
+            }
+        }
+        double best = std::numeric_limits<double>::infinity();
+        for (int i = 0; i < 3; ++i) {
+            double const ap[3] = {q[0] - v[i][0], q[1] - v[i][1], q[2] - v[i][2]};
+            double t = (ap[0] * e[i][0] + ap[1] * e[i][1] + ap[2] * e[i][2]) * invLen2[i];
+            t = std::min(std::max(t, 0.0), 1.0);
+            double const d[3] = {ap[0] - e[i][0] * t, ap[1] - e[i][1] * t, ap[2] - e[i][2] * t};
+            double const d2 = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+            best = d2 < best ? d2 : best;
+            if (d2 != d2) return static_cast<float>(d2);
+        }
+        return static_cast<float>(best);
+    }
+};
+
 /// `computeTileLattice` over the triangle indices [begin, end).
 template <typename Traits, typename It>
 bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, std::int64_t cj, std::int64_t ck,
@@ -90,10 +175,21 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
 
     auto const& triangles = *ctx.triangles;
     auto const& positions = *ctx.positions;
-    auto exact = [&](int n, float3 const& p, std::int64_t t) {
-        ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
-        float const d2 = Tavrel::SpatialQuery::pointTriangleDistance2(p, positions[tri.x], positions[tri.y],
-                                                                      positions[tri.z]);
+    // Every listed triangle made ready once; seeds find theirs through a per-thread table from
+    // triangle index to place in the list.
+    thread_local std::vector<PreparedTriangle> prepared;
+    thread_local std::vector<std::int32_t> place;
+    std::size_t const listSize = static_cast<std::size_t>(std::distance(begin, end));
+    if (unset > 0) {
+        if (prepared.size() < listSize) prepared.resize(listSize);
+        std::size_t q = 0;
+        for (It it = begin; it != end; ++it, ++q) {
+            ulong3 const& tri = triangles[static_cast<std::size_t>(*it)];
+            prepared[q].prepare(positions[tri.x], positions[tri.y], positions[tri.z]);
+        }
+    }
+    auto exact = [&](int n, float3 const& p, std::int64_t t, PreparedTriangle const& pt) {
+        float const d2 = pt.distance2(p);
         if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
             best2[n] = d2;
             id[n] = t;
@@ -101,13 +197,14 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     };
     if (withParent && parentClosest && unset > 0) {
         // Seeds: the listed triangles closest to the parent's nodes around each node. Measured
-        // first, they give the box test below a tight bound, so that few other triangles are
+        // first, they give the bounds below a tight start, so that few other triangles are
         // measured at all. Only listed triangles are taken, so the result is the list's minimum
         // with its tie rule, exactly as without seeds.
-        thread_local std::vector<std::uint64_t> listed;
-        std::size_t const words = (triangles.size() + 63) / 64;
-        if (listed.size() < words) listed.assign(words, 0);
-        for (It it = begin; it != end; ++it) listed[std::size_t(*it) >> 6] |= std::uint64_t(1) << (*it & 63);
+        if (place.size() < triangles.size()) place.assign(triangles.size(), -1);
+        {
+            std::int32_t q = 0;
+            for (It it = begin; it != end; ++it, ++q) place[std::size_t(*it)] = q;
+        }
         for (int z = lo[2]; z < hi[2]; ++z)
             for (int y = lo[1]; y < hi[1]; ++y)
                 for (int x = lo[0]; x < hi[0]; ++x) {
@@ -127,13 +224,14 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                         int const px = (q & 1) ? ph[0] : pl[0], py = (q & 2) ? ph[1] : pl[1], pz = (q & 4) ? ph[2] : pl[2];
                         std::int64_t const t = parentClosest[L::index(px, py, pz)];
                         if (t < 0 || std::size_t(t) >= triangles.size()) continue;
-                        if (!(listed[std::size_t(t) >> 6] >> (t & 63) & 1)) continue;
+                        std::int32_t const at = place[std::size_t(t)];
+                        if (at < 0) continue;
                         if (std::find(seen, seen + count, t) != seen + count) continue;
                         seen[count++] = t;
-                        exact(n, p, t);
+                        exact(n, p, t, prepared[std::size_t(at)]);
                     }
                 }
-        for (It it = begin; it != end; ++it) listed[std::size_t(*it) >> 6] = 0;
+        for (It it = begin; it != end; ++it) place[std::size_t(*it)] = -1;
     }
     float dd[3][N];
     double pd[3][N];
@@ -151,7 +249,8 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         float const nodeMin[3] = {coord[0][lo[0]], coord[1][lo[1]], coord[2][lo[2]]};
         float const nodeMax[3] = {coord[0][hi[0] - 1], coord[1][hi[1] - 1], coord[2][hi[2] - 1]};
         int sinceRefresh = 0;
-        for (It it = begin; it != end; ++it) {
+        std::size_t at = 0;
+        for (It it = begin; it != end; ++it, ++at) {
             std::int64_t const t = *it;
             ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
             float3 const& a = positions[tri.x];
@@ -223,12 +322,7 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                         double const plane = pd[0][x] + pyz;
                         float const box2 = std::max(dd[0][x] + dyz, static_cast<float>(plane * plane));
                         if (best2[n] < kBoxTestTolerance * box2 || id[n] == t) continue;
-                        float3 const p{coord[0][x], coord[1][y], coord[2][z]};
-                        float const d2 = Tavrel::SpatialQuery::pointTriangleDistance2(p, a, b, c);
-                        if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
-                            best2[n] = d2;
-                            id[n] = t;
-                        }
+                        exact(n, float3{coord[0][x], coord[1][y], coord[2][z]}, t, prepared[at]);
                     }
                 }
         }
