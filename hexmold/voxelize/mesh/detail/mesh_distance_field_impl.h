@@ -402,6 +402,8 @@ template <typename Traits> struct RefineScratch {
     std::vector<std::int64_t> closest = std::vector<std::int64_t>(std::size_t(kBig) * kBig * kBig);
     std::vector<unsigned char> written = std::vector<unsigned char>(Traits::kChildCount);
     std::vector<std::int64_t> childList;
+    std::vector<PreparedTriangle> parentPrepared;       ///< the parent's triangles, made ready
+    std::vector<std::array<double, 6>> parentBoxes;     ///< their boxes: min x, y, z, max x, y, z
     std::vector<std::pair<float, std::int64_t>> keyed; ///< squared distance to the child's centre, triangle
     static std::size_t index(int i, int j, int k) { return std::size_t(i) + kBig * (std::size_t(j) + kBig * std::size_t(k)); }
 };
@@ -532,6 +534,18 @@ template <typename Traits> struct Refiner {
         {
             RefineScratch<Traits>& s = scratch.local();
             std::fill(s.written.begin(), s.written.end(), 0);
+            // The parent's triangles made ready once for all its children.
+            s.parentPrepared.resize(parent->triangles.size());
+            s.parentBoxes.resize(parent->triangles.size());
+            for (std::size_t q = 0; q < parent->triangles.size(); ++q) {
+                float3 const *a, *bb, *c;
+                b.vertices(parent->triangles[q], a, bb, c);
+                s.parentPrepared[q].prepare(*a, *bb, *c);
+                for (int ax = 0; ax < 3; ++ax) {
+                    s.parentBoxes[q][ax] = std::min({(*a)[ax], (*bb)[ax], (*c)[ax]});
+                    s.parentBoxes[q][3 + ax] = std::max({(*a)[ax], (*bb)[ax], (*c)[ax]});
+                }
+            }
             auto& store = out.local();
             for (int slot = 0; slot < Traits::kChildCount; ++slot) {
                 int3 const sc = Tile<Traits>::slotCoordinates(slot);
@@ -567,17 +581,17 @@ template <typename Traits> struct Refiner {
                 s.keyed.clear();
                 float smallest = std::numeric_limits<float>::max();
                 int target = 0;
-                for (std::int64_t t : parent->triangles) {
-                    float3 const *a, *bb, *c;
-                    b.vertices(t, a, bb, c);
+                for (std::size_t q = 0; q < parent->triangles.size(); ++q) {
+                    std::int64_t const t = parent->triangles[q];
+                    auto const& box = s.parentBoxes[q];
                     bool overlap = true;
                     for (int ax = 0; ax < 3 && overlap; ++ax) {
-                        double const mn = double(std::min({(*a)[ax], (*bb)[ax], (*c)[ax]})) - childBand;
-                        double const mx = double(std::max({(*a)[ax], (*bb)[ax], (*c)[ax]})) + childBand;
+                        double const mn = box[ax] - childBand;
+                        double const mx = box[3 + ax] + childBand;
                         if (mx + kSlack < bmin[ax] || mn - kSlack > bmax[ax]) overlap = false;
                     }
                     if (!overlap) continue;
-                    float const d2 = Tavrel::SpatialQuery::pointTriangleDistance2(centre, *a, *bb, *c);
+                    float const d2 = s.parentPrepared[q].distance2(centre);
                     if (!(d2 <= reach2)) continue;
                     s.keyed.emplace_back(d2, t);
                     smallest = std::min(smallest, d2);
