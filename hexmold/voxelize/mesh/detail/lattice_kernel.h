@@ -272,6 +272,16 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
             }
             int wlo[3] = {lo[0], lo[1], lo[2]};
             int whi[3] = {hi[0], hi[1], hi[2]};
+            if (!clip) {
+                // Only the nodes within the worst best distance of the triangle's box along each
+                // axis can be improved by it.
+                float const r = std::sqrt(worst2 / kBoxTestTolerance) * 1.0001f;
+                for (int ax = 0; ax < 3; ++ax) {
+                    while (wlo[ax] < whi[ax] && coord[ax][wlo[ax]] < bmin[ax] - r) ++wlo[ax];
+                    while (whi[ax] > wlo[ax] && coord[ax][whi[ax] - 1] > bmax[ax] + r) --whi[ax];
+                }
+                if (wlo[0] >= whi[0] || wlo[1] >= whi[1] || wlo[2] >= whi[2]) continue;
+            }
             bool empty = false;
             for (int ax = 0; ax < 3; ++ax) {
                 if (clip) {
