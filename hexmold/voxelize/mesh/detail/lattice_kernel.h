@@ -196,7 +196,7 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         }
     };
     if (withParent && parentClosest && unset > 0) {
-        // Seeds: the listed triangles closest to the parent's nodes around each node. Measured
+        // Seeds: the listed triangle closest to the parent's node nearest each node. Measured
         // first, they give the bounds below a tight start, so that few other triangles are
         // measured at all. Only listed triangles are taken, so the result is the list's minimum
         // with its tie rule, exactly as without seeds.
@@ -211,25 +211,15 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                     int const n = L::index(x, y, z);
                     if (state[n] != kCompute) continue;
                     float3 const p{coord[0][x], coord[1][y], coord[2][z]};
-                    int const c[3] = {x, y, z};
-                    int pl[3], ph[3];
+                    // The parent's node nearest to this one (rounding half up).
                     int const slot[3] = {childPosition.x, childPosition.y, childPosition.z};
-                    for (int a = 0; a < 3; ++a) {
-                        pl[a] = c[a] / R + V * slot[a];
-                        ph[a] = (c[a] + R - 1) / R + V * slot[a];
-                    }
-                    std::int64_t seen[8];
-                    int count = 0;
-                    for (int q = 0; q < 8; ++q) {
-                        int const px = (q & 1) ? ph[0] : pl[0], py = (q & 2) ? ph[1] : pl[1], pz = (q & 4) ? ph[2] : pl[2];
-                        std::int64_t const t = parentClosest[L::index(px, py, pz)];
-                        if (t < 0 || std::size_t(t) >= triangles.size()) continue;
-                        std::int32_t const at = place[std::size_t(t)];
-                        if (at < 0) continue;
-                        if (std::find(seen, seen + count, t) != seen + count) continue;
-                        seen[count++] = t;
-                        exact(n, p, t, prepared[std::size_t(at)]);
-                    }
+                    int const c[3] = {x, y, z};
+                    int near[3];
+                    for (int a = 0; a < 3; ++a) near[a] = (2 * c[a] + R) / (2 * R) + V * slot[a];
+                    std::int64_t const t = parentClosest[L::index(near[0], near[1], near[2])];
+                    if (t < 0 || std::size_t(t) >= triangles.size()) continue;
+                    std::int32_t const at = place[std::size_t(t)];
+                    if (at >= 0) exact(n, p, t, prepared[std::size_t(at)]);
                 }
         for (It it = begin; it != end; ++it) place[std::size_t(*it)] = -1;
     }
