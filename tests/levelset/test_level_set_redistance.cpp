@@ -17,6 +17,7 @@
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/math_support.h>
 #include <hexmold/substrate/parallel.h>
+#include "support/cancel_on_timer.h"
 #include "support/level_set_scenes.h"
 
 using namespace TVL::TileTree3D;
@@ -157,19 +158,6 @@ TYPED_TEST(LevelSetRedistance, OneThreadAndAllThreadsGiveTheSameBits)
 
 namespace {
 
-/// End of the timer name on whose report the cancellation is requested; empty: none.
-std::string gCancelAt;
-std::atomic<int> gCancelReports{0};
-void cancelOnTimer(Quillon::StringView name, double)
-{
-    std::string const n(name.data(), name.size());
-    if (!gCancelAt.empty() && n.size() >= gCancelAt.size() &&
-        n.compare(n.size() - gCancelAt.size(), gCancelAt.size(), gCancelAt) == 0) {
-        ++gCancelReports;
-        Quillon::requestJobCancellation();
-    }
-}
-
 /// Requests cancellation when the timer @p timerName reports during a redistance of the graded
 /// sphere, and checks the exception, the time to return and the state of the channel.
 template <typename Tr> void expectCancelled(Path path, std::string const& timerName)
@@ -182,23 +170,22 @@ template <typename Tr> void expectCancelled(Path path, std::string const& timerN
     call.dof = path == Path::kDOF ? dof.get() : nullptr;
     VoxelChannel<Tr, float> out(*in);
 
-    Quillon::clearJobCancellation();
-    gCancelAt = timerName;
-    gCancelReports = 0;
-    CoreGL::Logger::setTimerObserver(&cancelOnTimer);
-    auto const t0 = std::chrono::steady_clock::now();
     bool thrown = false;
-    try {
-        call.run(s, out);
-    } catch (std::runtime_error const& e) {
-        thrown = true;
-        EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
+    double seconds = 0.0;
+    int reports = 0;
+    {
+        testcancel::CancelOnTimer const cancel(timerName);
+        auto const t0 = std::chrono::steady_clock::now();
+        try {
+            call.run(s, out);
+        } catch (std::runtime_error const& e) {
+            thrown = true;
+            EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
+        }
+        seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        reports = cancel.reports();
     }
-    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    CoreGL::Logger::setTimerObserver(nullptr);
-    gCancelAt.clear();
-    Quillon::clearJobCancellation();
-    EXPECT_GE(gCancelReports.load(), 1) << "the timer " << timerName << " never reported";
+    EXPECT_GE(reports, 1) << "the timer " << timerName << " never reported";
     EXPECT_TRUE(thrown) << "no exception";
     EXPECT_LT(seconds, 5.0);
 

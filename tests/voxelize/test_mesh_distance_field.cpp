@@ -27,7 +27,9 @@
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/mesh/mesh_distance_field.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
+#include "support/cancel_on_timer.h"
 #include "support/meshes.h"
+#include "support/typed_traits.h"
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D;
@@ -200,15 +202,7 @@ TriangleMesh scaledBunny(float& out_h, int across)
 } // namespace
 
 template <typename Tr> class MeshDistanceField : public ::testing::Test {};
-using FieldTraits = ::testing::Types<Traits24, Traits55>;
-class TraitsNames {
-public:
-    template <typename T> static std::string GetName(int)
-    {
-        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
-    }
-};
-TYPED_TEST_SUITE(MeshDistanceField, FieldTraits, TraitsNames);
+TYPED_TEST_SUITE(MeshDistanceField, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 // ---- accuracy -----------------------------------------------------------------------------------
 
@@ -397,17 +391,6 @@ TYPED_TEST(MeshDistanceField, PermutedTriangleListsGiveTheSameBits)
     EXPECT_EQ(channelValues(plain.container, plain.distance), channelValues(permuted.container, permuted.distance));
 }
 
-namespace {
-std::string gCancelAt;
-void cancelOnTimer(Quillon::StringView name, double)
-{
-    std::string const n(name);
-    if (!gCancelAt.empty() && n.size() >= gCancelAt.size() &&
-        n.compare(n.size() - gCancelAt.size(), gCancelAt.size(), gCancelAt) == 0)
-        Quillon::requestJobCancellation();
-}
-} // namespace
-
 // Cancellation requested as a stage ends: the standing exception comes out of the next stage,
 // soon; the caller's tree and channels stay usable.
 TYPED_TEST(MeshDistanceField, CancellationThrowsAndLeavesTheObjectsUsable)
@@ -419,21 +402,20 @@ TYPED_TEST(MeshDistanceField, CancellationThrowsAndLeavesTheObjectsUsable)
         BuildOptions o;
         o.adaptive = stage != ".triangle_refine_reduction";
         MeshVolume<Tr> v(h);
-        Quillon::clearJobCancellation();
-        gCancelAt = stage;
-        CoreGL::Logger::setTimerObserver(&cancelOnTimer);
         bool thrown = false;
-        auto const t0 = std::chrono::steady_clock::now();
-        try {
-            v.build(m, o);
-        } catch (std::runtime_error const& e) {
-            thrown = true;
-            EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
+        double seconds = 0.0;
+        {
+            testcancel::CancelOnTimer const cancel(stage);
+            auto const t0 = std::chrono::steady_clock::now();
+            try {
+                v.build(m, o);
+            } catch (std::runtime_error const& e) {
+                thrown = true;
+                EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
+            }
+            seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+            EXPECT_GE(cancel.reports(), 1) << stage;
         }
-        double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-        CoreGL::Logger::setTimerObserver(nullptr);
-        gCancelAt.clear();
-        Quillon::clearJobCancellation();
         EXPECT_TRUE(thrown) << stage;
         EXPECT_LT(seconds, 10.0);
         // The objects are whole: they can be updated and built into again.

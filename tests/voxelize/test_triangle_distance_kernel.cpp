@@ -14,6 +14,7 @@
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
 #include "support/meshes.h"
+#include "support/typed_traits.h"
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D;
@@ -109,15 +110,7 @@ TEST(TriangleDistance, MillionRandomPairsMatchLongDoubleReference)
 // ---- the lattice kernel ---------------------------------------------------------------------
 
 template <typename Tr> class LatticeKernel : public ::testing::Test {};
-using KernelTraits = ::testing::Types<Traits24, Traits55>;
-class TraitsNames {
-public:
-    template <typename T> static std::string GetName(int)
-    {
-        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
-    }
-};
-TYPED_TEST_SUITE(LatticeKernel, KernelTraits, TraitsNames);
+TYPED_TEST_SUITE(LatticeKernel, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 // Every node of a lattice holds the exact distance to the nearest listed triangle (and its
 // lowest id), with and without clipping to the triangles' boxes, at several spacings.
@@ -341,7 +334,7 @@ template <typename Tr> struct SweepScene {
 } // namespace
 
 template <typename Tr> class TriangleSweep : public ::testing::Test {};
-TYPED_TEST_SUITE(TriangleSweep, KernelTraits, TraitsNames);
+TYPED_TEST_SUITE(TriangleSweep, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 // Ids spread from a seeded voxel to every voxel of a row of face-adjacent finest tiles, each
 // voxel getting the exact distance to the proposed triangle.

@@ -93,13 +93,6 @@ inline Quillon::String meshDebugPrefix()
 /// Everything one build shares.
 template <typename Traits> struct MeshBuild {
     using C = Container<Traits>;
-    using Lattice = TileLattice<Traits>;
-    static constexpr int kMax = Traits::kMaxDepth;
-    static constexpr int kW = Traits::kTileWidth;
-    static constexpr int kR = Traits::kRatio;
-    static constexpr int kS = Traits::kSlotsPerAxis;
-    static constexpr int kV = Traits::kVoxelsPerSlot;
-    static constexpr int kTileSize = kW * kW * kW;
     /// Lists longer than this are clipped to each triangle's box.
     static constexpr std::size_t kLongList = 12000;
     /// Mean triangles per coarse tile from which the build goes non-adaptive.
@@ -125,7 +118,7 @@ template <typename Traits> struct MeshBuild {
     bool optimizations = true;
     bool computeInterior = false;
     std::vector<ResolutionField> fields; ///< sorted, deepest target first; level = target depth
-    int coarsestFieldDepth = kMax;
+    int coarsestFieldDepth = Traits::kMaxDepth;
     int minDepth = 0;
 
     MeshBuild(C& c, VoxelTopology<Traits>& t, VoxelChannel<Traits, float>& d, Quillon::Array<ulong3> const& tri,
@@ -1135,16 +1128,22 @@ template <typename Traits> void offsetVoxels(MeshBuild<Traits>& b, float amount,
     TVL::throwIfJobCancelled();
 }
 
+} // namespace VolumeGL::TileTree3D::detail
+
+namespace VolumeGL::TileTree3D {
+
 template <typename Traits>
-bool createMeshDistanceFieldImpl(
-    Container<Traits>& io_container, VoxelTopology<Traits>& io_topology, VoxelChannel<Traits, float>& io_distance,
-    Quillon::Ptr<VoxelChannel<Traits, TriangleId>>* io_closestTriangleChannel,
-    Quillon::Array<ulong3> const& triangles, Quillon::Array<float3> const& positions,
+bool createMeshDistanceField(
+    TVL::TileTree3D::Container<Traits>& io_container, TVL::TileTree3D::VoxelTopology<Traits>& io_topology,
+    TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance,
+    Quillon::Ptr<TVL::TileTree3D::VoxelChannel<Traits, TriangleId>>* io_closestTriangleChannel,
+    Quillon::Array<Tavrel::Math::ulong3> const& triangles, Quillon::Array<Tavrel::Math::float3> const& positions,
     Quillon::Array<float> const* detailSizes, bool computeInterior, float holeRadius, float thickeningDistance,
     bool invert, int narrowBandHalfWidth, int signMode, int sweepAxis, bool adaptiveBuild, Adaptivity adaptivity,
     float maxRelativeError, Quillon::Array<ResolutionField> const* resolutionFields, int* out_minDepth,
     float* out_bboxMaxSideLength)
 {
+    using namespace detail;
     constexpr int kMax = Traits::kMaxDepth;
     (void)signMode;
     (void)sweepAxis;
@@ -1213,4 +1212,4 @@ bool createMeshDistanceFieldImpl(
     return true;
 }
 
-} // namespace VolumeGL::TileTree3D::detail
+} // namespace VolumeGL::TileTree3D
