@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <unordered_set>
 #include <vector>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/diagnostics/logger.h>
@@ -929,6 +930,24 @@ void buildAdaptive(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Trian
     }
 }
 
+/// A block of coarse tiles around a finest tile: its depth and the ordinals of the tile of that
+/// depth holding the finest tile.
+struct BlockKey {
+    int depth;
+    std::int64_t i, j, k;
+    friend bool operator==(BlockKey const&, BlockKey const&) = default;
+};
+struct BlockKeyHash {
+    std::size_t operator()(BlockKey const& b) const
+    {
+        std::uint64_t h = std::uint64_t(b.depth) * 0x9e3779b97f4a7c15ull;
+        h ^= std::uint64_t(b.i) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+        h ^= std::uint64_t(b.j) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+        h ^= std::uint64_t(b.k) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+        return std::size_t(h);
+    }
+};
+
 /// One (tile, triangle) record of the sparse build: 40 bytes.
 struct SparseRecord {
     std::int64_t tileIndex = -1; ///< index in the merged tree (-1 until known)
@@ -964,8 +983,8 @@ void buildSparse(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Triangl
             MeshBuild<Traits> const* b;
             std::unique_ptr<C> tmp;
             std::vector<SparseRecord> records;
-            /// Per depth, the block of coarse tiles added last (tile ordinals of its corners).
-            std::array<std::array<std::int64_t, 6>, Traits::kDepthCount> lastBlock{};
+            /// The blocks of coarse tiles this body has added: depth and tile ordinals.
+            std::unordered_set<BlockKey, BlockKeyHash> addedBlocks;
             double grow;
             float keep2, near2;
             std::int64_t T;
@@ -973,14 +992,12 @@ void buildSparse(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Triangl
                 : b(&build), tmp(std::make_unique<C>("tmp", build.voxelSize)), grow(g), keep2(k2), near2(n2), T(t)
             {
                 tmp->tileAccessor().addTile(0, 0, 0, 0);
-                for (auto& block : lastBlock) block.fill(-1);
             }
             Body(Body& o, Par::split)
                 : b(o.b), tmp(std::make_unique<C>("tmp", o.b->voxelSize)), grow(o.grow), keep2(o.keep2),
                   near2(o.near2), T(o.T)
             {
                 tmp->tileAccessor().addTile(0, 0, 0, 0);
-                for (auto& block : lastBlock) block.fill(-1);
             }
             void operator()(Par::blocked_range<std::size_t> const& r)
             {
@@ -999,17 +1016,16 @@ void buildSparse(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Triangl
                         if (d2 < near2)
                             for (int d = kMax - 1; d >= 1; --d) {
                                 std::int64_t const w = C::tileVoxelWidth(d);
-                                int3 const lo{int(x - w), int(y - w), int(z - w)};
-                                int3 const hi{int(x + w + 1), int(y + w), int(z + w)};
-                                // Neighbouring surface tiles mostly ask for the same block of
-                                // coarse tiles: a block this body has just added is skipped.
+                                // The block around a finest tile depends only on the tile of
+                                // depth d that holds it (the +1 on x never reaches the next
+                                // ordinal: finest corners are multiples of the tile width). A
+                                // block this body added once is not added again, and then
+                                // neither are the coarser ones, added with it.
                                 std::int64_t const A = Traits::kCentreOffset;
-                                std::int64_t const key[6] = {floorDiv(lo.x + A, w), floorDiv(lo.y + A, w),
-                                                             floorDiv(lo.z + A, w), floorDiv(hi.x + A, w),
-                                                             floorDiv(hi.y + A, w), floorDiv(hi.z + A, w)};
-                                if (std::equal(key, key + 6, lastBlock[d].begin())) continue;
-                                std::copy(key, key + 6, lastBlock[d].begin());
-                                acc.addTiles(lo, hi, d);
+                                BlockKey const key{d, floorDiv(x + A, w), floorDiv(y + A, w), floorDiv(z + A, w)};
+                                if (!addedBlocks.insert(key).second) break;
+                                acc.addTiles(int3{int(x - w), int(y - w), int(z - w)},
+                                             int3{int(x + w + 1), int(y + w), int(z + w)}, d);
                             }
                     });
             }
