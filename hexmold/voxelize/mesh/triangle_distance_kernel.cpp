@@ -169,9 +169,19 @@ void Kernel<Traits>::checkVoxel(int i, int j, int k, int di, int dj, int dk, flo
     std::int64_t const t = idHalo(i + di, j + dj, k + dk);
     if (t < 0 || t == idHalo(i, j, k)) return;
     ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
-    float const d = Tavrel::SpatialQuery::pointTriangleDistance(worldPosition, positions[tri.x], positions[tri.y],
-                                                                positions[tri.z]);
-    if (d < distanceTile(i, j, k)) {
+    float3 const& a = positions[tri.x];
+    float3 const& b = positions[tri.y];
+    float3 const& c = positions[tri.z];
+    // The triangle's box is no farther than the triangle: when the box is already at least as
+    // far as the voxel's distance, the exact distance cannot be strictly smaller. The margin
+    // covers the float rounding of the box distance.
+    float const current = distanceTile(i, j, k);
+    float const bx = detail::intervalDistance2(worldPosition.x, std::min({a.x, b.x, c.x}), std::max({a.x, b.x, c.x}));
+    float const by = detail::intervalDistance2(worldPosition.y, std::min({a.y, b.y, c.y}), std::max({a.y, b.y, c.y}));
+    float const bz = detail::intervalDistance2(worldPosition.z, std::min({a.z, b.z, c.z}), std::max({a.z, b.z, c.z}));
+    if (detail::kBoxTestTolerance * (bx + by + bz) >= current * current) return;
+    float const d = Tavrel::SpatialQuery::pointTriangleDistance(worldPosition, a, b, c);
+    if (d < current) {
         distanceTile(i, j, k) = d;
         idHalo(i, j, k) = t;
     }
