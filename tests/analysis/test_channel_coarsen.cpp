@@ -304,6 +304,37 @@ TYPED_TEST(ChannelCoarsen, LinearFieldCoarsensAwayCompletely)
     expectInStep<Tr>(*s.object, {"other"});
 }
 
+TYPED_TEST(ChannelCoarsen, VectorAndIntegerElementsCoarsenToo)
+{
+    using Tr = TypeParam;
+    // A linear double3 field: the error sums the squares over the components.
+    auto a = sphereScene<Tr>();
+    a.template add<double3>("ramp3", [&](Tile<Tr> const& t, int i, int j, int k) {
+        auto const p = a.position(t, i, j, k, false);
+        return double3{p.x + 1.0, 2.0 * p.y, -p.z};
+    });
+    EXPECT_TRUE(channelCoarsen("ramp3", 0.0f, float(kLinearTol), false, 0.0f, *a.object, "test."));
+    EXPECT_EQ(treeOf<Tr>(*a.object).tileCount(-1), 1);
+    // A constant integer field is reproduced exactly.
+    auto b = sphereScene<Tr>();
+    b.template add<Int32>("count", [](Tile<Tr> const&, int, int, int) { return 7; });
+    EXPECT_TRUE(channelCoarsen("count", 0.0f, 0.0f, false, 0.0f, *b.object, "test."));
+    EXPECT_EQ(treeOf<Tr>(*b.object).tileCount(-1), 1);
+    // A vector with one component off in one voxel keeps that voxel's tile.
+    auto c = sphereScene<Tr>();
+    c.template add<float3>("flow", [](Tile<Tr> const& t, int i, int j, int k) {
+        bool const odd = t.depth() == Tr::kMaxDepth && t.index() == 0 && i + j + k == 0;
+        return float3{1.0f, odd ? 2.0f : 1.0f, 1.0f};
+    });
+    auto const& first = c.tree().tile(0, Tr::kMaxDepth);
+    Key const odd{Tr::kMaxDepth, first.ti(), first.tj(), first.tk()};
+    std::size_t const before = tileSet(c.tree()).size();
+    EXPECT_TRUE(channelCoarsen("flow", 0.0f, 0.5f, false, 0.0f, *c.object, "test."));
+    auto const after = tileSet(treeOf<Tr>(*c.object));
+    EXPECT_EQ(after.count(odd), 1u);
+    EXPECT_LT(after.size(), before);
+}
+
 TYPED_TEST(ChannelCoarsen, RemovedTilesAreReproducedByTheirParentsWithinTheTolerance)
 {
     using Tr = TypeParam;
