@@ -74,7 +74,9 @@ bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, flo
     }
     switch (outcome) {
     case Outcome::kDone: return true;
-    case Outcome::kNoTree: reportError("no tile tree with a voxel topology; nothing done for the channel", channelName); break;
+    case Outcome::kNoTree:
+        reportError("no tile tree with a voxel topology; nothing done for the channel", channelName);
+        break;
     case Outcome::kNoChannel: reportError("no voxel channel of the tile tree is named", channelName); break;
     case Outcome::kEmptyTree: reportError("the tile tree is empty; nothing done for the channel", channelName); break;
     case Outcome::kFailed: break; // reported where it failed
@@ -94,7 +96,8 @@ bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, flo
     // The components go back into the caller's object, also while an exception unwinds.
     auto const moveBack = TVL::onScopeExit([&] {
         Tavrel::Object moved = Tavrel::Geometry::move_tvl_volume_to_object(volume);
-        for (Quillon::String const& name : moved.propertyNames()) geometry.setProperty(name, moved.extractProperty(name));
+        for (Quillon::String const& name : moved.propertyNames())
+            geometry.setProperty(name, moved.extractProperty(name));
     });
     return channelCoarsen(channelName, minDetailSize, maxRelativeError, storeError, bandWidth, volume, timerPrefix);
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <initializer_list>
 #include <iostream>
 #include <memory>
 #include <span>
@@ -316,8 +317,8 @@ bool typedChannelCoarsen(Quillon::String const& name, CoarsenSettings const& set
     namespace G = Tavrel::Geometry;
     int const verbose = Logger::verboseLevel();
 
-    bool const isSDF =
-        std::is_same_v<T, float> && (name == G::sVoxelSignedDistance || name == G::sVoxelFlameLevelSet || name == "surface");
+    bool const isSDF = std::is_same_v<T, float> &&
+                       (name == G::sVoxelSignedDistance || name == G::sVoxelFlameLevelSet || name == "surface");
     if (verbose > 1) std::cout << "isSDF = " << (isSDF ? 1 : 0) << '\n';
 
     // Put back at the end, also while an exception unwinds; the error channel first.
@@ -327,7 +328,8 @@ bool typedChannelCoarsen(Quillon::String const& name, CoarsenSettings const& set
     if (!container || !topology || !channel) return false;
     if (!inStep(*container, *channel)) {
         if (Logger::errorVerboseLevel() > 0)
-            std::cerr << "channelCoarsen: the channel '" << name << "' is out of step with the tile tree; nothing done\n";
+            std::cerr << "channelCoarsen: the channel '" << name
+                      << "' is out of step with the tile tree; nothing done\n";
         return false;
     }
     topology->update(*container);
