@@ -2,6 +2,7 @@
 /// @brief Umbrella header: everything a user of the library needs.
 #pragma once
 #include <hexmold/analysis/analyze.h>
+#include <hexmold/analysis/channel_coarsen.h>
 #include <hexmold/analysis/coarsen_refine.h>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/analysis/level_set_sampler.h>
