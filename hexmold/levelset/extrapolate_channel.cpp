@@ -128,6 +128,9 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
             lists[std::size_t(colour)].push_back({t, total, c, c >= kSparseBelow});
             total += c;
         }
+        if (CoreGL::Logger::verboseLevel() > 2)
+            std::cout << "extrapolateChannel.extrapolateFSM: depth = " << d << ", red tiles = " << lists[kRed].size()
+                      << ", black tiles = " << lists[kBlack].size() << ", unknown voxels = " << total << '\n';
         std::vector<std::uint8_t> unknowns(total);
         std::array<std::vector<TileDataBlock<float>>, 2> halos;
         for (int c = 0; c < 2; ++c) {
