@@ -198,7 +198,8 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
 
 template <typename Traits>
 void extrapolateLayers(Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const& known,
-                       ChannelBase const& value, int minDepth, int maxDepth, ExtrapolationKernel<Traits>& kernel)
+                       ChannelBase const& value, VoxelChannel<Traits, short> const* dof, int minDepth, int maxDepth,
+                       ExtrapolationKernel<Traits>& kernel)
 {
     constexpr int W = Traits::kTileWidth;
     constexpr int V = W * W * W;
@@ -260,9 +261,18 @@ void extrapolateLayers(Container<Traits> const& container, VoxelChannel<Traits, 
         }
         kernel.applyMeans(d, means, sources);
     }
-    if (minDepth > 0 && minDepth >= channelLo && minDepth < channelHi && minDepth < Traits::kMaxDepth &&
-        container.tileCount(minDepth) > 0)
-        kernel.restrictFromChildren(minDepth);
+    if (minDepth > 0 && minDepth >= channelLo && minDepth < channelHi && container.tileCount(minDepth) > 0)
+        kernel.restrictFromChildren(minDepth, false);
+    if (minDepth < maxDepth) {
+        // Known data climbs to the unknown voxels above it, fine to coarse, so that the coarse
+        // copies agree with it; then the hanging voxels of the coarse-fine borders take the mix
+        // of the coarse lattice, coarse to fine, in full.
+        for (int d = last - 1; d >= lo; --d)
+            if (container.tileCount(d) > 0) kernel.restrictFromChildren(d, true);
+        if (dof && channelsMatchTree(container, {dof}, lo, last))
+            for (int d = std::max({lo + 1, dof->minDepth(), 1}); d <= std::min(last, dof->depth()); ++d)
+                kernel.interpolateHanging(d, *dof);
+    }
 }
 
 #define HEXMOLD_INSTANTIATE_EXTRAPOLATE_DRIVERS(TR)                                                \

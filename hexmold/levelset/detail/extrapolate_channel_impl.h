@@ -66,8 +66,13 @@ public:
     /// Applies the means of one depth's wavefront, in order.
     virtual void applyMeans(int depth, std::vector<LayerMean> const& means, std::vector<LayerVoxel> const& sources) = 0;
     /// Every unknown voxel of depth @p depth covered by a child tile takes the value of the
-    /// child voxel at the low corner of its region.
-    virtual void restrictFromChildren(int depth) = 0;
+    /// child voxel at the low corner of its region; with @p knownChildrenOnly only where that
+    /// child voxel is known.
+    virtual void restrictFromChildren(int depth, bool knownChildrenOnly) = 0;
+    /// Every unknown hanging voxel of depth @p depth (DOF flag 4 without 32, on the low faces
+    /// of a tile with a parent) takes the multilinear mix of the values of depth - 1 (or of the
+    /// deepest tile above it) on the coarse lattice around it.
+    virtual void interpolateHanging(int depth, VoxelChannel<Traits, short> const& dof) = 0;
 };
 
 /// The tree-type drivers, defined in extrapolate_channel.cpp for both tree types.
@@ -79,7 +84,8 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
 /// The layer scheme over [minDepth, maxDepth] (clamped to the known and value channels).
 template <typename Traits>
 void extrapolateLayers(Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const& known,
-                       ChannelBase const& value, int minDepth, int maxDepth, ExtrapolationKernel<Traits>& kernel);
+                       ChannelBase const& value, VoxelChannel<Traits, short> const* dof, int minDepth, int maxDepth,
+                       ExtrapolationKernel<Traits>& kernel);
 
 // ---- element arithmetic ---------------------------------------------------------------------
 
@@ -302,7 +308,7 @@ public:
         }
     }
 
-    void restrictFromChildren(int depth) override
+    void restrictFromChildren(int depth, bool knownChildrenOnly) override
     {
         constexpr int P = Traits::kVoxelsPerSlot;
         std::int64_t const n = mContainer->tileCount(depth);
@@ -320,8 +326,70 @@ public:
                         if (child.empty()) continue;
                         // The child voxel at the low corner of the region this voxel covers.
                         int const ci = (i % P) * W / P, cj = (j % P) * W / P, ck = (k % P) * W / P;
+                        if (knownChildrenOnly) {
+                            auto const childKnown = mKnown->tileData(c);
+                            if (childKnown.empty() || childKnown(ci, cj, ck) == 0) continue;
+                        }
                         out(i, j, k) = child(ci, cj, ck);
                     }
+        }
+    }
+
+    void interpolateHanging(int depth, VoxelChannel<Traits, short> const& dof) override
+    {
+        using S = typename Components<T>::Scalar;
+        constexpr int kHanging = 4, kNotInterpolated = 32;
+        if (depth < 1) return;
+        std::int64_t const pw = Container<Traits>::voxelDataWidth(depth - 1);
+        std::int64_t const n = mContainer->tileCount(depth);
+        for (std::int64_t t = 0; t < n; ++t) {
+            Tile<Traits> const& tile = mContainer->tile(t, depth);
+            if (tile.parent() < 0) continue;
+            auto const flags = dof.tileData(t, depth);
+            auto const known = mKnown->tileData(t, depth);
+            auto out = mValue->tileData(t, depth);
+            if (flags.empty() || known.empty() || out.empty()) continue;
+            std::int64_t const w = tile.voxelDataWidth();
+            auto visit = [&](int i, int j, int k) {
+                short const f = flags(i, j, k);
+                if (!(f & kHanging) || (f & kNotInterpolated) || known(i, j, k) != 0) return;
+                std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
+                std::int64_t base[3];
+                double fraction[3];
+                for (int a = 0; a < 3; ++a) {
+                    std::int64_t const r = (p[a] + Traits::kCentreOffset) % pw;
+                    base[a] = p[a] - r;
+                    fraction[a] = double(r) / double(pw);
+                }
+                double mix[Components<T>::kCount] = {};
+                for (int corner = 0; corner < 8; ++corner) {
+                    double weight = 1.0;
+                    std::int64_t q[3];
+                    bool skip = false;
+                    for (int a = 0; a < 3 && !skip; ++a) {
+                        int const upper = (corner >> a) & 1;
+                        // An axis on the coarse lattice does not mix.
+                        skip = upper && fraction[a] == 0.0;
+                        weight *= upper ? fraction[a] : 1.0 - fraction[a];
+                        q[a] = base[a] + (upper ? pw : 0);
+                    }
+                    if (skip) continue;
+                    Tile<Traits> const& c = mAccessor.tile(q[0], q[1], q[2], depth - 1);
+                    if (!c.valid()) return;
+                    auto const cv = mValue->tileData(c.treeIndex());
+                    if (cv.empty()) return;
+                    std::int64_t const cw = c.voxelDataWidth();
+                    S const* x = scalars(cv(int((q[0] - c.ti()) / cw), int((q[1] - c.tj()) / cw), int((q[2] - c.tk()) / cw)));
+                    for (int m = 0; m < Components<T>::kCount; ++m) mix[m] += weight * double(x[m]);
+                }
+                out(i, j, k) = divided<T>(mix, 1.0);
+            };
+            for (int j = 0; j < W; ++j)
+                for (int i = 0; i < W; ++i) visit(i, j, 0);
+            for (int k = 1; k < W; ++k)
+                for (int i = 0; i < W; ++i) visit(i, 0, k);
+            for (int k = 1; k < W; ++k)
+                for (int j = 1; j < W; ++j) visit(0, j, k);
         }
     }
 
@@ -379,7 +447,7 @@ void extrapolateChannel(ExtrapolationType type, TVL::TileTree3D::Container<Trait
     if (type == kExtrapolateFSM)
         detail::extrapolateFSM(container, std::as_const(io_known), *distance, io_value, flipInterior, kernel);
     else
-        detail::extrapolateLayers(container, std::as_const(io_known), io_value, minDepth, maxDepth, kernel);
+        detail::extrapolateLayers(container, std::as_const(io_known), io_value, dof, minDepth, maxDepth, kernel);
     if (verbose)
         std::cout << "Extrapolation time = "
                   << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() << " seconds\n";
