@@ -3,6 +3,7 @@
 ///        halos and the convergence loop of the fast sweep, and the order of the layer
 ///        wavefront. The element-type half is in detail/extrapolate_channel_impl.h.
 #include <hexmold/levelset/detail/extrapolate_channel_impl.h>
+#include <hexmold/levelset/detail/redistance_impl.h>
 
 #include <algorithm>
 #include <array>
@@ -26,22 +27,6 @@ constexpr std::int32_t kLayerOutside = 0x7ffffffe;
 /// Face directions of the neighbour tables: +x, -x, +y, -y, +z, -z.
 constexpr int kFaceDirections[6] = {kNeighborPosX, kNeighborNegX, kNeighborPosY,
                                     kNeighborNegY, kNeighborPosZ, kNeighborNegZ};
-
-/// Runs @p body(begin, end) over [0, count) in parallel in a task group of its own; throws
-/// after the loop on cancellation.
-template <typename Body> void parallelRanges(std::int64_t count, Body const& body, std::size_t grain = 16)
-{
-    if (count <= 0) return;
-    TVL::Parallel::task_group_context context;
-    TVL::Parallel::parallel_for(
-        TVL::Parallel::blocked_range<std::int64_t>(0, count, grain),
-        [&](TVL::Parallel::blocked_range<std::int64_t> const& r) {
-            if (TVL::bodyCancelled()) return;
-            body(r.begin(), r.end());
-        },
-        TVL::Parallel::auto_partitioner(), context);
-    TVL::throwIfJobCancelled();
-}
 
 /// Whether every channel has one block array entry per tile of the tree at each depth of
 /// [lo, hi]; prints the error line when not.
@@ -104,6 +89,7 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
     TVL::Parallel::enumerable_thread_specific<std::unique_ptr<ExtrapolationKernel<Traits>>> workers(
         [&kernel] { return kernel.clone(); });
 
+    TileActivity activity;
     for (int d = hi; d >= lo; --d) {
         std::int64_t const n = container.tileCount(d);
         if (n == 0) continue;
@@ -153,10 +139,18 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
             });
         }
 
+        // A tile whose last sweep changed nothing, and whose face neighbours have not changed
+        // since, is a fixed point of its sweep: leaving it out changes neither the values nor
+        // the reported change, hence neither the number of iterations.
+        activity.reset(container, d);
         // One colour: a deterministic reduce of the largest change.
         auto sweep = [&](int colour) {
             auto const& list = lists[std::size_t(colour)];
             auto const& blocks = halos[std::size_t(colour)];
+            struct Pass {
+                TileActivity& a;
+                ~Pass() { ++a.pass; }
+            } const pass{activity};
             if (list.empty()) return 0.0;
             TVL::Parallel::task_group_context context;
             double const change = TVL::Parallel::parallel_deterministic_reduce(
@@ -165,7 +159,10 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
                     if (TVL::bodyCancelled()) return running;
                     auto& worker = workers.local();
                     for (std::size_t e = r.begin(); e < r.end(); ++e) {
-                        double const x = worker->sweep(list[e], d, blocks[e].data(), unknowns.data());
+                        if (activity.skippable(list[e].tile)) continue;
+                        bool changed = false;
+                        double const x = worker->sweep(list[e], d, blocks[e].data(), unknowns.data(), changed);
+                        activity.record(list[e].tile, changed);
                         if (x > running) running = x;
                     }
                     return running;

@@ -30,7 +30,10 @@ enum ExtrapolationType : int {
 ///          to maxDepth, a wavefront from the known voxels over face neighbours within the depth:
 ///          a voxel n face steps from the nearest known voxel takes the mean of its neighbours of
 ///          layer n - 1. Then, when minDepth > 0, the unknown non-leaf voxels of minDepth take
-///          the values of the child voxels at the low corners of their regions.
+///          the values of the child voxels at the low corners of their regions. When
+///          minDepth < maxDepth, known data climbs to the unknown voxels that cover it, fine to
+///          coarse, and with @p dof the unknown hanging voxels (flag 4 without 32) of each depth
+///          above minDepth take the multilinear mix of the coarser lattice around them.
 ///
 ///          At verbosity above 0 the begin, end and per-iteration lines and "Extrapolation time
 ///          = ... seconds" are printed.
@@ -41,7 +44,7 @@ enum ExtrapolationType : int {
 /// @param io_value    the data; only voxels with known value 0 are written
 /// @param distance    level set (world units) giving the normals; required by kExtrapolateFSM,
 ///                    which prints an error and returns when it is null
-/// @param dof         DOF flags; accepted for the callers, not read
+/// @param dof         DOF flags; read by kExtrapolateLayers only, may be null
 /// @param minDepth, maxDepth  inclusive depths of the layer scheme; kExtrapolateFSM replaces them
 ///                    by the depths that the distance, value and known channels all hold
 /// @param flipInterior  for kExtrapolateFSM: inside (distance <= 0) the distances are negated,

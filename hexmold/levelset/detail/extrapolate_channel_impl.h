@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -60,9 +61,10 @@ public:
     /// @brief One fast-sweep update of the unknown voxels of tile @p s at @p depth.
     /// @param distance   the tile's distance block with a one-voxel face rim, E^3 floats
     /// @param unknowns   the depth's array of unknown local indices (`s.first` onward)
+    /// @param changed    set when a voxel's bits changed
     /// @return the largest change of a voxel
     virtual double sweep(SweepTile<Traits> const& s, int depth, float const* distance,
-                         std::uint8_t const* unknowns) = 0;
+                         std::uint8_t const* unknowns, bool& changed) = 0;
     /// Applies the means of one depth's wavefront, in order.
     virtual void applyMeans(int depth, std::vector<LayerMean> const& means, std::vector<LayerVoxel> const& sources) = 0;
     /// Every unknown voxel of depth @p depth covered by a child tile takes the value of the
@@ -256,7 +258,8 @@ public:
 
     std::unique_ptr<Base> clone() const override { return std::make_unique<TypedExtrapolationKernel>(*this); }
 
-    double sweep(SweepTile<Traits> const& s, int depth, float const* d, std::uint8_t const* unknowns) override
+    double sweep(SweepTile<Traits> const& s, int depth, float const* d, std::uint8_t const* unknowns,
+                 bool& changed) override
     {
         TreeIndex const t{s.tile, depth};
         setHaloTile<Traits, T, 0, 1, 0, 0>(t, *mValue, kHaloModeTransfer, kHaloTypeFacesAndEdges, mAccessor, mHalo,
@@ -292,7 +295,13 @@ public:
             for (std::uint32_t n = s.count; n-- > 0;) update(halo(ids[n]));
         }
         auto out = mValue->tileData(t);
-        for (std::uint32_t n = 0; n < s.count; ++n) out[ids[n]] = v[halo(ids[n])];
+        changed = false;
+        for (std::uint32_t n = 0; n < s.count; ++n) {
+            T const& next = v[halo(ids[n])];
+            // Bits, not values: a zero that changes sign counts too.
+            changed = changed || std::memcmp(&out[ids[n]], &next, sizeof(T)) != 0;
+            out[ids[n]] = next;
+        }
         return change;
     }
 
