@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <initializer_list>
 #include <iostream>
 #include <limits>
 #include <utility>
@@ -216,6 +217,11 @@ void extrapolateLayers(Container<Traits> const& container, VoxelChannel<Traits, 
         std::vector<LayerVoxel> front, next;
         for (std::int64_t t = 0; t < n; ++t) {
             auto const k = known.tileData(t, d);
+            // A tile without data in either channel is outside the domain of the wavefront.
+            if (k.size() != std::size_t(V) || value.elementCount(TreeIndex{t, d}) != std::uint64_t(V)) {
+                std::fill_n(layer.begin() + std::ptrdiff_t(t) * V, V, kLayerOutside);
+                continue;
+            }
             for (int v = 0; v < V; ++v)
                 if (k[std::size_t(v)] != 0) {
                     layer[std::size_t(t) * V + std::size_t(v)] = 0;
