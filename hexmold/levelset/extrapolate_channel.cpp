@@ -99,7 +99,10 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
         parallelRanges(n, [&](std::int64_t begin, std::int64_t end) {
             for (std::int64_t t = begin; t < end; ++t) {
                 auto const k = known.tileData(t, d);
-                if (k.empty()) continue;
+                // Only tiles with a voxel block in all three channels take part.
+                if (k.size() != std::size_t(V) || distance.tileData(t, d).size() != std::size_t(V) ||
+                    value.elementCount(TreeIndex{t, d}) != std::uint64_t(V))
+                    continue;
                 int c = 0;
                 for (int v = 0; v < V; ++v) c += k[std::size_t(v)] == 0;
                 counts[std::size_t(t)] = std::uint8_t(c);
