@@ -165,7 +165,8 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
                     for (std::size_t e = r.begin(); e < r.end(); ++e) {
                         if (activity.skippable(list[e].tile)) continue;
                         bool changed = false;
-                        double const x = worker->sweep(list[e], d, blocks[e].data(), unknowns.data(), changed);
+                        double const x = worker->sweep(list[e], d, blocks[e].data(), unknowns.data(),
+                                                       activity.faces[std::size_t(list[e].tile)], changed);
                         activity.record(list[e].tile, changed);
                         if (x > running) running = x;
                     }

@@ -7,6 +7,7 @@
 ///          extrapolate_channel.cpp. Only what reads or writes the value channel is a template
 ///          over the element type, instantiated in the `_t24` and `_t55` shards.
 #pragma once
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstddef>
@@ -16,6 +17,7 @@
 #include <limits>
 #include <memory>
 #include <type_traits>
+#include <utility>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/levelset/extrapolate_channel.h>
@@ -61,10 +63,13 @@ public:
     /// @brief One fast-sweep update of the unknown voxels of tile @p s at @p depth.
     /// @param distance   the tile's distance block with a one-voxel face rim, E^3 floats
     /// @param unknowns   the depth's array of unknown local indices (`s.first` onward)
+    /// @param faces      the tile's same-depth face neighbours (-x, +x, -y, +y, -z, +z), -1
+    ///                   where there is none
     /// @param changed    set when a voxel's bits changed
     /// @return the largest change of a voxel
     virtual double sweep(SweepTile<Traits> const& s, int depth, float const* distance,
-                         std::uint8_t const* unknowns, bool& changed) = 0;
+                         std::uint8_t const* unknowns, std::array<std::int64_t, 6> const& faces,
+                         bool& changed) = 0;
     /// Applies the means of one depth's wavefront, in order.
     virtual void applyMeans(int depth, std::vector<LayerMean> const& means, std::vector<LayerVoxel> const& sources) = 0;
     /// Every unknown voxel of depth @p depth covered by a child tile takes the value of the
@@ -259,11 +264,12 @@ public:
     std::unique_ptr<Base> clone() const override { return std::make_unique<TypedExtrapolationKernel>(*this); }
 
     double sweep(SweepTile<Traits> const& s, int depth, float const* d, std::uint8_t const* unknowns,
-                 bool& changed) override
+                 std::array<std::int64_t, 6> const& faces, bool& changed) override
     {
         TreeIndex const t{s.tile, depth};
-        setHaloTile<Traits, T, 0, 1, 0, 0>(t, *mValue, kHaloModeTransfer, kHaloTypeFacesAndEdges, mAccessor, mHalo,
-                                           mValue->defaultValue(), 1.0f, kVoxelOffsetCenter);
+        if (!fillFromSameDepthFaces(t, faces))
+            setHaloTile<Traits, T, 0, 1, 0, 0>(t, *mValue, kHaloModeTransfer, kHaloTypeFacesAndEdges, mAccessor,
+                                               mHalo, mValue->defaultValue(), 1.0f, kVoxelOffsetCenter);
         T* v = mHalo.data();
         auto at = [](int i, int j, int k) { return std::ptrdiff_t((i + 1) + E * ((j + 1) + E * (k + 1))); };
         double change = 0.0;
@@ -403,6 +409,39 @@ public:
     }
 
 private:
+    /// @brief The interior and the face rim of the value halo when all six face neighbours are
+    ///        tiles of the same depth, where the rim rule reads their elements as they are; the
+    ///        update reads no edge or corner of the rim. False, with nothing done, otherwise.
+    bool fillFromSameDepthFaces(TreeIndex const& t, std::array<std::int64_t, 6> const& faces)
+    {
+        auto const own = std::as_const(*mValue).tileData(t);
+        if (own.size() != std::size_t(W) * W * W) return false;
+        ConstTileData<T, W, 0, 0> neighbours[6];
+        for (int f = 0; f < 6; ++f) {
+            if (faces[std::size_t(f)] < 0) return false;
+            neighbours[f] = std::as_const(*mValue).tileData(faces[std::size_t(f)], t.depth);
+            if (neighbours[f].size() != own.size()) return false;
+        }
+        for (int k = 0; k < W; ++k)
+            for (int j = 0; j < W; ++j)
+                for (int i = 0; i < W; ++i) mHalo(i, j, k) = own(i, j, k);
+        for (int f = 0; f < 6; ++f) {
+            int const axis = f / 2;
+            bool const upper = f % 2 == 1;
+            // The rim layer beside the tile, from the neighbour's layer that touches the tile.
+            int const to = upper ? W : -1, from = upper ? 0 : W - 1;
+            for (int b = 0; b < W; ++b)
+                for (int a = 0; a < W; ++a) {
+                    int at[3], src[3];
+                    at[axis] = to, src[axis] = from;
+                    at[(axis + 1) % 3] = src[(axis + 1) % 3] = a;
+                    at[(axis + 2) % 3] = src[(axis + 2) % 3] = b;
+                    mHalo(at[0], at[1], at[2]) = neighbours[f](src[0], src[1], src[2]);
+                }
+        }
+        return true;
+    }
+
     /// Halo offset of local index @p n.
     static std::ptrdiff_t halo(int n)
     {
