@@ -25,6 +25,9 @@ constexpr int kMaxIterations = 10;
 /// Layer of a voxel not reached yet, and of a voxel outside the domain of the wavefront.
 constexpr std::int32_t kLayerUnreached = 0x7ffffffd;
 constexpr std::int32_t kLayerOutside = 0x7ffffffe;
+/// Face directions of the value rims: -x, +x, -y, +y, -z, +z.
+constexpr int kRimDirections[6] = {kNeighborNegX, kNeighborPosX, kNeighborNegY,
+                                   kNeighborPosY, kNeighborNegZ, kNeighborPosZ};
 /// Face directions of the neighbour tables: +x, -x, +y, -y, +z, -z.
 constexpr int kFaceDirections[6] = {kNeighborPosX, kNeighborNegX, kNeighborPosY,
                                     kNeighborNegY, kNeighborPosZ, kNeighborNegZ};
@@ -123,10 +126,15 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
                       << ", black tiles = " << lists[kBlack].size() << ", unknown voxels = " << total << '\n';
         std::vector<std::uint8_t> unknowns(total);
         std::array<std::vector<TileDataBlock<float>>, 2> halos;
+        // The tiles whose voxels the value rims read: beside each face, of the tile's depth or
+        // the closest coarser one.
+        std::array<std::vector<std::array<TreeIndex, 6>>, 2> rims;
         for (int c = 0; c < 2; ++c) {
             auto const& list = lists[std::size_t(c)];
             auto& blocks = halos[std::size_t(c)];
             blocks.assign(list.size(), TileDataBlock<float>(kHaloCount));
+            auto& faces = rims[std::size_t(c)];
+            faces.resize(list.size());
             parallelRanges(std::int64_t(list.size()), [&](std::int64_t begin, std::int64_t end) {
                 auto accessor = container.tileAccessor();
                 for (std::int64_t e = begin; e < end; ++e) {
@@ -135,6 +143,11 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
                     std::uint8_t* ids = unknowns.data() + s.first;
                     for (int v = 0; v < V; ++v)
                         if (k[std::size_t(v)] == 0) *ids++ = std::uint8_t(v);
+                    Tile<Traits> const& tile = container.tile(s.tile, d);
+                    for (int f = 0; f < 6; ++f) {
+                        Tile<Traits> const& n = accessor.tileNeighbor(tile, kRimDirections[f]);
+                        faces[std::size_t(e)][std::size_t(f)] = n.valid() ? n.treeIndex() : kNoTile;
+                    }
                     TileData<float, W, 1, 0> halo(&blocks[std::size_t(e)]);
                     setHaloTile<Traits, float, 0, 1, 0, 0>(TreeIndex{s.tile, d}, distance, kHaloModeTransfer,
                                                            kHaloTypeFacesAndEdges, accessor, halo, 0.0f, 1.0f,
@@ -151,6 +164,7 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
         auto sweep = [&](int colour) {
             auto const& list = lists[std::size_t(colour)];
             auto const& blocks = halos[std::size_t(colour)];
+            auto const& faces = rims[std::size_t(colour)];
             struct Pass {
                 TileActivity& a;
                 ~Pass() { ++a.pass; }
@@ -166,7 +180,7 @@ void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, uns
                         if (activity.skippable(list[e].tile)) continue;
                         bool changed = false;
                         double const x = worker->sweep(list[e], d, blocks[e].data(), unknowns.data(),
-                                                       activity.faces[std::size_t(list[e].tile)], changed);
+                                                       faces[e], changed);
                         activity.record(list[e].tile, changed);
                         if (x > running) running = x;
                     }

@@ -63,12 +63,12 @@ public:
     /// @brief One fast-sweep update of the unknown voxels of tile @p s at @p depth.
     /// @param distance   the tile's distance block with a one-voxel face rim, E^3 floats
     /// @param unknowns   the depth's array of unknown local indices (`s.first` onward)
-    /// @param faces      the tile's same-depth face neighbours (-x, +x, -y, +y, -z, +z), -1
-    ///                   where there is none
+    /// @param faces      the tiles beside the tile's faces (-x, +x, -y, +y, -z, +z): of its
+    ///                   own depth, else the closest coarser one, `kNoTile` beyond the tree
     /// @param changed    set when a voxel's bits changed
     /// @return the largest change of a voxel
     virtual double sweep(SweepTile<Traits> const& s, int depth, float const* distance,
-                         std::uint8_t const* unknowns, std::array<std::int64_t, 6> const& faces,
+                         std::uint8_t const* unknowns, std::array<TreeIndex, 6> const& faces,
                          bool& changed) = 0;
     /// Applies the means of one depth's wavefront, in order.
     virtual void applyMeans(int depth, std::vector<LayerMean> const& means, std::vector<LayerVoxel> const& sources) = 0;
@@ -264,12 +264,10 @@ public:
     std::unique_ptr<Base> clone() const override { return std::make_unique<TypedExtrapolationKernel>(*this); }
 
     double sweep(SweepTile<Traits> const& s, int depth, float const* d, std::uint8_t const* unknowns,
-                 std::array<std::int64_t, 6> const& faces, bool& changed) override
+                 std::array<TreeIndex, 6> const& faces, bool& changed) override
     {
         TreeIndex const t{s.tile, depth};
-        if (!fillFromSameDepthFaces(t, faces))
-            setHaloTile<Traits, T, 0, 1, 0, 0>(t, *mValue, kHaloModeTransfer, kHaloTypeFacesAndEdges, mAccessor,
-                                               mHalo, mValue->defaultValue(), 1.0f, kVoxelOffsetCenter);
+        fillInteriorAndFaces(t, faces);
         T* v = mHalo.data();
         auto at = [](int i, int j, int k) { return std::ptrdiff_t((i + 1) + E * ((j + 1) + E * (k + 1))); };
         double change = 0.0;
@@ -409,37 +407,52 @@ public:
     }
 
 private:
-    /// @brief The interior and the face rim of the value halo when all six face neighbours are
-    ///        tiles of the same depth, where the rim rule reads their elements as they are; the
-    ///        update reads no edge or corner of the rim. False, with nothing done, otherwise.
-    bool fillFromSameDepthFaces(TreeIndex const& t, std::array<std::int64_t, 6> const& faces)
+    /// @brief The interior and the face rim of the value halo, by the rim rule of the halos:
+    ///        from a face neighbour of the same depth its element as it is, from a coarser one
+    ///        the element of the coarse voxel that covers the rim element, beyond the tree (or
+    ///        where the channel has no block) the channel's default. The update reads no edge or
+    ///        corner of the rim, which are left as they are.
+    void fillInteriorAndFaces(TreeIndex const& t, std::array<TreeIndex, 6> const& faces)
     {
-        auto const own = std::as_const(*mValue).tileData(t);
-        if (own.size() != std::size_t(W) * W * W) return false;
-        ConstTileData<T, W, 0, 0> neighbours[6];
-        for (int f = 0; f < 6; ++f) {
-            if (faces[std::size_t(f)] < 0) return false;
-            neighbours[f] = std::as_const(*mValue).tileData(faces[std::size_t(f)], t.depth);
-            if (neighbours[f].size() != own.size()) return false;
-        }
+        auto const& values = std::as_const(*mValue);
+        auto const own = values.tileData(t);
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) mHalo(i, j, k) = own(i, j, k);
+        Tile<Traits> const& tile = mContainer->tile(t);
+        std::int64_t const corner[3] = {tile.ti(), tile.tj(), tile.tk()};
+        std::int64_t const w = tile.voxelDataWidth();
         for (int f = 0; f < 6; ++f) {
             int const axis = f / 2;
             bool const upper = f % 2 == 1;
-            // The rim layer beside the tile, from the neighbour's layer that touches the tile.
-            int const to = upper ? W : -1, from = upper ? 0 : W - 1;
+            int const to = upper ? W : -1;
+            TreeIndex const n = faces[std::size_t(f)];
+            auto const block = n.valid() ? values.tileData(n) : ConstTileData<T, W, 0, 0>();
+            auto at = [&](int a, int b, int (&idx)[3]) {
+                idx[axis] = to;
+                idx[(axis + 1) % 3] = a;
+                idx[(axis + 2) % 3] = b;
+            };
+            if (block.size() != std::size_t(W) * W * W) {
+                for (int b = 0; b < W; ++b)
+                    for (int a = 0; a < W; ++a) {
+                        int idx[3];
+                        at(a, b, idx);
+                        mHalo(idx[0], idx[1], idx[2]) = values.defaultValue();
+                    }
+                continue;
+            }
+            Tile<Traits> const& nb = mContainer->tile(n);
+            std::int64_t const nc[3] = {nb.ti(), nb.tj(), nb.tk()};
+            std::int64_t const nw = nb.voxelDataWidth();
             for (int b = 0; b < W; ++b)
                 for (int a = 0; a < W; ++a) {
-                    int at[3], src[3];
-                    at[axis] = to, src[axis] = from;
-                    at[(axis + 1) % 3] = src[(axis + 1) % 3] = a;
-                    at[(axis + 2) % 3] = src[(axis + 2) % 3] = b;
-                    mHalo(at[0], at[1], at[2]) = neighbours[f](src[0], src[1], src[2]);
+                    int idx[3], src[3];
+                    at(a, b, idx);
+                    for (int c = 0; c < 3; ++c) src[c] = int((corner[c] + idx[c] * w - nc[c]) / nw);
+                    mHalo(idx[0], idx[1], idx[2]) = block(src[0], src[1], src[2]);
                 }
         }
-        return true;
     }
 
     /// Halo offset of local index @p n.
