@@ -442,6 +442,18 @@ private:
                     }
                 continue;
             }
+            if (n.depth == t.depth) {
+                // The neighbour's layer that touches the tile.
+                for (int b = 0; b < W; ++b)
+                    for (int a = 0; a < W; ++a) {
+                        int idx[3];
+                        at(a, b, idx);
+                        int src[3] = {idx[0], idx[1], idx[2]};
+                        src[axis] = upper ? 0 : W - 1;
+                        mHalo(idx[0], idx[1], idx[2]) = block(src[0], src[1], src[2]);
+                    }
+                continue;
+            }
             Tile<Traits> const& nb = mContainer->tile(n);
             std::int64_t const nc[3] = {nb.ti(), nb.tj(), nb.tk()};
             std::int64_t const nw = nb.voxelDataWidth();
