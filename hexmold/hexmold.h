@@ -11,6 +11,7 @@
 #include <hexmold/levelset/dilate_erode.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/eikonal.h>
+#include <hexmold/levelset/extrapolate_channel.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/levelset/redistance_tiles.h>
 #include <hexmold/levelset/resize.h>
