@@ -17,6 +17,7 @@
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
 #include "tools/demo_resize.h"
+#include "bench/support/timing.h"
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -25,22 +26,14 @@
 
 namespace {
 
+using benchtiming::median;
+using benchtiming::msSince;
+
 using namespace TVL::TileTree3D;
 constexpr double kRadius = 256.0;   ///< finest voxels
 constexpr double kHalfWidth = 10.0; ///< finest voxels
 /// Interleaved repeats; HEXMOLD_BENCH_REPEATS overrides.
 constexpr int kRepeats = 5;
-
-double msSince(std::chrono::steady_clock::time_point t0)
-{
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
 
 /// The data on the sphere: a smooth function of the direction (finest-voxel coordinates).
 double direction(double x, double y, double z)

@@ -18,6 +18,7 @@
 #include <vector>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/substrate/parallel.h>
+#include "bench/support/timing.h"
 #include "../../tests/support/level_set_scenes.h"
 
 #if HEXMOLD_HAVE_OPENVDB
@@ -30,6 +31,8 @@ using namespace testlevelset;
 
 namespace {
 
+using benchtiming::median;
+
 constexpr double kRadius = 256.0;   ///< finest voxels
 constexpr double kInputBand = 3.0;  ///< finest voxels each side where the field is given
 constexpr double kOutputBand = 10.0; ///< finest voxels each side of the redistanced band
@@ -39,12 +42,6 @@ constexpr int kThreads = 2;
 
 using Clock = std::chrono::steady_clock;
 double secondsSince(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
 
 /// The tree of the 10-voxel band and the input channel: the field on the voxels of the tiles of
 /// the 3-voxel band, the background of their side on the others.

@@ -18,6 +18,7 @@
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
 #include "tools/demo_resize.h"
+#include "bench/support/timing.h"
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -26,20 +27,12 @@
 
 namespace {
 
+using benchtiming::median;
+using benchtiming::msSince;
+
 using namespace TVL::TileTree3D;
 constexpr double kRadius = 256.0; ///< finest voxels
 constexpr int kRepeats = 5;
-
-double msSince(std::chrono::steady_clock::time_point t0)
-{
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
 
 /// A deep copy of every component, so that the timed call owns what it changes.
 Quillon::Ptr<TVL::Object> deepCopy(TVL::Object const& source)

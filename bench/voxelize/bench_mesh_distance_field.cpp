@@ -20,6 +20,7 @@
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/mesh/mesh_distance_field.h>
+#include "bench/support/timing.h"
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -28,25 +29,17 @@
 
 namespace {
 
+using benchtiming::median;
+using benchtiming::msSince;
+
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D;
 constexpr int kRepeats = 5;
-
-double msSince(std::chrono::steady_clock::time_point t0)
-{
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-}
 
 /// With HEXMOLD_BENCH_STAGES=1 every timer of ours is printed as it ends.
 void printStage(Quillon::StringView name, double ms)
 {
     std::printf("    stage %.*s: %.1f ms\n", int(name.size()), name.data(), ms);
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
 }
 
 struct Mesh {
