@@ -83,6 +83,55 @@ inline TriangleMesh box(float3 lo, float3 hi)
     return m;
 }
 
+/// Torus around the z axis through @p centre: ring radius @p R, tube radius @p r, @p nu by @p nv
+/// quads split in two, outward facing.
+inline TriangleMesh torus(float3 centre, double R, double r, int nu, int nv)
+{
+    TriangleMesh m;
+    for (int i = 0; i < nu; ++i)
+        for (int j = 0; j < nv; ++j) {
+            double const u = 2.0 * M_PI * i / nu, v = 2.0 * M_PI * j / nv;
+            double const rr = R + r * std::cos(v);
+            m.positions.push_back({static_cast<float>(centre.x + rr * std::cos(u)),
+                                   static_cast<float>(centre.y + rr * std::sin(u)),
+                                   static_cast<float>(centre.z + r * std::sin(v))});
+        }
+    auto id = [&](int i, int j) { return std::uint64_t(((i + nu) % nu) * nv + (j + nv) % nv); };
+    for (int i = 0; i < nu; ++i)
+        for (int j = 0; j < nv; ++j) {
+            m.triangles.push_back({id(i, j), id(i + 1, j), id(i + 1, j + 1)});
+            m.triangles.push_back({id(i, j), id(i + 1, j + 1), id(i, j + 1)});
+        }
+    return m;
+}
+
+/// The same surface facing the other way.
+inline TriangleMesh flipped(TriangleMesh m)
+{
+    for (auto& t : m.triangles) std::swap(t.y, t.z);
+    return m;
+}
+
+/// Both meshes as one.
+inline TriangleMesh merged(TriangleMesh const& a, TriangleMesh const& b)
+{
+    TriangleMesh m = a;
+    std::uint64_t const base = a.positions.size();
+    for (auto const& p : b.positions) m.positions.push_back(p);
+    for (auto const& t : b.triangles) m.triangles.push_back({t.x + base, t.y + base, t.z + base});
+    return m;
+}
+
+/// The mesh without the triangles whose index @p drop(index) says.
+template <typename F> inline TriangleMesh withoutTriangles(TriangleMesh const& a, F&& drop)
+{
+    TriangleMesh m;
+    m.positions = a.positions;
+    for (std::size_t t = 0; t < a.triangles.size(); ++t)
+        if (!drop(t)) m.triangles.push_back(a.triangles[t]);
+    return m;
+}
+
 /// Reads the vertices and faces of an OBJ file (fan-triangulated); empty when unreadable.
 inline TriangleMesh readObj(std::string const& path)
 {

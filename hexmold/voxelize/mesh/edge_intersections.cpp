@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/parallel.h>
 
@@ -37,16 +38,21 @@ void determinants(Narrow b0, Narrow c0, Narrow b1, Narrow c1, Narrow b2, Narrow 
     w[2] = Wide(b0 - pb) * Wide(c1 - pc) + Wide(pb - b1) * Wide(c0 - pc);
 }
 
-} // namespace
+/// The exact crossing of the line along a through (pb, pc) with a triangle: the sign (+1 front,
+/// -1 back, 0 none) and the hit along a as a0 + num / den with den > 0, the vertices' barycentric
+/// blend.
+struct Crossing {
+    int sign = 0;
+    __int128 num = 0, den = 1;
+};
 
-int lineCrossesTriangle(int a, std::int64_t pb, std::int64_t pc, std::array<std::int64_t, 3> const& v0,
-                        std::array<std::int64_t, 3> const& v1, std::array<std::int64_t, 3> const& v2, double& out_hit)
+Crossing crossLine(int a, std::int64_t pb, std::int64_t pc, std::array<std::int64_t, 3> const& v0,
+                   std::array<std::int64_t, 3> const& v1, std::array<std::int64_t, 3> const& v2)
 {
     int const b = (a + 1) % 3, c = (a + 2) % 3;
     std::array<std::int64_t, 3> const* v[3] = {&v0, &v1, &v2};
-    // Signs of the determinants; exact values kept in double only for the hit position.
     int s[3];
-    double wd[3];
+    __int128 w[3];
     bool const small = std::abs(v1[b] - v0[b]) < 0x100000 && std::abs(v1[c] - v0[c]) < 0x100000 &&
                        std::abs(v2[b] - v0[b]) < 0x100000 && std::abs(v2[c] - v0[c]) < 0x100000 &&
                        std::abs(pb - v0[b]) < 0x100000 && std::abs(pc - v0[c]) < 0x100000;
@@ -55,31 +61,102 @@ int lineCrossesTriangle(int a, std::int64_t pb, std::int64_t pc, std::array<std:
         std::int32_t const b1 = std::int32_t(v1[b] - v0[b]), c1 = std::int32_t(v1[c] - v0[c]);
         std::int32_t const b2 = std::int32_t(v2[b] - v0[b]), c2 = std::int32_t(v2[c] - v0[c]);
         std::int32_t const qb = std::int32_t(pb - v0[b]), qc = std::int32_t(pc - v0[c]);
-        std::int64_t w[3];
-        determinants<std::int64_t, std::int32_t>(0, 0, b1, c1, b2, c2, qb, qc, w);
-        for (int i = 0; i < 3; ++i) s[i] = signOf(w[i]), wd[i] = double(w[i]);
+        std::int64_t w64[3];
+        determinants<std::int64_t, std::int32_t>(0, 0, b1, c1, b2, c2, qb, qc, w64);
+        for (int i = 0; i < 3; ++i) s[i] = signOf(w64[i]), w[i] = w64[i];
     } else {
-        __int128 w[3];
         determinants<__int128, std::int64_t>(v0[b], v0[c], v1[b], v1[c], v2[b], v2[c], pb, pc, w);
-        for (int i = 0; i < 3; ++i) s[i] = signOf(w[i]), wd[i] = double(w[i]);
+        for (int i = 0; i < 3; ++i) s[i] = signOf(w[i]);
     }
-    // Simulation of simplicity: a zero determinant takes the sign of the opposite edge's vector,
-    // compared along the later of the axes b and c first, then the earlier.
+    // Simulation of simplicity. Every sample is taken as moved by (e, e^2, e^3) along (x, y, z),
+    // e infinitely small, the same for every line, so that the moved grid meets the mesh in
+    // general position and parities agree between lines of different axes. A zero determinant
+    // then takes the sign of its derivative along the move: the opposite edge's vector along the
+    // later of the axes b and c first (negated when that axis is c), then along the earlier.
     int const later = std::max(b, c), earlier = std::min(b, c);
     for (int i = 0; i < 3; ++i) {
         if (s[i] != 0) continue;
         std::array<std::int64_t, 3> const& from = *v[(i + 1) % 3];
         std::array<std::int64_t, 3> const& to = *v[(i + 2) % 3];
-        s[i] = signOf(to[later] - from[later]);
-        if (s[i] == 0) s[i] = signOf(to[earlier] - from[earlier]);
+        s[i] = signOf(to[later] - from[later]) * (later == c ? -1 : 1);
+        if (s[i] == 0) s[i] = signOf(to[earlier] - from[earlier]) * (earlier == c ? -1 : 1);
     }
-    if (!(s[0] == s[1] && s[1] == s[2]) || s[0] == 0) return 0;
-    double const sum = wd[0] + wd[1] + wd[2];
-    if (sum != 0.0)
-        out_hit = (wd[0] * double(v0[a]) + wd[1] * double(v1[a]) + wd[2] * double(v2[a])) / sum;
-    else // a degenerate triangle seen edge on: any of its points
-        out_hit = double(v0[a]);
-    return s[0];
+    Crossing out;
+    if (!(s[0] == s[1] && s[1] == s[2]) || s[0] == 0) return out;
+    out.sign = s[0];
+    // A back hit negates the determinants, so that the weights are not negative.
+    if (out.sign < 0)
+        for (__int128& x : w) x = -x;
+    __int128 const den = w[0] + w[1] + w[2];
+    if (den > 0) {
+        out.num = w[1] * __int128(v1[a] - v0[a]) + w[2] * __int128(v2[a] - v0[a]);
+        out.den = den;
+    } // else a degenerate triangle seen edge on: its first point
+    return out;
+}
+
+/// floor(x / y) for y > 0.
+__int128 floorDiv128(__int128 x, __int128 y)
+{
+    __int128 q = x / y;
+    if ((x % y != 0) && (x < 0)) --q;
+    return q;
+}
+
+/// Whether a hit that falls exactly on a sample lies before the moved sample (see the
+/// simulation of simplicity in `crossLine`): the sample moves by e^(1 + axis) along each axis, the
+/// hit by -(n_b d_b + n_c d_c) / n_a as the line moves, n the triangle's normal.
+bool hitBeforeSample(int a, std::array<std::int64_t, 3> const& v0, std::array<std::int64_t, 3> const& v1,
+                     std::array<std::int64_t, 3> const& v2)
+{
+    __int128 e1[3], e2[3], n[3];
+    for (int k = 0; k < 3; ++k) e1[k] = v1[k] - v0[k], e2[k] = v2[k] - v0[k];
+    n[0] = e1[1] * e2[2] - e1[2] * e2[1];
+    n[1] = e1[2] * e2[0] - e1[0] * e2[2];
+    n[2] = e1[0] * e2[1] - e1[1] * e2[0];
+    int const sa = signOf(n[a]);
+    // hit - sample = sum over axes m in order x, y, z of e^(1+m) times: -1 for m = a, and
+    // -n_m / n_a otherwise; the first non-zero term decides.
+    for (int m = 0; m < 3; ++m) {
+        int const t = m == a ? -1 : -signOf(n[m]) * sa;
+        if (t != 0) return t < 0;
+    }
+    return true;
+}
+
+/// The voxel along the line that holds the hit: floor((a0 + num / den - origin) / width), exact
+/// while the products fit 127 bits (always, but for triangles spanning most of the clamp range,
+/// which fall back to long double). A hit exactly on a sample goes to the edge before or after
+/// it as the simulation of simplicity says.
+std::int64_t hitVoxel(Crossing const& x, int a, std::array<std::int64_t, 3> const& v0,
+                      std::array<std::int64_t, 3> const& v1, std::array<std::int64_t, 3> const& v2,
+                      std::int64_t origin, std::int64_t width)
+{
+    __int128 const limit = __int128(1) << 83;
+    if (x.den < limit) {
+        __int128 const num = __int128(v0[a] - origin) * x.den + x.num;
+        __int128 const span = __int128(width) * x.den;
+        __int128 q = floorDiv128(num, span);
+        if (num - q * span == 0 && hitBeforeSample(a, v0, v1, v2)) --q;
+        if (q < -(__int128(1) << 62)) return std::numeric_limits<std::int64_t>::min() / 2;
+        if (q > (__int128(1) << 62)) return std::numeric_limits<std::int64_t>::max() / 2;
+        return std::int64_t(q);
+    }
+    long double const t = (static_cast<long double>(v0[a] - origin) +
+                           static_cast<long double>(x.num) / static_cast<long double>(x.den)) /
+                          static_cast<long double>(width);
+    return static_cast<std::int64_t>(std::floor(std::clamp(t, -1e18L, 1e18L)));
+}
+
+} // namespace
+
+int lineCrossesTriangle(int a, std::int64_t pb, std::int64_t pc, std::array<std::int64_t, 3> const& v0,
+                        std::array<std::int64_t, 3> const& v1, std::array<std::int64_t, 3> const& v2, double& out_hit)
+{
+    Crossing const x = crossLine(a, pb, pc, v0, v1, v2);
+    if (x.sign == 0) return 0;
+    out_hit = double(v0[a]) + static_cast<double>(static_cast<long double>(x.num) / static_cast<long double>(x.den));
+    return x.sign;
 }
 
 template <typename Traits>
@@ -105,11 +182,14 @@ FixedPointCoords makeFixedPointCoords(Container<Traits> const& container, Quillo
     return out;
 }
 
-template <typename Traits>
-int countEdgeIntersections(ulong3 const& triangle, FixedPointCoords const& coords, int3 const& corner, int depth,
-                           TileData<int3, Traits::kTileWidth, 0, 0>& io_counts)
+namespace {
+
+/// Calls @p f(i, j, k, a, sign) for every crossing of the triangle with the grid edges along
+/// the axes a in @p axes (bit a set) of the tile with corner @p corner at @p depth.
+template <int W, typename F>
+int forEachCrossing(ulong3 const& triangle, FixedPointCoords const& coords, int3 const& corner, int depth,
+                    std::int64_t centreOffset, int axes, F&& f)
 {
-    constexpr int W = Traits::kTileWidth;
     std::array<std::int64_t, 3> const& v0 = coords.points[triangle.x];
     std::array<std::int64_t, 3> const& v1 = coords.points[triangle.y];
     std::array<std::int64_t, 3> const& v2 = coords.points[triangle.z];
@@ -119,7 +199,7 @@ int countEdgeIntersections(ulong3 const& triangle, FixedPointCoords const& coord
     std::int64_t origin[3];
     int lo[3], hi[3];
     for (int ax = 0; ax < 3; ++ax) {
-        origin[ax] = (std::int64_t(corner[ax]) + Traits::kCentreOffset) * kFixedPointScale + coords.sampleOffset[ax];
+        origin[ax] = (std::int64_t(corner[ax]) + centreOffset) * kFixedPointScale + coords.sampleOffset[ax];
         std::int64_t const mn = std::min({v0[ax], v1[ax], v2[ax]}) - origin[ax];
         std::int64_t const mx = std::max({v0[ax], v1[ax], v2[ax]}) - origin[ax];
         double const l = std::floor(double(mn) / double(width));
@@ -130,30 +210,54 @@ int countEdgeIntersections(ulong3 const& triangle, FixedPointCoords const& coord
     }
     int count = 0;
     for (int a = 0; a < 3; ++a) {
+        if (!(axes & (1 << a))) continue;
         int const b = (a + 1) % 3, c = (a + 2) % 3;
         // Lines through samples 0..W-1 of the tile on the two other axes.
         for (int jc = lo[c]; jc <= std::min(hi[c], W - 1); ++jc)
             for (int jb = lo[b]; jb <= std::min(hi[b], W - 1); ++jb) {
                 std::int64_t const pb = origin[b] + jb * width;
                 std::int64_t const pc = origin[c] + jc * width;
-                double hit = 0.0;
-                if (lineCrossesTriangle(a, pb, pc, v0, v1, v2, hit) == 0) continue;
-                double const along = std::floor((hit - double(origin[a])) / double(width));
-                if (along < 0.0 || along > double(W - 1)) continue;
+                Crossing const x = crossLine(a, pb, pc, v0, v1, v2);
+                if (x.sign == 0) continue;
+                // Exact: a hit on a sample belongs to the edge that starts there, at every depth.
+                std::int64_t const along = hitVoxel(x, a, v0, v1, v2, origin[a], width);
+                if (along < 0 || along > W - 1) continue;
                 int idx[3];
                 idx[a] = static_cast<int>(along);
                 idx[b] = jb;
                 idx[c] = jc;
-                io_counts(idx[0], idx[1], idx[2])[a] += 1;
+                f(idx[0], idx[1], idx[2], a, x.sign);
                 ++count;
             }
     }
     return count;
 }
 
+} // namespace
+
+template <typename Traits>
+int countEdgeIntersections(ulong3 const& triangle, FixedPointCoords const& coords, int3 const& corner, int depth,
+                           TileData<int3, Traits::kTileWidth, 0, 0>& io_counts)
+{
+    return forEachCrossing<Traits::kTileWidth>(triangle, coords, corner, depth, Traits::kCentreOffset, 7,
+                                               [&](int i, int j, int k, int a, int) { io_counts(i, j, k)[a] += 1; });
+}
+
+template <typename Traits>
+int countAxisCrossings(ulong3 const& triangle, FixedPointCoords const& coords, int3 const& corner, int depth, int axis,
+                       int signMode, TileData<int, Traits::kTileWidth, 0, 0>& io_counts)
+{
+    return forEachCrossing<Traits::kTileWidth>(triangle, coords, corner, depth, Traits::kCentreOffset, 1 << axis,
+                                               [&](int i, int j, int k, int, int sign) {
+                                                   io_counts(i, j, k) += signMode == 0 ? 1 : signMode > 0 ? sign : -sign;
+                                               });
+}
+
 template decltype(makeFixedPointCoords<Traits24>) makeFixedPointCoords<Traits24>;
 template decltype(makeFixedPointCoords<Traits55>) makeFixedPointCoords<Traits55>;
 template decltype(countEdgeIntersections<Traits24>) countEdgeIntersections<Traits24>;
 template decltype(countEdgeIntersections<Traits55>) countEdgeIntersections<Traits55>;
+template decltype(countAxisCrossings<Traits24>) countAxisCrossings<Traits24>;
+template decltype(countAxisCrossings<Traits55>) countAxisCrossings<Traits55>;
 
 } // namespace VolumeGL::TileTree3D

@@ -6,7 +6,8 @@
 ///          segment of a line along a through a voxel sample; whether the line passes through a
 ///          triangle is decided in the plane of the two other axes by three integer
 ///          determinants, exactly. A line through a vertex or along an edge is decided by
-///          simulation of simplicity (Edelsbrunner & Mücke 1990), so that it crosses exactly one
+///          simulation of simplicity (Edelsbrunner & Mücke 1990): every sample is taken as moved by
+///          (e, e^2, e^3), e infinitely small, so that a line crosses exactly one
 ///          of the triangles that share that vertex or edge in a closed, consistently oriented
 ///          mesh, and the parity of crossings along any line stays right.
 #pragma once
@@ -58,6 +59,17 @@ template <typename Traits>
 HEXMOLD_API int countEdgeIntersections(Tavrel::Math::ulong3 const& triangle, FixedPointCoords const& coords,
                                        Tavrel::Math::int3 const& corner, int depth,
                                        TVL::TileTree3D::TileData<Tavrel::Math::int3, Traits::kTileWidth, 0, 0>& io_counts);
+
+/// @brief The crossings of one triangle with the grid edges of one tile along @p axis only, as
+///        the sparse build counts them along its columns.
+/// @param signMode  0: each crossing adds 1; positive: a crossing of the front (normal along
+///                  +axis) adds 1 and of the back subtracts 1; negative: the reverse
+/// @return the number of crossings found.
+/// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
+template <typename Traits>
+HEXMOLD_API int countAxisCrossings(Tavrel::Math::ulong3 const& triangle, FixedPointCoords const& coords,
+                                   Tavrel::Math::int3 const& corner, int depth, int axis, int signMode,
+                                   TVL::TileTree3D::TileData<int, Traits::kTileWidth, 0, 0>& io_counts);
 
 /// @brief The line test of `countEdgeIntersections` on its own: whether the line along axis @p a
 ///        through the point (@p pb, @p pc) of the plane of the two other axes (b, c) = the

@@ -11,7 +11,8 @@
 ///          triangle in the voxels of its box, and carries closest-triangle ids to the other
 ///          voxels of those tiles by a red-black fast sweep.
 ///
-///          Values are unsigned distances in world units. A voxel of depth d with corner c (tile
+///          Values are distances in world units, unsigned or (with `computeInterior`) negative
+///          inside. A voxel of depth d with corner c (tile
 ///          space) holds the distance at (c + offset) * voxelSize, the offset being the
 ///          topology's sample offset in finest voxels, which is the voxel's sample position at
 ///          the finest depth. Voxels that no triangle reaches hold the far value, the distance
@@ -44,8 +45,11 @@ namespace VolumeGL::TileTree3D {
 /// @param positions        world point positions
 /// @param detailSizes      per-point detail sizes (world units) for `AdaptivityDetailSizes`, or
 ///                         null; when given it must have one value per point
-/// @param computeInterior  whether the volume is to be solid (signed). The sign stage is not
-///                         part of this build yet: the field stays unsigned, and a message says so
+/// @param computeInterior  make the volume solid: voxels inside the mesh become negative. The
+///                         adaptive build walks the parity of exact edge crossings (see
+///                         mesh_interior.h) and falls back to a flood fill when the mesh is not
+///                         closed; the sparse build counts crossings along x columns. Otherwise
+///                         the field stays unsigned
 /// @param holeRadius       world units; positive: holes below this radius are to be closed, and
 ///                         the error test is off
 /// @param thickeningDistance  world units; subtracted from every voxel at the end when positive

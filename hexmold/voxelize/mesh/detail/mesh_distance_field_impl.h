@@ -23,10 +23,13 @@
 #include <hexmold/platform/tavrel/spatial_query.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>
+#include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/scope_guard.h>
 #include <hexmold/substrate/visitor.h>
 #include <hexmold/voxelize/mesh/detail/lattice_kernel.h>
+#include <hexmold/voxelize/mesh/edge_intersections.h>
+#include <hexmold/voxelize/mesh/mesh_interior.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
 
 namespace VolumeGL::TileTree3D::detail {
@@ -118,6 +121,12 @@ template <typename Traits> struct MeshBuild {
     bool refineAdaptively = true;
     bool optimizations = true;
     bool computeInterior = false;
+    /// Signs by parity of edge crossings: computeInterior without hole closing.
+    bool countEdges = false;
+    FixedPointCoords fixed;
+    /// Crossings of the grid edges (adaptive build) or of the sweep axis's columns (sparse build).
+    std::unique_ptr<VoxelChannel<Traits, int3>> edges;
+    std::unique_ptr<VoxelChannel<Traits, int>> crossings;
     std::vector<ResolutionField> fields; ///< sorted, deepest target first; level = target depth
     int coarsestFieldDepth = Traits::kMaxDepth;
     int minDepth = 0;
@@ -388,6 +397,12 @@ template <typename Traits> struct ChildVoxels {
     std::array<std::int64_t, Traits::kTileSize> closest;
 };
 
+/// Edge crossings of one tile, counted by the thread that refined it.
+template <typename Traits> struct EdgeVoxels {
+    VoxelCoord coord;
+    TileData<int3, Traits::kTileWidth, 0, 0> counts{std::size_t(Traits::kTileSize), int3{0, 0, 0}};
+};
+
 /// Per-thread scratch of the child decisions: the lattice of a whole parent at child spacing,
 /// so that a child reuses the face an earlier sibling computed.
 template <typename Traits> struct RefineScratch {
@@ -416,9 +431,23 @@ template <typename Traits> struct Refiner {
     B& b;
     Par::enumerable_thread_specific<std::deque<ChildVoxels<Traits>>> out;
     Par::enumerable_thread_specific<RefineScratch<Traits>> scratch;
+    Par::enumerable_thread_specific<std::deque<EdgeVoxels<Traits>>> edgeOut;
     std::array<std::atomic<std::int64_t>, Traits::kDepthCount> nanoseconds{};
 
     explicit Refiner(B& build) : b(build) {}
+
+    /// Counts the edge crossings of @p list in the tile with corner @p corner at depth @p d into
+    /// the thread's store (kept only when there are any).
+    template <typename It> void countEdges(It first, It last, int3 const& corner, int d)
+    {
+        auto& store = edgeOut.local();
+        EdgeVoxels<Traits>& e = store.emplace_back();
+        e.coord = VoxelCoord{corner.x, corner.y, corner.z, d};
+        int found = 0;
+        for (It t = first; t != last; ++t)
+            found += countEdgeIntersections<Traits>(b.triangles[static_cast<std::size_t>(*t)], b.fixed, corner, d, e.counts);
+        if (found == 0) store.pop_back();
+    }
 
     /// depthOf(size) = deepest - floor(log_R(size / h)), clamped to [0, deepest].
     int depthOf(double size) const
@@ -525,6 +554,9 @@ template <typename Traits> struct Refiner {
         constexpr float kSlack = 1.1754944e-38f;
 
         std::vector<std::pair<int3, std::unique_ptr<SharedData<Traits>>>> accepted;
+        // The tile's own grid edges: the parity walk crosses a tile's voxels at its depth,
+        // covered or not, to hand each child the state of its first sample.
+        if (b.countEdges) countEdges(parent->triangles.begin(), parent->triangles.end(), corner, d);
         {
             RefineScratch<Traits>& s = scratch.local();
             std::fill(s.written.begin(), s.written.end(), 0);
@@ -646,6 +678,7 @@ template <typename Traits> struct Refiner {
                             voxels.distances[v] = std::abs(dist[L::index(x, y, z)]);
                             voxels.closest[v] = ids[L::index(x, y, z)];
                         }
+                if (cd == kMax && b.countEdges) countEdges(list.begin(), list.end(), cc, cd);
                 if (cd < kMax) {
                     auto child = std::make_unique<SharedData<Traits>>();
                     child->triangles.assign(list.begin(), list.end());
@@ -810,10 +843,21 @@ void buildAdaptive(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Trian
         if (out_minDepth) *out_minDepth = b.minDepth;
     }
 
+    if (b.countEdges) {
+        auto const timer = CoreGL::Logger::timer(MeshStageNames::name("precompute_fixed_point_coords"), nullptr);
+        b.fixed = makeFixedPointCoords(b.container, b.positions, b.ctx.voxelOffset);
+    }
+
     if (!b.refineAdaptively) {
         // Dense meshes: the finest tiles' lattices straight from their lists.
         auto const timer = CoreGL::Logger::timer(MeshStageNames::name("compute_distances_and_intersections"), nullptr);
         int const d = b.minDepth;
+        if (b.countEdges) {
+            int3 const zero{0, 0, 0};
+            b.edges = std::make_unique<VoxelChannel<Traits, int3>>("", &zero, kDataElementInitializerDefaultValue, false,
+                                                                    false, 0, kMax);
+            b.edges->update(b.topology);
+        }
         std::int64_t const spacing = C::voxelDataWidth(d);
         float const band = static_cast<float>((double(spacing) * b.voxelSize + b.bandRadius * 1.01) * 1.7320508);
         Par::parallel_for(Par::blocked_range<std::int64_t>(0, b.container.tileCount(d), 1),
@@ -832,6 +876,12 @@ void buildAdaptive(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Trian
                                                              nullptr, int3{0, 0, 0}, int3{0, 0, 0},
                                                              int3{L::kNodes, L::kNodes, L::kNodes}, clip, clip, true);
                                   storeLatticeVoxels(b, tile.treeIndex(), dist, ids);
+                                  if (b.edges) {
+                                      auto counts = b.edges->tileData(tile.treeIndex());
+                                      for (std::int64_t q : list)
+                                          countEdgeIntersections<Traits>(b.triangles[static_cast<std::size_t>(q)], b.fixed,
+                                                                         tile.tijk(), d, counts);
+                                  }
                               }
                           });
         TVL::throwIfJobCancelled();
@@ -888,6 +938,8 @@ void buildAdaptive(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Trian
         auto acc = scratch.tileAccessor();
         for (auto const& store : refiner.out)
             for (auto const& v : store) acc.addTile(v.coord);
+        for (auto const& store : refiner.edgeOut)
+            for (auto const& e : store) acc.addTile(e.coord);
         C ordered("", b.voxelSize);
         addTilesInCanonicalOrder(scratch, ordered);
         b.container.refine(ordered, nullptr, true);
@@ -916,6 +968,28 @@ void buildAdaptive(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Trian
             TVL::throwIfJobCancelled();
             std::deque<ChildVoxels<Traits>>().swap(store);
         }
+        if (b.countEdges) {
+            int3 const zero{0, 0, 0};
+            b.edges = std::make_unique<VoxelChannel<Traits, int3>>("", &zero, kDataElementInitializerDefaultValue, false,
+                                                                    false, 0, kMax);
+            b.edges->update(b.topology);
+            for (auto& store : refiner.edgeOut) {
+                Par::parallel_for(Par::blocked_range<std::size_t>(0, store.size(), 256),
+                                  [&](Par::blocked_range<std::size_t> const& r) {
+                                      if (TVL::bodyCancelled()) return;
+                                      auto acc = std::as_const(b.container).tileAccessor();
+                                      for (std::size_t q = r.begin(); q != r.end(); ++q) {
+                                          EdgeVoxels<Traits> const& e = store[q];
+                                          auto const& tile = acc.tile(e.coord);
+                                          if (!tile.valid() || tile.depth() != e.coord.depth) continue;
+                                          auto data = b.edges->tileData(tile.treeIndex());
+                                          if (!data.empty()) std::copy(e.counts.begin(), e.counts.end(), data.data());
+                                      }
+                                  });
+                TVL::throwIfJobCancelled();
+                std::deque<EdgeVoxels<Traits>>().swap(store);
+            }
+        }
         if (verbose > 0) {
             Quillon::String const prefix = meshDebugPrefix();
             std::ostringstream count;
@@ -925,6 +999,11 @@ void buildAdaptive(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Trian
                 std::ostringstream c2;
                 c2 << "(closest_triangle)[#" << b.closest->elementCount(-1) << "]";
                 CoreGL::writeVoxelHashLine(prefix + c2.str(), ".voxel_hash.after_refine = ", b.container, *b.closest, 0);
+            }
+            if (b.edges) {
+                std::ostringstream c3;
+                c3 << "(edge intersection count)[#" << b.edges->elementCount(-1) << "]";
+                CoreGL::writeVoxelHashLine(prefix + c3.str(), ".voxel_hash.after_refine = ", b.container, *b.edges, 0);
             }
         }
     }
@@ -1076,6 +1155,12 @@ void buildSparse(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Triangl
             own = made;
         b.closest = made.get();
         b.closest->update(b.topology);
+        if (b.computeInterior && !(b.holeRadius > 0.0f)) {
+            int const zero = 0;
+            b.crossings = std::make_unique<VoxelChannel<Traits, int>>("", &zero, kDataElementInitializerDefaultValue, false,
+                                                                      false, kMax, kMax);
+            b.crossings->update(b.topology);
+        }
     }
     {
         auto const timer = CoreGL::Logger::timer(MeshStageNames::name("voxelize_tile_triangle_id"), nullptr);
@@ -1130,6 +1215,155 @@ void buildSparse(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Triangl
     }
 }
 
+/// Gives the grid edges of the tiles above minDepth their crossing counts. Those tiles have no
+/// triangle lists, but each of their sample lines is a sample line of the minDepth tiles below,
+/// and the surface lies inside minDepth tiles with a margin: a coarse edge's count is the sum of
+/// the minDepth edges along it.
+template <typename Traits> void addCountsToCoarserDepths(MeshBuild<Traits>& b)
+{
+    constexpr int W = Traits::kTileWidth;
+    int const d0 = b.minDepth;
+    if (!b.edges || d0 <= 0) return;
+    std::int64_t const w0 = Container<Traits>::voxelDataWidth(d0);
+    Par::parallel_for(Par::blocked_range<std::int64_t>(0, b.container.tileCount(d0), 16),
+                      [&](Par::blocked_range<std::int64_t> const& r) {
+                          if (TVL::bodyCancelled()) return;
+                          for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                              Tile<Traits> const& tile = b.container.tile(t, d0);
+                              auto const counts = std::as_const(*b.edges).tileData(t, d0);
+                              if (counts.empty()) continue;
+                              for (int k = 0, v = 0; k < W; ++k)
+                                  for (int j = 0; j < W; ++j)
+                                      for (int i = 0; i < W; ++i, ++v)
+                                          for (int a = 0; a < 3; ++a) {
+                                              int const n = counts[std::size_t(v)][a];
+                                              if (n == 0) continue;
+                                              std::int64_t const x[3] = {tile.ti() + i * w0, tile.tj() + j * w0,
+                                                                         tile.tk() + k * w0};
+                                              for (std::int64_t p = tile.parent(), d = d0 - 1; p >= 0 && d >= 0; --d) {
+                                                  Tile<Traits> const& up = b.container.tile(p, int(d));
+                                                  std::int64_t const w = Container<Traits>::voxelDataWidth(int(d));
+                                                  int u[3];
+                                                  bool onLine = true;
+                                                  for (int ax = 0; ax < 3; ++ax) {
+                                                      std::int64_t const rel = x[ax] - up.tijk()[ax];
+                                                      u[ax] = int(rel / w);
+                                                      if (ax != a && rel % w != 0) onLine = false;
+                                                  }
+                                                  // Off this depth's sample lines, off every coarser one's.
+                                                  if (!onLine) break;
+                                                  auto up_counts = b.edges->tileData(up.treeIndex());
+                                                  if (!up_counts.empty())
+                                                      std::atomic_ref<int>(up_counts(u[0], u[1], u[2])[a])
+                                                          .fetch_add(n, std::memory_order_relaxed);
+                                                  p = up.parent();
+                                              }
+                                          }
+                          }
+                      });
+    TVL::throwIfJobCancelled();
+}
+
+/// Counts the crossings of every triangle with the sweep axis's columns through the finest tiles,
+/// one triangle after the other.
+template <typename Traits> void countColumnCrossings(MeshBuild<Traits>& b, int signMode, int axis)
+{
+    using C = Container<Traits>;
+    constexpr int kMax = Traits::kMaxDepth;
+    std::int64_t const T = C::tileVoxelWidth(kMax);
+    auto acc = std::as_const(b.container).tileAccessor();
+    for (std::size_t t = 0; t < b.triangles.size(); ++t) {
+        if ((t & 4095) == 0) TVL::throwIfJobCancelled();
+        b.forEachTileOfBox(std::int64_t(t), b.voxelSize, kMax, T, [&](std::int64_t x, std::int64_t y, std::int64_t z) {
+            auto const& tile = acc.tile(x, y, z, kMax);
+            if (!tile.valid() || tile.depth() != kMax) return;
+            auto counts = b.crossings->tileData(tile.treeIndex());
+            if (counts.empty()) return;
+            countAxisCrossings<Traits>(b.triangles[t], b.fixed, tile.tijk(), kMax, axis, signMode, counts);
+        });
+    }
+}
+
+/// Fills every depth's voxels of @p value's sign from its magnitude only.
+template <typename Traits> void absoluteValues(MeshBuild<Traits>& b)
+{
+    b.container.traverse(
+        TVL::TileTree3D::detail::Dummy{}, TVL::TileTree3D::detail::Dummy{},
+        [&](Tile<Traits> const& tile) {
+            if (TVL::bodyCancelled()) return;
+            auto d = b.distance.tileData(tile.treeIndex());
+            for (float& v : d) v = std::abs(v);
+        },
+        TVL::TileTree3D::detail::Dummy{}, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0, Traits::kMaxDepth, 1, true, 0, 0,
+        false, 0);
+    TVL::throwIfJobCancelled();
+}
+
+/// The sign stage. Returns false only for an inconsistent walk on an error-driven tree.
+template <typename Traits> bool computeSigns(MeshBuild<Traits>& b, bool adaptiveBuild, int signMode, int sweepAxis)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    int const verbose = CoreGL::Logger::verboseLevel();
+    Quillon::String const prefix = meshDebugPrefix();
+    bool const empty = b.container.tileCount(-1) == 0;
+    if (adaptiveBuild) {
+        if (empty) return true;
+        if (!(b.holeRadius > 0.0f)) {
+            bool consistent = true;
+            {
+                auto const timer = CoreGL::Logger::timer(MeshStageNames::name("compute_interior"), nullptr);
+                addCountsToCoarserDepths(b);
+                consistent = signByEdgeParity(b.container, b.distance, b.edges.get());
+                b.edges.reset();
+            }
+            if (!consistent) {
+                if (verbose > 0) std::cout << "Inconsistency found: Computing interior using floodfill\n";
+                // Coarse cells of an error-driven tree can hide a crossing: the caller builds again
+                // without the error test.
+                if (b.errorTolerance > 0.0f) return false;
+                absoluteValues(b);
+                auto const timer = CoreGL::Logger::timer(MeshStageNames::name("compute_interior.flood_fill"), nullptr);
+                floodFillInterior(b.container, b.topology, b.distance, b.voxelSize, true);
+            } else if (verbose > 0) {
+                std::cout << "No inconsistency found: Computing interior using intersection counts\n";
+            }
+        } else {
+            auto const timer = CoreGL::Logger::timer(MeshStageNames::name("compute_interior.flood_fill"), nullptr);
+            floodFillInterior(b.container, b.topology, b.distance, b.holeRadius, true);
+        }
+        if (verbose > 0) CoreGL::writeVoxelHashLine(prefix, ".voxel_hash.after_sign = ", b.container, b.distance, 0);
+        setNonLeafValueToChildValue(b.distance, b.container, b.topology.offsetType(), 0, kMax - 1);
+        if (verbose > 0)
+            CoreGL::writeVoxelHashLine(prefix, ".voxel_hash.after_setting_non_leaf = ", b.container, b.distance, 0);
+        return true;
+    }
+    if (b.holeRadius > 0.0f) {
+        if (b.container.tileCount(kMax) > 0) {
+            auto const timer = CoreGL::Logger::timer(MeshStageNames::name("compute_interior.flood_fill"), nullptr);
+            floodFillInterior(b.container, b.topology, b.distance, b.holeRadius, false);
+        }
+        return true;
+    }
+    if (!b.crossings) return true;
+    int const axis = std::clamp(sweepAxis, 0, 5) / 2;
+    {
+        auto const timer = CoreGL::Logger::timer(MeshStageNames::name("compute_interior_assign_signed"), nullptr);
+        b.fixed = makeFixedPointCoords(b.container, b.positions, b.ctx.voxelOffset);
+        countColumnCrossings(b, signMode, axis);
+    }
+    {
+        auto const timer = CoreGL::Logger::timer(MeshStageNames::name("compute_interior"), nullptr);
+        signBySparseColumns(b.container, b.distance, *b.crossings, signMode, sweepAxis);
+        b.crossings.reset();
+    }
+    {
+        auto const timer = CoreGL::Logger::timer(MeshStageNames::name("sign_propagation"), nullptr);
+        propagateSignsToCoarserDepths(b.container, b.distance);
+    }
+    if (verbose > 0) CoreGL::writeVoxelHashLine(prefix, ".voxel_hash.after_sign = ", b.container, b.distance, 0);
+    return true;
+}
+
 /// Subtracts @p amount from every voxel of depths [minDepth, maxDepth].
 template <typename Traits> void offsetVoxels(MeshBuild<Traits>& b, float amount, int minDepth, int maxDepth, bool negate)
 {
@@ -1161,8 +1395,6 @@ bool createMeshDistanceField(
 {
     using namespace detail;
     constexpr int kMax = Traits::kMaxDepth;
-    (void)signMode;
-    (void)sweepAxis;
     if (triangles.empty()) return true;
 
     MeshBuild<Traits> b(io_container, io_topology, io_distance, triangles, positions);
@@ -1204,14 +1436,13 @@ bool createMeshDistanceField(
     b.ctx.positions = &positions;
     b.ctx.tileWidth = Traits::kTileWidth;
 
-    if (computeInterior && CoreGL::Logger::errorVerboseLevel() > 0)
-        std::cerr << "createMeshDistanceField.error: signed distances need the interior stage, which this build "
-                     "does not have; the distances stay unsigned\n";
+    b.countEdges = computeInterior && adaptiveBuild && !(b.holeRadius > 0.0f);
 
     if (adaptiveBuild)
         buildAdaptive(b, io_closestTriangleChannel, out_minDepth, out_bboxMaxSideLength);
     else
         buildSparse(b, io_closestTriangleChannel, narrowBandHalfWidth);
+    if (computeInterior && !computeSigns(b, adaptiveBuild, signMode, sweepAxis)) return false;
 
     if (b.thickeningDistance > 0.0f) {
         auto const timer = CoreGL::Logger::timer(MeshStageNames::name("thickening"), nullptr);
