@@ -18,6 +18,9 @@
 #include <vector>
 #include <gtest/gtest.h>
 #include <hexmold/diagnostics/logger.h>
+#include <hexmold/platform/quillon/job.h>
+#include <hexmold/platform/tavrel/math_support.h>
+#include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/parallel.h>
@@ -25,6 +28,7 @@
 #include <hexmold/voxelize/mesh/edge_intersections.h>
 #include <hexmold/voxelize/mesh/mesh_distance_field.h>
 #include <hexmold/voxelize/mesh/mesh_interior.h>
+#include "support/cancel_on_timer.h"
 #include "support/meshes.h"
 #include "support/typed_traits.h"
 #include "support/winding_number.h"
@@ -487,4 +491,45 @@ TYPED_TEST(MeshInterior, HoleClosingGivesTheClosedSpheresSigns)
     SignReport const r = checkSigns(v, closed, 20000, "sphere with a hole, hole radius 2 voxels");
     EXPECT_GT(r.near, 0);
     EXPECT_EQ(r.mismatchesFar, 0);
+}
+
+TYPED_TEST(MeshInterior, CancellationInTheSignStagesThrowsAndLeavesTheObjectsUsable)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 16;
+    TriangleMesh const m = testmeshes::icosphere(f3(0, 0, 0), 1.0, 3);
+    struct Case {
+        char const* stage;
+        bool adaptive;
+        float holeRadius;
+    };
+    // Each stage's end asks to stop; the next parallel construct, inside the sign stage, throws.
+    Case const cases[] = {{".assign_voxelization", true, 0.0f},
+                          {".compute_interior", true, 0.0f},
+                          {".reset_zero_crossing_and_assign_value_type", true, 2.0f * h},
+                          {".mesh_fast_sweep_red_black", false, 0.0f},
+                          {".compute_interior_assign_signed", false, 0.0f}};
+    for (Case const& c : cases) {
+        SignOptions o;
+        o.adaptive = c.adaptive;
+        o.holeRadius = c.holeRadius;
+        SignedVolume<Tr> v(h);
+        bool thrown = false;
+        {
+            testcancel::CancelOnTimer const cancel(c.stage);
+            try {
+                v.build(m, o);
+            } catch (std::runtime_error const& e) {
+                thrown = true;
+                EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
+            }
+            EXPECT_GE(cancel.reports(), 1) << c.stage;
+        }
+        EXPECT_TRUE(thrown) << c.stage;
+        v.topology.update(v.container);
+        v.distance.update(v.topology);
+        SignedVolume<Tr> again(h);
+        again.build(m, o);
+        EXPECT_TRUE(again.result) << c.stage;
+    }
 }
