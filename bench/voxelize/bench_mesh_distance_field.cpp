@@ -2,7 +2,8 @@
 // ours (createMeshDistanceField without interior: the adaptive build, and the sparse build with a
 // half-width of 3 voxels) against OpenVDB's meshToUnsignedDistanceField with a half-width of 3,
 // for both trees, 2 threads, repeats interleaved in one run; medians, their ratios, finest voxels
-// and memory.
+// and memory. HEXMOLD_BENCH_SIGNED=1 measures signed distances instead: ours with the interior
+// stage against OpenVDB's meshToLevelSet.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -28,6 +29,13 @@
 #endif
 
 namespace {
+
+/// Signed distances (HEXMOLD_BENCH_SIGNED=1) rather than unsigned ones.
+bool signedRun()
+{
+    char const* v = std::getenv("HEXMOLD_BENCH_SIGNED");
+    return v && v[0] == '1';
+}
 
 using benchtiming::median;
 using benchtiming::msSince;
@@ -92,7 +100,7 @@ template <typename Tr> Result runOurs(Mesh const& m, float h, bool adaptive)
     float side = 0;
     auto const t0 = std::chrono::steady_clock::now();
     createMeshDistanceField<Tr>(container, topology, distance, adaptive ? nullptr : &closest, m.triangles, m.positions,
-                                nullptr, false, 0.0f, 0.0f, false, 3, 0, 0, adaptive, AdaptivityMaxRelativeError, 0.0f,
+                                nullptr, signedRun(), 0.0f, 0.0f, false, 3, 0, 0, adaptive, AdaptivityMaxRelativeError, 0.0f,
                                 nullptr, &minDepth, &side);
     Result r;
     r.ms = msSince(t0);
@@ -115,7 +123,9 @@ Result runPeer(Mesh const& m, float h)
     for (auto const& p : m.positions) points.emplace_back(p.x, p.y, p.z); // world space
     for (auto const& t : m.triangles) triangles.emplace_back(unsigned(t.x), unsigned(t.y), unsigned(t.z));
     auto const t0 = std::chrono::steady_clock::now();
-    auto grid = openvdb::tools::meshToUnsignedDistanceField<openvdb::FloatGrid>(*xform, points, triangles, quads, 3.0f);
+    auto grid = signedRun()
+                    ? openvdb::tools::meshToLevelSet<openvdb::FloatGrid>(*xform, points, triangles, quads, 3.0f)
+                    : openvdb::tools::meshToUnsignedDistanceField<openvdb::FloatGrid>(*xform, points, triangles, quads, 3.0f);
     Result r;
     r.ms = msSince(t0);
     r.finestVoxels = grid->activeVoxelCount();
@@ -163,8 +173,9 @@ template <typename Tr> void BM_UnsignedDistanceArmadillo(benchmark::State& state
 #endif
         }
         double const ta = median(adaptive), ts = median(sparse);
-        std::printf("\n%s, %d across (voxel %.6g), %zu triangles, %d interleaved repeats, medians:\n",
-                    Tr::kRatio == 2 ? "Traits<2,4,1>" : "Traits<5,5,1>", across, double(h), m.triangles.size(), repeats);
+        std::printf("\n%s distances, %s, %d across (voxel %.6g), %zu triangles, %d interleaved repeats, medians:\n",
+                    signedRun() ? "signed" : "unsigned", Tr::kRatio == 2 ? "Traits<2,4,1>" : "Traits<5,5,1>", across,
+                    double(h), m.triangles.size(), repeats);
         std::printf("  ours adaptive: %8.1f ms, %10llu finest voxels (%llu in all), %7.1f MB\n", ta,
                     (unsigned long long)ra.finestVoxels, (unsigned long long)ra.allVoxels, ra.megabytes);
         std::printf("  ours sparse:   %8.1f ms, %10llu finest voxels (%llu in all), %7.1f MB\n", ts,

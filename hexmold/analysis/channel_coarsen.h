@@ -4,10 +4,11 @@
 /// @details The test, for each child tile of a parent: every sample of the child is compared
 ///          with the trilinear interpolation of the parent's samples at the child sample's
 ///          position, where positions honour the topology's sample offset (cell centres or
-///          corners). The parent's own samples are used; a position beyond the parent's outermost
-///          samples (half a parent voxel at most) is reached by extending the parent's edge cell.
-///          That reproduces any linear field exactly, also beside coarser regions and at the edge
-///          of the tree, where a halo would only hold piecewise-constant or default values.
+///          corners). Positions beyond the parent's outermost samples (half a parent voxel at
+///          most) read a rim of one sample around the parent: the neighbouring tile's samples
+///          where it is of the parent's depth (the halo rule), and where it is coarser or
+///          missing the linear extension of the parent's own samples, which reproduces any
+///          linear field exactly, where the covering coarse voxel's value would not.
 ///          Non-leaf parent voxels hold the mean of the voxels below them
 ///          (`setNonLeafValueToChildValue` runs first), so for cell-centred samples a linear
 ///          field coarsens away completely. The error of a sample is the squared difference,

@@ -1,5 +1,6 @@
 // Channel coarsening against a brute-force model written from world positions (the parent's
-// samples, means under non-leaf voxels, the trilinear reading with the edge cell extended, the
+// samples, means under non-leaf voxels, the trilinear reading in the parent's samples with a rim
+// from same-depth neighbours, or the linear extension where the neighbour is coarser, the
 // bottom-up rule that a tile keeping a child stays), on sphere trees of both tree types: linear
 // fields, reproduction within the tolerance, the listed edge cases, the band, the error channel,
 // levelSetCoarsen's lists and box, bad input, determinism, cancellation and the exports.
@@ -125,16 +126,51 @@ template <typename Tr, typename T> struct Model {
         for (int a = 0; a < 3; ++a) {
             double const x = double(cc[a]) + (ijk[a] + 0.5) * wc;
             double const u = (x - double(pc[a])) / wp - 0.5;
-            cell[a] = std::clamp(int(std::floor(u)), 0, W - 2);
+            cell[a] = std::clamp(int(std::floor(u)), -1, W - 1);
             f[a] = u - cell[a];
         }
-        auto const& p = values[d - 1][parent.index()];
-        auto v = [&](int x, int y, int z) { return p[at(cell[0] + x, cell[1] + y, cell[2] + z)]; };
+        auto v = [&](int x, int y, int z) { return parentSample(d - 1, parent.index(), x, y, z); };
         auto lerp = [](double a, double b, double t) { return a + t * (b - a); };
-        double const y0 = lerp(lerp(v(0, 0, 0), v(1, 0, 0), f[0]), lerp(v(0, 1, 0), v(1, 1, 0), f[0]), f[1]);
-        double const y1 = lerp(lerp(v(0, 0, 1), v(1, 0, 1), f[0]), lerp(v(0, 1, 1), v(1, 1, 1), f[0]), f[1]);
+        double const y0 = lerp(lerp(v(0 + cell[0], cell[1], cell[2]), v(1 + cell[0], cell[1], cell[2]), f[0]),
+                               lerp(v(cell[0], 1 + cell[1], cell[2]), v(1 + cell[0], 1 + cell[1], cell[2]), f[0]), f[1]);
+        double const y1 =
+            lerp(lerp(v(cell[0], cell[1], 1 + cell[2]), v(1 + cell[0], cell[1], 1 + cell[2]), f[0]),
+                 lerp(v(cell[0], 1 + cell[1], 1 + cell[2]), v(1 + cell[0], 1 + cell[1], 1 + cell[2]), f[0]), f[1]);
         double const diff = lerp(y0, y1, f[2]) - values[d][c][at(i, j, k)];
         return diff * diff;
+    }
+
+    /// The same-depth tile next to tile @p t of depth @p d in direction (dx, dy, dz), or -1.
+    std::int64_t neighbour(int d, std::int64_t t, int dx, int dy, int dz) const
+    {
+        auto const& tile = tree.tile(t, d);
+        std::int64_t const w = Tr::tileVoxelWidth(d);
+        for (std::int64_t n = 0; n < tree.tileCount(d); ++n) {
+            auto const& o = tree.tile(n, d);
+            if (o.ti() == tile.ti() + dx * w && o.tj() == tile.tj() + dy * w && o.tk() == tile.tk() + dz * w) return n;
+        }
+        return -1;
+    }
+
+    /// Sample (x, y, z) of tile @p t, each coordinate in [-1, W]: the tile's own, a same-depth
+    /// neighbour's, or where there is none the linear extension of the tile's samples, one axis
+    /// after the other (x, y, z).
+    double parentSample(int d, std::int64_t t, int x, int y, int z) const
+    {
+        int const p[3] = {x, y, z};
+        int s[3];
+        for (int a = 0; a < 3; ++a) s[a] = p[a] < 0 ? -1 : p[a] >= W ? 1 : 0;
+        if (s[0] == 0 && s[1] == 0 && s[2] == 0) return values[d][t][at(x, y, z)];
+        std::int64_t const n = neighbour(d, t, s[0], s[1], s[2]);
+        if (n >= 0) return values[d][n][at(x - s[0] * W, y - s[1] * W, z - s[2] * W)];
+        // The last axis that leaves the tile is extended, from samples that may leave it on the
+        // earlier axes only.
+        int axis = 2;
+        while (s[axis] == 0) --axis;
+        int q0[3] = {x, y, z}, q1[3] = {x, y, z};
+        q0[axis] = s[axis] < 0 ? 0 : W - 1;
+        q1[axis] = s[axis] < 0 ? 1 : W - 2;
+        return 2.0 * parentSample(d, t, q0[0], q0[1], q0[2]) - parentSample(d, t, q1[0], q1[1], q1[2]);
     }
     double maxErrorSquared(int d, std::int64_t c) const
     {

@@ -43,9 +43,8 @@ using TileBytes = std::vector<std::vector<std::uint8_t>>;
 /// Where each child sample lies among the parent's samples, per axis: for slot coordinate s and
 /// child sample n (index s * W + n) the parent cell (its lower sample) and the fraction in it.
 /// With sample offset o (0 for corners, 0.5 for centres) the child sample sits, in parent
-/// sample coordinates, at u = s * vps + (n + o) / R - o. The cell is kept among the parent's own
-/// samples, [0, W - 2], so that a position beyond the outermost samples (at most half a parent
-/// voxel) extends the edge cell: the fraction then lies outside [0, 1].
+/// sample coordinates, at u = s * vps + (n + o) / R - o, which lies within half a parent voxel
+/// of the parent's outermost samples: the cell ranges over [-1, W - 1], the rim included.
 template <typename Traits> struct SampleMap {
     static constexpr int W = Traits::kTileWidth;
     static constexpr int S = Traits::kSlotsPerAxis;
@@ -59,7 +58,7 @@ template <typename Traits> struct SampleMap {
             for (int s = 0; s < S; ++s)
                 for (int n = 0; n < W; ++n) {
                     double const u = double(s * Traits::kVoxelsPerSlot) + (n + o) / Traits::kRatio - o;
-                    int const c = std::clamp(int(std::floor(u)), 0, W - 2);
+                    int const c = std::clamp(int(std::floor(u)), -1, W - 1);
                     cell[a][s * W + n] = c;
                     fraction[a][s * W + n] = u - c;
                 }
@@ -68,22 +67,77 @@ template <typename Traits> struct SampleMap {
 };
 
 /// The interpolation test of one child tile against its parent, for one element type. Holds the
-/// parent's samples as doubles, loaded once per parent tile; a worker's own copy.
+/// parent's samples with a rim of one sample, as doubles, loaded once per parent tile; a worker's
+/// own copy.
+///
+/// The rim comes from the neighbours of the parent's depth (the halo rule: exact samples). Where
+/// a neighbour is coarser, or missing, the rim is the linear extension of the parent's own
+/// samples, axis by axis: a weighted mix of coarse samples that, unlike the covering coarse
+/// voxel's value, reproduces linear fields, so that the test does not keep children for a
+/// resolution jump next to their parent.
 template <typename Traits, typename T> class ChildTest {
 public:
     static constexpr int W = Traits::kTileWidth;
+    static constexpr int E = W + 2;
     static constexpr int N = Tavrel::Math::ComponentCount<T>::value;
     static constexpr std::size_t kBlock = std::size_t(W) * W * W;
+    static constexpr std::size_t kRimBlock = std::size_t(E) * E * E;
 
     ChildTest(SampleMap<Traits> const& map, double toleranceSquared)
-        : mMap(&map), mToleranceSquared(toleranceSquared), mParent(kBlock * N)
+        : mMap(&map), mToleranceSquared(toleranceSquared), mParent(kRimBlock * N),
+          mHalo(kRimBlock, T{})
+    {
+    }
+    ChildTest(ChildTest const& other)
+        : mMap(other.mMap), mToleranceSquared(other.mToleranceSquared), mParent(kRimBlock * N), mHalo(kRimBlock, T{})
     {
     }
 
-    void loadParent(T const* block)
+    void loadParent(Tile<Traits> const& tile, VoxelChannel<Traits, T> const& channel, VoxelOffsetType offset,
+                    typename Container<Traits>::ConstTileAccessor& accessor)
     {
-        for (std::size_t v = 0; v < kBlock; ++v)
-            for (int n = 0; n < N; ++n) mParent[v * N + n] = Tavrel::Math::componentAsDouble(block[v], n);
+        setHaloTile<Traits, T, 0, 1, 0>(tile.treeIndex(), channel, kHaloModeGeneral, kHaloTypeAll, accessor, mHalo,
+                                         channel.defaultValue(), 1.0f, offset);
+        // Which rim parts read a neighbour of the same depth.
+        bool exact[27];
+        for (int dir = 0; dir < 27; ++dir) {
+            Tile<Traits> const& n = accessor.tileNeighbor(tile, dir);
+            exact[dir] = n.valid() && n.depth() == tile.depth();
+        }
+        for (int z = -1; z <= W; ++z)
+            for (int y = -1; y <= W; ++y)
+                for (int x = -1; x <= W; ++x) {
+                    int const sx = x < 0 ? -1 : x >= W, sy = y < 0 ? -1 : y >= W, sz = z < 0 ? -1 : z >= W;
+                    int const dir = 9 * (sx + 1) + 3 * (sy + 1) + (sz + 1);
+                    if (dir != 13 && !exact[dir]) continue;
+                    T const& v = mHalo(x, y, z);
+                    for (int n = 0; n < N; ++n) mParent[at(x, y, z) + n] = Tavrel::Math::componentAsDouble(v, n);
+                }
+        // The linear extension where no same-depth sample is: x first, then y, then z, each
+        // pass reading what the earlier ones filled.
+        auto extend = [&](int x, int y, int z, int axis) {
+            int p[3] = {x, y, z};
+            int const c = p[axis];
+            int q0[3] = {x, y, z}, q1[3] = {x, y, z};
+            q0[axis] = c < 0 ? 0 : W - 1;
+            q1[axis] = c < 0 ? 1 : W - 2;
+            for (int n = 0; n < N; ++n)
+                mParent[at(x, y, z) + n] = 2.0 * mParent[at(q0[0], q0[1], q0[2]) + n] - mParent[at(q1[0], q1[1], q1[2]) + n];
+        };
+        for (int axis = 0; axis < 3; ++axis)
+            for (int z = -1; z <= W; ++z)
+                for (int y = -1; y <= W; ++y)
+                    for (int x = -1; x <= W; ++x) {
+                        int const p[3] = {x, y, z};
+                        if (p[axis] >= 0 && p[axis] < W) continue;
+                        // Only the axes up to this one may leave the tile.
+                        bool later = false;
+                        for (int b = axis + 1; b < 3; ++b) later = later || p[b] < 0 || p[b] >= W;
+                        if (later) continue;
+                        int const sx = x < 0 ? -1 : x >= W, sy = y < 0 ? -1 : y >= W, sz = z < 0 ? -1 : z >= W;
+                        if (exact[9 * (sx + 1) + 3 * (sy + 1) + (sz + 1)]) continue;
+                        extend(x, y, z, axis);
+                    }
     }
 
     /// Whether the parent loaded last reproduces the child in @p slot within the tolerance. With
@@ -117,12 +171,15 @@ public:
 
 private:
     static double lerp(double a, double b, double f) { return a + f * (b - a); } // exact when a == b
+    static std::size_t at(int x, int y, int z)
+    {
+        return (std::size_t(x + 1) + E * (std::size_t(y + 1) + E * std::size_t(z + 1))) * N;
+    }
 
     /// Squared difference, over the components, of the trilinear interpolation in cell
     /// (cx, cy, cz) at fractions (fx, fy, fz) and the value @p c.
     double error(int cx, int cy, int cz, double fx, double fy, double fz, T const& c) const
     {
-        auto at = [&](int x, int y, int z) { return (std::size_t(x) + W * (std::size_t(y) + W * std::size_t(z))) * N; };
         std::size_t const p000 = at(cx, cy, cz), p100 = at(cx + 1, cy, cz), p010 = at(cx, cy + 1, cz),
                           p110 = at(cx + 1, cy + 1, cz), p001 = at(cx, cy, cz + 1), p101 = at(cx + 1, cy, cz + 1),
                           p011 = at(cx, cy + 1, cz + 1), p111 = at(cx + 1, cy + 1, cz + 1);
@@ -140,6 +197,7 @@ private:
     SampleMap<Traits> const* mMap;
     double mToleranceSquared;
     std::vector<double> mParent;
+    TileData<T, Traits::kTileWidth, 1, 0> mHalo;
 };
 
 /// What the test pass needs besides the channel.
@@ -170,7 +228,7 @@ TileIndexLists<Traits> collectReproducedChildren(Container<Traits> const& contai
     Lists lists;
     if (pass.minParentDepth > pass.maxParentDepth) return lists;
     SampleMap<Traits> const map(pass.offset);
-    auto perTile = [&channel, &pass, test = ChildTest<Traits, T>(map, pass.toleranceSquared)](
+    auto perTile = [&container, &channel, &pass, test = ChildTest<Traits, T>(map, pass.toleranceSquared)](
                        Tile<Traits> const& tile, Lists& out) mutable {
         if (TVL::bodyCancelled()) return;
         if (tile.isLeaf()) return;
@@ -195,7 +253,10 @@ TileIndexLists<Traits> collectReproducedChildren(Container<Traits> const& contai
                 if (e.size() == kBlock) error = e.data();
             }
             if (parent.size() == kBlock && child.size() == kBlock && (candidate || error)) {
-                if (!loaded) test.loadParent(parent.data());
+                if (!loaded) {
+                    auto accessor = container.tileAccessor();
+                    test.loadParent(tile, channel, pass.offset, accessor);
+                }
                 loaded = true;
                 reproduced = test.passes(Tile<Traits>::slotCoordinates(s), child.data(), error);
             }
