@@ -522,10 +522,22 @@ void levelSetRedistance(Container<Traits> const& container, VoxelTopology<Traits
                         performCoalescedRedistance, scheme == kRedistanceSweeping ? nullptr : dof, name);
 }
 
+template <typename Traits>
+void setNonDOFValues(int minDepth, int maxDepth, Container<Traits> const& container,
+                     VoxelChannel<Traits, short> const& dof, VoxelChannel<Traits, float>& io_distance, int haloMode)
+{
+    (void)haloMode;
+    Quillon::String const name("Volume::LevelSet::setNonDOFValues");
+    detail::restrictToParents(container, dof, io_distance, minDepth, maxDepth, name);
+    detail::interpolateHanging(container, dof, io_distance, std::max(1, minDepth), maxDepth, name);
+}
+
 #define HEXMOLD_INSTANTIATE_REDISTANCE(TR)                                                          \
     template HEXMOLD_API decltype(levelSetRedistance<TR>) levelSetRedistance<TR>;                    \
     template HEXMOLD_API decltype(levelSetReInitialize<TR>) levelSetReInitialize<TR>;
 HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_REDISTANCE)
+template HEXMOLD_API decltype(setNonDOFValues<Traits24>) setNonDOFValues<Traits24>;
+template HEXMOLD_API decltype(setNonDOFValues<Traits55>) setNonDOFValues<Traits55>;
 #undef HEXMOLD_INSTANTIATE_REDISTANCE
 
 } // namespace VolumeGL::TileTree3D::LevelSet

@@ -83,6 +83,19 @@ HEXMOLD_API void levelSetRedistance(TVL::TileTree3D::Container<Traits> const& co
                                     TVL::TileTree3D::VoxelChannel<Traits, short> const* dof,
                                     Quillon::String const& name, RedistancingScheme scheme);
 
+/// @brief Gives the voxels that are not degrees of freedom their values from the DOFs, as
+///        `levelSetRedistance` ends with a DOF channel: covered voxels (flag 2) take the child
+///        voxel at the low corner of their region, finer depths first, over depths [minDepth,
+///        maxDepth]; then hanging voxels (flag 4) take the linear, bilinear or trilinear mix of the
+///        coarser lattice around them, coarser depths first.
+/// @param haloMode  accepted for the callers; the fill does not depend on it
+/// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only.
+/// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
+template <typename Traits>
+HEXMOLD_API void setNonDOFValues(int minDepth, int maxDepth, TVL::TileTree3D::Container<Traits> const& container,
+                                 TVL::TileTree3D::VoxelChannel<Traits, short> const& dof,
+                                 TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance, int haloMode);
+
 /// @brief Re-initialization: @p passes explicit first-order steps of
 ///        phi_t + S(phi)(|grad phi| - 1) = 0 on the DOF voxels (flag 1) of depths
 ///        [minDepth, maxDepth], with the time step the finest voxel size at every depth.

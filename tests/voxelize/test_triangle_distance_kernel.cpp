@@ -260,37 +260,40 @@ TYPED_TEST(LatticeKernel, RangeFarValueAndBandFlag)
 
 // A triangle whose vertices all fall in one voxel still visits that voxel, and only it; a
 // triangle lying exactly in a plane of samples still visits one voxel across that plane.
-TYPED_TEST(LatticeKernel, TriangleInsideOneVoxelVisitsThatVoxel)
+TYPED_TEST(LatticeKernel, TriangleInsideOneVoxelVisitsThatVoxelAndItsNeighbours)
 {
     using Tr = TypeParam;
     constexpr int W = Tr::kTileWidth;
     float const h = 0.125f;
     TriangleMesh m;
     // In voxel coordinates (world / h - 0.5, so that voxel n has its sample at n) the vertices
-    // lie in [1.1, 1.18] x [2.14, 2.22] x {2}: the box is one voxel in x and y, and has no
-    // extent in z, where the visit still takes one voxel.
+    // lie in [1.1, 1.18] x [2.14, 2.22] x {2}: the box of the vertices, floor to ceil, grown by a
+    // voxel on each side, is x in [0, 3], y in [1, 4], z in [1, 3] (a flat box takes one voxel).
     m.positions = {{0.20f, 0.33f, 0.3125f}, {0.21f, 0.33f, 0.3125f}, {0.20f, 0.34f, 0.3125f}};
     m.triangles = {{0, 1, 2}};
     auto const ctx = contextFor<Tr>(m, h, 1e30f);
     TileData<float, W, 0, 0> dist(W * W * W, 1e30f);
     TileData<TriangleId, W, 0, 0> ids(W * W * W, std::int64_t(-1));
     visitTileTriangle<Tr>(ctx, int3{0, 0, 0}, 0, dist, ids);
-    int visited = 0;
+    int visited = 0, expected = 0;
     for (int z = 0; z < W; ++z)
         for (int y = 0; y < W; ++y)
-            for (int x = 0; x < W; ++x)
-                if (ids(x, y, z) == 0) {
-                    ++visited;
-                    EXPECT_EQ(x, 1);
-                    EXPECT_EQ(y, 2);
-                    EXPECT_EQ(z, 2);
-                    float3 const p{nodeCoordinate(0, 1, x, 0.5f, h), nodeCoordinate(0, 1, y, 0.5f, h),
-                                   nodeCoordinate(0, 1, z, 0.5f, h)};
-                    EXPECT_NEAR(dist(x, y, z),
-                                double(testmeshes::triangleDistance(p, m.positions[0], m.positions[1], m.positions[2])),
-                                1e-7);
+            for (int x = 0; x < W; ++x) {
+                bool const inBox = x <= 3 && y >= 1 && y <= 4 && z >= 1 && z <= 3;
+                expected += inBox;
+                if (ids(x, y, z) != 0) {
+                    EXPECT_FALSE(inBox) << x << "," << y << "," << z;
+                    continue;
                 }
-    EXPECT_EQ(visited, 1);
+                ++visited;
+                EXPECT_TRUE(inBox) << x << "," << y << "," << z;
+                float3 const p{nodeCoordinate(0, 1, x, 0.5f, h), nodeCoordinate(0, 1, y, 0.5f, h),
+                               nodeCoordinate(0, 1, z, 0.5f, h)};
+                EXPECT_NEAR(dist(x, y, z),
+                            double(testmeshes::triangleDistance(p, m.positions[0], m.positions[1], m.positions[2])),
+                            1e-7);
+            }
+    EXPECT_EQ(visited, expected);
 }
 
 // ---- the red-black sweep ------------------------------------------------------------------------

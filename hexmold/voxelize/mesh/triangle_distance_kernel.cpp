@@ -67,9 +67,10 @@ void visitTileTriangle(TriangleKernelContext const& ctx, int3 const& corner, std
         double const off = ctx.voxelOffset[axis];
         double const va = a[axis] * inv - off, vb = b[axis] * inv - off, vc = c[axis] * inv - off;
         double const corner0 = corner[axis];
-        double l = std::floor(std::min({va, vb, vc})) - corner0;
-        double h = std::ceil(std::max({va, vb, vc})) - corner0;
-        if (l == h) h += 1.0;
+        // The box of the vertices grown by a voxel: the voxels next to the triangle get their
+        // exact distance here rather than through the sweep's neighbours.
+        double l = std::floor(std::min({va, vb, vc})) - corner0 - 1.0;
+        double h = std::ceil(std::max({va, vb, vc})) - corner0 + 2.0;
         l = std::clamp(l, 0.0, double(W));
         h = std::clamp(h, 0.0, double(W));
         lo[axis] = static_cast<int>(l);

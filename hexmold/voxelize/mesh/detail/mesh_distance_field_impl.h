@@ -28,6 +28,7 @@
 #include <hexmold/substrate/scope_guard.h>
 #include <hexmold/substrate/visitor.h>
 #include <hexmold/voxelize/mesh/detail/lattice_kernel.h>
+#include <hexmold/voxelize/mesh/detail/mesh_stage_names.h>
 #include <hexmold/voxelize/mesh/edge_intersections.h>
 #include <hexmold/voxelize/mesh/mesh_interior.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
@@ -37,22 +38,6 @@ namespace VolumeGL::TileTree3D::detail {
 using namespace TVL::TileTree3D;
 namespace Par = TVL::Parallel;
 using Tavrel::Math::double3;
-
-/// Timer names of the build, made once.
-struct MeshStageNames {
-    static Quillon::String const& name(char const* stage)
-    {
-        // The stages are few and fixed; a small table keeps each string built once.
-        static std::vector<std::unique_ptr<Quillon::String>> table;
-        static std::mutex lock;
-        std::lock_guard<std::mutex> guard(lock);
-        Quillon::String const full = Quillon::String("Geometry::Converters::mesh_to_level_set.") + stage;
-        for (auto const& s : table)
-            if (*s == full) return *s;
-        table.push_back(std::make_unique<Quillon::String>(full));
-        return *table.back();
-    }
-};
 
 /// floor(log_R(x)) for finite positive x, by exact multiplication (no rounding of a logarithm
 /// at exact powers).
@@ -84,14 +69,6 @@ inline std::int64_t floorDiv(std::int64_t a, std::int64_t b)
     std::int64_t q = a / b;
     if ((a % b != 0) && ((a < 0) != (b < 0))) --q;
     return q;
-}
-
-/// Debug lines of the build start with the frame and ": mesh_volume.".
-inline Quillon::String meshDebugPrefix()
-{
-    std::ostringstream s;
-    s << CoreGL::Logger::frame() << ": mesh_volume.";
-    return s.str();
 }
 
 /// Everything one build shares.
