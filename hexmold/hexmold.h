@@ -22,7 +22,10 @@
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/topology.h>
+#include <hexmold/voxelize/mesh/edge_intersections.h>
 #include <hexmold/voxelize/mesh/mesh_distance_field.h>
+#include <hexmold/voxelize/mesh/mesh_interior.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
+#include <hexmold/voxelize/mesh/voxelize_mesh.h>
 #include <hexmold/voxelize/voxelize_types.h>
 

@@ -13,6 +13,7 @@
 #include "demo_redistance.h"
 #include "demo_resize.h"
 #include "demo_volume.h"
+#include "voxelize_command.h"
 
 namespace {
 
@@ -48,7 +49,12 @@ int main(int argc, char** argv)
         demo::runRedistanceDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", std::min(radius, 128.0));
         demo::runResizeDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", std::min(radius, 128.0));
         demo::runResizeDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", std::min(radius, 128.0));
-        return 0;
+        return hexmoldtool::runMeshDemo(256);
+    }
+    if (cmd == "voxelize" && argc > 2) {
+        hexmoldtool::VoxelizeArgs a;
+        a.mesh = argv[2];
+        return hexmoldtool::runVoxelize(a);
     }
     return usage();
 }
