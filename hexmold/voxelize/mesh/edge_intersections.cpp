@@ -196,17 +196,22 @@ int forEachCrossing(ulong3 const& triangle, FixedPointCoords const& coords, int3
     std::int64_t const width = coords.widths[static_cast<std::size_t>(depth)];
     // The fixed-point position of the tile's first sample, and the triangle's box in voxels
     // relative to it.
-    std::int64_t origin[3];
-    int lo[3], hi[3];
+    std::int64_t origin[3], mn[3], mx[3];
+    // Most triangles of a tile's list miss its samples' box: integer comparisons first.
+    std::int64_t const span = std::int64_t(W) * width;
     for (int ax = 0; ax < 3; ++ax) {
         origin[ax] = (std::int64_t(corner[ax]) + centreOffset) * kFixedPointScale + coords.sampleOffset[ax];
-        std::int64_t const mn = std::min({v0[ax], v1[ax], v2[ax]}) - origin[ax];
-        std::int64_t const mx = std::max({v0[ax], v1[ax], v2[ax]}) - origin[ax];
-        double const l = std::floor(double(mn) / double(width));
-        double const h = std::ceil(double(mx) / double(width));
-        if (h < 0.0 || l > double(W)) return 0;
-        lo[ax] = static_cast<int>(std::clamp(l, 0.0, double(W)));
-        hi[ax] = static_cast<int>(std::clamp(h, 0.0, double(W)));
+        mn[ax] = std::min({v0[ax], v1[ax], v2[ax]}) - origin[ax];
+        mx[ax] = std::max({v0[ax], v1[ax], v2[ax]}) - origin[ax];
+        if (mx[ax] < 0 || mn[ax] > span) return 0;
+    }
+    int lo[3], hi[3];
+    for (int ax = 0; ax < 3; ++ax) {
+        // Lines at samples n with n * width in [mn, mx]: n from ceil(mn / width) to floor(mx / width).
+        std::int64_t const l = mn[ax] <= 0 ? 0 : (mn[ax] + width - 1) / width;
+        std::int64_t const h = mx[ax] / width;
+        lo[ax] = static_cast<int>(std::min<std::int64_t>(l, W));
+        hi[ax] = static_cast<int>(std::min<std::int64_t>(h, W));
     }
     int count = 0;
     for (int a = 0; a < 3; ++a) {
