@@ -27,6 +27,7 @@
 #include <hexmold/substrate/scene_conversion.h>
 #include "support/analysis_scene.h"
 #include "support/trees.h"
+#include "support/linked.h"
 
 using namespace TVL::TileTree3D;
 using VolumeGL::TileTree3D::channelCoarsen;
@@ -784,10 +785,6 @@ TEST(ChannelCoarsenExports, EveryFormIsExported)
                                   Quillon::String const&);
     ObjectForm const a = &channelCoarsen;
     GeometryForm const b = &channelCoarsen;
-    auto const c = &levelSetCoarsen<Traits24>;
-    auto const d = &levelSetCoarsen<Traits55>;
-    EXPECT_NE(a, nullptr);
-    EXPECT_NE(b, nullptr);
-    EXPECT_NE(c, nullptr);
-    EXPECT_NE(d, nullptr);
+    // A link-time check (support/linked.h): a missing form fails the link.
+    testlinked::requireLinked(a, b, &levelSetCoarsen<Traits24>, &levelSetCoarsen<Traits55>);
 }
