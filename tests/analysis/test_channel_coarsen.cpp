@@ -1,7 +1,8 @@
 // Channel coarsening against a brute-force model written from world positions (the parent's
 // samples, means under non-leaf voxels, the trilinear reading with the edge cell extended, the
 // bottom-up rule that a tile keeping a child stays), on sphere trees of both tree types: linear
-// fields, reproduction within the tolerance, the listed edge cases, the band, the error channel,
+// fields, reproduction within the tolerance, a zero error, a minimum detail size, a zero box side,
+// a missing, mismatched or empty input and NaN arguments, the band, the error channel,
 // levelSetCoarsen's lists and box, bad input, determinism, cancellation and the exports.
 #include <gtest/gtest.h>
 

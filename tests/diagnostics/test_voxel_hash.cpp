@@ -1,5 +1,6 @@
-// Voxel hash: recomputed here from its mixing steps on hand-made tiles, the listed edge cases,
-// the debug line, tolerance between runs and thread counts, cancellation.
+// Voxel hash: recomputed here from its mixing steps on hand-made tiles, tiles without a block,
+// changed or swapped voxels, tiles whose corners have equal sums, the debug line, tolerance between
+// runs and thread counts, cancellation.
 #include <gtest/gtest.h>
 
 #include <bit>

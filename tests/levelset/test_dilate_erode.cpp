@@ -1,7 +1,8 @@
-// Dilation and erosion: on a sphere band against the exact distance (the band covered, nothing
-// far kept), the listed edge cases with the radii and thresholds worked out by hand, the log
-// lines and timers, tiles without a channel block, the channel that is only read by erosion and
-// follows it through the usual update, and determinism over thread counts.
+// Dilation and erosion: on a sphere band against the exact distance (the band covered, nothing far
+// kept); zero bandwidth, background-only tiles, coarse surface tiles and an empty volume, with the
+// radii and thresholds worked out by hand; the log lines and timers, tiles without a channel block,
+// the channel that is only read by erosion and follows it through the usual update, and determinism
+// over thread counts.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,6 +1,7 @@
-// DOF classification: against a classifier written from the flag definitions by explicit
-// neighbour search, on random graded and ungraded trees of both tree types; the listed edge
-// cases; the object form; determinism and cancellation.
+// DOF classification: against a classifier written from the flag definitions by explicit neighbour
+// search, on random graded and ungraded trees of both tree types; a lone tile hanging on its three
+// low faces, a uniform block of deepest tiles, a parent voxel over a hanging child voxel; the
+// object form; determinism and cancellation.
 #include <gtest/gtest.h>
 
 #include <cstdint>

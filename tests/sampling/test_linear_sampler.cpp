@@ -1,6 +1,7 @@
 // Linear sampler: linear fields reproduced at random positions across tile borders and resolution
-// jumps for cell-centred and other offset types, the integer instances, the listed edge cases,
-// the thread-safe wrapper, determinism; and ensureSamplerAssumptions.
+// jumps for cell-centred and other offset types, the integer instances, positions outside all
+// tiles, a zero voxel size, a voxel's own position beside huge values, the thread-safe wrapper,
+// determinism; and ensureSamplerAssumptions.
 #include <gtest/gtest.h>
 
 #include <algorithm>
