@@ -6,12 +6,15 @@
 #include <cmath>
 #include <functional>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/api/create_level_set.h>
 #include <hexmold/api/error.h>
 #include <hexmold/api/sample.h>
+#include <hexmold/platform/quillon/job.h>
+#include <hexmold/platform/tavrel/math_support.h>
 #include "support/api_volumes.h"
 
 using namespace testapi;
@@ -267,4 +270,34 @@ TEST(CreateLevelSet, RefusesBadOptions)
               "hexmold::createLevelSetSphere: unknown tree layout 3");
     EXPECT_EQ(with([](LevelSetOptions& o) { o.voxelSize = 1e-300; }),
               "hexmold::createLevelSetSphere: the voxel size 0.000000 is out of single-precision range");
+}
+
+TYPED_TEST(CreateLevelSet, OneAndAllThreadsGiveTheSameBits)
+{
+    using Tr = TypeParam;
+    LevelSetOptions const o = options<Tr>(TreeLayout::kAdaptive);
+    Volume const all = hexmold::createLevelSetTorus({0, 0, 0}, 1.0, 0.4, o);
+    Volume one;
+    {
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        one = hexmold::createLevelSetTorus({0, 0, 0}, 1.0, 0.4, o);
+    }
+    EXPECT_TRUE(sameBits<Tr>(all.object(), one.object()));
+}
+
+TEST(CreateLevelSet, CancellationThrowsTheSharedMessage)
+{
+    Quillon::requestJobCancellation();
+    std::string message;
+    bool refusal = false;
+    try {
+        hexmold::createLevelSetSphere({0, 0, 0}, 1.0);
+    } catch (hexmold::Error const&) {
+        refusal = true;
+    } catch (std::runtime_error const& e) {
+        message = e.what();
+    }
+    Quillon::clearJobCancellation();
+    EXPECT_FALSE(refusal) << "cancellation is not a refused input";
+    EXPECT_EQ(message, TVL::exceptionMessage);
 }

@@ -4,11 +4,14 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 #include <hexmold/api/create_level_set.h>
 #include <hexmold/api/error.h>
 #include <hexmold/api/sample.h>
+#include <hexmold/platform/quillon/job.h>
+#include <hexmold/platform/tavrel/math_support.h>
 #include <hexmold/sampling/linear_sampler.h>
 #include "support/api_volumes.h"
 
@@ -89,4 +92,19 @@ TEST(SampleApi, RefusesAnEmptyVolume)
     Volume const empty;
     EXPECT_EQ(errorOf([&] { hexmold::sample(empty, double3{0, 0, 0}); }),
               "hexmold::sample: the volume is empty (it holds no tile tree)");
+}
+
+TEST(SampleApi, CancellationThrowsTheSharedMessage)
+{
+    Volume const v = torus<Traits24>();
+    std::vector<double3> const points(10000, double3{0.5, 0.5, 0.0});
+    Quillon::requestJobCancellation();
+    std::string message;
+    try {
+        hexmold::sample(v, points);
+    } catch (std::runtime_error const& e) {
+        message = e.what();
+    }
+    Quillon::clearJobCancellation();
+    EXPECT_EQ(message, TVL::exceptionMessage);
 }
