@@ -6,6 +6,14 @@
 #include <hexmold/analysis/coarsen_refine.h>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/analysis/level_set_sampler.h>
+#include <hexmold/api/analyze.h>
+#include <hexmold/api/create_level_set.h>
+#include <hexmold/api/dilate_erode.h>
+#include <hexmold/api/error.h>
+#include <hexmold/api/redistance.h>
+#include <hexmold/api/resize.h>
+#include <hexmold/api/sample.h>
+#include <hexmold/api/volume.h>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/diagnostics/object_info.h>
 #include <hexmold/levelset/dilate_erode.h>

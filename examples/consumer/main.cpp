@@ -1,18 +1,23 @@
-// Builds a small tile tree around a sphere and counts its tiles per depth.
+// A sphere's level set through the hexmold:: layer: make it, widen its band, derive its mean
+// curvature, read it back at a point, and see a refused input.
+#include <cmath>
 #include <cstdio>
 #include <hexmold/hexmold.h>
 
 int main()
 {
-    using namespace TVL::TileTree3D;
-    Container<Traits24> tree("tree", 0.01f);        // finest voxels of 1 cm
-    auto acc = tree.tileAccessor();
-    for (int k = -40; k <= 40; k += 4)               // tiles touching a sphere of radius 30 voxels
-        for (int j = -40; j <= 40; j += 4)
-            for (int i = -40; i <= 40; i += 4)
-                if (i * i + j * j + k * k > 26 * 26 && i * i + j * j + k * k < 34 * 34)
-                    acc.addTile(i, j, k, Traits24::kMaxDepth);
-    std::printf("%lld tiles, %lld at the finest depth\n", (long long)tree.tileCount(-1),
-                (long long)tree.tileCount(Traits24::kMaxDepth));
-    return tree.tileCount(Traits24::kMaxDepth) > 0 ? 0 : 1;
+    hexmold::LevelSetOptions options;
+    options.voxelSize = 0.01;                                    // finest voxels of 1 cm
+    hexmold::Volume sphere = hexmold::createLevelSetSphere({0, 0, 0}, 0.3, options);
+    hexmold::resize(sphere, {.bandVoxels = 6});                  // 6 voxels on either side
+    hexmold::analyze(sphere, hexmold::AnalyzeOperator::kMeanCurvature);
+    float const d = hexmold::sample(sphere, {0.33, 0, 0});       // 3 cm outside
+    std::printf("%llu voxels, %.1f MB, distance at (0.33, 0, 0): %.4f\n",
+                (unsigned long long)sphere.voxelCount(), sphere.memoryBytes() / 1e6, d);
+    try {
+        hexmold::createLevelSetSphere({0, 0, 0}, -1.0);
+    } catch (hexmold::Error const& e) {
+        std::printf("%s\n", e.what());                           // names the entry and the fault
+    }
+    return std::abs(d - 0.03f) < 0.002f ? 0 : 1;
 }

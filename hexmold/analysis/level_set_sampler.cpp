@@ -14,7 +14,7 @@ LevelSetSamplerReader<Traits>::LevelSetSamplerReader(LevelSetSampler const& desc
                                                      VoxelTopology<Traits> const& topology,
                                                      VoxelChannel<Traits, float> const& channel,
                                                      bbox<float3, float> const* box)
-    : mSpec(description), mBox(box ? *box : bbox<float3, float>{}), mHasBox(box != nullptr && !box->empty()),
+    : mDescription(description), mBox(box ? *box : bbox<float3, float>{}), mHasBox(box != nullptr && !box->empty()),
       mVoxelSize(container.voxelSize()), mLinear(container, topology, channel)
 {
 }
@@ -36,7 +36,7 @@ template <typename Traits> bool LevelSetSamplerReader<Traits>::outsideBox(int3 c
         }
         return false;
     };
-    return (mHasBox && outside(mBox)) || (!mSpec.bounds.empty() && outside(mSpec.bounds));
+    return (mHasBox && outside(mBox)) || (!mDescription.bounds.empty() && outside(mDescription.bounds));
 }
 
 template <typename Traits> bool LevelSetSamplerReader<Traits>::wantsTile(int3 const& corner, int depth, float offset)
@@ -46,7 +46,7 @@ template <typename Traits> bool LevelSetSamplerReader<Traits>::wantsTile(int3 co
     double3 const centre{(corner.x + 0.5 * w) * mVoxelSize, (corner.y + 0.5 * w) * mVoxelSize,
                          (corner.z + 0.5 * w) * mVoxelSize};
     float const d = distance(centre);
-    return std::abs(d) <= float(w * mVoxelSize) * mSpec.bandFactorAt(depth - 1) + offset;
+    return std::abs(d) <= float(w * mVoxelSize) * mDescription.bandFactorAt(depth - 1) + offset;
 }
 
 template class HEXMOLD_API LevelSetSamplerReader<Traits24>;

@@ -66,7 +66,7 @@ public:
     bool outsideBox(Tavrel::Math::int3 const& corner, int depth) const;
 
 private:
-    LevelSetSampler mSpec;
+    LevelSetSampler mDescription;
     TVL::TileTree3D::bbox<Tavrel::Math::float3, float> mBox;
     bool mHasBox;
     double mVoxelSize;

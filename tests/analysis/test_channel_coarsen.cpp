@@ -2,7 +2,8 @@
 // samples, means under non-leaf voxels, the trilinear reading in the parent's samples with a rim
 // from same-depth neighbours, or the linear extension where the neighbour is coarser, the
 // bottom-up rule that a tile keeping a child stays), on sphere trees of both tree types: linear
-// fields, reproduction within the tolerance, the listed edge cases, the band, the error channel,
+// fields, reproduction within the tolerance, a zero error, a minimum detail size, a zero box side,
+// a missing, mismatched or empty input and NaN arguments, the band, the error channel,
 // levelSetCoarsen's lists and box, bad input, determinism, cancellation and the exports.
 #include <gtest/gtest.h>
 
@@ -28,6 +29,7 @@
 #include <hexmold/substrate/scene_conversion.h>
 #include "support/analysis_scene.h"
 #include "support/trees.h"
+#include "support/linked.h"
 
 using namespace TVL::TileTree3D;
 using VolumeGL::TileTree3D::channelCoarsen;
@@ -820,10 +822,6 @@ TEST(ChannelCoarsenExports, EveryFormIsExported)
                                   Quillon::String const&);
     ObjectForm const a = &channelCoarsen;
     GeometryForm const b = &channelCoarsen;
-    auto const c = &levelSetCoarsen<Traits24>;
-    auto const d = &levelSetCoarsen<Traits55>;
-    EXPECT_NE(a, nullptr);
-    EXPECT_NE(b, nullptr);
-    EXPECT_NE(c, nullptr);
-    EXPECT_NE(d, nullptr);
+    // A link-time check (support/linked.h): a missing form fails the link.
+    testlinked::requireLinked(a, b, &levelSetCoarsen<Traits24>, &levelSetCoarsen<Traits55>);
 }

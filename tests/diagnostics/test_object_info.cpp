@@ -14,6 +14,7 @@
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/object.h>
 #include "support/random_trees.h"
+#include "support/linked.h"
 
 using namespace TVL::TileTree3D;
 using CoreGL::ComponentInfo;
@@ -269,8 +270,8 @@ TEST_F(LogLevels, AComponentMissingBeforeIsAWarningOnly)
     EXPECT_EQ(loud.second, "verifyObjectInfo.warning: Component new does not exist in objectInfo struct\n");
 }
 
+// A link-time check (support/linked.h): a missing instantiation fails the link.
 TEST(ObjectInfoExports, BothFunctionsAreExported)
 {
-    EXPECT_NE(&CoreGL::computeObjectInfo, nullptr);
-    EXPECT_NE(&CoreGL::verifyObjectInfo, nullptr);
+    testlinked::requireLinked(&CoreGL::computeObjectInfo, &CoreGL::verifyObjectInfo);
 }

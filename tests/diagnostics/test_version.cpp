@@ -1,6 +1,7 @@
 // Tests of the version banner: its parts, its text, and when it is written.
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <fcntl.h>
@@ -108,18 +109,27 @@ TEST(Version, ProductAndModuleAreHexmold)
     EXPECT_STREQ(CoreGL::versionModuleName(), "Hexmold");
 }
 
-TEST(Version, PartsAreSet)
+TEST(Version, PartsAreTheProjectVersion)
 {
-    EXPECT_GE(CoreGL::versionMajor(), 0);
-    EXPECT_GE(CoreGL::versionMinor(), 0);
-    EXPECT_GE(CoreGL::versionPatch(), 0);
-    EXPECT_GE(CoreGL::versionTweak(), 0);
-    EXPECT_TRUE(std::regex_match(CoreGL::versionBuildDate(),
-                                 std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}")));
-    EXPECT_TRUE(std::regex_match(CoreGL::versionBuildNumber(), std::regex("[0-9]+")));
-    EXPECT_GT(std::string(CoreGL::versionCommit()).size(), 0u);
-    EXPECT_LE(std::string(CoreGL::versionCommit()).size(), 12u);
-    EXPECT_GT(std::string(CoreGL::versionBranch()).size(), 0u);
+    // HEXMOLD_PROJECT_VERSION: the version the build was configured with, "major.minor.patch.tweak".
+    std::string const parts = std::to_string(CoreGL::versionMajor()) + "." + std::to_string(CoreGL::versionMinor()) +
+                              "." + std::to_string(CoreGL::versionPatch()) + "." +
+                              std::to_string(CoreGL::versionTweak());
+    EXPECT_EQ(parts, HEXMOLD_PROJECT_VERSION);
+    EXPECT_TRUE(std::regex_match(CoreGL::versionBuildDate(), std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}")))
+        << CoreGL::versionBuildDate();
+}
+
+TEST(Version, SourceRevisionIsKnownInACheckout)
+{
+    // The "unknown" fallback is for builds outside a git checkout only.
+    if (!std::filesystem::exists(std::filesystem::path(HEXMOLD_SOURCE_DIR) / ".git"))
+        GTEST_SKIP() << "the sources at " << HEXMOLD_SOURCE_DIR << " are not a git checkout";
+    EXPECT_TRUE(std::regex_match(CoreGL::versionCommit(), std::regex("[0-9a-f]{12}"))) << CoreGL::versionCommit();
+    EXPECT_STRNE(CoreGL::versionBranch(), "unknown");
+    EXPECT_STRNE(CoreGL::versionBranch(), "");
+    EXPECT_TRUE(std::regex_match(CoreGL::versionBuildNumber(), std::regex("[1-9][0-9]*")))
+        << CoreGL::versionBuildNumber();
 }
 
 TEST(Version, TextHasTheBannerFormat)

@@ -1,7 +1,8 @@
-// Dilation and erosion: on a sphere band against the exact distance (the band covered, nothing
-// far kept), the listed edge cases with the radii and thresholds worked out by hand, the log
-// lines and timers, tiles without a channel block, the channel that is only read by erosion and
-// follows it through the usual update, and determinism over thread counts.
+// Dilation and erosion: on a sphere band against the exact distance (the band covered, nothing far
+// kept); zero bandwidth, background-only tiles, coarse surface tiles and an empty volume, with the
+// radii and thresholds worked out by hand; the log lines and timers, tiles without a channel block,
+// the channel that is only read by erosion and follows it through the usual update, and determinism
+// over thread counts.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -22,6 +23,7 @@
 #include "support/analysis_scene.h"
 #include "support/random_trees.h"
 #include "support/trees.h"
+#include "support/linked.h"
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
@@ -498,24 +500,23 @@ TYPED_TEST(DilateErode, TilesWithoutAChannelBlockAreRemovedAndTheChannelIsOnlyRe
     }
 }
 
-template <typename Tr, typename Lg> void const* erodeAddress()
+/// The four-argument erosion: (bandwidth, tree, distance, logger).
+template <typename Tr, typename Lg> auto erodeAddress()
 {
     void (*f)(float, Container<Tr>&, VoxelChannel<Tr, float>&, Lg const&) = &erode<Tr, Lg>;
-    return reinterpret_cast<void const*>(f);
+    return f;
 }
 
+// A link-time check (support/linked.h): a missing instantiation fails the link.
 TEST(DilateErode, EveryInstanceIsExported)
 {
     using namespace CoreGL;
-    std::vector<void const*> const all{
-        reinterpret_cast<void const*>(&dilate<Traits24, QuillonLogger>), reinterpret_cast<void const*>(&dilate<Traits24, ConsoleLogger>),
-        reinterpret_cast<void const*>(&dilate<Traits24, NOPLogger>),     reinterpret_cast<void const*>(&dilate<Traits55, QuillonLogger>),
-        reinterpret_cast<void const*>(&dilate<Traits55, ConsoleLogger>), reinterpret_cast<void const*>(&dilate<Traits55, NOPLogger>),
-        // The four-argument erosion: (bandwidth, tree, distance, logger).
-        erodeAddress<Traits24, QuillonLogger>(), erodeAddress<Traits24, ConsoleLogger>(),
-        erodeAddress<Traits24, NOPLogger>(),     erodeAddress<Traits55, QuillonLogger>(),
-        erodeAddress<Traits55, ConsoleLogger>(), erodeAddress<Traits55, NOPLogger>()};
-    for (void const* f : all) EXPECT_NE(f, nullptr);
+    testlinked::requireLinked(&dilate<Traits24, QuillonLogger>, &dilate<Traits24, ConsoleLogger>,
+                              &dilate<Traits24, NOPLogger>, &dilate<Traits55, QuillonLogger>,
+                              &dilate<Traits55, ConsoleLogger>, &dilate<Traits55, NOPLogger>,
+                              erodeAddress<Traits24, QuillonLogger>(), erodeAddress<Traits24, ConsoleLogger>(),
+                              erodeAddress<Traits24, NOPLogger>(), erodeAddress<Traits55, QuillonLogger>(),
+                              erodeAddress<Traits55, ConsoleLogger>(), erodeAddress<Traits55, NOPLogger>());
 }
 
 } // namespace

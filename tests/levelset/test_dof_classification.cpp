@@ -1,6 +1,7 @@
-// DOF classification: against a classifier written from the flag definitions by explicit
-// neighbour search, on random graded and ungraded trees of both tree types; the listed edge
-// cases; the object form; determinism and cancellation.
+// DOF classification: against a classifier written from the flag definitions by explicit neighbour
+// search, on random graded and ungraded trees of both tree types; a lone tile hanging on its three
+// low faces, a uniform block of deepest tiles, a parent voxel over a hanging child voxel; the
+// object form; determinism and cancellation.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -18,6 +19,7 @@
 #include <hexmold/substrate/parallel.h>
 #include "support/random_trees.h"
 #include "support/trees.h"
+#include "support/linked.h"
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
@@ -365,18 +367,13 @@ TYPED_TEST(DOFClassification, CancellationThrowsAndLeavesTheObjectWhole)
     EXPECT_TRUE((object->template hasComponentFromName<VoxelChannel<Tr, short>>("dof")));
 }
 
+// A link-time check (support/linked.h): a missing instantiation fails the link.
 TEST(DOFClassificationExports, EveryFormIsExported)
 {
     void (*a24)(Container<Traits24> const&, VoxelChannel<Traits24, short>&) = &classifyDegreesOfFreedom<Traits24>;
     void (*a55)(Container<Traits55> const&, VoxelChannel<Traits55, short>&) = &classifyDegreesOfFreedom<Traits55>;
     void (*b24)(Quillon::String const&, TVL::Object&) = &classifyDegreesOfFreedom<Traits24>;
     void (*b55)(Quillon::String const&, TVL::Object&) = &classifyDegreesOfFreedom<Traits55>;
-    auto c24 = &classifyTileDegreesOfFreedom<Traits24>;
-    auto c55 = &classifyTileDegreesOfFreedom<Traits55>;
-    EXPECT_NE(a24, nullptr);
-    EXPECT_NE(a55, nullptr);
-    EXPECT_NE(b24, nullptr);
-    EXPECT_NE(b55, nullptr);
-    EXPECT_NE(c24, nullptr);
-    EXPECT_NE(c55, nullptr);
+    testlinked::requireLinked(a24, a55, b24, b55, &classifyTileDegreesOfFreedom<Traits24>,
+                              &classifyTileDegreesOfFreedom<Traits55>);
 }

@@ -19,6 +19,7 @@
 #include <hexmold/substrate/parallel.h>
 #include "support/cancel_on_timer.h"
 #include "support/level_set_scenes.h"
+#include "support/linked.h"
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
@@ -220,22 +221,11 @@ TYPED_TEST(LevelSetRedistance, CancellationBeforeTheRecursionThrowsAndLeavesACon
     expectCancelled<TypeParam>(Path::kRecursive, ".initialize_unknown");
 }
 
+// A link-time check (support/linked.h): a missing instantiation fails the link.
 TEST(LevelSetRedistanceExports, EveryFormIsExported)
 {
-    auto a24 = &levelSetRedistance<Traits24>;
-    auto a55 = &levelSetRedistance<Traits55>;
-    auto b24 = &levelSetReInitialize<Traits24>;
-    auto b55 = &levelSetReInitialize<Traits55>;
-    auto c24 = &redistanceTiles<Traits24>;
-    auto c55 = &redistanceTiles<Traits55>;
-    auto d24 = &tileColor<Traits24>;
-    auto d55 = &tileColor<Traits55>;
-    EXPECT_NE(a24, nullptr);
-    EXPECT_NE(a55, nullptr);
-    EXPECT_NE(b24, nullptr);
-    EXPECT_NE(b55, nullptr);
-    EXPECT_NE(c24, nullptr);
-    EXPECT_NE(c55, nullptr);
-    EXPECT_NE(d24, nullptr);
-    EXPECT_NE(d55, nullptr);
+    testlinked::requireLinked(&levelSetRedistance<Traits24>, &levelSetRedistance<Traits55>,
+                              &levelSetReInitialize<Traits24>, &levelSetReInitialize<Traits55>,
+                              &redistanceTiles<Traits24>, &redistanceTiles<Traits55>, &tileColor<Traits24>,
+                              &tileColor<Traits55>);
 }

@@ -1,4 +1,4 @@
-// levelSetRedistance, the listed edge cases one test each: both sides off, re-initialization
+// levelSetRedistance at the edges of its input, one test each: both sides off, re-initialization
 // without DOFs and with an odd pass count, masks (none negative, an interior pocket, a frozen
 // half-space), the caller's value types (with both sides off, known and excluded voxels), a
 // single depth, no passes, all one sign, hanging voxels at a coarse-fine border, a band in which

@@ -24,6 +24,7 @@
 #include <hexmold/substrate/parallel.h>
 #include "support/analysis_scene.h"
 #include "support/random_trees.h"
+#include "support/linked.h"
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
@@ -491,11 +492,11 @@ TEST(Resize, CancellationThrowsAndTheComponentsReturn)
     EXPECT_TRUE(scene.object->hasComponentFromName(kPhi));
 }
 
+// A link-time check (support/linked.h): a missing instantiation fails the link.
 TEST(Resize, EveryInstanceIsExported)
 {
-    EXPECT_NE(reinterpret_cast<void const*>(&resize<CoreGL::QuillonLogger>), nullptr);
-    EXPECT_NE(reinterpret_cast<void const*>(&resize<CoreGL::ConsoleLogger>), nullptr);
-    EXPECT_NE(reinterpret_cast<void const*>(&resize<CoreGL::NOPLogger>), nullptr);
+    testlinked::requireLinked(&resize<CoreGL::QuillonLogger>, &resize<CoreGL::ConsoleLogger>,
+                              &resize<CoreGL::NOPLogger>);
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// Tests of the cancellation exception text.
-#include <stdexcept>
+// The cancellation message and the host's cancellation flag. The exception that carries the
+// message is thrown by throwIfJobCancelled, tested with the substrate (test_cancel.cpp).
 #include <gtest/gtest.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/math_support.h>
@@ -9,15 +9,11 @@ TEST(MathSupport, ExceptionMessageIsJobCancelled)
     EXPECT_EQ(TVL::exceptionMessage, "Job cancelled.");
 }
 
-TEST(MathSupport, CancellationErrorCarriesTheMessage)
+TEST(MathSupport, CancellationRequestIsSeenAndCleared)
 {
+    EXPECT_FALSE(Quillon::isJobCancelled());
     Quillon::requestJobCancellation();
-    try {
-        if (Quillon::isJobCancelled()) throw std::runtime_error(TVL::exceptionMessage);
-        ADD_FAILURE() << "cancellation not seen";
-    } catch (std::runtime_error const& e) {
-        EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
-    }
+    EXPECT_TRUE(Quillon::isJobCancelled());
     Quillon::clearJobCancellation();
     EXPECT_FALSE(Quillon::isJobCancelled());
 }

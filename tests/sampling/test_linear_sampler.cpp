@@ -1,6 +1,7 @@
 // Linear sampler: linear fields reproduced at random positions across tile borders and resolution
-// jumps for cell-centred and other offset types, the integer instances, the listed edge cases,
-// the thread-safe wrapper, determinism; and ensureSamplerAssumptions.
+// jumps for cell-centred and other offset types, the integer instances, positions outside all
+// tiles, a zero voxel size, a voxel's own position beside huge values, the thread-safe wrapper,
+// determinism; and ensureSamplerAssumptions.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -23,6 +24,7 @@
 #include <hexmold/substrate/topology.h>
 #include "support/random_trees.h"
 #include "support/trees.h"
+#include "support/linked.h"
 
 using namespace TVL::TileTree3D;
 using Tavrel::Math::double3;
@@ -555,20 +557,16 @@ TYPED_TEST(SamplerAssumptions, CancellationThrows)
     EXPECT_EQ(c.tileCount(-1), before) << "nothing merged before the first depth finished";
 }
 
+// A link-time check (support/linked.h): a missing instantiation fails the link.
 TEST(LinearSamplerExports, EveryInstanceIsExported)
 {
-    int taken = 0;
 #define HEXMOLD_TAKE(TR, T)                                                                        \
-    {                                                                                              \
-        auto const a = &VoxelSamplerLinear<TR, T, TR::kTileWidth, 2, float3>::valueAtTileSpace;    \
-        auto const b = &VoxelSamplerLinear<TR, T, TR::kTileWidth, 2, double3>::value;              \
-        auto const c = &LinearVolumeSampler<TR, T>::sample;                                        \
-        taken += (a != nullptr) + (b != nullptr) + (c != nullptr);                                 \
-    }
+    testlinked::requireLinked(&VoxelSamplerLinear<TR, T, TR::kTileWidth, 2, float3>::valueAtTileSpace, \
+                              &VoxelSamplerLinear<TR, T, TR::kTileWidth, 2, double3>::value,      \
+                              &LinearVolumeSampler<TR, T>::sample);
     HEXMOLD_FOR_EACH_SAMPLER_ELEMENT(HEXMOLD_TAKE, Traits24)
     HEXMOLD_FOR_EACH_SAMPLER_ELEMENT(HEXMOLD_TAKE, Traits55)
 #undef HEXMOLD_TAKE
-    EXPECT_EQ(taken, 2 * 9 * 3);
-    EXPECT_NE(&CoreGL::TileTree3D::ensureSamplerAssumptions<Traits24>, nullptr);
-    EXPECT_NE(&CoreGL::TileTree3D::ensureSamplerAssumptions<Traits55>, nullptr);
+    testlinked::requireLinked(&CoreGL::TileTree3D::ensureSamplerAssumptions<Traits24>,
+                              &CoreGL::TileTree3D::ensureSamplerAssumptions<Traits55>);
 }
