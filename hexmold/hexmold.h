@@ -14,6 +14,7 @@
 #include <hexmold/api/resize.h>
 #include <hexmold/api/sample.h>
 #include <hexmold/api/volume.h>
+#include <hexmold/api/voxelize_mesh.h>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/diagnostics/object_info.h>
 #include <hexmold/levelset/dilate_erode.h>
