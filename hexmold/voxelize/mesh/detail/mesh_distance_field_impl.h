@@ -915,8 +915,6 @@ void buildAdaptive(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Trian
         auto acc = scratch.tileAccessor();
         for (auto const& store : refiner.out)
             for (auto const& v : store) acc.addTile(v.coord);
-        for (auto const& store : refiner.edgeOut)
-            for (auto const& e : store) acc.addTile(e.coord);
         C ordered("", b.voxelSize);
         addTilesInCanonicalOrder(scratch, ordered);
         b.container.refine(ordered, nullptr, true);
