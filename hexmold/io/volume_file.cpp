@@ -196,7 +196,7 @@ std::vector<int3> readTileLayout(Path const& path, openvdb::GridBase const& base
         openvdb::Coord const c = it.getCoord();
         int3 corner{};
         for (int a = 0; a < 3; ++a) {
-            std::int64_t const ordinal = c[a] + lattice.centre / lattice.voxelWidth;
+            std::int64_t const ordinal = c[a] - detail::DepthLattice::kShift + lattice.centre / lattice.voxelWidth;
             if (ordinal < 0 || ordinal >= across) fail(path, what + " has a tile outside the tree's domain");
             corner[a] = static_cast<int>(lattice.corner(c[a]));
         }
