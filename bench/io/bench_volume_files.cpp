@@ -5,19 +5,19 @@
 // sphere with io::File (Blosc). Medians of interleaved repeats: MB on disk, seconds and MB/s
 // (file size over time).
 //   bench_io [radius-in-voxels (default 256)] [repeats (default 3)]
+#include "bench/support/timing.h"
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <string>
-#include <unistd.h>
-#include <vector>
 #include <hexmold/io/level_set_grid.h>
 #include <hexmold/io/volume_file.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
-#include "bench/support/timing.h"
+#include <string>
+#include <unistd.h>
+#include <vector>
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/io/File.h>
@@ -32,7 +32,10 @@ using benchtiming::msSince;
 using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
-double megabytes(fs::path const& p) { return double(fs::file_size(p)) / (1024.0 * 1024.0); }
+double megabytes(fs::path const& p)
+{
+    return double(fs::file_size(p)) / (1024.0 * 1024.0);
+}
 
 void row(char const* what, double mb, double seconds)
 {
@@ -41,20 +44,22 @@ void row(char const* what, double mb, double seconds)
 
 #if HEXMOLD_HAVE_OPENVDB
 template <typename Traits>
-void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& folder, fs::path const& sphere,
-             openvdb::FloatGrid::Ptr const& grid, int repeats)
+void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& folder,
+             fs::path const& sphere, openvdb::FloatGrid::Ptr const& grid, int repeats)
 {
     auto const t0 = Clock::now();
     hexmold::io::ImportLevelSetOptions options;
     options.tree = kind;
     auto const volume = hexmold::io::importLevelSet(sphere, "sphere", options);
     double const importMs = msSince(t0);
-    auto const tree = volume->template component<TVL::TileTree3D::Container<Traits>>("voxel_tile_tree");
+    auto const tree =
+        volume->template component<TVL::TileTree3D::Container<Traits>>("voxel_tile_tree");
     std::printf("%s: %lld tiles, %llu voxels (%lld deepest tiles); importLevelSet %.2f s\n", label,
                 (long long)tree->tileCount(-1), (unsigned long long)tree->voxelDataCount(-1),
                 (long long)tree->tileCount(Traits::kMaxDepth), importMs / 1000.0);
 
-    fs::path const ours = folder / "volume.vdb", plain = folder / "levelset.vdb", peer = folder / "peer.vdb";
+    fs::path const ours = folder / "volume.vdb", plain = folder / "levelset.vdb",
+                   peer = folder / "peer.vdb";
     std::vector<double> writeOurs, readOurs, writePlain, writePeer, readPeer;
     for (int r = 0; r < repeats; ++r) {
         auto t = Clock::now();
@@ -96,8 +101,8 @@ void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& fold
         hexmold::io::writeVolume(other, *volume, {c});
         std::printf("  volume file with %s compression: %.2f MB\n", name, megabytes(other));
     }
-    std::printf("  volume file / OpenVDB file: %.2f; level-set file / OpenVDB file: %.2f\n", mbOurs / mbPeer,
-                mbPlain / mbPeer);
+    std::printf("  volume file / OpenVDB file: %.2f; level-set file / OpenVDB file: %.2f\n",
+                mbOurs / mbPeer, mbPlain / mbPeer);
     std::printf("  write time ours / OpenVDB: %.2f; read time ours / OpenVDB: %.2f\n\n",
                 median(writeOurs) / median(writePeer), median(readOurs) / median(readPeer));
 }
@@ -114,13 +119,14 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: bench_io [radius-in-voxels 8..4096] [repeats]\n");
         return 2;
     }
-    fs::path const folder = fs::temp_directory_path() / ("hexmold_bench_io_" + std::to_string(::getpid()));
+    fs::path const folder =
+        fs::temp_directory_path() / ("hexmold_bench_io_" + std::to_string(::getpid()));
     fs::create_directories(folder);
     openvdb::initialize();
     // The world radius is 1; voxels of 1 / radius.
     float const voxel = 1.0f / radius;
-    auto grid = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0.013f, -0.021f, 0.007f),
-                                                                        voxel);
+    auto grid = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(
+        1.0f, openvdb::Vec3f(0.013f, -0.021f, 0.007f), voxel);
     grid->setName("sphere");
     fs::path const sphere = folder / "sphere.vdb";
     {
@@ -128,10 +134,14 @@ int main(int argc, char** argv)
         file.write({grid});
         file.close();
     }
-    std::printf("sphere level set: radius %g voxels (%g across), OpenVDB band %llu active voxels, %d repeats\n\n",
-                double(radius), 2.0 * radius, (unsigned long long)grid->activeVoxelCount(), repeats);
-    runTree<TVL::TileTree3D::Traits24>("Traits<2,4,1>", hexmold::io::TreeKind::kTraits24, folder, sphere, grid, repeats);
-    runTree<TVL::TileTree3D::Traits55>("Traits<5,5,1>", hexmold::io::TreeKind::kTraits55, folder, sphere, grid, repeats);
+    std::printf("sphere level set: radius %g voxels (%g across), OpenVDB band %llu active voxels, "
+                "%d repeats\n\n",
+                double(radius), 2.0 * radius, (unsigned long long)grid->activeVoxelCount(),
+                repeats);
+    runTree<TVL::TileTree3D::Traits24>("Traits<2,4,1>", hexmold::io::TreeKind::kTraits24, folder,
+                                       sphere, grid, repeats);
+    runTree<TVL::TileTree3D::Traits55>("Traits<5,5,1>", hexmold::io::TreeKind::kTraits55, folder,
+                                       sphere, grid, repeats);
     fs::remove_all(folder);
     return 0;
 #else

@@ -6,13 +6,13 @@
 ///          (`volumeFilesAvailable()` is false then).
 #pragma once
 #include <filesystem>
-#include <string>
 #include <hexmold/io/export.h>
 #include <hexmold/io/io_error.h>
 #include <hexmold/io/volume_file.h>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/platform/quillon/string.h>
 #include <hexmold/substrate/object.h>
+#include <string>
 
 namespace hexmold::io {
 

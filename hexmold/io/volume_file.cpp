@@ -9,13 +9,6 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <map>
-#include <set>
-#include <sstream>
-#include <string>
-#include <tuple>
-#include <vector>
-#include <openvdb/openvdb.h>
 #include <hexmold/io/detail/vdb_archive.h>
 #include <hexmold/io/detail/vdb_voxels.h>
 #include <hexmold/io/detail/volume_checksum.h>
@@ -23,6 +16,13 @@
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/type_lists.h>
+#include <map>
+#include <openvdb/openvdb.h>
+#include <set>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
 
 namespace hexmold::io {
 
@@ -100,14 +100,16 @@ std::string toHex(void const* data, std::size_t size)
 
 bool fromHex(std::string const& hex, void* data, std::size_t size)
 {
-    if (hex.size() != 2 * size) return false;
+    if (hex.size() != 2 * size)
+        return false;
     auto digit = [](char c) {
         return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
     };
     auto* p = static_cast<unsigned char*>(data);
     for (std::size_t i = 0; i < size; ++i) {
         int const hi = digit(hex[2 * i]), lo = digit(hex[2 * i + 1]);
-        if (hi < 0 || lo < 0) return false;
+        if (hi < 0 || lo < 0)
+            return false;
         p[i] = static_cast<unsigned char>(hi * 16 + lo);
     }
     return true;
@@ -129,8 +131,14 @@ struct MetaReader {
         }
         return m->value();
     }
-    int integer(std::string const& name) const { return get<openvdb::Int32Metadata>(name, "an int32"); }
-    float real(std::string const& name) const { return get<openvdb::FloatMetadata>(name, "a float"); }
+    int integer(std::string const& name) const
+    {
+        return get<openvdb::Int32Metadata>(name, "an int32");
+    }
+    float real(std::string const& name) const
+    {
+        return get<openvdb::FloatMetadata>(name, "a float");
+    }
     bool flag(std::string const& name) const { return get<openvdb::BoolMetadata>(name, "a bool"); }
     std::string text(std::string const& name) const
     {
@@ -148,7 +156,8 @@ int gridInt(openvdb::GridBase const& grid, char const* name, int fallback)
 
 /// Transform of a lattice whose cells are @p width finest voxels wide and whose index 0 sample
 /// sits at @p origin finest voxels on each axis.
-openvdb::math::Transform::Ptr latticeTransform(double voxelSize, double width, openvdb::Vec3d const& origin)
+openvdb::math::Transform::Ptr latticeTransform(double voxelSize, double width,
+                                               openvdb::Vec3d const& origin)
 {
     auto transform = openvdb::math::Transform::createLinearTransform(width * voxelSize);
     transform->postTranslate(origin * voxelSize);
@@ -174,11 +183,13 @@ openvdb::GridBase::Ptr tileLayoutGrid(Container<Traits> const& tree, int depth)
 
 /// The tile corners of one depth, in tile order, from its layout grid.
 template <typename Traits>
-std::vector<int3> readTileLayout(Path const& path, openvdb::GridBase const& base, int depth, std::int64_t count)
+std::vector<int3> readTileLayout(Path const& path, openvdb::GridBase const& base, int depth,
+                                 std::int64_t count)
 {
     std::string const what = "its tile layout of depth " + std::to_string(depth);
     auto const* grid = dynamic_cast<openvdb::Int32Grid const*>(&base);
-    if (!grid) fail(path, what + " is not an int32 grid");
+    if (!grid)
+        fail(path, what + " is not an int32 grid");
     if (grid->activeVoxelCount() != openvdb::Index64(count))
         fail(path, what + " holds " + std::to_string(grid->activeVoxelCount()) + " tiles, not " +
                        std::to_string(count));
@@ -189,15 +200,19 @@ std::vector<int3> readTileLayout(Path const& path, openvdb::GridBase const& base
     std::vector<int3> corners(static_cast<std::size_t>(count));
     std::vector<char> seen(static_cast<std::size_t>(count), 0);
     for (auto it = grid->cbeginValueOn(); it; ++it) {
-        if (!it.isVoxelValue()) fail(path, what + " holds a tile of voxels, not single voxels");
+        if (!it.isVoxelValue())
+            fail(path, what + " holds a tile of voxels, not single voxels");
         std::int32_t const t = *it;
-        if (t < 0 || t >= count || seen[t]) fail(path, what + " has a bad or repeated tile index");
+        if (t < 0 || t >= count || seen[t])
+            fail(path, what + " has a bad or repeated tile index");
         seen[t] = 1;
         openvdb::Coord const c = it.getCoord();
         int3 corner{};
         for (int a = 0; a < 3; ++a) {
-            std::int64_t const ordinal = c[a] - detail::DepthLattice::kShift + lattice.centre / lattice.voxelWidth;
-            if (ordinal < 0 || ordinal >= across) fail(path, what + " has a tile outside the tree's domain");
+            std::int64_t const ordinal =
+                c[a] - detail::DepthLattice::kShift + lattice.centre / lattice.voxelWidth;
+            if (ordinal < 0 || ordinal >= across)
+                fail(path, what + " has a tile outside the tree's domain");
             corner[a] = static_cast<int>(lattice.corner(c[a]));
         }
         corners[t] = corner;
@@ -218,7 +233,8 @@ typename GridT::Ptr voxelGrid(std::vector<openvdb::Coord> const& origins, int wi
     for (openvdb::Coord const& o : origins)
         for (int k = 0; k < width; ++k)
             for (int j = 0; j < width; ++j)
-                for (int i = 0; i < width; ++i) acc.setValueOn(o.offsetBy(i, j, k), values[n++]);
+                for (int i = 0; i < width; ++i)
+                    acc.setValueOn(o.offsetBy(i, j, k), values[n++]);
     return grid;
 }
 
@@ -266,9 +282,11 @@ void writeChannel(VolumeContext<Traits> const& ctx, TVL::Component const& compon
     using Value = typename Storage::Value;
     constexpr int W = Traits::kTileWidth;
     auto const& channel = static_cast<VoxelChannel<Traits, T> const&>(component);
-    for (int d = std::max(channel.minDepth(), 0); d <= std::min(channel.depth(), Traits::kMaxDepth); ++d) {
+    for (int d = std::max(channel.minDepth(), 0); d <= std::min(channel.depth(), Traits::kMaxDepth);
+         ++d) {
         std::int64_t const tiles = ctx.tree.tileCount(d);
-        if (tiles == 0) continue;
+        if (tiles == 0)
+            continue;
         detail::DepthLattice const lattice{Traits::kCentreOffset, Traits::voxelDataWidth(d)};
         openvdb::Vec3d const origin(lattice.origin(ctx.offset.x), lattice.origin(ctx.offset.y),
                                     lattice.origin(ctx.offset.z));
@@ -277,13 +295,15 @@ void writeChannel(VolumeContext<Traits> const& ctx, TVL::Component const& compon
             for (std::int64_t t = 0; t < tiles; ++t) {
                 auto const* block = channel.block(t, d);
                 for (int v = 0; v < Traits::kTileSize; ++v)
-                    values[std::size_t(t) * Traits::kTileSize + v] = Storage::encode((*block)[v], part);
+                    values[std::size_t(t) * Traits::kTileSize + v] =
+                        Storage::encode((*block)[v], part);
             }
-            auto grid = voxelGrid<typename Storage::Grid>(ctx.origins[d], W, values,
-                                                          Storage::encode(channel.defaultValue(), part));
+            auto grid = voxelGrid<typename Storage::Grid>(
+                ctx.origins[d], W, values, Storage::encode(channel.defaultValue(), part));
             grid->setTransform(latticeTransform(ctx.voxelSize, double(lattice.voxelWidth), origin));
             std::string name = channel.name() + ".d" + std::to_string(d);
-            if (Storage::kParts > 1) name += ".p" + std::to_string(part);
+            if (Storage::kParts > 1)
+                name += ".p" + std::to_string(part);
             grid->setName(name);
             grid->insertMeta(kGridRole, openvdb::StringMetadata("voxels"));
             grid->insertMeta(kGridChannel, openvdb::Int32Metadata(n));
@@ -291,7 +311,8 @@ void writeChannel(VolumeContext<Traits> const& ctx, TVL::Component const& compon
             grid->insertMeta(kGridElementType, openvdb::StringMetadata(kElementName<T>));
             grid->insertMeta(kGridDepth, openvdb::Int32Metadata(d));
             grid->insertMeta(kGridPart, openvdb::Int32Metadata(part));
-            if (Storage::kVector) grid->insertMeta(kGridFirstComponent, openvdb::Int32Metadata(3 * part));
+            if (Storage::kVector)
+                grid->insertMeta(kGridFirstComponent, openvdb::Int32Metadata(3 * part));
             out.push_back(grid);
         }
     }
@@ -325,22 +346,29 @@ Quillon::Ptr<TVL::Component> readChannel(Path const& path, VolumeContext<Traits>
     std::vector<typename Storage::Value> values;
     for (int d = std::max(rec.minDepth, 0); d <= std::min(rec.depth, Traits::kMaxDepth); ++d) {
         std::int64_t const tiles = ctx.tree.tileCount(d);
-        if (tiles == 0) continue;
+        if (tiles == 0)
+            continue;
         for (int part = 0; part < Storage::kParts; ++part) {
             std::string const where = what + " at depth " + std::to_string(d) +
                                       (Storage::kParts > 1 ? " part " + std::to_string(part) : "");
             auto it = grids.find(GridKey("voxels", rec.n, d, part));
-            if (it == grids.end()) fail(path, "lacks the grid of " + where);
+            if (it == grids.end())
+                fail(path, "lacks the grid of " + where);
             auto const* grid = dynamic_cast<GridT const*>(it->second.get());
-            if (!grid) fail(path, "the grid of " + where + " is a " + it->second->type() + ", not a " + GridT::gridType());
-            std::string const problem = readVoxelGrid(*grid, ctx.origins[d], Traits::kTileWidth, values);
-            if (!problem.empty()) fail(path, "the grid of " + where + " " + problem);
+            if (!grid)
+                fail(path, "the grid of " + where + " is a " + it->second->type() + ", not a " +
+                               GridT::gridType());
+            std::string const problem =
+                readVoxelGrid(*grid, ctx.origins[d], Traits::kTileWidth, values);
+            if (!problem.empty())
+                fail(path, "the grid of " + where + " " + problem);
             for (std::int64_t t = 0; t < tiles; ++t) {
                 auto* block = channel->block(t, d);
                 if (!block || block->size() != std::size_t(Traits::kTileSize))
                     fail(path, what + " has no block for a tile at depth " + std::to_string(d));
                 for (int v = 0; v < Traits::kTileSize; ++v)
-                    if (!Storage::decode((*block)[v], part, values[std::size_t(t) * Traits::kTileSize + v]))
+                    if (!Storage::decode((*block)[v], part,
+                                         values[std::size_t(t) * Traits::kTileSize + v]))
                         fail(path, "the grid of " + where + " holds a value out of the range of " +
                                        kElementName<T>);
             }
@@ -357,16 +385,19 @@ template <typename Traits> struct ElementCodec {
     bool (*matches)(TVL::Component const&);
     void (*write)(VolumeContext<Traits> const&, TVL::Component const&, int, openvdb::GridCPtrVec&);
     Quillon::Ptr<TVL::Component> (*read)(Path const&, VolumeContext<Traits> const&,
-                                         VoxelTopology<Traits> const&, ChannelRecord const&, GridMap const&);
+                                         VoxelTopology<Traits> const&, ChannelRecord const&,
+                                         GridMap const&);
     /// The default value's bytes in hex, the initialiser and the construct flag of a channel.
     std::tuple<std::string, int, bool> (*settings)(TVL::Component const&);
 };
 
 template <typename Traits, typename T> ElementCodec<Traits> codecOf()
 {
-    return {kElementName<T>, detail::ElementStorage<T>::kParts,
+    return {kElementName<T>,
+            detail::ElementStorage<T>::kParts,
             [](TVL::Component const& c) { return TVL::componentIsA<VoxelChannel<Traits, T>>(c); },
-            &writeChannel<Traits, T>, &readChannel<Traits, T>,
+            &writeChannel<Traits, T>,
+            &readChannel<Traits, T>,
             [](TVL::Component const& c) {
                 auto const& channel = static_cast<VoxelChannel<Traits, T> const&>(c);
                 T const v = channel.defaultValue();
@@ -379,7 +410,8 @@ template <typename Traits, typename T> ElementCodec<Traits> codecOf()
 template <typename Traits> std::vector<ElementCodec<Traits>> const& codecs()
 {
 #define HEXMOLD_IO_CODEC(TR, T) codecOf<Traits, T>(),
-    static std::vector<ElementCodec<Traits>> const all{HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_IO_CODEC, Traits)};
+    static std::vector<ElementCodec<Traits>> const all{
+        HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_IO_CODEC, Traits)};
 #undef HEXMOLD_IO_CODEC
     return all;
 }
@@ -395,35 +427,48 @@ void writeVolumeOf(Path const& path, TVL::Object const& object, Container<Traits
     std::vector<std::pair<Quillon::Ptr<TVL::Component>, ElementCodec<Traits> const*>> channels;
     for (auto const& name : object.componentRange()) {
         auto c = object.component(name);
-        if (c.get() == &tree) continue;
+        if (c.get() == &tree)
+            continue;
         if (TVL::componentIsA<VoxelTopology<Traits>>(*c)) {
-            if (topology) fail(path, "the object holds two voxel topologies, '" + topology->name() + "' and '" + name + "'");
+            if (topology)
+                fail(path, "the object holds two voxel topologies, '" + topology->name() +
+                               "' and '" + name + "'");
             topology = Quillon::dynamicPtrCast<VoxelTopology<Traits>>(c);
         }
     }
-    if (!topology) fail(path, "the object holds no voxel topology of its tree");
+    if (!topology)
+        fail(path, "the object holds no voxel topology of its tree");
     if (topology->targetName() != tree.name())
-        fail(path, "the voxel topology '" + topology->name() + "' does not target the tree '" + tree.name() + "'");
+        fail(path, "the voxel topology '" + topology->name() + "' does not target the tree '" +
+                       tree.name() + "'");
     for (auto const& name : object.componentRange()) {
         auto c = object.component(name);
-        if (c.get() == &tree || c.get() == topology.get()) continue;
+        if (c.get() == &tree || c.get() == topology.get())
+            continue;
         ElementCodec<Traits> const* codec = nullptr;
         for (auto const& e : codecs<Traits>())
-            if (e.matches(*c)) codec = &e;
+            if (e.matches(*c))
+                codec = &e;
         if (!codec)
-            fail(path, "the component '" + name + "' cannot be stored: only a tree, its voxel topology and voxel channels can");
+            fail(path,
+                 "the component '" + name +
+                     "' cannot be stored: only a tree, its voxel topology and voxel channels can");
         if (c->targetName() != topology->name())
-            fail(path, "the channel '" + name + "' is not bound to the topology '" + topology->name() + "'");
+            fail(path, "the channel '" + name + "' is not bound to the topology '" +
+                           topology->name() + "'");
         auto const& base = static_cast<ChannelBase const&>(*c);
-        for (int d = std::max(base.minDepth(), 0); d <= std::min(base.depth(), Traits::kMaxDepth); ++d)
+        for (int d = std::max(base.minDepth(), 0); d <= std::min(base.depth(), Traits::kMaxDepth);
+             ++d)
             if (base.tileCount(d) != tree.tileCount(d) ||
                 base.elementCount(d) != std::uint64_t(tree.tileCount(d)) * Traits::kTileSize)
-                fail(path, "the channel '" + name + "' does not match its tree at depth " + std::to_string(d));
+                fail(path, "the channel '" + name + "' does not match its tree at depth " +
+                               std::to_string(d));
         channels.emplace_back(c, codec);
     }
     for (int d = 0; d <= Traits::kMaxDepth; ++d)
         if (tree.tileCount(d) > std::numeric_limits<std::int32_t>::max())
-            fail(path, "the tree has more tiles at depth " + std::to_string(d) + " than a file holds");
+            fail(path,
+                 "the tree has more tiles at depth " + std::to_string(d) + " than a file holds");
 
     VolumeContext<Traits> ctx{tree, tree.voxelSize(), topology->offset(), {}};
     openvdb::MetaMap meta;
@@ -432,7 +477,8 @@ void writeVolumeOf(Path const& path, TVL::Object const& object, Container<Traits
     meta.insertMeta(kMetaVoxelSize, openvdb::FloatMetadata(tree.voxelSize()));
     meta.insertMeta(kMetaTopologyVoxelSize, openvdb::FloatMetadata(topology->voxelSize()));
     meta.insertMeta(kMetaOffsetType, openvdb::Int32Metadata(int(topology->offsetType())));
-    meta.insertMeta(kMetaRefinementError, openvdb::FloatMetadata(tree.maxRelativeRefinementError()));
+    meta.insertMeta(kMetaRefinementError,
+                    openvdb::FloatMetadata(tree.maxRelativeRefinementError()));
     meta.insertMeta(kMetaContainer, openvdb::StringMetadata(tree.name()));
     meta.insertMeta(kMetaTopology, openvdb::StringMetadata(topology->name()));
     std::string counts;
@@ -444,7 +490,8 @@ void writeVolumeOf(Path const& path, TVL::Object const& object, Container<Traits
     openvdb::GridCPtrVec grids;
     for (int d = 0; d <= Traits::kMaxDepth; ++d) {
         ctx.origins[d] = detail::tileOrigins(tree, d);
-        if (tree.tileCount(d) > 0) grids.push_back(tileLayoutGrid(tree, d));
+        if (tree.tileCount(d) > 0)
+            grids.push_back(tileLayoutGrid(tree, d));
     }
     for (std::size_t n = 0; n < channels.size(); ++n) {
         auto const& [c, codec] = channels[n];
@@ -470,10 +517,12 @@ Quillon::Ptr<TVL::Object> readVolumeOf(Path const& path, detail::Archive const& 
     MetaReader const meta{path, *archive.metadata};
     float const voxelSize = meta.real(kMetaVoxelSize);
     float const topologyVoxelSize = meta.real(kMetaTopologyVoxelSize);
-    if (!(std::isfinite(voxelSize) && voxelSize > 0) || !(std::isfinite(topologyVoxelSize) && topologyVoxelSize > 0))
+    if (!(std::isfinite(voxelSize) && voxelSize > 0) ||
+        !(std::isfinite(topologyVoxelSize) && topologyVoxelSize > 0))
         fail(path, "its voxel size is not a positive number");
     int const offsetType = meta.integer(kMetaOffsetType);
-    if (offsetType < 0 || offsetType > 7) fail(path, "its voxel offset type " + std::to_string(offsetType) + " is not 0 to 7");
+    if (offsetType < 0 || offsetType > 7)
+        fail(path, "its voxel offset type " + std::to_string(offsetType) + " is not 0 to 7");
     std::string const treeName = meta.text(kMetaContainer);
     std::string const topologyName = meta.text(kMetaTopology);
     if (treeName.empty() || topologyName.empty() || treeName == topologyName)
@@ -483,21 +532,27 @@ Quillon::Ptr<TVL::Object> readVolumeOf(Path const& path, detail::Archive const& 
     {
         std::istringstream in(meta.text(kMetaTileCounts));
         for (auto& c : counts)
-            if (!(in >> c) || c < 0) fail(path, "its tile counts per depth are malformed");
+            if (!(in >> c) || c < 0)
+                fail(path, "its tile counts per depth are malformed");
         std::string rest;
-        if (in >> rest) fail(path, "its tile counts per depth are malformed");
-        if (counts[0] > 1) fail(path, "its tile counts per depth are malformed");
+        if (in >> rest)
+            fail(path, "its tile counts per depth are malformed");
+        if (counts[0] > 1)
+            fail(path, "its tile counts per depth are malformed");
     }
 
     // Where the grids are.
     GridMap grids;
     for (auto const& g : *archive.grids) {
-        if (!g) continue;
+        if (!g)
+            continue;
         auto role = g->getMetadata<openvdb::StringMetadata>(kGridRole);
-        if (!role) continue; // a grid someone added: not ours, ignored
+        if (!role)
+            continue; // a grid someone added: not ours, ignored
         GridKey const key(role->value(), gridInt(*g, kGridChannel, -1), gridInt(*g, kGridDepth, -1),
                           gridInt(*g, kGridPart, 0));
-        if (!grids.emplace(key, g).second) fail(path, "holds the grid '" + g->getName() + "' twice");
+        if (!grids.emplace(key, g).second)
+            fail(path, "holds the grid '" + g->getName() + "' twice");
     }
 
     // The tree, depth by depth in tile order: every tile's parent comes first, so each tile
@@ -507,29 +562,35 @@ Quillon::Ptr<TVL::Object> readVolumeOf(Path const& path, detail::Archive const& 
     {
         auto acc = tree.tileAccessor();
         for (int d = 0; d <= Traits::kMaxDepth; ++d) {
-            if (counts[d] == 0) continue;
+            if (counts[d] == 0)
+                continue;
             auto it = grids.find(GridKey("tiles", -1, d, 0));
-            if (it == grids.end()) fail(path, "lacks its tile layout of depth " + std::to_string(d));
-            std::vector<int3> const corners = readTileLayout<Traits>(path, *it->second, d, counts[d]);
+            if (it == grids.end())
+                fail(path, "lacks its tile layout of depth " + std::to_string(d));
+            std::vector<int3> const corners =
+                readTileLayout<Traits>(path, *it->second, d, counts[d]);
             for (std::int64_t t = 0; t < counts[d]; ++t) {
                 int3 const c = corners[std::size_t(t)];
                 if (d > 0 && acc.tile(c.x, c.y, c.z, d - 1).depth() != d - 1)
                     fail(path, "a tile of depth " + std::to_string(d) + " has no parent");
                 auto const& tile = acc.addTile(c.x, c.y, c.z, d);
-                if (tile.depth() != d || tile.index() != t || tile.ti() != c.x || tile.tj() != c.y || tile.tk() != c.z)
+                if (tile.depth() != d || tile.index() != t || tile.ti() != c.x ||
+                    tile.tj() != c.y || tile.tk() != c.z)
                     fail(path, "its tile layout of depth " + std::to_string(d) + " is not a tree");
             }
         }
         for (int d = 0; d <= Traits::kMaxDepth; ++d)
-            if (tree.tileCount(d) != counts[d]) fail(path, "its tile layout is not a tree");
+            if (tree.tileCount(d) != counts[d])
+                fail(path, "its tile layout is not a tree");
     }
-    auto topology = Quillon::makePtr<VoxelTopology<Traits>>(topologyName, treeName, topologyVoxelSize,
-                                                            VoxelOffsetType(offsetType));
+    auto topology = Quillon::makePtr<VoxelTopology<Traits>>(
+        topologyName, treeName, topologyVoxelSize, VoxelOffsetType(offsetType));
     topology->update(tree);
     topology->setVoxelSize(topologyVoxelSize);
 
     VolumeContext<Traits> ctx{tree, voxelSize, topology->offset(), {}};
-    for (int d = 0; d <= Traits::kMaxDepth; ++d) ctx.origins[d] = detail::tileOrigins(tree, d);
+    for (int d = 0; d <= Traits::kMaxDepth; ++d)
+        ctx.origins[d] = detail::tileOrigins(tree, d);
 
     int const channelCount = meta.integer(kMetaChannelCount);
     if (channelCount < 0 || std::size_t(channelCount) > archive.grids->size() + 1000000)
@@ -548,14 +609,18 @@ Quillon::Ptr<TVL::Object> readVolumeOf(Path const& path, detail::Archive const& 
         rec.depth = meta.integer(channelKey(n, "depth"));
         rec.initializer = meta.integer(channelKey(n, "initializer"));
         rec.construct = meta.flag(channelKey(n, "construct"));
-        if (rec.minDepth < 0 || rec.minDepth > Traits::kMaxDepth || rec.depth < -1 || rec.depth > Traits::kMaxDepth)
-            fail(path, "the depth range of channel '" + rec.name + "' is outside the tree's depths");
+        if (rec.minDepth < 0 || rec.minDepth > Traits::kMaxDepth || rec.depth < -1 ||
+            rec.depth > Traits::kMaxDepth)
+            fail(path,
+                 "the depth range of channel '" + rec.name + "' is outside the tree's depths");
         if (rec.initializer < 0 || rec.initializer > 2)
             fail(path, "the initialiser of channel '" + rec.name + "' is not 0 to 2");
         ElementCodec<Traits> const* codec = nullptr;
         for (auto const& e : codecs<Traits>())
-            if (type == e.name) codec = &e;
-        if (!codec) fail(path, "channel '" + rec.name + "' has the unknown element type '" + type + "'");
+            if (type == e.name)
+                codec = &e;
+        if (!codec)
+            fail(path, "channel '" + rec.name + "' has the unknown element type '" + type + "'");
         if (meta.integer(channelKey(n, "parts")) != codec->parts)
             fail(path, "channel '" + rec.name + "' has the wrong number of grids per depth");
         channels.push_back(codec->read(path, ctx, *topology, rec, grids));
@@ -565,13 +630,17 @@ Quillon::Ptr<TVL::Object> readVolumeOf(Path const& path, detail::Archive const& 
     auto object = TVL::createEmptyTVL();
     object->addComponent(Quillon::makePtr<Container<Traits>>(std::move(tree)));
     object->addComponent(topology);
-    for (auto& c : channels) object->addComponent(c);
+    for (auto& c : channels)
+        object->addComponent(c);
     return object;
 }
 
 } // namespace
 
-bool volumeFilesAvailable() { return true; }
+bool volumeFilesAvailable()
+{
+    return true;
+}
 
 void writeVolume(Path const& path, TVL::Object const& object, VolumeWriteOptions const& options)
 {
@@ -580,11 +649,15 @@ void writeVolume(Path const& path, TVL::Object const& object, VolumeWriteOptions
     int trees = 0;
     for (auto const& name : object.componentRange()) {
         auto c = object.component(name);
-        if (auto t = object.component<Container<Traits24>>(name)) tree24 = t, ++trees;
-        if (auto t = object.component<Container<Traits55>>(name)) tree55 = t, ++trees;
+        if (auto t = object.component<Container<Traits24>>(name))
+            tree24 = t, ++trees;
+        if (auto t = object.component<Container<Traits55>>(name))
+            tree55 = t, ++trees;
     }
-    if (trees == 0) fail(path, "the object holds no tile tree to write");
-    if (trees > 1) fail(path, "the object holds more than one tile tree");
+    if (trees == 0)
+        fail(path, "the object holds no tile tree to write");
+    if (trees > 1)
+        fail(path, "the object holds more than one tile tree");
     try {
         if (tree24)
             writeVolumeOf<Traits24>(path, object, *tree24, options);
@@ -600,9 +673,11 @@ void writeVolume(Path const& path, TVL::Object const& object, VolumeWriteOptions
 Quillon::Ptr<TVL::Object> readVolume(Path const& path)
 {
     std::string const bytes = detail::readWholeFile(path);
-    if (!detail::hasVdbMagic(bytes)) fail(path, "is not an OpenVDB (.vdb) file");
+    if (!detail::hasVdbMagic(bytes))
+        fail(path, "is not an OpenVDB (.vdb) file");
     switch (detail::checkTrailer(bytes)) {
-    case detail::TrailerState::kValid: break;
+    case detail::TrailerState::kValid:
+        break;
     case detail::TrailerState::kMissing:
         if (detail::looksLikeVolumeFile(bytes))
             fail(path, "is truncated or damaged: its checksum trailer is missing");
@@ -617,15 +692,18 @@ Quillon::Ptr<TVL::Object> readVolume(Path const& path)
     detail::Archive const archive = detail::parseArchive(path, payload);
     MetaReader const meta{path, *archive.metadata};
     if (!(*archive.metadata)[kMetaVersion])
-        fail(path, "holds no Hexmold volume: it lacks the metadata '" + std::string(kMetaVersion) + "'");
+        fail(path,
+             "holds no Hexmold volume: it lacks the metadata '" + std::string(kMetaVersion) + "'");
     int const version = meta.integer(kMetaVersion);
     if (version != kVolumeFormatVersion)
-        fail(path, "has volume format version " + std::to_string(version) + "; this build reads version " +
-                       std::to_string(kVolumeFormatVersion));
+        fail(path, "has volume format version " + std::to_string(version) +
+                       "; this build reads version " + std::to_string(kVolumeFormatVersion));
     std::string const traits = meta.text(kMetaTraits);
     try {
-        if (traits == traitsName<Traits24>()) return readVolumeOf<Traits24>(path, archive);
-        if (traits == traitsName<Traits55>()) return readVolumeOf<Traits55>(path, archive);
+        if (traits == traitsName<Traits24>())
+            return readVolumeOf<Traits24>(path, archive);
+        if (traits == traitsName<Traits55>())
+            return readVolumeOf<Traits55>(path, archive);
     } catch (IoError const&) {
         throw;
     } catch (std::exception const& e) {
@@ -643,16 +721,23 @@ namespace hexmold::io {
 namespace {
 [[noreturn]] void unavailable(std::filesystem::path const& path)
 {
-    throw IoError(path.string(), "this build of Hexmold has no OpenVDB, so it cannot read or write .vdb files");
+    throw IoError(path.string(),
+                  "this build of Hexmold has no OpenVDB, so it cannot read or write .vdb files");
 }
 } // namespace
 
-bool volumeFilesAvailable() { return false; }
+bool volumeFilesAvailable()
+{
+    return false;
+}
 void writeVolume(std::filesystem::path const& path, TVL::Object const&, VolumeWriteOptions const&)
 {
     unavailable(path);
 }
-Quillon::Ptr<TVL::Object> readVolume(std::filesystem::path const& path) { unavailable(path); }
+Quillon::Ptr<TVL::Object> readVolume(std::filesystem::path const& path)
+{
+    unavailable(path);
+}
 
 } // namespace hexmold::io
 

@@ -1,16 +1,13 @@
 // Tests of importLevelSet and writeLevelSetGrid against OpenVDB's own level sets and the exact
 // distance of a sphere.
+#include "support/trees.h"
+#include "support/typed_traits.h"
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <string>
-#include <unistd.h>
 #include <gtest/gtest.h>
-#include <openvdb/io/File.h>
-#include <openvdb/openvdb.h>
-#include <openvdb/tools/LevelSetSphere.h>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/io/level_set_grid.h>
 #include <hexmold/io/volume_file.h>
@@ -19,8 +16,11 @@
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
-#include "support/trees.h"
-#include "support/typed_traits.h"
+#include <openvdb/io/File.h>
+#include <openvdb/openvdb.h>
+#include <openvdb/tools/LevelSetSphere.h>
+#include <string>
+#include <unistd.h>
 
 namespace {
 
@@ -38,7 +38,8 @@ public:
         auto const* info = ::testing::UnitTest::GetInstance()->current_test_info();
         std::string name = std::string(info->test_suite_name()) + "_" + info->name();
         std::replace(name.begin(), name.end(), '/', '_');
-        mPath = fs::temp_directory_path() / ("hexmold_io_" + std::to_string(::getpid()) + "_" + name);
+        mPath =
+            fs::temp_directory_path() / ("hexmold_io_" + std::to_string(::getpid()) + "_" + name);
         fs::remove_all(mPath);
         fs::create_directories(mPath);
     }
@@ -76,7 +77,8 @@ double sphereDistance(double x, double y, double z)
 fs::path writeOpenVdbSphere(TempFolder const& folder)
 {
     openvdb::initialize();
-    auto sphere = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(kRadius, kCentre, kVoxel);
+    auto sphere =
+        openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(kRadius, kCentre, kVoxel);
     sphere->setName("sphere");
     fs::path const file = folder / "sphere.vdb";
     openvdb::io::File vdb(file.string());
@@ -95,7 +97,8 @@ openvdb::FloatGrid::Ptr readFloatGrid(fs::path const& file, std::string const& n
     return grid;
 }
 
-template <typename Tr> class LevelSetGrid : public ::testing::Test {};
+template <typename Tr> class LevelSetGrid : public ::testing::Test {
+};
 TYPED_TEST_SUITE(LevelSetGrid, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 TYPED_TEST(LevelSetGrid, ImportedSphereKeepsTheBandAndIsATrueDistanceElsewhere)
@@ -105,7 +108,8 @@ TYPED_TEST(LevelSetGrid, ImportedSphereKeepsTheBandAndIsATrueDistanceElsewhere)
     fs::path const file = writeOpenVdbSphere(folder);
     auto const grid = readFloatGrid(file, "sphere");
     hexmold::io::ImportLevelSetOptions options;
-    options.tree = std::is_same_v<Tr, Traits24> ? hexmold::io::TreeKind::kTraits24 : hexmold::io::TreeKind::kTraits55;
+    options.tree = std::is_same_v<Tr, Traits24> ? hexmold::io::TreeKind::kTraits24
+                                                : hexmold::io::TreeKind::kTraits55;
     auto const volume = hexmold::io::importLevelSet(file, "", options);
     auto const tree = volume->template component<Container<Tr>>(sVoxelTileTree);
     auto const topology = volume->template component<VoxelTopology<Tr>>(sVoxelComp);
@@ -129,8 +133,8 @@ TYPED_TEST(LevelSetGrid, ImportedSphereKeepsTheBandAndIsATrueDistanceElsewhere)
             ++outsideFinest;
             continue;
         }
-        float const v = distance->tileData(tile.index(), tile.depth())(c.x() - tile.ti(), c.y() - tile.tj(),
-                                                                      c.z() - tile.tk());
+        float const v = distance->tileData(tile.index(), tile.depth())(
+            c.x() - tile.ti(), c.y() - tile.tj(), c.z() - tile.tk());
         bandOff += !(std::abs(double(v) - double(*it)) <= kBandTol);
     }
     EXPECT_GT(band, 10000);
@@ -159,23 +163,28 @@ TYPED_TEST(LevelSetGrid, ImportedSphereKeepsTheBandAndIsATrueDistanceElsewhere)
             for (int k = 0; k < Tr::kTileWidth; ++k)
                 for (int j = 0; j < Tr::kTileWidth; ++j)
                     for (int i = 0; i < Tr::kTileWidth; ++i) {
-                        if (d < Tr::kMaxDepth && !tile.isLeaf(i, j, k)) continue;
+                        if (d < Tr::kMaxDepth && !tile.isLeaf(i, j, k))
+                            continue;
                         double const w = double(tile.voxelDataWidth());
-                        double const x = (tile.ti() + i * w) * kVoxel, y = (tile.tj() + j * w) * kVoxel,
+                        double const x = (tile.ti() + i * w) * kVoxel,
+                                     y = (tile.tj() + j * w) * kVoxel,
                                      z = (tile.tk() + k * w) * kVoxel;
                         double const exact = sphereDistance(x, y, z);
-                        if (d == Tr::kMaxDepth && std::abs(exact) < 3 * kVoxel) continue; // the band
+                        if (d == Tr::kMaxDepth && std::abs(exact) < 3 * kVoxel)
+                            continue; // the band
                         double const v = data(i, j, k);
                         ++checked;
                         double const e = std::abs(v - exact) / h;
-                        (resolved ? worst : worstUnresolved) = std::max(resolved ? worst : worstUnresolved, e);
+                        (resolved ? worst : worstUnresolved) =
+                            std::max(resolved ? worst : worstUnresolved, e);
                         tooFar += e > (resolved ? kResolvedTol : kUnresolvedTol);
                         wrongSign += std::abs(exact) > h && ((0.0 > v) != (0.0 > exact));
                     }
         }
     }
     EXPECT_GT(checked, 1000);
-    EXPECT_EQ(tooFar, 0) << "worst error " << worst << " h where resolved, " << worstUnresolved << " h elsewhere";
+    EXPECT_EQ(tooFar, 0) << "worst error " << worst << " h where resolved, " << worstUnresolved
+                         << " h elsewhere";
     EXPECT_LE(worst, kResolvedTol);
     EXPECT_EQ(wrongSign, 0);
 }
@@ -187,7 +196,8 @@ TYPED_TEST(LevelSetGrid, WrittenGridIsALevelSetOfTheSameSurface)
     fs::path const file = writeOpenVdbSphere(folder);
     auto const original = readFloatGrid(file, "sphere");
     hexmold::io::ImportLevelSetOptions options;
-    options.tree = std::is_same_v<Tr, Traits24> ? hexmold::io::TreeKind::kTraits24 : hexmold::io::TreeKind::kTraits55;
+    options.tree = std::is_same_v<Tr, Traits24> ? hexmold::io::TreeKind::kTraits24
+                                                : hexmold::io::TreeKind::kTraits55;
     auto const volume = hexmold::io::importLevelSet(file, "sphere", options);
     fs::path const out = folder / "written.vdb";
     hexmold::io::writeLevelSetGrid(out, *volume, sVoxelSignedDistance);
@@ -203,13 +213,15 @@ TYPED_TEST(LevelSetGrid, WrittenGridIsALevelSetOfTheSameSurface)
     auto acc = grid->getConstAccessor();
     long long lost = 0;
     for (auto it = original->cbeginValueOn(); it; ++it) {
-        if (!(std::abs(*it) < grid->background())) continue;
+        if (!(std::abs(*it) < grid->background()))
+            continue;
         float v = 0;
         lost += !acc.probeValue(it.getCoord(), v) || v != *it;
     }
     EXPECT_EQ(lost, 0);
     // Inside and outside are known away from the band.
-    openvdb::Coord const centre = openvdb::Coord::round(grid->worldToIndex(openvdb::Vec3d(kCentre)));
+    openvdb::Coord const centre =
+        openvdb::Coord::round(grid->worldToIndex(openvdb::Vec3d(kCentre)));
     EXPECT_EQ(acc.getValue(centre), -grid->background());
     EXPECT_EQ(acc.getValue(centre.offsetBy(40, 0, 0)), grid->background());
 }
@@ -233,11 +245,14 @@ TYPED_TEST(LevelSetGrid, CoarseSurfaceTilesAreSampledIntoTheBand)
     }
     auto const tree = object->template component<Container<Tr>>(sVoxelTileTree);
     ASSERT_EQ(tree->tileCount(Tr::kMaxDepth), 0);
-    auto exact = [&](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - kR; };
+    auto exact = [&](double x, double y, double z) {
+        return std::sqrt(x * x + y * y + z * z) - kR;
+    };
     auto channel = Command::createChannel<float, Tr::kRatio, Tr::kTileWidth, Tr::kTileWidth, 0>(
-        sVoxelSignedDistance, *object->template component<VoxelTopology<Tr>>(sVoxelComp), *object, 1e6f,
-        kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
-    // Each voxel holds the distance at its corner's finest voxel centre, where the sampler reads it.
+        sVoxelSignedDistance, *object->template component<VoxelTopology<Tr>>(sVoxelComp), *object,
+        1e6f, kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
+    // Each voxel holds the distance at its corner's finest voxel centre, where the sampler reads
+    // it.
     for (int d = 0; d < Tr::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < tree->tileCount(d); ++t) {
             auto const& tile = tree->tile(t, d);
@@ -246,7 +261,8 @@ TYPED_TEST(LevelSetGrid, CoarseSurfaceTilesAreSampledIntoTheBand)
             for (int k = 0; k < Tr::kTileWidth; ++k)
                 for (int j = 0; j < Tr::kTileWidth; ++j)
                     for (int i = 0; i < Tr::kTileWidth; ++i)
-                        data(i, j, k) = float(exact((tile.ti() + i * w + 0.5) * kVs, (tile.tj() + j * w + 0.5) * kVs,
+                        data(i, j, k) = float(exact((tile.ti() + i * w + 0.5) * kVs,
+                                                    (tile.tj() + j * w + 0.5) * kVs,
                                                     (tile.tk() + k * w + 0.5) * kVs));
         }
     fs::path const out = folder / "coarse.vdb";
@@ -287,14 +303,17 @@ TEST(LevelSetGridErrors, ImportRefusesWhatIsNoLevelSet)
     std::string const missing = ioErrorOf([&] { hexmold::io::importLevelSet(sphere, "nope"); });
     EXPECT_NE(missing.find("holds no grid named 'nope'"), std::string::npos) << missing;
 
-    auto fog = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
+    auto fog =
+        openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
     fog->setGridClass(openvdb::GRID_FOG_VOLUME);
     fog->setName("fog");
-    auto stretched = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
+    auto stretched =
+        openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
     stretched->setTransform(openvdb::math::Transform::createLinearTransform(openvdb::Mat4R(
         0.1, 0.0, 0.0, 0.0, 0.0, 0.2, 0.0, 0.0, 0.0, 0.0, 0.1, 0.0, 0.0, 0.0, 0.0, 1.0)));
     stretched->setName("stretched");
-    auto shifted = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
+    auto shifted =
+        openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
     shifted->transform().postTranslate(openvdb::Vec3d(0.03, 0, 0));
     shifted->setName("shifted");
     auto vector = openvdb::Vec3SGrid::create();
@@ -307,15 +326,18 @@ TEST(LevelSetGridErrors, ImportRefusesWhatIsNoLevelSet)
     };
     EXPECT_NE(error("fog").find("not a level set"), std::string::npos) << error("fog");
     EXPECT_NE(error("stretched").find("scaled unequally"), std::string::npos) << error("stretched");
-    EXPECT_NE(error("shifted").find("off the whole and half voxels"), std::string::npos) << error("shifted");
+    EXPECT_NE(error("shifted").find("off the whole and half voxels"), std::string::npos)
+        << error("shifted");
     EXPECT_NE(error("vector").find("not a float grid"), std::string::npos) << error("vector");
     openvdb::io::File fogOnly((folder / "fog.vdb").string());
     fogOnly.write({fog, vector});
     fogOnly.close();
-    std::string const noLevelSet = ioErrorOf([&] { hexmold::io::importLevelSet(folder / "fog.vdb"); });
+    std::string const noLevelSet =
+        ioErrorOf([&] { hexmold::io::importLevelSet(folder / "fog.vdb"); });
     EXPECT_NE(noLevelSet.find("holds no level-set float grid"), std::string::npos) << noLevelSet;
 
-    std::string const absent = ioErrorOf([&] { hexmold::io::importLevelSet(folder / "absent.vdb"); });
+    std::string const absent =
+        ioErrorOf([&] { hexmold::io::importLevelSet(folder / "absent.vdb"); });
     EXPECT_NE(absent.find("no such file"), std::string::npos) << absent;
 }
 
@@ -333,12 +355,16 @@ TEST(LevelSetGridErrors, ImportSendsVolumeFilesToReadVolume)
 TEST(LevelSetGridErrors, WriteNeedsAFloatChannel)
 {
     TempFolder folder;
-    auto object = Command::createVoxelTVL<Traits24>(sVoxelTileTree, sVoxelComp, 0.1f, kVoxelOffsetCenter);
-    std::string const none = ioErrorOf([&] { hexmold::io::writeLevelSetGrid(folder / "x.vdb", *object, "phi"); });
+    auto object =
+        Command::createVoxelTVL<Traits24>(sVoxelTileTree, sVoxelComp, 0.1f, kVoxelOffsetCenter);
+    std::string const none =
+        ioErrorOf([&] { hexmold::io::writeLevelSetGrid(folder / "x.vdb", *object, "phi"); });
     EXPECT_NE(none.find("no channel 'phi'"), std::string::npos) << none;
-    Command::createChannel<int, 2, 4, 4, 0>("phi", *object->component<VoxelTopology<Traits24>>(sVoxelComp), *object,
-                                            0, kDataElementInitializerDefaultValue, 0, Traits24::kMaxDepth);
-    std::string const typed = ioErrorOf([&] { hexmold::io::writeLevelSetGrid(folder / "x.vdb", *object, "phi"); });
+    Command::createChannel<int, 2, 4, 4, 0>(
+        "phi", *object->component<VoxelTopology<Traits24>>(sVoxelComp), *object, 0,
+        kDataElementInitializerDefaultValue, 0, Traits24::kMaxDepth);
+    std::string const typed =
+        ioErrorOf([&] { hexmold::io::writeLevelSetGrid(folder / "x.vdb", *object, "phi"); });
     EXPECT_NE(typed.find("not a float voxel channel"), std::string::npos) << typed;
 }
 

@@ -1,6 +1,9 @@
 // Tests of writeVolume / readVolume: lossless round trips of both trees with channels of all 18
 // element types, files that OpenVDB itself opens, and every kind of bad file refused with a
 // message naming the file, never a crash.
+#include "support/random_trees.h"
+#include "support/trees.h"
+#include "support/typed_traits.h"
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -8,14 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <random>
-#include <string>
-#include <unistd.h>
-#include <vector>
 #include <gtest/gtest.h>
-#include <openvdb/io/File.h>
-#include <openvdb/openvdb.h>
-#include <openvdb/tools/LevelSetSphere.h>
 #include <hexmold/diagnostics/object_info.h>
 #include <hexmold/io/detail/volume_checksum.h>
 #include <hexmold/io/volume_file.h>
@@ -24,9 +20,13 @@
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/type_lists.h>
-#include "support/random_trees.h"
-#include "support/trees.h"
-#include "support/typed_traits.h"
+#include <openvdb/io/File.h>
+#include <openvdb/openvdb.h>
+#include <openvdb/tools/LevelSetSphere.h>
+#include <random>
+#include <string>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -45,7 +45,8 @@ public:
         auto const* info = ::testing::UnitTest::GetInstance()->current_test_info();
         std::string name = std::string(info->test_suite_name()) + "_" + info->name();
         std::replace(name.begin(), name.end(), '/', '_');
-        mPath = fs::temp_directory_path() / ("hexmold_io_" + std::to_string(::getpid()) + "_" + name);
+        mPath =
+            fs::temp_directory_path() / ("hexmold_io_" + std::to_string(::getpid()) + "_" + name);
         fs::remove_all(mPath);
         fs::create_directories(mPath);
     }
@@ -101,7 +102,8 @@ template <typename T> T randomElement(std::mt19937_64& rng, bool finite)
     if (!finite) {
         // Any bits, NaN payloads and infinities of floating-point components included.
         unsigned char bytes[sizeof(T)];
-        for (auto& b : bytes) b = static_cast<unsigned char>(rng());
+        for (auto& b : bytes)
+            b = static_cast<unsigned char>(rng());
         std::memcpy(&v, bytes, sizeof(T));
         return v;
     }
@@ -126,17 +128,19 @@ void addChannel(TVL::Object& object, VoxelTopology<Tr> const& topology, int n, b
     std::mt19937_64 rng(1000 + n);
     int const minDepth = n % 3 == 1 ? 3 : 0;
     int const depth = n % 3 == 2 ? Tr::kMaxDepth - 1 : Tr::kMaxDepth;
-    auto const init = n % 4 == 3 ? kDataElementInitializerTemporary : kDataElementInitializerDefaultValue;
+    auto const init =
+        n % 4 == 3 ? kDataElementInitializerTemporary : kDataElementInitializerDefaultValue;
     T const def = randomElement<T>(rng, finite);
-    auto channel = Quillon::makePtr<VoxelChannel<Tr, T>>("c" + std::to_string(n), &def, init, false, n % 2 == 0,
-                                                         minDepth, depth);
+    auto channel = Quillon::makePtr<VoxelChannel<Tr, T>>("c" + std::to_string(n), &def, init, false,
+                                                         n % 2 == 0, minDepth, depth);
     channel->setTargetName(topology.name());
     channel->update(topology);
     for (int d = minDepth; d <= depth; ++d)
         for (std::int64_t t = 0; t < channel->tileCount(d); ++t) {
             auto data = channel->tileData(t, d);
             bool const background = t % 3 == 1;
-            for (int v = 0; v < Tr::kTileSize; ++v) data[v] = background ? def : randomElement<T>(rng, finite);
+            for (int v = 0; v < Tr::kTileSize; ++v)
+                data[v] = background ? def : randomElement<T>(rng, finite);
         }
     object.addComponent(channel);
 }
@@ -146,7 +150,8 @@ void addChannel(TVL::Object& object, VoxelTopology<Tr> const& topology, int n, b
 /// them: int8, float2, float4x2 and int3, channels "c0", "c5", "c10" and "c15").
 /// Every depth with tiles costs each channel a grid in the file, so the trees are kept small.
 template <typename Tr>
-Quillon::Ptr<TVL::Object> makeVolume(std::uint32_t seed, bool finite, VoxelOffsetType offset, bool allTypes = true)
+Quillon::Ptr<TVL::Object> makeVolume(std::uint32_t seed, bool finite, VoxelOffsetType offset,
+                                     bool allTypes = true)
 {
     auto object = Command::createVoxelTVL<Tr>(kTree, kTopology, 0.0625f, offset);
     {
@@ -161,7 +166,8 @@ Quillon::Ptr<TVL::Object> makeVolume(std::uint32_t seed, bool finite, VoxelOffse
     auto topology = object->template component<VoxelTopology<Tr>>(kTopology);
     int n = 0;
 #define HEXMOLD_TEST_ADD(TR, T)                                                                    \
-    if (allTypes || n % 5 == 0) addChannel<Tr, T>(*object, *topology, n, finite);                  \
+    if (allTypes || n % 5 == 0)                                                                    \
+        addChannel<Tr, T>(*object, *topology, n, finite);                                          \
     ++n;
     HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_TEST_ADD, Tr)
 #undef HEXMOLD_TEST_ADD
@@ -171,14 +177,17 @@ Quillon::Ptr<TVL::Object> makeVolume(std::uint32_t seed, bool finite, VoxelOffse
 /// Counts the differences of two channels of type T: settings, and tiles whose blocks differ
 /// in any bit.
 template <typename Tr, typename T>
-bool compareChannel(TVL::Object const& a, TVL::Object const& b, std::string const& name, int& checked)
+bool compareChannel(TVL::Object const& a, TVL::Object const& b, std::string const& name,
+                    int& checked)
 {
     auto ca = a.component<VoxelChannel<Tr, T>>(name);
-    if (!ca) return false;
+    if (!ca)
+        return false;
     ++checked;
     auto cb = b.component<VoxelChannel<Tr, T>>(name);
     EXPECT_TRUE(cb != nullptr) << name << " lost its element type";
-    if (!cb) return true;
+    if (!cb)
+        return true;
     T const da = ca->defaultValue(), db = cb->defaultValue();
     EXPECT_EQ(std::memcmp(&da, &db, sizeof(T)), 0) << name;
     EXPECT_EQ(ca->minDepth(), cb->minDepth()) << name;
@@ -217,8 +226,10 @@ template <typename Tr> void expectSameVolume(TVL::Object const& a, TVL::Object c
         for (std::int64_t t = 0; t < ta->tileCount(d); ++t) {
             auto const& x = ta->tile(t, d);
             auto const& y = tb->tile(t, d);
-            bool same = x.ti() == y.ti() && x.tj() == y.tj() && x.tk() == y.tk() && x.parent() == y.parent();
-            for (int s = 0; s < Tr::kChildCount; ++s) same = same && x.childIndex(s) == y.childIndex(s);
+            bool same = x.ti() == y.ti() && x.tj() == y.tj() && x.tk() == y.tk() &&
+                        x.parent() == y.parent();
+            for (int s = 0; s < Tr::kChildCount; ++s)
+                same = same && x.childIndex(s) == y.childIndex(s);
             differing += !same;
         }
     }
@@ -231,7 +242,8 @@ template <typename Tr> void expectSameVolume(TVL::Object const& a, TVL::Object c
     EXPECT_EQ(pa->targetName(), pb->targetName());
     int checked = 0;
     for (auto const& name : a.componentRange()) {
-        if (name == kTree || name == kTopology) continue;
+        if (name == kTree || name == kTopology)
+            continue;
         bool found = false;
 #define HEXMOLD_TEST_CMP(TR, T) found = found || compareChannel<Tr, T>(a, b, name, checked);
         HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_TEST_CMP, Tr)
@@ -241,7 +253,8 @@ template <typename Tr> void expectSameVolume(TVL::Object const& a, TVL::Object c
     EXPECT_EQ(checked, int(a.componentRange().size()) - 2);
 }
 
-template <typename Tr> class VolumeFile : public ::testing::Test {};
+template <typename Tr> class VolumeFile : public ::testing::Test {
+};
 TYPED_TEST_SUITE(VolumeFile, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 TYPED_TEST(VolumeFile, AllElementTypesRoundTripBitForBit)
@@ -352,10 +365,12 @@ TYPED_TEST(VolumeFile, OpenVdbOpensTheFile)
     ASSERT_NO_THROW(vdb.open());
     auto const meta = vdb.getMetadata();
     ASSERT_TRUE(meta->template getMetadata<openvdb::Int32Metadata>("hexmold.format_version"));
-    EXPECT_EQ(meta->template metaValue<openvdb::Int32>("hexmold.format_version"), hexmold::io::kVolumeFormatVersion);
+    EXPECT_EQ(meta->template metaValue<openvdb::Int32>("hexmold.format_version"),
+              hexmold::io::kVolumeFormatVersion);
     auto const tree = volume->template component<Container<Tr>>(kTree);
     int depth = Tr::kMaxDepth;
-    while (tree->tileCount(depth) == 0) --depth;
+    while (tree->tileCount(depth) == 0)
+        --depth;
     // Channel 6 is the float channel (the sixth element type of the list, counting from 0).
     auto const base = vdb.readGrid("c6.d" + std::to_string(depth));
     auto const grid = openvdb::gridPtrCast<openvdb::FloatGrid>(base);
@@ -438,7 +453,8 @@ TEST(VolumeFileErrors, PlainOpenVdbFileIsRefusedClearly)
 {
     TempFolder folder;
     openvdb::initialize();
-    auto sphere = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
+    auto sphere =
+        openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
     sphere->setName("sphere");
     openvdb::io::File vdb((folder / "sphere.vdb").string());
     vdb.write({sphere});
@@ -447,7 +463,8 @@ TEST(VolumeFileErrors, PlainOpenVdbFileIsRefusedClearly)
     EXPECT_NE(message.find("plain OpenVDB file"), std::string::npos) << message;
     EXPECT_NE(message.find("importLevelSet"), std::string::npos) << message;
     // With a valid trailer but no volume metadata it is refused as well.
-    doctor(folder / "sphere.vdb", folder / "sphere_trailer.vdb", [](openvdb::MetaMap&, openvdb::GridPtrVec&) {});
+    doctor(folder / "sphere.vdb", folder / "sphere_trailer.vdb",
+           [](openvdb::MetaMap&, openvdb::GridPtrVec&) {});
     std::string const second = readError(folder / "sphere_trailer.vdb");
     EXPECT_NE(second.find("holds no Hexmold volume"), std::string::npos) << second;
 }
@@ -459,9 +476,12 @@ TEST(VolumeFileErrors, EveryTruncationIsRefused)
     std::string const bytes = readBytes(file);
     ASSERT_GT(bytes.size(), 200u);
     std::vector<std::size_t> lengths;
-    for (std::size_t n = 0; n < 128; ++n) lengths.push_back(n);
-    for (std::size_t n = 128; n < bytes.size() - 128; n += (bytes.size() - 256) / 64 + 1) lengths.push_back(n);
-    for (std::size_t n = bytes.size() - 128; n < bytes.size(); ++n) lengths.push_back(n);
+    for (std::size_t n = 0; n < 128; ++n)
+        lengths.push_back(n);
+    for (std::size_t n = 128; n < bytes.size() - 128; n += (bytes.size() - 256) / 64 + 1)
+        lengths.push_back(n);
+    for (std::size_t n = bytes.size() - 128; n < bytes.size(); ++n)
+        lengths.push_back(n);
     fs::path const cut = folder / "cut.vdb";
     int refused = 0;
     for (std::size_t n : lengths) {
@@ -521,9 +541,11 @@ TEST(VolumeFileErrors, MissingOrWrongMetadataIsRefused)
     };
     for (Case c : {Case{"hexmold.voxel_size", "lacks the metadata 'hexmold.voxel_size'"},
                    Case{"hexmold.tile_counts", "lacks the metadata 'hexmold.tile_counts'"},
-                   Case{"hexmold.channel.1.element_type", "lacks the metadata 'hexmold.channel.1.element_type'"},
+                   Case{"hexmold.channel.1.element_type",
+                        "lacks the metadata 'hexmold.channel.1.element_type'"},
                    Case{"hexmold.traits", "lacks the metadata 'hexmold.traits'"}}) {
-        doctor(file, folder / "bad.vdb", [&](openvdb::MetaMap& meta, openvdb::GridPtrVec&) { meta.removeMeta(c.key); });
+        doctor(file, folder / "bad.vdb",
+               [&](openvdb::MetaMap& meta, openvdb::GridPtrVec&) { meta.removeMeta(c.key); });
         std::string const message = readError(folder / "bad.vdb");
         EXPECT_NE(message.find(c.expected), std::string::npos) << message;
     }
@@ -531,17 +553,20 @@ TEST(VolumeFileErrors, MissingOrWrongMetadataIsRefused)
         meta.removeMeta("hexmold.traits");
         meta.insertMeta("hexmold.traits", openvdb::StringMetadata("3,3,1"));
     });
-    EXPECT_NE(readError(folder / "bad.vdb").find("unknown tree instance '3,3,1'"), std::string::npos);
+    EXPECT_NE(readError(folder / "bad.vdb").find("unknown tree instance '3,3,1'"),
+              std::string::npos);
     doctor(file, folder / "bad.vdb", [](openvdb::MetaMap& meta, openvdb::GridPtrVec&) {
         meta.removeMeta("hexmold.channel.0.element_type");
         meta.insertMeta("hexmold.channel.0.element_type", openvdb::StringMetadata("float5"));
     });
-    EXPECT_NE(readError(folder / "bad.vdb").find("unknown element type 'float5'"), std::string::npos);
+    EXPECT_NE(readError(folder / "bad.vdb").find("unknown element type 'float5'"),
+              std::string::npos);
     doctor(file, folder / "bad.vdb", [](openvdb::MetaMap& meta, openvdb::GridPtrVec&) {
         meta.removeMeta("hexmold.voxel_size");
         meta.insertMeta("hexmold.voxel_size", openvdb::StringMetadata("big"));
     });
-    EXPECT_NE(readError(folder / "bad.vdb").find("'hexmold.voxel_size' is not a float"), std::string::npos);
+    EXPECT_NE(readError(folder / "bad.vdb").find("'hexmold.voxel_size' is not a float"),
+              std::string::npos);
 }
 
 TEST(VolumeFileErrors, MissingOrAlteredGridsAreRefused)
@@ -551,13 +576,16 @@ TEST(VolumeFileErrors, MissingOrAlteredGridsAreRefused)
     std::string const finest = std::to_string(Traits24::kMaxDepth);
     auto without = [&](std::string const& name) {
         doctor(file, folder / "bad.vdb", [&](openvdb::MetaMap&, openvdb::GridPtrVec& grids) {
-            grids.erase(std::remove_if(grids.begin(), grids.end(), [&](auto const& g) { return g->getName() == name; }),
+            grids.erase(std::remove_if(grids.begin(), grids.end(),
+                                       [&](auto const& g) { return g->getName() == name; }),
                         grids.end());
         });
         return readError(folder / "bad.vdb");
     };
-    EXPECT_NE(without("c0.d" + finest).find("lacks the grid of channel 'c0' at depth " + finest), std::string::npos);
-    EXPECT_NE(without("hexmold_tiles.d" + finest).find("lacks its tile layout of depth " + finest), std::string::npos);
+    EXPECT_NE(without("c0.d" + finest).find("lacks the grid of channel 'c0' at depth " + finest),
+              std::string::npos);
+    EXPECT_NE(without("hexmold_tiles.d" + finest).find("lacks its tile layout of depth " + finest),
+              std::string::npos);
     // A voxel switched off: the grid no longer holds exactly its depth's tile voxels.
     doctor(file, folder / "bad.vdb", [&](openvdb::MetaMap&, openvdb::GridPtrVec& grids) {
         for (auto& g : grids)
@@ -589,13 +617,14 @@ TEST(VolumeFileErrors, WritingRefusesWhatItCannotStore)
     TempFolder folder;
     fs::path const file = folder / "out.vdb";
     auto const none = TVL::createEmptyTVL();
-    EXPECT_NE(ioErrorOf([&] { hexmold::io::writeVolume(file, *none); }).find("no tile tree"), std::string::npos);
+    EXPECT_NE(ioErrorOf([&] { hexmold::io::writeVolume(file, *none); }).find("no tile tree"),
+              std::string::npos);
 
     auto object = Command::createVoxelTVL<Traits24>(kTree, kTopology, 0.5f, kVoxelOffsetCenter);
     auto topology = object->component<VoxelTopology<Traits24>>(kTopology);
     float const zero = 0;
-    auto halo = Quillon::makePtr<Channel<Traits24, float, 4, 1, 0>>("halo", &zero, kDataElementInitializerDefaultValue,
-                                                                   false, true, 0, Traits24::kMaxDepth);
+    auto halo = Quillon::makePtr<Channel<Traits24, float, 4, 1, 0>>(
+        "halo", &zero, kDataElementInitializerDefaultValue, false, true, 0, Traits24::kMaxDepth);
     halo->setTargetName(kTopology);
     object->addComponent(halo);
     std::string const message = ioErrorOf([&] { hexmold::io::writeVolume(file, *object); });
@@ -605,7 +634,8 @@ TEST(VolumeFileErrors, WritingRefusesWhatItCannotStore)
     object->removeComponent("halo");
     std::string const unwritable =
         ioErrorOf([&] { hexmold::io::writeVolume("/nonexistent/folder/out.vdb", *object); });
-    EXPECT_EQ(unwritable.rfind("/nonexistent/folder/out.vdb: cannot be written", 0), 0u) << unwritable;
+    EXPECT_EQ(unwritable.rfind("/nonexistent/folder/out.vdb: cannot be written", 0), 0u)
+        << unwritable;
 }
 
 TEST(VolumeFileErrors, AFailedWriteKeepsTheOldFile)

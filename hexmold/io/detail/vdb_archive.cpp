@@ -6,13 +6,13 @@
 #include <atomic>
 #include <cstring>
 #include <fstream>
+#include <hexmold/io/detail/volume_checksum.h>
 #include <mutex>
+#include <openvdb/io/File.h>
+#include <openvdb/io/Stream.h>
 #include <random>
 #include <streambuf>
 #include <system_error>
-#include <openvdb/io/File.h>
-#include <openvdb/io/Stream.h>
-#include <hexmold/io/detail/volume_checksum.h>
 
 namespace hexmold::io::detail {
 
@@ -33,7 +33,8 @@ protected:
         char* const target = dir == std::ios_base::beg   ? eback() + off
                              : dir == std::ios_base::cur ? gptr() + off
                                                          : egptr() + off;
-        if (target < eback() || target > egptr()) return pos_type(off_type(-1));
+        if (target < eback() || target > egptr())
+            return pos_type(off_type(-1));
         setg(eback(), target, egptr());
         return pos_type(target - eback());
     }
@@ -65,21 +66,29 @@ std::string readWholeFile(std::filesystem::path const& path)
 {
     std::error_code error;
     auto const status = std::filesystem::status(path, error);
-    if (status.type() == std::filesystem::file_type::not_found) fail(path, "no such file");
-    if (error) fail(path, "cannot be examined: " + systemReason(error));
-    if (status.type() == std::filesystem::file_type::directory) fail(path, "is a folder, not a file");
-    if (status.type() != std::filesystem::file_type::regular) fail(path, "is not a regular file");
+    if (status.type() == std::filesystem::file_type::not_found)
+        fail(path, "no such file");
+    if (error)
+        fail(path, "cannot be examined: " + systemReason(error));
+    if (status.type() == std::filesystem::file_type::directory)
+        fail(path, "is a folder, not a file");
+    if (status.type() != std::filesystem::file_type::regular)
+        fail(path, "is not a regular file");
     std::ifstream in(path, std::ios::binary);
-    if (!in) fail(path, std::string("cannot be opened: ") + std::strerror(errno));
+    if (!in)
+        fail(path, std::string("cannot be opened: ") + std::strerror(errno));
     std::string bytes;
     in.seekg(0, std::ios::end);
     std::streamoff const size = in.tellg();
-    if (size < 0) fail(path, "cannot be read");
+    if (size < 0)
+        fail(path, "cannot be read");
     bytes.resize(static_cast<std::size_t>(size));
     in.seekg(0, std::ios::beg);
     in.read(bytes.data(), size);
-    if (in.gcount() != size) fail(path, "cannot be read to its end");
-    if (bytes.empty()) fail(path, "is empty");
+    if (in.gcount() != size)
+        fail(path, "cannot be read to its end");
+    if (bytes.empty())
+        fail(path, "is empty");
     return bytes;
 }
 
@@ -104,7 +113,8 @@ Archive parseArchive(std::filesystem::path const& path, std::string_view bytes)
     try {
         openvdb::io::Stream stream(in, /*delayLoad=*/false);
         Archive archive{stream.getGrids(), stream.getMetadata()};
-        if (!archive.grids || !archive.metadata) fail(path, "OpenVDB found no grids in it");
+        if (!archive.grids || !archive.metadata)
+            fail(path, "OpenVDB found no grids in it");
         return archive;
     } catch (IoError const&) {
         throw;
@@ -133,7 +143,7 @@ void writeArchive(std::filesystem::path const& path, openvdb::GridCPtrVec const&
         std::uint32_t flags = openvdb::io::COMPRESS_ACTIVE_MASK;
         if (compression == VolumeCompression::kBlosc)
             flags |= openvdb::io::Archive::hasBloscCompression() ? openvdb::io::COMPRESS_BLOSC
-                                                                  : openvdb::io::COMPRESS_ZIP;
+                                                                 : openvdb::io::COMPRESS_ZIP;
         else if (compression == VolumeCompression::kZip)
             flags |= openvdb::io::COMPRESS_ZIP;
         file.setCompression(flags);

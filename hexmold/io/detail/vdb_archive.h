@@ -5,10 +5,10 @@
 /// @details Only for sources built with OpenVDB.
 #pragma once
 #include <filesystem>
+#include <hexmold/io/volume_file.h>
+#include <openvdb/openvdb.h>
 #include <string>
 #include <string_view>
-#include <openvdb/openvdb.h>
-#include <hexmold/io/volume_file.h>
 
 namespace hexmold::io::detail {
 

@@ -8,12 +8,12 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
-#include <type_traits>
-#include <vector>
-#include <openvdb/openvdb.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/type_lists.h>
+#include <openvdb/openvdb.h>
+#include <type_traits>
+#include <vector>
 
 namespace hexmold::io::detail {
 
@@ -37,9 +37,9 @@ template <typename T> struct ElementStorage {
 
     using Grid = std::conditional_t<
         kVector,
-        std::conditional_t<std::is_same_v<S, float>, openvdb::Vec3SGrid,
-                           std::conditional_t<std::is_same_v<S, double>, openvdb::Vec3DGrid,
-                                              openvdb::Vec3IGrid>>,
+        std::conditional_t<
+            std::is_same_v<S, float>, openvdb::Vec3SGrid,
+            std::conditional_t<std::is_same_v<S, double>, openvdb::Vec3DGrid, openvdb::Vec3IGrid>>,
         std::conditional_t<
             std::is_same_v<S, float>, openvdb::FloatGrid,
             std::conditional_t<std::is_same_v<S, double>, openvdb::DoubleGrid,
@@ -53,7 +53,8 @@ template <typename T> struct ElementStorage {
             S c[kComponents];
             std::memcpy(c, &value, sizeof(T));
             Value v(S(0));
-            for (int q = 0; q < 3 && 3 * part + q < kComponents; ++q) v[q] = c[3 * part + q];
+            for (int q = 0; q < 3 && 3 * part + q < kComponents; ++q)
+                v[q] = c[3 * part + q];
             return v;
         } else if constexpr (std::is_same_v<S, unsigned long long>) {
             return std::bit_cast<std::int64_t>(value);
@@ -67,7 +68,8 @@ template <typename T> struct ElementStorage {
         if constexpr (kVector) {
             S c[kComponents];
             std::memcpy(c, &io_value, sizeof(T));
-            for (int q = 0; q < 3 && 3 * part + q < kComponents; ++q) c[3 * part + q] = v[q];
+            for (int q = 0; q < 3 && 3 * part + q < kComponents; ++q)
+                c[3 * part + q] = v[q];
             std::memcpy(&io_value, c, sizeof(T));
             return true;
         } else if constexpr (std::is_same_v<S, unsigned long long>) {
@@ -108,10 +110,7 @@ struct DepthLattice {
     }
     /// World position of index 0's sample along one axis, for a sample @p offset voxels of
     /// this depth into its voxel (0 or 0.5), in finest voxels.
-    double origin(double offset) const
-    {
-        return double(corner(0)) + offset * double(voxelWidth);
-    }
+    double origin(double offset) const { return double(corner(0)) + offset * double(voxelWidth); }
 };
 
 /// The index of the first voxel of each tile of depth @p depth, in tile order.

@@ -17,13 +17,15 @@ std::uint64_t load64(char const* p)
 {
     std::uint64_t v;
     std::memcpy(&v, p, 8);
-    if constexpr (std::endian::native == std::endian::big) v = __builtin_bswap64(v);
+    if constexpr (std::endian::native == std::endian::big)
+        v = __builtin_bswap64(v);
     return v;
 }
 
 void store64(char* p, std::uint64_t v)
 {
-    if constexpr (std::endian::native == std::endian::big) v = __builtin_bswap64(v);
+    if constexpr (std::endian::native == std::endian::big)
+        v = __builtin_bswap64(v);
     std::memcpy(p, &v, 8);
 }
 
@@ -42,15 +44,19 @@ std::uint64_t contentHash(std::string_view bytes)
     if (n >= 32) {
         std::uint64_t v[4] = {kP1 + kP2, kP2, 0, 0 - kP1};
         for (; n >= 32; n -= 32, p += 32)
-            for (int l = 0; l < 4; ++l) v[l] = round(v[l], load64(p + 8 * l));
+            for (int l = 0; l < 4; ++l)
+                v[l] = round(v[l], load64(p + 8 * l));
         h = std::rotl(v[0], 1) + std::rotl(v[1], 7) + std::rotl(v[2], 12) + std::rotl(v[3], 18);
-        for (int l = 0; l < 4; ++l) h = (h ^ round(0, v[l])) * kP1 + kP3;
+        for (int l = 0; l < 4; ++l)
+            h = (h ^ round(0, v[l])) * kP1 + kP3;
     } else {
         h = kP3;
     }
     h += bytes.size();
-    for (; n >= 8; n -= 8, p += 8) h = std::rotl(h ^ round(0, load64(p)), 27) * kP1 + kP3;
-    for (; n > 0; --n, ++p) h = std::rotl(h ^ (std::uint64_t(static_cast<unsigned char>(*p)) * kP3), 11) * kP1;
+    for (; n >= 8; n -= 8, p += 8)
+        h = std::rotl(h ^ round(0, load64(p)), 27) * kP1 + kP3;
+    for (; n > 0; --n, ++p)
+        h = std::rotl(h ^ (std::uint64_t(static_cast<unsigned char>(*p)) * kP3), 11) * kP1;
     h ^= h >> 33;
     h *= kP2;
     h ^= h >> 29;
@@ -70,12 +76,16 @@ std::string makeTrailer(std::string_view archive)
 
 TrailerState checkTrailer(std::string_view bytes)
 {
-    if (bytes.size() < kTrailerSize) return TrailerState::kMissing;
+    if (bytes.size() < kTrailerSize)
+        return TrailerState::kMissing;
     char const* t = bytes.data() + bytes.size() - kTrailerSize;
-    if (std::string_view(t, 8) != kTrailerTag) return TrailerState::kMissing;
+    if (std::string_view(t, 8) != kTrailerTag)
+        return TrailerState::kMissing;
     std::string_view const archive = bytes.substr(0, bytes.size() - kTrailerSize);
-    if (load64(t + 8) != archive.size()) return TrailerState::kLength;
-    if (load64(t + 16) != contentHash(archive)) return TrailerState::kMismatch;
+    if (load64(t + 8) != archive.size())
+        return TrailerState::kLength;
+    if (load64(t + 16) != contentHash(archive))
+        return TrailerState::kMismatch;
     return TrailerState::kValid;
 }
 

@@ -11,9 +11,9 @@
 ///          Exported so that tests can make files whose checksum is right but whose content is not.
 #pragma once
 #include <cstdint>
+#include <hexmold/io/export.h>
 #include <string>
 #include <string_view>
-#include <hexmold/io/export.h>
 
 namespace hexmold::io::detail {
 
