@@ -9,6 +9,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <hexmold/io/detail/vdb_archive.h>
 #include <hexmold/io/detail/vdb_voxels.h>
 #include <hexmold/io/detail/volume_checksum.h>
@@ -642,6 +643,15 @@ bool volumeFilesAvailable()
     return true;
 }
 
+bool isVolumeFile(Path const& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::string head(512, '\0');
+    in.read(head.data(), std::streamsize(head.size()));
+    head.resize(static_cast<std::size_t>(std::max<std::streamsize>(in.gcount(), 0)));
+    return detail::hasVdbMagic(head) && detail::looksLikeVolumeFile(head);
+}
+
 void writeVolume(Path const& path, TVL::Object const& object, VolumeWriteOptions const& options)
 {
     Quillon::Ptr<Container<Traits24>> tree24;
@@ -727,6 +737,10 @@ namespace {
 } // namespace
 
 bool volumeFilesAvailable()
+{
+    return false;
+}
+bool isVolumeFile(std::filesystem::path const&)
 {
     return false;
 }

@@ -54,6 +54,11 @@ inline constexpr int kVolumeFormatVersion = 1;
 /// Whether this build has OpenVDB, and with it the .vdb functions of this library.
 HEXMOLD_IO_API bool volumeFilesAvailable();
 
+/// @brief Whether @p path is a Hexmold volume file (an OpenVDB file with volume metadata), from
+///        its first bytes only: false for a plain OpenVDB file and for anything unreadable. It
+///        does not check the file: `readVolume` does.
+HEXMOLD_IO_API bool isVolumeFile(std::filesystem::path const& path);
+
 /// @brief Writes the volume object @p object to the .vdb file @p path, losslessly.
 /// @details @p object must hold one tree (`Container<Traits<2,4,1>>` or
 ///          `Container<Traits<5,5,1>>`), one `VoxelTopology` of that tree targeting it, and any

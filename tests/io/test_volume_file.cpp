@@ -331,6 +331,8 @@ TYPED_TEST(VolumeFile, EmptyTreeRoundTrips)
     auto object = Command::createVoxelTVL<Tr>(kTree, kTopology, 0.25f, kVoxelOffsetCenter);
     fs::path const file = folder / "empty.vdb";
     hexmold::io::writeVolume(file, *object);
+    EXPECT_TRUE(hexmold::io::isVolumeFile(file));
+    EXPECT_FALSE(hexmold::io::isVolumeFile(folder / "absent.vdb"));
     auto const back = hexmold::io::readVolume(file);
     auto const tree = back->template component<Container<Tr>>(kTree);
     ASSERT_TRUE(tree != nullptr);
@@ -459,6 +461,7 @@ TEST(VolumeFileErrors, PlainOpenVdbFileIsRefusedClearly)
     openvdb::io::File vdb((folder / "sphere.vdb").string());
     vdb.write({sphere});
     vdb.close();
+    EXPECT_FALSE(hexmold::io::isVolumeFile(folder / "sphere.vdb"));
     std::string const message = readError(folder / "sphere.vdb");
     EXPECT_NE(message.find("plain OpenVDB file"), std::string::npos) << message;
     EXPECT_NE(message.find("importLevelSet"), std::string::npos) << message;
