@@ -1,0 +1,112 @@
+// The hexmold program end to end: convert a plain OpenVDB level set to a volume file and back,
+// info on it, and the exit code and one-line message of each error.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <hexmold/io/volume_file.h>
+#include <hexmold/substrate/container.h>
+#include <openvdb/io/File.h>
+#include <openvdb/openvdb.h>
+#include <openvdb/tools/LevelSetSphere.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#ifdef HEXMOLD_TOOL
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int code = -1;
+    std::string out; ///< standard output and standard error together
+};
+
+Outcome run(std::string const& args)
+{
+    std::string const command = std::string(HEXMOLD_TOOL) + " " + args + " 2>&1";
+    Outcome r;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe)
+        return r;
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
+        r.out.append(buffer, n);
+    int const status = ::pclose(pipe);
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+}
+
+class CommandLine : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        mFolder = fs::temp_directory_path() / ("hexmold_cli_" + std::to_string(::getpid()));
+        fs::create_directories(mFolder);
+    }
+    void TearDown() override { fs::remove_all(mFolder); }
+    std::string path(char const* name) const { return (mFolder / name).string(); }
+
+    fs::path mFolder;
+};
+
+TEST_F(CommandLine, ConvertsALevelSetToAVolumeAndBack)
+{
+    openvdb::initialize();
+    auto sphere =
+        openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
+    sphere->setName("ball");
+    {
+        openvdb::io::File file(path("sphere.vdb"));
+        file.write({sphere});
+        file.close();
+    }
+    Outcome const in = run("convert " + path("sphere.vdb") + " " + path("volume.vdb") + " --tree 55");
+    ASSERT_EQ(in.code, 0) << in.out;
+    auto const volume = hexmold::io::readVolume(path("volume.vdb"));
+    bool found = false;
+    for (auto const& name : volume->componentRange())
+        found = found || volume->component<TVL::TileTree3D::Container<TVL::TileTree3D::Traits55>>(
+                             name) != nullptr;
+    EXPECT_TRUE(found);
+
+    Outcome const info = run("--threads 1 info " + path("volume.vdb"));
+    ASSERT_EQ(info.code, 0) << info.out;
+    EXPECT_NE(info.out.find("Traits<5,5,1>"), std::string::npos) << info.out;
+    EXPECT_NE(info.out.find("voxel_signed_distance"), std::string::npos) << info.out;
+    EXPECT_NE(info.out.find("voxel hash"), std::string::npos) << info.out;
+
+    Outcome const out =
+        run("convert " + path("volume.vdb") + " " + path("back.vdb") + " --grid surface");
+    ASSERT_EQ(out.code, 0) << out.out;
+    openvdb::io::File back(path("back.vdb"));
+    back.open();
+    auto const grid = openvdb::gridPtrCast<openvdb::FloatGrid>(back.readGrid("surface"));
+    ASSERT_TRUE(grid != nullptr);
+    EXPECT_EQ(grid->getGridClass(), openvdb::GRID_LEVEL_SET);
+    EXPECT_GT(grid->activeVoxelCount(), sphere->activeVoxelCount() / 2);
+}
+
+TEST_F(CommandLine, ErrorsExitNonZeroWithOneLine)
+{
+    Outcome const missing = run("info " + path("missing.vdb"));
+    EXPECT_EQ(missing.code, 1);
+    EXPECT_EQ(missing.out, "hexmold: " + path("missing.vdb") + ": no such file\n");
+    Outcome const noArgs = run("convert");
+    EXPECT_EQ(noArgs.code, 2) << noArgs.out;
+    Outcome const badTree = run("convert a.vdb b.vdb --tree 33");
+    EXPECT_EQ(badTree.code, 2) << badTree.out;
+    Outcome const none = run("");
+    EXPECT_EQ(none.code, 2) << none.out;
+    Outcome const help = run("info --help");
+    EXPECT_EQ(help.code, 0);
+    EXPECT_NE(help.out.find("FILE"), std::string::npos) << help.out;
+}
+
+} // namespace
+
+#endif
