@@ -12,6 +12,7 @@
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/type_lists.h>
 #include <openvdb/openvdb.h>
+#include <string>
 #include <type_traits>
 #include <vector>
 
@@ -112,6 +113,23 @@ struct DepthLattice {
     /// this depth into its voxel (0 or 0.5), in finest voxels.
     double origin(double offset) const { return double(corner(0)) + offset * double(voxelWidth); }
 };
+
+/// @brief A grid of type GridT whose active voxels are exactly those of the tiles whose first
+///        voxels are @p origins (@p width voxels across), holding @p values in tile order and,
+///        within a tile, x fastest; @p background elsewhere.
+/// @details Instantiated in vdb_grids_scalar.cpp and vdb_grids_vector.cpp for the grid types of
+///          `ElementStorage`.
+template <typename GridT>
+openvdb::GridBase::Ptr voxelGrid(std::vector<openvdb::Coord> const& origins, int width,
+                                 std::vector<typename GridT::ValueType> const& values,
+                                 typename GridT::ValueType const& background);
+
+/// @brief The inverse of `voxelGrid`: reads every tile voxel of @p grid into @p out.
+/// @return an empty string, or what is wrong ("is a ..., not a ...", "holds N active voxels,
+///         not the M of its depth's tiles", "lacks a voxel of its depth's tiles")
+template <typename GridT>
+std::string readVoxelGrid(openvdb::GridBase const& grid, std::vector<openvdb::Coord> const& origins,
+                          int width, std::vector<typename GridT::ValueType>& out);
 
 /// The index of the first voxel of each tile of depth @p depth, in tile order.
 template <typename Traits>
