@@ -14,7 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#ifdef HEXMOLD_TOOL
+#if defined(HEXMOLD_TOOL) && HEXMOLD_HAVE_OPENVDB
 
 namespace {
 

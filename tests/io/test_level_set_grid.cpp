@@ -1,5 +1,7 @@
 // Tests of importLevelSet and writeLevelSetGrid against OpenVDB's own level sets and the exact
 // distance of a sphere.
+// Needs OpenVDB (test_volume_file.cpp checks the functions' errors without it).
+#if HEXMOLD_HAVE_OPENVDB
 #include "support/trees.h"
 #include "support/typed_traits.h"
 #include <algorithm>
@@ -369,3 +371,5 @@ TEST(LevelSetGridErrors, WriteNeedsAFloatChannel)
 }
 
 } // namespace
+
+#endif // HEXMOLD_HAVE_OPENVDB

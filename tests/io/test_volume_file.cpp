@@ -1,6 +1,7 @@
 // Tests of writeVolume / readVolume: lossless round trips of both trees with channels of all 18
 // element types, files that OpenVDB itself opens, and every kind of bad file refused with a
 // message naming the file, never a crash.
+#if HEXMOLD_HAVE_OPENVDB
 #include "support/random_trees.h"
 #include "support/trees.h"
 #include "support/typed_traits.h"
@@ -653,3 +654,17 @@ TEST(VolumeFileErrors, AFailedWriteKeepsTheOldFile)
 }
 
 } // namespace
+
+#else // no OpenVDB: the functions exist and say why they cannot work
+
+#include <gtest/gtest.h>
+#include <hexmold/io/volume_file.h>
+
+TEST(VolumeFile, WithoutOpenVdbEveryFunctionThrowsIoError)
+{
+    EXPECT_FALSE(hexmold::io::volumeFilesAvailable());
+    EXPECT_THROW(hexmold::io::readVolume("any.vdb"), hexmold::io::IoError);
+    EXPECT_THROW(hexmold::io::writeVolume("any.vdb", *TVL::createEmptyTVL()), hexmold::io::IoError);
+}
+
+#endif // HEXMOLD_HAVE_OPENVDB
