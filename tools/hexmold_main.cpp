@@ -1,60 +1,51 @@
 // The hexmold command-line program.
-//   hexmold --version          the version banner text
-//   hexmold demo [radius]      adaptive volumes of a sphere's exact signed distance, both trees,
-//                              and the redistancing of a field right only near the sphere
-#include <algorithm>
-#include <chrono>
+//   hexmold --version            the version banner text
+//   hexmold demo [radius]        adaptive volumes of a sphere's exact signed distance, both trees,
+//                                and the redistancing of a field right only near the sphere
+//   hexmold info FILE            what a volume file holds
+//   hexmold convert IN OUT       a plain OpenVDB level set to a volume file, and back
+//   hexmold voxelize MESH        a mesh file to an adaptive signed distance volume
+// Every command has --help; every error ends the program with a one-line message and exit code 1
+// (2 for a command line it cannot parse).
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
+#include <exception>
 #include <hexmold/diagnostics/version.h>
+#include <hexmold/substrate/parallel.h>
+#include <memory>
 
-#include "demo_redistance.h"
-#include "demo_resize.h"
-#include "demo_volume.h"
-#include "voxelize_command.h"
-
-namespace {
-
-int usage()
-{
-    std::fprintf(stderr,
-                 "usage: hexmold --version\n"
-                 "       hexmold demo [radius-in-finest-voxels (8..4096, default 128)]\n");
-    return 2;
-}
-
-} // namespace
+#include "commands.h"
 
 int main(int argc, char** argv)
 {
-    if (argc < 2) return usage();
-    std::string const cmd = argv[1];
-    if (cmd == "--version" || cmd == "version") {
+    CLI::App app{"hexmold: sparse adaptive signed-distance volumes on a tile tree"};
+    app.set_version_flag("--version", [] { return CoreGL::versionText(); });
+    app.require_subcommand(1);
+    int threads = 0;
+    app.add_option("--threads", threads, "Worker threads (default: all cores)")
+        ->check(CLI::PositiveNumber);
+    app.add_subcommand("version", "Print the version banner")->callback([] {
         std::printf("%s\n", CoreGL::versionText().c_str());
-        return 0;
+    });
+    commands::addDemoCommand(app);
+    commands::addInfoCommand(app);
+    commands::addConvertCommand(app);
+    commands::addVoxelizeCommand(app);
+
+    // The thread limit must hold while the commands run, which CLI11 does inside parse().
+    std::unique_ptr<TVL::Parallel::global_control> limit;
+    app.parse_complete_callback([&] {
+        if (threads > 0)
+            limit = std::make_unique<TVL::Parallel::global_control>(
+                TVL::Parallel::global_control::max_allowed_parallelism, std::size_t(threads));
+    });
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& e) {
+        // --help and --version come this way too, with code 0.
+        return app.exit(e) == 0 ? 0 : 2;
+    } catch (std::exception const& e) {
+        std::fprintf(stderr, "hexmold: %s\n", e.what());
+        return 1;
     }
-    if (cmd == "demo") {
-        double radius = 128.0;
-        if (argc > 2) {
-            char* end = nullptr;
-            radius = std::strtod(argv[2], &end);
-            if (!end || *end != '\0' || !(radius >= 8.0 && radius <= 4096.0)) return usage();
-        }
-        std::printf("%s\n\n", CoreGL::versionText().c_str());
-        demo::runVolumeDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", radius);
-        demo::runVolumeDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", radius);
-        demo::runRedistanceDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", std::min(radius, 128.0));
-        demo::runRedistanceDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", std::min(radius, 128.0));
-        demo::runResizeDemo<TVL::TileTree3D::Traits24>("Traits<2,4,1>", std::min(radius, 128.0));
-        demo::runResizeDemo<TVL::TileTree3D::Traits55>("Traits<5,5,1>", std::min(radius, 128.0));
-        return hexmoldtool::runMeshDemo(256);
-    }
-    if (cmd == "voxelize" && argc > 2) {
-        hexmoldtool::VoxelizeArgs a;
-        a.mesh = argv[2];
-        return hexmoldtool::runVoxelize(a);
-    }
-    return usage();
+    return 0;
 }

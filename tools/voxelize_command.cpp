@@ -11,12 +11,16 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <unistd.h>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
+#include <hexmold/api/voxelize_mesh.h>
+#include <hexmold/io/level_set_grid.h>
 #include <hexmold/io/read_mesh.h>
+#include <hexmold/io/volume_file.h>
 #include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/platform/tavrel/spatial_query.h>
@@ -34,19 +38,6 @@ namespace {
 using namespace TVL::TileTree3D;
 namespace Geo = Tavrel::Geometry;
 using Clock = std::chrono::steady_clock;
-
-/// Messages of the library: warnings and errors to standard error.
-class StderrServices : public Quillon::RuntimeServices {
-public:
-    bool isLogEnabled(Quillon::RuntimeMessageCategory c) const override
-    {
-        return c != Quillon::RuntimeMessageCategory::kInfo;
-    }
-    void logImpl(Quillon::RuntimeMessageCategory, Quillon::StringView text) const override
-    {
-        std::fprintf(stderr, "hexmold: %.*s\n", int(text.size()), text.data());
-    }
-};
 
 /// Stage times, gathered from the library's timers; progress on a terminal.
 struct Stages {
@@ -139,76 +130,70 @@ MeshArrays icosphere()
     return arraysOf(Geo::createMesh(positions, faceVertex, faceOffset));
 }
 
-template <typename Traits> struct Built {
-    Container<Traits> container;
-    VoxelTopology<Traits> topology;
-    float far;
-    VoxelChannel<Traits, float> distance;
-    TVL::Object object;
+/// The volume, built through the hexmold:: layer, with the time it took.
+struct Built {
+    hexmold::Volume volume;
     double ms = 0.0;
-    Built(float h, float farValue)
-        : container(Geo::sVoxelTileTree, h), topology(Geo::sVoxelComp, Geo::sVoxelTileTree, h), far(farValue),
-          distance(Geo::sVoxelSignedDistance, &far, kDataElementInitializerDefaultValue, false, false, 0,
-                   Traits::kMaxDepth)
-    {
-    }
 };
 
-template <typename Traits>
-std::unique_ptr<Built<Traits>> build(MeshArrays const& m, VoxelizeArgs const& a, float h)
+Built build(MeshArrays const& m, VoxelizeArgs const& a, double h)
 {
-    auto b = std::make_unique<Built<Traits>>(h, 1e30f);
-    StderrServices services;
+    hexmold::VoxelizeMeshOptions o;
+    o.traits = a.traits == 55 ? hexmold::TraitsKind::kTraits55 : hexmold::TraitsKind::kTraits24;
+    o.voxelSize = h;
+    o.solid = !a.shell;
+    o.sparse = a.adaptivity == "sparse";
+    o.maxRelativeError = a.maxError;
+    o.holeRadius = a.holeRadius;
+    o.thickenVoxels = a.thicken;
+    o.properties = a.properties;
     int const saved = CoreGL::Logger::verboseLevel();
     CoreGL::Logger::setVerboseLevel(a.verbose);
     Stages::list().clear();
     CoreGL::Logger::setTimerObserver(&Stages::observe);
+    struct Restore {
+        int verbose;
+        ~Restore()
+        {
+            CoreGL::Logger::setTimerObserver(nullptr);
+            CoreGL::Logger::setVerboseLevel(verbose);
+            if (isatty(2)) std::fprintf(stderr, "\r\033[K");
+        }
+    } restore{saved};
     auto const t0 = Clock::now();
-    VolumeGL::TileTree3D::voxelizeMesh<Traits>(
-        *m.object, m.positions, m.faceVertex, m.faceOffset, a.properties, nullptr, !a.shell,
-        static_cast<VolumeGL::TileTree3D::Adaptivity>(a.adaptivity), float(a.maxError), float(a.holeRadius), float(a.thicken), nullptr,
-        b->container, b->topology, b->distance, b->object, services);
-    b->ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-    CoreGL::Logger::setTimerObserver(nullptr);
-    CoreGL::Logger::setVerboseLevel(saved);
-    if (isatty(2)) std::fprintf(stderr, "\r\033[K");
+    Built b{hexmold::voxelizeMesh(*m.object, o), 0.0};
+    b.ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
     return b;
 }
 
 double mib(std::size_t bytes) { return double(bytes) / (1024.0 * 1024.0); }
 
-template <typename Traits> void summary(Built<Traits> const& b, MeshArrays const& m, VoxelizeArgs const& a, float h)
+template <typename Traits> void summary(Built const& b, MeshArrays const& m, VoxelizeArgs const& a, float h)
 {
     constexpr int kMax = Traits::kMaxDepth;
-    constexpr int W = Traits::kTileWidth;
+    auto const& object = b.volume.object();
+    auto const& tree = *object.component<Container<Traits>>(b.volume.names().tree);
+    auto const& distance = *object.component<VoxelChannel<Traits, float>>(hexmold::kDistanceChannel);
     std::printf("mesh: %zu points, %zu faces, box %.6g x %.6g x %.6g\n", m.positions.size(),
                 m.faceOffset.empty() ? std::size_t(0) : m.faceOffset.size() - 1, m.hi[0] - m.lo[0], m.hi[1] - m.lo[1],
                 m.hi[2] - m.lo[2]);
-    std::printf("volume: %s, finest voxel %.6g (%.0f across), %s\n", Traits::kRatio == 2 ? "Traits<2,4,1>" : "Traits<5,5,1>",
-                double(h), m.maxSide / double(h), a.shell ? "shell (unsigned)" : "solid (signed)");
+    std::printf("volume: %s, finest voxel %.6g (%.0f across), %s%s\n",
+                Traits::kRatio == 2 ? "Traits<2,4,1>" : "Traits<5,5,1>", double(h), m.maxSide / double(h),
+                a.shell ? "shell (unsigned)" : "solid (signed)", a.adaptivity == "sparse" ? ", sparse build" : "");
     std::printf("  depth      tiles        voxels\n");
-    std::uint64_t voxels = 0;
     for (int d = 0; d <= kMax; ++d) {
-        std::int64_t const n = b.container.tileCount(d);
+        std::int64_t const n = tree.tileCount(d);
         if (n == 0) continue;
-        std::uint64_t const v = b.container.voxelDataCount(d);
-        voxels += v;
-        std::printf("  %5d %10lld %13llu\n", d, (long long)n, (unsigned long long)v);
+        std::printf("  %5d %10lld %13llu\n", d, (long long)n, (unsigned long long)tree.voxelDataCount(d));
     }
     std::uint64_t band = 0;
-    for (std::int64_t t = 0; t < b.container.tileCount(kMax); ++t)
-        for (float x : b.distance.tileData(t, kMax)) band += std::abs(x) < 3.0f * h;
+    for (std::int64_t t = 0; t < tree.tileCount(kMax); ++t)
+        for (float x : distance.tileData(t, kMax)) band += std::abs(x) < 3.0f * h;
     std::printf("  all %16llu voxels; finest voxels within 3 voxels of the surface: %llu\n",
-                (unsigned long long)voxels, (unsigned long long)band);
-    std::size_t used = 0, reserved = 0;
-    b.container.memUse(used, reserved, true);
-    std::printf("memory: tree %.2f MiB, %s %.2f MiB", mib(used), Geo::sVoxelSignedDistance.c_str(), [&] {
-        std::size_t u = 0, r = 0;
-        b.distance.memUse(u, r, true);
-        return mib(u);
-    }());
-    for (auto const& name : b.object.componentRange()) {
-        auto const c = b.object.template component<TVL::Component>(name);
+                (unsigned long long)b.volume.voxelCount(), (unsigned long long)band);
+    std::printf("memory: %.2f MiB in all", mib(b.volume.memoryBytes()));
+    for (auto const& name : object.componentRange()) {
+        auto const c = object.template component<TVL::Component>(name);
         if (!c) continue;
         std::size_t u = 0, r = 0;
         c->memUse(u, r, true);
@@ -216,18 +201,21 @@ template <typename Traits> void summary(Built<Traits> const& b, MeshArrays const
     }
     std::printf("\ntime: %.1f ms in all\n", b.ms);
     for (auto const& [stage, ms] : Stages::list()) std::printf("  %-52s %9.1f ms\n", stage.c_str(), ms);
-    std::printf("voxel hash: %.17g\n", CoreGL::voxelHash(b.container, b.distance));
+    std::printf("voxel hash: %.17g\n", b.volume.voxelHash());
 }
 
 /// Error of the finest voxels within 2 voxels of the surface against the exact distance, on up to
 /// 20000 of them chosen at random (brute force over the triangles).
-template <typename Traits> void exactError(Built<Traits> const& b, MeshArrays const& m, float h)
+template <typename Traits> void exactError(Built const& b, MeshArrays const& m, float h)
 {
     constexpr int kMax = Traits::kMaxDepth;
     constexpr int W = Traits::kTileWidth;
+    auto const& object = b.volume.object();
+    auto const& tree = *object.component<Container<Traits>>(b.volume.names().tree);
+    auto const& distance = *object.component<VoxelChannel<Traits, float>>(hexmold::kDistanceChannel);
     std::vector<std::pair<std::int64_t, int>> near;
-    for (std::int64_t t = 0; t < b.container.tileCount(kMax); ++t) {
-        auto const dd = b.distance.tileData(t, kMax);
+    for (std::int64_t t = 0; t < tree.tileCount(kMax); ++t) {
+        auto const dd = distance.tileData(t, kMax);
         for (int n = 0; n < int(dd.size()); ++n)
             if (std::abs(dd[std::size_t(n)]) <= 2.0f * h) near.push_back({t, n});
     }
@@ -237,7 +225,7 @@ template <typename Traits> void exactError(Built<Traits> const& b, MeshArrays co
     std::vector<double> err(near.size(), 0.0);
     TVL::Parallel::parallel_for(TVL::Parallel::blocked_range<std::size_t>(0, near.size(), 64), [&](auto const& r) {
         for (std::size_t q = r.begin(); q != r.end(); ++q) {
-            auto const& tile = b.container.tile(near[q].first, kMax);
+            auto const& tile = tree.tile(near[q].first, kMax);
             int const n = near[q].second;
             Tavrel::Math::float3 const p{float((tile.ti() + n % W + 0.5) * h), float((tile.tj() + (n / W) % W + 0.5) * h),
                                          float((tile.tk() + n / (W * W) + 0.5) * h)};
@@ -247,7 +235,7 @@ template <typename Traits> void exactError(Built<Traits> const& b, MeshArrays co
                     best = std::min(best, Tavrel::SpatialQuery::pointTriangleDistance(
                                               p, m.positions[m.faceVertex[m.faceOffset[f]]],
                                               m.positions[m.faceVertex[q2 - 1]], m.positions[m.faceVertex[q2]]));
-            err[q] = std::abs(std::abs(double(b.distance.tileData(near[q].first, kMax)[std::size_t(n)])) - best) / h;
+            err[q] = std::abs(std::abs(double(distance.tileData(near[q].first, kMax)[std::size_t(n)])) - best) / h;
         }
     });
     double sum = 0.0, worst = 0.0;
@@ -259,22 +247,23 @@ template <typename Traits> void exactError(Built<Traits> const& b, MeshArrays co
 template <typename Traits> int runWith(MeshArrays const& m, VoxelizeArgs const& a)
 {
     double const h = a.voxelSize > 0.0 ? a.voxelSize : m.maxSide / double(a.resolution);
-    if (!(h > 0.0) || !std::isfinite(h)) {
-        std::fprintf(stderr, "hexmold: the mesh has no extent to divide into voxels\n");
-        return 1;
+    if (!(h > 0.0) || !std::isfinite(h)) throw std::runtime_error("the mesh has no extent to divide into voxels");
+    Built const b = build(m, a, h);
+    summary<Traits>(b, m, a, float(h));
+    if (a.exactError) exactError<Traits>(b, m, float(h));
+    if (!a.out.empty()) {
+        hexmold::io::writeVolume(a.out, b.volume.object());
+        std::printf("wrote %s\n", a.out.c_str());
     }
-    auto const b = build<Traits>(m, a, float(h));
-    summary(*b, m, a, float(h));
-    if (a.exactError) exactError(*b, m, float(h));
+    if (!a.levelSetGrid.empty()) {
+        hexmold::io::writeLevelSetGrid(a.levelSetGrid, b.volume.object(), hexmold::kDistanceChannel);
+        std::printf("wrote %s\n", a.levelSetGrid.c_str());
+    }
     return 0;
 }
 
 int runOn(MeshArrays const& m, VoxelizeArgs const& a)
 {
-    std::unique_ptr<TVL::Parallel::global_control> limit;
-    if (a.threads > 0)
-        limit = std::make_unique<TVL::Parallel::global_control>(TVL::Parallel::global_control::max_allowed_parallelism,
-                                                                std::size_t(a.threads));
     return a.traits == 55 ? runWith<Traits55>(m, a) : runWith<Traits24>(m, a);
 }
 
@@ -282,12 +271,7 @@ int runOn(MeshArrays const& m, VoxelizeArgs const& a)
 
 int runVoxelize(VoxelizeArgs const& a)
 {
-    try {
-        return runOn(arraysOf(hexmold::io::readMesh(a.mesh)), a);
-    } catch (std::exception const& e) {
-        std::fprintf(stderr, "hexmold: %s\n", e.what());
-        return 1;
-    }
+    return runOn(arraysOf(hexmold::io::readMesh(a.mesh)), a);
 }
 
 int runMeshDemo(int resolution)
@@ -307,12 +291,7 @@ int runMeshDemo(int resolution)
         return runVoxelize(a);
     }
     std::printf("== voxelizeMesh: an icosphere of 5120 triangles (bunny.obj not found), %d voxels across\n", resolution);
-    try {
-        return runOn(icosphere(), a);
-    } catch (std::exception const& e) {
-        std::fprintf(stderr, "hexmold: %s\n", e.what());
-        return 1;
-    }
+    return runOn(icosphere(), a);
 }
 
 } // namespace hexmoldtool

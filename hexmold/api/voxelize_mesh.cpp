@@ -52,7 +52,8 @@ Volume build(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float3> co
         TVL::ComponentGuard<VoxelChannel<Traits, float>> distance(*object, o.channel);
         VolumeGL::TileTree3D::voxelizeMesh<Traits>(
             mesh, positions, faceVertex, faceOffset, o.properties, nullptr, o.solid,
-            VolumeGL::TileTree3D::AdaptivityMaxRelativeError, float(o.maxRelativeError), float(o.holeRadius),
+            o.sparse ? VolumeGL::TileTree3D::AdaptivityResolutionFields : VolumeGL::TileTree3D::AdaptivityMaxRelativeError,
+            float(o.maxRelativeError), float(o.holeRadius),
             float(o.thickenVoxels), nullptr, *tree, *topology, *distance, *object, services);
     }
     if (!services.error.empty()) detail::fail("hexmold::voxelizeMesh", services.error);

@@ -20,6 +20,8 @@ struct VoxelizeMeshOptions {
     int resolution = 256;
     /// A solid (signed, negative inside); false: an unsigned shell of `thickenVoxels`.
     bool solid = true;
+    /// The sparse build: finest tiles in a narrow band around the surface, no refinement by error.
+    bool sparse = false;
     /// Refine only where the parent's interpolation misses the exact distance by more than this
     /// fraction of the largest side (times the voxel size); 0: everywhere near the surface.
     double maxRelativeError = 0.0;

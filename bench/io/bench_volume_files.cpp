@@ -1,0 +1,151 @@
+// Volume files: a sphere level set 512 finest voxels across (radius 256, OpenVDB's band of 3
+// voxels each side) imported into an adaptive volume of each tree, then written and read by
+// writeVolume / readVolume (the whole volume, every depth, Blosc) and written as a plain level
+// set by writeLevelSetGrid; against OpenVDB writing and reading its own FloatGrid of the same
+// sphere with io::File (Blosc). Medians of interleaved repeats: MB on disk, seconds and MB/s
+// (file size over time).
+//   bench_io [radius-in-voxels (default 256)] [repeats (default 3)]
+#include "bench/support/timing.h"
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <hexmold/io/level_set_grid.h>
+#include <hexmold/io/volume_file.h>
+#include <hexmold/substrate/channel.h>
+#include <hexmold/substrate/container.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#if HEXMOLD_HAVE_OPENVDB
+#include <openvdb/io/File.h>
+#include <openvdb/openvdb.h>
+#include <openvdb/tools/LevelSetSphere.h>
+#endif
+
+namespace {
+
+using benchtiming::median;
+using benchtiming::msSince;
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+double megabytes(fs::path const& p)
+{
+    return double(fs::file_size(p)) / (1024.0 * 1024.0);
+}
+
+void row(char const* what, double mb, double seconds)
+{
+    std::printf("  %-38s %9.2f MB %9.3f s %9.1f MB/s\n", what, mb, seconds, mb / seconds);
+}
+
+#if HEXMOLD_HAVE_OPENVDB
+template <typename Traits>
+void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& folder,
+             fs::path const& sphere, openvdb::FloatGrid::Ptr const& grid, int repeats)
+{
+    auto const t0 = Clock::now();
+    hexmold::io::ImportLevelSetOptions options;
+    options.tree = kind;
+    auto const volume = hexmold::io::importLevelSet(sphere, "sphere", options);
+    double const importMs = msSince(t0);
+    auto const tree =
+        volume->template component<TVL::TileTree3D::Container<Traits>>("voxel_tile_tree");
+    std::printf("%s: %lld tiles, %llu voxels (%lld deepest tiles); importLevelSet %.2f s\n", label,
+                (long long)tree->tileCount(-1), (unsigned long long)tree->voxelDataCount(-1),
+                (long long)tree->tileCount(Traits::kMaxDepth), importMs / 1000.0);
+
+    fs::path const ours = folder / "volume.vdb", plain = folder / "levelset.vdb",
+                   peer = folder / "peer.vdb";
+    std::vector<double> writeOurs, readOurs, writePlain, writePeer, readPeer;
+    for (int r = 0; r < repeats; ++r) {
+        auto t = Clock::now();
+        hexmold::io::writeVolume(ours, *volume);
+        writeOurs.push_back(msSince(t));
+        t = Clock::now();
+        auto back = hexmold::io::readVolume(ours);
+        readOurs.push_back(msSince(t));
+        back.reset();
+        t = Clock::now();
+        hexmold::io::writeLevelSetGrid(plain, *volume, "voxel_signed_distance");
+        writePlain.push_back(msSince(t));
+        t = Clock::now();
+        {
+            openvdb::io::File file(peer.string());
+            file.setCompression(openvdb::io::COMPRESS_BLOSC | openvdb::io::COMPRESS_ACTIVE_MASK);
+            file.write({grid});
+            file.close();
+        }
+        writePeer.push_back(msSince(t));
+        t = Clock::now();
+        {
+            openvdb::io::File file(peer.string());
+            file.open(/*delayLoad=*/false);
+            auto g = file.readGrid("sphere");
+            file.close();
+        }
+        readPeer.push_back(msSince(t));
+    }
+    double const mbOurs = megabytes(ours), mbPlain = megabytes(plain), mbPeer = megabytes(peer);
+    row("writeVolume (all depths)", mbOurs, median(writeOurs) / 1000.0);
+    row("readVolume (all depths)", mbOurs, median(readOurs) / 1000.0);
+    row("writeLevelSetGrid (finest band)", mbPlain, median(writePlain) / 1000.0);
+    row("OpenVDB io::File write, its FloatGrid", mbPeer, median(writePeer) / 1000.0);
+    row("OpenVDB io::File read, its FloatGrid", mbPeer, median(readPeer) / 1000.0);
+    for (auto [c, name] : {std::pair{hexmold::io::VolumeCompression::kZip, "zip"},
+                           std::pair{hexmold::io::VolumeCompression::kNone, "no"}}) {
+        fs::path const other = folder / "other.vdb";
+        hexmold::io::writeVolume(other, *volume, {c});
+        std::printf("  volume file with %s compression: %.2f MB\n", name, megabytes(other));
+    }
+    std::printf("  volume file / OpenVDB file: %.2f; level-set file / OpenVDB file: %.2f\n",
+                mbOurs / mbPeer, mbPlain / mbPeer);
+    std::printf("  write time ours / OpenVDB: %.2f; read time ours / OpenVDB: %.2f\n\n",
+                median(writeOurs) / median(writePeer), median(readOurs) / median(readPeer));
+}
+#endif
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+#if HEXMOLD_HAVE_OPENVDB
+    float const radius = argc > 1 ? float(std::atof(argv[1])) : 256.0f;
+    int const repeats = argc > 2 ? std::max(1, std::atoi(argv[2])) : 3;
+    if (!(radius >= 8 && radius <= 4096)) {
+        std::fprintf(stderr, "usage: bench_io [radius-in-voxels 8..4096] [repeats]\n");
+        return 2;
+    }
+    fs::path const folder =
+        fs::temp_directory_path() / ("hexmold_bench_io_" + std::to_string(::getpid()));
+    fs::create_directories(folder);
+    openvdb::initialize();
+    // The world radius is 1; voxels of 1 / radius.
+    float const voxel = 1.0f / radius;
+    auto grid = openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(
+        1.0f, openvdb::Vec3f(0.013f, -0.021f, 0.007f), voxel);
+    grid->setName("sphere");
+    fs::path const sphere = folder / "sphere.vdb";
+    {
+        openvdb::io::File file(sphere.string());
+        file.write({grid});
+        file.close();
+    }
+    std::printf("sphere level set: radius %g voxels (%g across), OpenVDB band %llu active voxels, "
+                "%d repeats\n\n",
+                double(radius), 2.0 * radius, (unsigned long long)grid->activeVoxelCount(),
+                repeats);
+    runTree<TVL::TileTree3D::Traits24>("Traits<2,4,1>", hexmold::io::TreeKind::kTraits24, folder,
+                                       sphere, grid, repeats);
+    runTree<TVL::TileTree3D::Traits55>("Traits<5,5,1>", hexmold::io::TreeKind::kTraits55, folder,
+                                       sphere, grid, repeats);
+    fs::remove_all(folder);
+    return 0;
+#else
+    std::printf("bench_io: this build has no OpenVDB\n");
+    return 0;
+#endif
+}

@@ -1,0 +1,173 @@
+// The hexmold program end to end: convert a plain OpenVDB level set to a volume file and back,
+// info on it, voxelize a mesh file the test writes, and the exit code and one-line message of
+// each error.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <hexmold/io/volume_file.h>
+#include <hexmold/substrate/container.h>
+#include <openvdb/io/File.h>
+#include <openvdb/openvdb.h>
+#include <openvdb/tools/LevelSetSphere.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#if defined(HEXMOLD_TOOL) && HEXMOLD_HAVE_OPENVDB
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int code = -1;
+    std::string out; ///< standard output and standard error together
+};
+
+Outcome run(std::string const& args)
+{
+    std::string const command = std::string(HEXMOLD_TOOL) + " " + args + " 2>&1";
+    Outcome r;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe)
+        return r;
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
+        r.out.append(buffer, n);
+    int const status = ::pclose(pipe);
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+}
+
+class CommandLine : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        mFolder = fs::temp_directory_path() / ("hexmold_cli_" + std::to_string(::getpid()));
+        fs::create_directories(mFolder);
+    }
+    void TearDown() override { fs::remove_all(mFolder); }
+    std::string path(char const* name) const { return (mFolder / name).string(); }
+
+    fs::path mFolder;
+};
+
+TEST_F(CommandLine, ConvertsALevelSetToAVolumeAndBack)
+{
+    openvdb::initialize();
+    auto sphere =
+        openvdb::tools::createLevelSetSphere<openvdb::FloatGrid>(1.0f, openvdb::Vec3f(0), 0.1f);
+    sphere->setName("ball");
+    {
+        openvdb::io::File file(path("sphere.vdb"));
+        file.write({sphere});
+        file.close();
+    }
+    Outcome const in = run("convert " + path("sphere.vdb") + " " + path("volume.vdb") + " --tree 55");
+    ASSERT_EQ(in.code, 0) << in.out;
+    auto const volume = hexmold::io::readVolume(path("volume.vdb"));
+    bool found = false;
+    for (auto const& name : volume->componentRange())
+        found = found || volume->component<TVL::TileTree3D::Container<TVL::TileTree3D::Traits55>>(
+                             name) != nullptr;
+    EXPECT_TRUE(found);
+
+    Outcome const info = run("--threads 1 info " + path("volume.vdb"));
+    ASSERT_EQ(info.code, 0) << info.out;
+    EXPECT_NE(info.out.find("Traits<5,5,1>"), std::string::npos) << info.out;
+    EXPECT_NE(info.out.find("voxel_signed_distance"), std::string::npos) << info.out;
+    EXPECT_NE(info.out.find("voxel hash"), std::string::npos) << info.out;
+
+    Outcome const out =
+        run("convert " + path("volume.vdb") + " " + path("back.vdb") + " --grid surface");
+    ASSERT_EQ(out.code, 0) << out.out;
+    openvdb::io::File back(path("back.vdb"));
+    back.open();
+    auto const grid = openvdb::gridPtrCast<openvdb::FloatGrid>(back.readGrid("surface"));
+    ASSERT_TRUE(grid != nullptr);
+    EXPECT_EQ(grid->getGridClass(), openvdb::GRID_LEVEL_SET);
+    EXPECT_GT(grid->activeVoxelCount(), sphere->activeVoxelCount() / 2);
+}
+
+TEST_F(CommandLine, ErrorsExitNonZeroWithOneLine)
+{
+    Outcome const missing = run("info " + path("missing.vdb"));
+    EXPECT_EQ(missing.code, 1);
+    EXPECT_EQ(missing.out, "hexmold: " + path("missing.vdb") + ": no such file\n");
+    Outcome const noArgs = run("convert");
+    EXPECT_EQ(noArgs.code, 2) << noArgs.out;
+    Outcome const badTree = run("convert a.vdb b.vdb --tree 33");
+    EXPECT_EQ(badTree.code, 2) << badTree.out;
+    Outcome const none = run("");
+    EXPECT_EQ(none.code, 2) << none.out;
+    Outcome const help = run("info --help");
+    EXPECT_EQ(help.code, 0);
+    EXPECT_NE(help.out.find("FILE"), std::string::npos) << help.out;
+}
+
+/// An octahedron-like closed mesh written as OBJ: a cube of quads.
+void writeCube(std::string const& file)
+{
+    FILE* f = std::fopen(file.c_str(), "w");
+    std::fputs("v -1 -1 -1\nv 1 -1 -1\nv 1 1 -1\nv -1 1 -1\nv -1 -1 1\nv 1 -1 1\nv 1 1 1\nv -1 1 1\n"
+               "f 1 4 3 2\nf 5 6 7 8\nf 1 2 6 5\nf 2 3 7 6\nf 3 4 8 7\nf 4 1 5 8\n",
+               f);
+    std::fclose(f);
+}
+
+TEST_F(CommandLine, VoxelizesAMeshFileAndWritesTheVolume)
+{
+    writeCube(path("cube.obj"));
+    Outcome const v = run("--threads 2 voxelize " + path("cube.obj") + " --resolution 32 -o " + path("cube.vdb") +
+                          " --level-set-grid " + path("cube_ls.vdb") + " --exact-error");
+    ASSERT_EQ(v.code, 0) << v.out;
+    for (char const* line : {"mesh: 8 points, 6 faces", "depth      tiles        voxels", "finest voxels within 3 voxels",
+                             "memory:", "create_distance", "voxel hash: ", "error against the exact distance"})
+        EXPECT_NE(v.out.find(line), std::string::npos) << line << "\n" << v.out;
+    auto const volume = hexmold::io::readVolume(path("cube.vdb"));
+    EXPECT_TRUE(volume->component<TVL::TileTree3D::Container<TVL::TileTree3D::Traits24>>("voxel_tile_tree"));
+    openvdb::initialize();
+    openvdb::io::File grid(path("cube_ls.vdb"));
+    grid.open();
+    EXPECT_FALSE(grid.getGrids()->empty());
+    Outcome const info = run("info " + path("cube.vdb"));
+    EXPECT_EQ(info.code, 0) << info.out;
+    // The other tree, a shell, the sparse build.
+    Outcome const shell = run("voxelize " + path("cube.obj") + " --traits 55 --shell --thicken 1 --adaptivity sparse "
+                              "--resolution 16");
+    EXPECT_EQ(shell.code, 0) << shell.out;
+    EXPECT_NE(shell.out.find("Traits<5,5,1>"), std::string::npos) << shell.out;
+}
+
+TEST_F(CommandLine, VoxelizeErrorsExitNonZeroWithOneLine)
+{
+    Outcome const missing = run("voxelize " + path("missing.obj"));
+    EXPECT_EQ(missing.code, 1);
+    EXPECT_EQ(missing.out, "hexmold: " + path("missing.obj") + ": no such file\n");
+    {
+        FILE* f = std::fopen(path("broken.obj").c_str(), "w");
+        std::fputs("v 0 0 0\nv 1 0 0\nf 1 2 7\n", f);
+        std::fclose(f);
+    }
+    Outcome const corrupt = run("voxelize " + path("broken.obj"));
+    EXPECT_EQ(corrupt.code, 1) << corrupt.out;
+    EXPECT_EQ(corrupt.out.rfind("hexmold: " + path("broken.obj"), 0), 0u) << corrupt.out;
+    EXPECT_EQ(std::count(corrupt.out.begin(), corrupt.out.end(), '\n'), 1) << corrupt.out;
+    writeCube(path("cube.obj"));
+    Outcome const badOption = run("voxelize " + path("cube.obj") + " --traits 33");
+    EXPECT_EQ(badOption.code, 2) << badOption.out;
+    Outcome const both = run("voxelize " + path("cube.obj") + " --resolution 8 --voxel-size 0.1");
+    EXPECT_EQ(both.code, 2) << both.out;
+    Outcome const negative = run("voxelize " + path("cube.obj") + " --hole-radius -1");
+    EXPECT_EQ(negative.code, 2) << negative.out;
+    Outcome const help = run("voxelize --help");
+    EXPECT_EQ(help.code, 0);
+    EXPECT_NE(help.out.find("--resolution"), std::string::npos) << help.out;
+}
+
+} // namespace
+
+#endif
