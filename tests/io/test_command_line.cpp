@@ -8,14 +8,14 @@
 #include <gtest/gtest.h>
 #include <hexmold/io/volume_file.h>
 #include <hexmold/substrate/container.h>
-#include <openvdb/io/File.h>
-#include <openvdb/openvdb.h>
-#include <openvdb/tools/LevelSetSphere.h>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #if defined(HEXMOLD_TOOL) && HEXMOLD_HAVE_OPENVDB
+#include <openvdb/io/File.h>
+#include <openvdb/openvdb.h>
+#include <openvdb/tools/LevelSetSphere.h>
 
 namespace {
 
@@ -90,6 +90,16 @@ TEST_F(CommandLine, ConvertsALevelSetToAVolumeAndBack)
     ASSERT_TRUE(grid != nullptr);
     EXPECT_EQ(grid->getGridClass(), openvdb::GRID_LEVEL_SET);
     EXPECT_GT(grid->activeVoxelCount(), sphere->activeVoxelCount() / 2);
+}
+
+TEST_F(CommandLine, DemoStillRuns)
+{
+    Outcome const demo = run("--threads 2 demo 8");
+    ASSERT_EQ(demo.code, 0) << demo.out;
+    EXPECT_NE(demo.out.find("Traits<5,5,1>"), std::string::npos) << demo.out;
+    Outcome const version = run("--version");
+    EXPECT_EQ(version.code, 0);
+    EXPECT_EQ(version.out.rfind("Hexmold version", 0), 0u) << version.out;
 }
 
 TEST_F(CommandLine, ErrorsExitNonZeroWithOneLine)
