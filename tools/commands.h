@@ -10,6 +10,10 @@ namespace commands {
 CLI::App* addDemoCommand(CLI::App& app);
 /// `hexmold info FILE`: what a volume file holds.
 CLI::App* addInfoCommand(CLI::App& app);
+/// `hexmold slice FILE --axis x|y|z --at POS -o slice.png`: the distance in a plane.
+CLI::App* addSliceCommand(CLI::App& app);
+/// `hexmold render FILE -o view.png`: the surface, sphere-traced and shaded.
+CLI::App* addRenderCommand(CLI::App& app);
 /// `hexmold voxelize MESH [-o OUT.vdb]`: a mesh file to a signed distance volume.
 CLI::App* addVoxelizeCommand(CLI::App& app);
 /// `hexmold convert IN OUT`: a plain OpenVDB level set to a volume file and back.

@@ -5,6 +5,8 @@
 //   hexmold info FILE            what a volume file holds
 //   hexmold convert IN OUT       a plain OpenVDB level set to a volume file, and back
 //   hexmold voxelize MESH        a mesh file to an adaptive signed distance volume
+//   hexmold slice FILE           the signed distance in a plane, as a PNG
+//   hexmold render FILE          the surface, sphere-traced and shaded, as a PNG
 // Every command has --help; every error ends the program with a one-line message and exit code 1
 // (2 for a command line it cannot parse).
 #include <cstdio>
@@ -30,6 +32,8 @@ int main(int argc, char** argv)
     commands::addInfoCommand(app);
     commands::addConvertCommand(app);
     commands::addVoxelizeCommand(app);
+    commands::addSliceCommand(app);
+    commands::addRenderCommand(app);
 
     // The thread limit must hold while the commands run, which CLI11 does inside parse().
     std::unique_ptr<TVL::Parallel::global_control> limit;

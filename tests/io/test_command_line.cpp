@@ -9,6 +9,8 @@
 #include <hexmold/io/volume_file.h>
 #include <hexmold/substrate/container.h>
 #include <string>
+#include <vector>
+#include <cmath>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +18,10 @@
 #include <openvdb/io/File.h>
 #include <openvdb/openvdb.h>
 #include <openvdb/tools/LevelSetSphere.h>
+#include <hexmold/api/create_level_set.h>
+#define STB_IMAGE_IMPLEMENTATION
+#define STB_IMAGE_STATIC
+#include <stb/stb_image.h>
 
 namespace {
 
@@ -176,6 +182,103 @@ TEST_F(CommandLine, VoxelizeErrorsExitNonZeroWithOneLine)
     Outcome const help = run("voxelize --help");
     EXPECT_EQ(help.code, 0);
     EXPECT_NE(help.out.find("--resolution"), std::string::npos) << help.out;
+}
+
+/// A sphere of radius 1 around the origin, voxel 0.05, written as a volume file.
+void writeSphere(std::string const& file)
+{
+    hexmold::LevelSetOptions o;
+    o.voxelSize = 0.05;
+    hexmold::io::writeVolume(file, hexmold::createLevelSetSphere({0.0, 0.0, 0.0}, 1.0, o).object());
+}
+
+struct Image {
+    int w = 0, h = 0;
+    std::vector<unsigned char> rgb;
+    unsigned char const* at(int i, int j) const { return &rgb[(std::size_t(j) * w + i) * 3]; }
+};
+
+Image readPng(std::string const& file)
+{
+    Image im;
+    int n = 0;
+    unsigned char* data = stbi_load(file.c_str(), &im.w, &im.h, &n, 3);
+    if (!data) return im;
+    im.rgb.assign(data, data + std::size_t(im.w) * im.h * 3);
+    stbi_image_free(data);
+    return im;
+}
+
+TEST_F(CommandLine, SliceShowsInsideAndOutsideWhereTheExactDistanceSays)
+{
+    writeSphere(path("sphere.vdb"));
+    Outcome const r = run("slice " + path("sphere.vdb") + " --axis z --at 0 --size 200 -o " + path("slice.png"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    double x0 = 0, dx = 0, y0 = 0, dy = 0;
+    int w = 0, h = 0;
+    ASSERT_EQ(std::sscanf(r.out.c_str(),
+                          "slice: z = %*g; pixel (i, j) has its centre at x = %lf + (i + 0.5) * %lf, y = %lf - (j + 0.5) * "
+                          "%lf; %d x %d pixels",
+                          &x0, &dx, &y0, &dy, &w, &h),
+              6)
+        << r.out;
+    Image const im = readPng(path("slice.png"));
+    ASSERT_EQ(im.w, w);
+    ASSERT_EQ(im.h, h);
+    EXPECT_EQ(std::max(w, h), 200);
+    int inside = 0, outside = 0, wrong = 0;
+    for (int j = 0; j < h; ++j)
+        for (int i = 0; i < w; ++i) {
+            double const x = x0 + (i + 0.5) * dx, y = y0 - (j + 0.5) * dy;
+            double const d = std::sqrt(x * x + y * y) - 1.0;
+            unsigned char const* c = im.at(i, j);
+            if (d < -2.0 * dx) ++inside, wrong += !(c[2] > c[0]);
+            if (d > 2.0 * dx) ++outside, wrong += !(c[0] > c[2]);
+        }
+    EXPECT_GT(inside, 1000);
+    EXPECT_GT(outside, 1000);
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(CommandLine, RenderOfASphereFillsTheAnalyticDisc)
+{
+    writeSphere(path("sphere.vdb"));
+    Outcome const r = run("render " + path("sphere.vdb") + " --size 128 --azimuth 40 --elevation 25 -o " + path("view.png"));
+    ASSERT_EQ(r.code, 0) << r.out;
+    double dir[3], c[3], half, px, half2, px2, right[3], up[3];
+    int w = 0, h = 0;
+    ASSERT_EQ(std::sscanf(r.out.c_str(),
+                          "render: orthographic, view direction (%lf, %lf, %lf) towards the centre (%lf, %lf, %lf); pixel "
+                          "(i, j) is the ray through centre + (-%lf + (i + 0.5) * %lf) * right + (%lf - (j + 0.5) * %lf) * "
+                          "up; right (%lf, %lf, %lf), up (%lf, %lf, %lf); %d x %d pixels",
+                          &dir[0], &dir[1], &dir[2], &c[0], &c[1], &c[2], &half, &px, &half2, &px2, &right[0], &right[1],
+                          &right[2], &up[0], &up[1], &up[2], &w, &h),
+              18)
+        << r.out;
+    Image const im = readPng(path("view.png"));
+    ASSERT_EQ(im.w, 128);
+    ASSERT_EQ(im.h, 128);
+    int lit = 0, wrong = 0;
+    for (int j = 0; j < h; ++j)
+        for (int i = 0; i < w; ++i) {
+            double const x = -half + (i + 0.5) * px, y = half2 - (j + 0.5) * px2;
+            double q[3];
+            for (int k = 0; k < 3; ++k) q[k] = c[k] + x * right[k] + y * up[k];
+            double const along = q[0] * dir[0] + q[1] * dir[1] + q[2] * dir[2];
+            double rr = 0.0;
+            for (int k = 0; k < 3; ++k) rr += (q[k] - along * dir[k]) * (q[k] - along * dir[k]);
+            double const off = std::sqrt(rr) - 1.0; // distance of the ray from the silhouette
+            bool const isLit = im.at(i, j)[0] != 40 || im.at(i, j)[1] != 40 || im.at(i, j)[2] != 40;
+            lit += isLit;
+            if (off < -px && !isLit) ++wrong;
+            if (off > px && isLit) ++wrong;
+        }
+    EXPECT_GT(lit, 1000);
+    EXPECT_EQ(wrong, 0) << "pixels more than one pixel off the analytic disc";
+    Outcome const missing = run("render " + path("nothing.vdb") + " -o " + path("x.png"));
+    EXPECT_EQ(missing.code, 1) << missing.out;
+    Outcome const badAxis = run("slice " + path("sphere.vdb") + " --axis w -o " + path("x.png"));
+    EXPECT_EQ(badAxis.code, 2) << badAxis.out;
 }
 
 } // namespace
