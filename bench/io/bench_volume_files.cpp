@@ -5,6 +5,10 @@
 // sphere with io::File (Blosc). Medians of interleaved repeats: MB on disk, seconds and MB/s
 // (file size over time).
 //   bench_io [radius-in-voxels (default 256)] [repeats (default 3)]
+// With "armadillo" as the first argument the volume is armadillo.obj voxelized 512 across
+// (hexmold::voxelizeMesh, each tree) against OpenVDB's meshToLevelSet grid of the same mesh and
+// voxel size (half-width 3):
+//   bench_io armadillo [repeats]
 #include "bench/support/timing.h"
 #include <algorithm>
 #include <chrono>
@@ -23,6 +27,10 @@
 #include <openvdb/io/File.h>
 #include <openvdb/openvdb.h>
 #include <openvdb/tools/LevelSetSphere.h>
+#include <openvdb/tools/MeshToVolume.h>
+#include <hexmold/api/voxelize_mesh.h>
+#include <hexmold/io/read_mesh.h>
+#include <hexmold/platform/tavrel/geometry.h>
 #endif
 
 namespace {
@@ -44,6 +52,9 @@ void row(char const* what, double mb, double seconds)
 
 #if HEXMOLD_HAVE_OPENVDB
 template <typename Traits>
+void measure(TVL::Object const* volume, fs::path const& folder, openvdb::FloatGrid::Ptr const& grid, int repeats);
+
+template <typename Traits>
 void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& folder,
              fs::path const& sphere, openvdb::FloatGrid::Ptr const& grid, int repeats)
 {
@@ -57,7 +68,13 @@ void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& fold
     std::printf("%s: %lld tiles, %llu voxels (%lld deepest tiles); importLevelSet %.2f s\n", label,
                 (long long)tree->tileCount(-1), (unsigned long long)tree->voxelDataCount(-1),
                 (long long)tree->tileCount(Traits::kMaxDepth), importMs / 1000.0);
+    measure<Traits>(volume.get(), folder, grid, repeats);
+}
 
+/// Writes and reads @p volume both ways and OpenVDB's @p grid with io::File, and prints the rows.
+template <typename Traits>
+void measure(TVL::Object const* volume, fs::path const& folder, openvdb::FloatGrid::Ptr const& grid, int repeats)
+{
     fs::path const ours = folder / "volume.vdb", plain = folder / "levelset.vdb",
                    peer = folder / "peer.vdb";
     std::vector<double> writeOurs, readOurs, writePlain, writePeer, readPeer;
@@ -84,7 +101,7 @@ void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& fold
         {
             openvdb::io::File file(peer.string());
             file.open(/*delayLoad=*/false);
-            auto g = file.readGrid("sphere");
+            auto g = file.readGrid(grid->getName());
             file.close();
         }
         readPeer.push_back(msSince(t));
@@ -110,9 +127,59 @@ void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& fold
 
 } // namespace
 
+#if HEXMOLD_HAVE_OPENVDB
+/// The armadillo voxelized 512 across by each tree, against OpenVDB's meshToLevelSet grid.
+int runArmadillo(int repeats)
+{
+    namespace Geo = Tavrel::Geometry;
+    std::string const path = std::string(HEXMOLD_DATA_DIR) + "/armadillo.obj";
+    if (!fs::exists(path)) {
+        std::printf("bench_io: %s is not there\n", path.c_str());
+        return 0;
+    }
+    fs::path const folder = fs::temp_directory_path() / ("hexmold_bench_io_" + std::to_string(::getpid()));
+    fs::create_directories(folder);
+    openvdb::initialize();
+    auto const mesh = hexmold::io::readMesh(path);
+    auto const* positions = Geo::getDataGeoPropertyValues<Tavrel::Math::float3>(*mesh, Geo::sPointPosition);
+    auto const* faceVertex = Geo::getMeshFaceVertices(*mesh);
+    auto const* faceOffset = Geo::getMeshFaceOffsets(*mesh);
+    float lo[3] = {1e30f, 1e30f, 1e30f}, hi[3] = {-1e30f, -1e30f, -1e30f};
+    std::vector<openvdb::Vec3s> points;
+    std::vector<openvdb::Vec3I> triangles;
+    for (auto const& p : *positions) {
+        points.emplace_back(p.x, p.y, p.z);
+        for (int a = 0; a < 3; ++a) lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
+    }
+    for (std::size_t f = 0; f + 1 < faceOffset->size(); ++f)
+        for (unsigned k = (*faceOffset)[f] + 2; k < (*faceOffset)[f + 1]; ++k)
+            triangles.emplace_back((*faceVertex)[(*faceOffset)[f]], (*faceVertex)[k - 1], (*faceVertex)[k]);
+    double const h = std::max({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]}) / 512.0;
+    auto grid = openvdb::tools::meshToLevelSet<openvdb::FloatGrid>(*openvdb::math::Transform::createLinearTransform(h),
+                                                                   points, triangles, 3.0f);
+    grid->setName("armadillo");
+    std::printf("armadillo.obj, 512 across (voxel %g): OpenVDB meshToLevelSet band %llu active voxels, %d repeats\n\n",
+                h, (unsigned long long)grid->activeVoxelCount(), repeats);
+    for (auto kind : {hexmold::TraitsKind::kTraits24, hexmold::TraitsKind::kTraits55}) {
+        hexmold::VoxelizeMeshOptions o;
+        o.traits = kind;
+        o.voxelSize = h;
+        hexmold::Volume const v = hexmold::voxelizeMesh(*mesh, o);
+        std::printf("%s, voxelizeMesh: %llu voxels\n", hexmold::traitsName(kind), (unsigned long long)v.voxelCount());
+        if (kind == hexmold::TraitsKind::kTraits24)
+            measure<TVL::TileTree3D::Traits24>(&v.object(), folder, grid, repeats);
+        else
+            measure<TVL::TileTree3D::Traits55>(&v.object(), folder, grid, repeats);
+    }
+    fs::remove_all(folder);
+    return 0;
+}
+#endif
+
 int main(int argc, char** argv)
 {
 #if HEXMOLD_HAVE_OPENVDB
+    if (argc > 1 && std::string(argv[1]) == "armadillo") return runArmadillo(argc > 2 ? std::max(1, std::atoi(argv[2])) : 3);
     float const radius = argc > 1 ? float(std::atof(argv[1])) : 256.0f;
     int const repeats = argc > 2 ? std::max(1, std::atoi(argv[2])) : 3;
     if (!(radius >= 8 && radius <= 4096)) {
