@@ -15,6 +15,7 @@
 #include <hexmold/substrate/channel_temporary.h>
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/type_lists.h>
+#include <hexmold/substrate/union_find.h>
 
 namespace VolumeGL::TileTree3D::LevelSet {
 
@@ -104,39 +105,6 @@ float faceNeighbour(Tile<Traits> const& tile, ConstTileData<float, Traits::kTile
     return value;
 }
 
-/// Lock-free union-find over voxel ids: find with path halving, union by pointing the larger root
-/// at the smaller one with a compare-and-swap.
-class UnionFind {
-public:
-    explicit UnionFind(std::size_t n) : mParent(n)
-    {
-        for (std::size_t i = 0; i < n; ++i) mParent[i].store(std::int64_t(i), std::memory_order_relaxed);
-    }
-    std::int64_t find(std::int64_t x)
-    {
-        for (;;) {
-            std::int64_t p = mParent[x].load(std::memory_order_acquire);
-            if (p == x) return x;
-            std::int64_t const g = mParent[p].load(std::memory_order_acquire);
-            if (p != g) mParent[x].compare_exchange_weak(p, g, std::memory_order_acq_rel);
-            x = g;
-        }
-    }
-    void unite(std::int64_t a, std::int64_t b)
-    {
-        for (;;) {
-            a = find(a);
-            b = find(b);
-            if (a == b) return;
-            if (a < b) std::swap(a, b);
-            std::int64_t expected = a;
-            if (mParent[a].compare_exchange_strong(expected, b, std::memory_order_acq_rel)) return;
-        }
-    }
-
-private:
-    std::vector<std::atomic<std::int64_t>> mParent;
-};
 
 /// The classical path: zero crossing, components, reset, recursion, coarse copies.
 template <typename Traits>
@@ -274,7 +242,7 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                                 if (counted(tile, tb, i, j, k)) idb(i, j, k) = counter.fetch_add(1);
                 }
             });
-        UnionFind sets(std::size_t(counter.load()));
+        UnionFind sets(std::int64_t(counter.load()));
         for (int depth = minDepth; depth <= maxDepth; ++depth)
             detail::parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
                 auto accessor = container.tileAccessor();

@@ -16,6 +16,7 @@
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/tree_index.h>
+#include <hexmold/substrate/union_find.h>
 
 namespace VolumeGL::TileTree3D {
 
@@ -31,45 +32,6 @@ constexpr int kLowFace[3] = {kNeighborNegX, kNeighborNegY, kNeighborNegZ};
 
 /// Sets the sign bit: the magnitude stays exactly as it was.
 inline float negative(float v) { return std::copysign(v, -1.0f); }
-
-/// Union-find over 64-bit ids, lock-free: path halving in `find`, and the larger of two roots
-/// is hung under the smaller by compare-and-swap, so that a set's root is its smallest id
-/// whatever the order of the unions.
-class UnionFind {
-public:
-    explicit UnionFind(std::int64_t n) : mParent(new std::atomic<std::int64_t>[std::size_t(n)]), mSize(n)
-    {
-        Par::parallel_for(Par::blocked_range<std::int64_t>(0, n, 1 << 16), [&](auto const& r) {
-            for (std::int64_t i = r.begin(); i != r.end(); ++i) mParent[i].store(i, std::memory_order_relaxed);
-        });
-    }
-    std::int64_t find(std::int64_t x) const
-    {
-        for (;;) {
-            std::int64_t p = mParent[x].load(std::memory_order_acquire);
-            if (p == x) return x;
-            std::int64_t const g = mParent[p].load(std::memory_order_acquire);
-            if (g != p) mParent[x].compare_exchange_weak(p, g, std::memory_order_acq_rel);
-            x = g;
-        }
-    }
-    void unite(std::int64_t a, std::int64_t b)
-    {
-        for (;;) {
-            a = find(a);
-            b = find(b);
-            if (a == b) return;
-            if (a > b) std::swap(a, b);
-            std::int64_t expected = b;
-            if (mParent[b].compare_exchange_strong(expected, a, std::memory_order_acq_rel)) return;
-        }
-    }
-    std::int64_t size() const { return mSize; }
-
-private:
-    std::unique_ptr<std::atomic<std::int64_t>[]> mParent;
-    std::int64_t mSize;
-};
 
 template <typename Traits> constexpr int kW = Traits::kTileWidth;
 template <typename Traits> constexpr int kVoxels = kW<Traits> * kW<Traits> * kW<Traits>;
