@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <numeric>
 #include <utility>
 #include <vector>
@@ -33,11 +34,13 @@ public:
         if (!mOrder.empty()) build(0, int(mOrder.size()));
     }
 
-    /// Distance from @p p to the mesh (long double, returned as double).
-    double operator()(float3 const& p) const
+    /// Distance from @p p to the mesh (long double, returned as double). With a @p limit, only
+    /// distances up to it are exact: a point farther than that gets some value above the limit,
+    /// found without visiting the far triangles.
+    double operator()(float3 const& p, double limit = std::numeric_limits<double>::infinity()) const
     {
         if (mNodes.empty()) return std::numeric_limits<double>::infinity();
-        Real best = std::numeric_limits<Real>::infinity();
+        Real best = std::isfinite(limit) ? Real(limit) * (1.0L + 1e-6L) + Real(1e-30) : std::numeric_limits<Real>::infinity();
         std::vector<std::pair<double, int>> stack;
         stack.reserve(64);
         stack.push_back({boxDistance(mNodes[0].box, p), 0});

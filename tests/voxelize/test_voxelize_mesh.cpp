@@ -197,8 +197,9 @@ Accuracy measure(Volume<Tr> const& v, TriangleMesh const& m, char const* name, d
             float3 p;
             v.sample(tile, items[q].n, p);
             double const w = double(tile.voxelDataWidth()) * v.h;
-            double const exact = bvh(p);
             double const value = dd[std::size_t(items[q].n)];
+            // Only distances up to the widest threshold below matter.
+            double const exact = bvh(p, std::max({3.0 * w, 3.0 * double(v.h), nearLimit * double(v.h)}));
             // Each depth's band: within 1.5 of its voxels of the surface, where the build measures
             // exact distances (coarser depths: redistanced from them); the background (the far
             // value) never within 3 finest voxels of the surface.
@@ -301,6 +302,18 @@ TYPED_TEST(VoxelizeMesh, BunnyAndArmadilloAreAccurate)
             expectAccurate(measure(v, m.triangles, label.c_str(), build ? 2.0 : kAdaptiveNear), label.c_str());
         }
     }
+}
+
+TYPED_TEST(VoxelizeMesh, DenseMeshesAreAccurateOverTheWholeBand)
+{
+    // 327,680 triangles at 40 voxels across: thousands of triangles per coarse tile, so the build
+    // computes only the finest tiles (clipping each long list to the triangles' bands) and the
+    // coarser depths, the leaves next to the finest tiles among them, come from redistancing.
+    TriangleMesh const t = testmeshes::icosphere(f3(0.013, -0.021, 0.007), 1.0, 7);
+    Volume<TypeParam> v(1.0f / 20);
+    v.build(PolyMesh::fromTriangles(t), Options{}, 1);
+    EXPECT_NE(v.out.find("Switching to non-adaptive algorithm"), std::string::npos);
+    expectAccurate(measure(v, t, "dense icosphere", kAdaptiveNear), "dense icosphere");
 }
 
 TYPED_TEST(VoxelizeMesh, ErrorDrivenAdaptivityKeepsNearSurfaceAccuracyWithFewerVoxels)

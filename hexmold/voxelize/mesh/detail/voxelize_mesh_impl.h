@@ -494,7 +494,14 @@ void voxelizeMesh(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float
             VoxelChannel<Traits, unsigned char> types("", &unknown, kDataElementInitializerDefaultValue, false, false, 0,
                                                       std::min(kMax, redistanceDepth + 1));
             types.update(topology);
-            for (int d = 0; d <= std::min(kMax, redistanceDepth + 1); ++d)
+            // Known voxels keep their values. The adaptive build measured every depth from its
+            // coarse depth down, and the tiles above hold only the covered voxels' values: all
+            // known. The dense build measured only the finest tiles: the finest depth is known
+            // and the coarser ones are computed, so that the leaves next to the finest tiles get
+            // their distances.
+            bool const onlyFinest = m.minDepth == kMax;
+            int const firstKnown = onlyFinest ? std::min(kMax, redistanceDepth + 1) : 0;
+            for (int d = firstKnown; d <= std::min(kMax, redistanceDepth + 1); ++d)
                 Par::parallel_for(Par::blocked_range<std::int64_t>(0, container.tileCount(d), 64),
                                   [&](Par::blocked_range<std::int64_t> const& r) {
                                       for (std::int64_t t = r.begin(); t != r.end(); ++t)
