@@ -15,6 +15,9 @@ CLI::App* addVoxelizeCommand(CLI::App& app)
     auto a = std::make_shared<hexmoldtool::VoxelizeArgs>();
     cmd->add_option("MESH", a->mesh, "The mesh file")->required();
     cmd->add_option("-o,--output", a->out, "Write the volume to this .vdb file");
+    cmd->add_flag("--half", a->half,
+                  "Store the volume file's float grids as 16-bit floats: about half the size, values within 2^-11 "
+                  "relative (0.001 voxel near the surface)");
     cmd->add_option("--level-set-grid", a->levelSetGrid,
                     "Also write a plain OpenVDB level set (finest voxels) to this .vdb file");
     auto* size = cmd->add_option("--voxel-size", a->voxelSize, "Finest voxel size, world units")

@@ -252,7 +252,9 @@ template <typename Traits> int runWith(MeshArrays const& m, VoxelizeArgs const& 
     summary<Traits>(b, m, a, float(h));
     if (a.exactError) exactError<Traits>(b, m, float(h));
     if (!a.out.empty()) {
-        hexmold::io::writeVolume(a.out, b.volume.object());
+        hexmold::io::VolumeWriteOptions options;
+        options.halfFloats = a.half;
+        hexmold::io::writeVolume(a.out, b.volume.object(), options);
         std::printf("wrote %s\n", a.out.c_str());
     }
     if (!a.levelSetGrid.empty()) {

@@ -22,6 +22,7 @@ struct VoxelizeArgs {
     std::string properties;    ///< point properties to carry, a pattern ("*", "Cd, N")
     int verbose = 0;           ///< the library's verbose level
     bool exactError = false;   ///< also measure the error against the exact distance
+    bool half = false;         ///< the volume file's float grids as 16-bit floats
 };
 
 /// Runs the command; prints the summary on standard output, progress on standard error when it

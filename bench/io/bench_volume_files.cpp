@@ -118,8 +118,25 @@ void measure(TVL::Object const* volume, fs::path const& folder, openvdb::FloatGr
         hexmold::io::writeVolume(other, *volume, {c});
         std::printf("  volume file with %s compression: %.2f MB\n", name, megabytes(other));
     }
-    std::printf("  volume file / OpenVDB file: %.2f; level-set file / OpenVDB file: %.2f\n",
-                mbOurs / mbPeer, mbPlain / mbPeer);
+    // 16-bit floats, both sides: ours through halfFloats, OpenVDB's grid saved as half.
+    fs::path const half = folder / "half.vdb", peerHalf = folder / "peer_half.vdb";
+    hexmold::io::VolumeWriteOptions halfOptions;
+    halfOptions.halfFloats = true;
+    hexmold::io::writeVolume(half, *volume, halfOptions);
+    {
+        auto copy = grid->deepCopy();
+        copy->setSaveFloatAsHalf(true);
+        openvdb::io::File file(peerHalf.string());
+        file.setCompression(openvdb::io::COMPRESS_BLOSC | openvdb::io::COMPRESS_ACTIVE_MASK);
+        file.write({copy});
+        file.close();
+    }
+    double const mbHalf = megabytes(half), mbPeerHalf = megabytes(peerHalf);
+    std::printf("  volume file with 16-bit floats: %.2f MB; OpenVDB's grid with 16-bit floats: %.2f MB\n", mbHalf,
+                mbPeerHalf);
+    std::printf("  volume file / OpenVDB file: %.2f; level-set file / OpenVDB file: %.2f; 16-bit volume file / "
+                "OpenVDB file: %.2f; both 16-bit: %.2f\n",
+                mbOurs / mbPeer, mbPlain / mbPeer, mbHalf / mbPeer, mbHalf / mbPeerHalf);
     std::printf("  write time ours / OpenVDB: %.2f; read time ours / OpenVDB: %.2f\n\n",
                 median(writeOurs) / median(writePeer), median(readOurs) / median(readPeer));
 }

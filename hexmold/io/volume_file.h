@@ -46,6 +46,12 @@ enum class VolumeCompression : int {
 /// How `writeVolume` writes.
 struct VolumeWriteOptions {
     VolumeCompression compression = VolumeCompression::kBlosc;
+    /// Store the grids of float channels (float and its vector and matrix forms) as 16-bit
+    /// floats: about half the file, no longer lossless. Each value comes back with a relative
+    /// error of at most 2^-11 (a distance within 2 voxels of the surface: at most 0.001 voxel).
+    /// A grid keeps 32 bits when a value is not finite or beyond the 16-bit range (65504) and is
+    /// not plus or minus the channel's default magnitude; those far values come back exactly.
+    bool halfFloats = false;
 };
 
 /// The version of the volume file layout this build writes and the only one it reads.

@@ -151,9 +151,17 @@ TEST_F(CommandLine, VoxelizesAMeshFileAndWritesTheVolume)
     EXPECT_FALSE(grid.getGrids()->empty());
     Outcome const info = run("info " + path("cube.vdb"));
     EXPECT_EQ(info.code, 0) << info.out;
+    // 16-bit floats: a smaller file of the same tiles.
+    Outcome const half = run("voxelize " + path("cube.obj") + " --resolution 32 --half -o " + path("cube_half.vdb"));
+    ASSERT_EQ(half.code, 0) << half.out;
+    EXPECT_LT(std::filesystem::file_size(path("cube_half.vdb")), std::filesystem::file_size(path("cube.vdb")));
+    auto const halfVolume = hexmold::io::readVolume(path("cube_half.vdb"));
+    using Tree24 = TVL::TileTree3D::Container<TVL::TileTree3D::Traits24>;
+    EXPECT_EQ(halfVolume->component<Tree24>("voxel_tile_tree")->tileCount(-1),
+              volume->component<Tree24>("voxel_tile_tree")->tileCount(-1));
     // The other tree, a shell, the sparse build.
     Outcome const shell = run("voxelize " + path("cube.obj") + " --traits 55 --shell --thicken 1 --adaptivity sparse "
-                              "--resolution 16");
+                              "--resolution 16 --threads 1");
     EXPECT_EQ(shell.code, 0) << shell.out;
     EXPECT_NE(shell.out.find("Traits<5,5,1>"), std::string::npos) << shell.out;
 }

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <hexmold/diagnostics/object_info.h>
 #include <hexmold/io/detail/volume_checksum.h>
 #include <hexmold/io/volume_file.h>
@@ -353,6 +354,134 @@ TYPED_TEST(VolumeFile, EveryCompressionRoundTrips)
         hexmold::io::writeVolume(file, *volume, {c});
         expectSameVolume<Tr>(*volume, *hexmold::io::readVolume(file));
     }
+}
+
+/// Compares channel @p name of type T in two volumes: float-based channels within the 16-bit
+/// rounding (relative 2^-11, or 2^-25 near zero where 16-bit floats are subnormal), all others
+/// bit for bit; returns whether the channel is of type T.
+template <typename Tr, typename T>
+bool compareWithinHalf(TVL::Object const& a, TVL::Object const& b, std::string const& name,
+                       double& worst)
+{
+    auto ca = a.component<VoxelChannel<Tr, T>>(name);
+    if (!ca)
+        return false;
+    if constexpr (!std::is_same_v<typename ScalarOf<T>::Type, float>) {
+        int checked = 0;
+        compareChannel<Tr, T>(a, b, name, checked);
+    } else {
+        auto cb = b.component<VoxelChannel<Tr, T>>(name);
+        EXPECT_TRUE(cb != nullptr) << name;
+        if (!cb)
+            return true;
+        constexpr int K = Tavrel::Math::ComponentCount<T>::value;
+        for (int d = ca->minDepth(); d <= ca->depth(); ++d)
+            for (std::int64_t t = 0; t < ca->tileCount(d); ++t) {
+                auto const x = ca->tileData(t, d);
+                auto const y = cb->tileData(t, d);
+                for (int v = 0; v < Tr::kTileSize; ++v) {
+                    float p[K], q[K];
+                    std::memcpy(p, &x[v], sizeof(T));
+                    std::memcpy(q, &y[v], sizeof(T));
+                    for (int c = 0; c < K; ++c) {
+                        double const err = std::abs(double(p[c]) - double(q[c]));
+                        double const bound = std::ldexp(std::abs(double(p[c])), -11) + std::ldexp(1.0, -25);
+                        worst = std::max(worst, err / bound);
+                    }
+                }
+            }
+    }
+    return true;
+}
+
+TYPED_TEST(VolumeFile, HalfFloatsKeepTheValuesWithinTheirRoundingAndFarValuesExact)
+{
+    using Tr = TypeParam;
+    TempFolder folder;
+    auto volume = makeVolume<Tr>(13, /*finite=*/true, kVoxelOffsetCenter);
+    auto const topology = volume->template component<VoxelTopology<Tr>>(kTopology);
+    // A distance channel: small values near the surface, plus and minus a far default elsewhere.
+    float const far = 8589934592.0f;
+    auto distance = Quillon::makePtr<VoxelChannel<Tr, float>>("distance", &far, kDataElementInitializerDefaultValue,
+                                                              false, false, 0, Tr::kMaxDepth);
+    distance->setTargetName(topology->name());
+    distance->update(*topology);
+    // A channel with one large value that is not its default: its grids stay 32-bit.
+    float const zero = 0.0f;
+    auto large = Quillon::makePtr<VoxelChannel<Tr, float>>("large", &zero, kDataElementInitializerDefaultValue, false,
+                                                           false, 0, Tr::kMaxDepth);
+    large->setTargetName(topology->name());
+    large->update(*topology);
+    std::mt19937_64 rng(5);
+    std::uniform_real_distribution<float> u(-2.0f, 2.0f);
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < distance->tileCount(d); ++t) {
+            auto data = distance->tileData(t, d);
+            auto big = large->tileData(t, d);
+            for (int v = 0; v < Tr::kTileSize; ++v) {
+                data[v] = t % 3 == 0 ? far : (t % 3 == 1 ? -far : u(rng) * 0.0625f);
+                big[v] = u(rng) * 1e6f;
+            }
+        }
+    volume->addComponent(distance);
+    volume->addComponent(large);
+
+    fs::path const exact = folder / "exact.vdb";
+    fs::path const half = folder / "half.vdb";
+    hexmold::io::VolumeWriteOptions options;
+    options.compression = hexmold::io::VolumeCompression::kNone;
+    hexmold::io::writeVolume(exact, *volume, options);
+    options.halfFloats = true;
+    hexmold::io::writeVolume(half, *volume, options);
+    auto const back = hexmold::io::readVolume(half);
+    ASSERT_TRUE(back != nullptr);
+    EXPECT_EQ(testtrees::tileSet<Tr>(*back->template component<Container<Tr>>(kTree)),
+              testtrees::tileSet<Tr>(*volume->template component<Container<Tr>>(kTree)));
+
+    double worst = 0.0;
+    for (auto const& name : volume->componentRange()) {
+        if (name == kTree || name == kTopology)
+            continue;
+        bool found = false;
+#define HEXMOLD_TEST_HALF(TR, T) found = found || compareWithinHalf<Tr, T>(*volume, *back, name, worst);
+        HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_TEST_HALF, Tr)
+#undef HEXMOLD_TEST_HALF
+        EXPECT_TRUE(found) << name;
+    }
+    std::cout << "[ half ] " << fs::file_size(half) << " bytes against " << fs::file_size(exact)
+              << " lossless; largest error " << worst << " of the 16-bit bound\n";
+    EXPECT_LE(worst, 1.0);
+    EXPECT_GT(worst, 0.0); // the float grids really were rounded
+    // The far values exactly, and the channel beyond the 16-bit range bit for bit.
+    auto const d = back->template component<VoxelChannel<Tr, float>>("distance");
+    long long farWrong = 0, farCount = 0;
+    for (int dd = 0; dd <= Tr::kMaxDepth; ++dd)
+        for (std::int64_t t = 0; t < distance->tileCount(dd); ++t)
+            for (int v = 0; v < Tr::kTileSize; ++v)
+                if (std::abs(distance->tileData(t, dd)[v]) == far) {
+                    ++farCount;
+                    farWrong += d->tileData(t, dd)[v] != distance->tileData(t, dd)[v];
+                }
+    EXPECT_GT(farCount, 0);
+    EXPECT_EQ(farWrong, 0);
+    int checked = 0;
+    compareChannel<Tr, float>(*volume, *back, "large", checked);
+    EXPECT_EQ(checked, 1);
+
+    // OpenVDB sees which grids are 16-bit: the distance's, not those of the large values.
+    openvdb::initialize();
+    openvdb::io::File vdb(half.string());
+    ASSERT_NO_THROW(vdb.open());
+    int halfGrids = 0, fullGrids = 0;
+    for (auto name = vdb.beginName(); name != vdb.endName(); ++name) {
+        auto const grid = vdb.readGridMetadata(name.gridName());
+        bool const saved = grid->saveFloatAsHalf();
+        if (name.gridName().rfind("distance.", 0) == 0) halfGrids += saved ? 1 : -1000;
+        if (name.gridName().rfind("large.", 0) == 0) fullGrids += saved ? -1000 : 1;
+    }
+    vdb.close();
+    EXPECT_GT(halfGrids, 0);
+    EXPECT_GT(fullGrids, 0);
 }
 
 TYPED_TEST(VolumeFile, OpenVdbOpensTheFile)

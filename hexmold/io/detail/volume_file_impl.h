@@ -51,6 +51,8 @@ inline constexpr char kGridChannelName[] = "hexmold.channel_name";
 inline constexpr char kGridElementType[] = "hexmold.element_type";
 inline constexpr char kGridPart[] = "hexmold.part";
 inline constexpr char kGridFirstComponent[] = "hexmold.first_component";
+/// True on a grid stored as 16-bit floats, whose infinities stand for the far values.
+inline constexpr char kGridHalf[] = "hexmold.half";
 
 inline std::string channelKey(int n, char const* field)
 {
@@ -229,7 +231,51 @@ template <typename Traits> struct VolumeContext {
     float voxelSize = 1;
     Tavrel::Math::float3 offset{};
     std::array<std::vector<openvdb::Coord>, Traits::kDepthCount> origins;
+    bool halfFloats = false; ///< writing: float grids as 16-bit floats where they survive it
 };
+
+// ---- 16-bit floats -----------------------------------------------------------------------------
+
+/// The components of a float grid's value.
+template <typename Value> inline constexpr int kFloatComponents = 0;
+template <> inline constexpr int kFloatComponents<float> = 1;
+template <> inline constexpr int kFloatComponents<openvdb::Vec3s> = 3;
+
+template <typename Value> float& componentOf(Value& v, int c)
+{
+    if constexpr (std::is_same_v<Value, float>)
+        return v;
+    else
+        return v[c];
+}
+
+/// Whether every value survives 16-bit floats: finite and within their range, or plus or
+/// minus the default's magnitude (which comes back through `restoreFarValues`).
+template <typename Value> bool survivesHalf(std::vector<Value> const& values, Value def)
+{
+    constexpr float kHalfMax = 65504.0f;
+    for (Value v : values)
+        for (int c = 0; c < kFloatComponents<Value>; ++c) {
+            float const x = componentOf(v, c);
+            if (!std::isfinite(x))
+                return false;
+            if (std::abs(x) > kHalfMax && std::abs(x) != std::abs(componentOf(def, c)))
+                return false;
+        }
+    return true;
+}
+
+/// After reading a 16-bit grid: an infinity was a far value, plus or minus the default's
+/// magnitude.
+template <typename Value> void restoreFarValues(std::vector<Value>& values, Value def)
+{
+    for (Value& v : values)
+        for (int c = 0; c < kFloatComponents<Value>; ++c) {
+            float& x = componentOf(v, c);
+            if (std::isinf(x))
+                x = std::copysign(std::abs(componentOf(def, c)), x);
+        }
+}
 
 template <typename Traits, typename T>
 void writeChannel(VolumeContext<Traits> const& ctx, TVL::Component const& component, int n,
@@ -255,8 +301,13 @@ void writeChannel(VolumeContext<Traits> const& ctx, TVL::Component const& compon
                     values[std::size_t(t) * Traits::kTileSize + v] =
                         Storage::encode((*block)[v], part);
             }
-            auto grid = detail::voxelGrid<typename Storage::Grid>(
-                ctx.origins[d], W, values, Storage::encode(channel.defaultValue(), part));
+            Value const def = Storage::encode(channel.defaultValue(), part);
+            auto grid = detail::voxelGrid<typename Storage::Grid>(ctx.origins[d], W, values, def);
+            if constexpr (kFloatComponents<Value> > 0)
+                if (ctx.halfFloats && survivesHalf(values, def)) {
+                    grid->setSaveFloatAsHalf(true);
+                    grid->insertMeta(kGridHalf, openvdb::BoolMetadata(true));
+                }
             grid->setTransform(latticeTransform(ctx.voxelSize, double(lattice.voxelWidth), origin));
             std::string name = channel.name() + ".d" + std::to_string(d);
             if (Storage::kParts > 1)
@@ -315,6 +366,11 @@ Quillon::Ptr<TVL::Component> readChannel(Path const& path, VolumeContext<Traits>
                                                                      Traits::kTileWidth, values);
             if (!problem.empty())
                 fail(path, "the grid of " + where + " " + problem);
+            if constexpr (kFloatComponents<typename Storage::Value> > 0) {
+                auto const half = it->second->template getMetadata<openvdb::BoolMetadata>(kGridHalf);
+                if (half && half->value())
+                    restoreFarValues(values, Storage::encode(defaultValue, part));
+            }
             for (std::int64_t t = 0; t < tiles; ++t) {
                 auto* block = channel->block(t, d);
                 if (!block || block->size() != std::size_t(Traits::kTileSize))
@@ -423,7 +479,7 @@ void writeVolumeOf(Path const& path, TVL::Object const& object, Container<Traits
             fail(path,
                  "the tree has more tiles at depth " + std::to_string(d) + " than a file holds");
 
-    VolumeContext<Traits> ctx{tree, tree.voxelSize(), topology->offset(), {}};
+    VolumeContext<Traits> ctx{tree, tree.voxelSize(), topology->offset(), {}, options.halfFloats};
     openvdb::MetaMap meta;
     meta.insertMeta(kMetaVersion, openvdb::Int32Metadata(kVolumeFormatVersion));
     meta.insertMeta(kMetaTraits, openvdb::StringMetadata(traitsName<Traits>()));
