@@ -10,6 +10,7 @@
 #include <numeric>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/substrate/parallel.h>
+#include <hexmold/substrate/parallel_ranges.h>
 
 namespace TVL::TileTree3D {
 
@@ -635,11 +636,11 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
         // it by; that tile's child in the slot is the neighbour, or, where it has none, that tile
         // (or the coarser tile the parent's table already holds) is the closest coarser tile.
         Parallel::isolate([&] {
-            Parallel::parallel_for(
-                Parallel::blocked_range<std::int64_t>(0, n, 256),
-                [&](Parallel::blocked_range<std::int64_t> const& r) {
+            Parallel::cancellableRanges(
+                n,
+                [&](std::int64_t begin, std::int64_t end) {
                     ConstTileAccessor acc(*this);
-                    for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                    for (std::int64_t t = begin; t != end; ++t) {
                         TileType const& tile = mTiles[d][t];
                         NeighborRef* row = &table[d][t * 27];
                         if (d == 0 || tile.mParent < 0) {
@@ -670,7 +671,8 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
                             row[dir] = c >= 0 ? NeighborRef{static_cast<std::int32_t>(c), d} : q;
                         }
                     }
-                });
+                },
+                256);
         });
     }
     mNeighbors.swap(table);
