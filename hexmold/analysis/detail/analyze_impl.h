@@ -116,8 +116,13 @@ public:
             mask = mMask->tileData(tile.treeIndex());
             if (mask.size() != std::size_t(W) * W * W) return; // no mask data: nothing selected
         }
-        setHaloTile<Traits, In, Hin, 1, 0, 0>(tile.treeIndex(), *mInput, kHaloModeGeneral, kHaloTypeFacesAndEdges,
-                                              mAccessor, mScratch, In{}, 1.0f, kVoxelOffsetCenter);
+        // Faces and edges for the axis and in-plane stencils; across a resolution jump the rim
+        // is interpolated from the coarse voxels at the rim's own centres, so that the central
+        // differences stay consistent there (the covering coarse voxel alone can sit 2.5 voxels
+        // away for a ratio of 5, which turns a gradient into zero).
+        constexpr auto kType = HaloType(kHaloTypeFacesAndEdges | kHaloTypeTrilinearJumps);
+        setHaloTile<Traits, In, Hin, 1, 0, 0>(tile.treeIndex(), *mInput, kHaloModeGeneral, kType, mAccessor,
+                                              mScratch, In{}, 1.0f, kVoxelOffsetCenter);
         In const* block = mScratch.data();
         Out* o = out.data();
         float const* m = mMask ? mask.data() : nullptr;

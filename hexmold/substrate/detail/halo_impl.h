@@ -4,6 +4,7 @@
 #pragma once
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <type_traits>
 #include <utility>
 #include <hexmold/platform/tavrel/math.h>
@@ -13,11 +14,215 @@
 
 namespace TVL::TileTree3D::detail {
 
+/// The scalar of an element type and how many of them it holds.
+template <typename T, typename = void> struct ElementScalar {
+    using Type = T;
+    static constexpr int kCount = 1;
+};
+template <typename T> struct ElementScalar<T, std::void_t<typename T::ValueType>> {
+    using Type = typename T::ValueType;
+    static constexpr int kCount = static_cast<int>(sizeof(T) / sizeof(typename T::ValueType));
+};
+
 /// Which parts of the rim a halo type asks for, beyond the six face layers that are always
 /// filled: bit 4 adds the edges (what a stencil reaching in the coordinate planes needs), bit 8
 /// adds the eight corners. Bits 1 and 2 are markers of the caller and change nothing.
 constexpr bool haloWantsEdges(int type) { return (type & 12) != 0; }
 constexpr bool haloWantsCorners(int type) { return (type & 8) != 0; }
+/// Whether a halo type asks for the trilinear rim at resolution jumps (bit 16).
+constexpr bool haloWantsTrilinear(int type) { return (type & kHaloTypeTrilinearJumps) != 0; }
+
+/// Element types that the trilinear rim blends: those of floating-point scalars. Integer, and
+/// integer-vector, channels keep the covering coarse voxel, as a blend would have to round.
+template <typename T>
+inline constexpr bool kHaloBlendable = std::is_floating_point_v<typename ElementScalar<T>::Type>;
+
+/// a (1 - t) + b t, component by component. The form is exact at t = 0 and t = 1 and, for data
+/// that are linear in position, exact to rounding in between.
+template <typename T, typename S> inline T blendElement(T const& a, T const& b, S t)
+{
+    if constexpr (std::is_arithmetic_v<T>) {
+        return a * (S(1) - t) + b * t;
+    } else {
+        constexpr int N = ElementScalar<T>::kCount;
+        S x[N], y[N];
+        std::memcpy(x, &a, sizeof(T));
+        std::memcpy(y, &b, sizeof(T));
+        for (int n = 0; n < N; ++n) x[n] = x[n] * (S(1) - t) + y[n] * t;
+        T v;
+        std::memcpy(&v, x, sizeof(T));
+        return v;
+    }
+}
+
+/// floor(a / b) for b > 0.
+constexpr std::int64_t haloFloorDiv(std::int64_t a, std::int64_t b)
+{
+    std::int64_t const q = a / b;
+    return (a % b != 0 && a < 0) ? q - 1 : q;
+}
+
+/// The voxels of a coarse tile and of the one-voxel layer around it, at the coarse tile's depth,
+/// as the trilinear rim reads them: index (x, y, z) with each coordinate in [-1, W]. The layer is
+/// read from the coarse tile's neighbours, found on first use: a same-depth neighbour gives its
+/// voxel (a non-leaf voxel's coarse copy of its children included); a coarser one gives its own
+/// trilinear interpolation at the voxel's centre, by the same rule one depth up; where nothing
+/// exists, or a tile has no data, the element is missing.
+template <typename Traits, typename T, int W, int Hin, typename GetBlock> class CoarseNeighbourhood {
+public:
+    using S = typename ElementScalar<T>::Type;
+
+    CoarseNeighbourhood(Container<Traits> const& c, Tile<Traits> const& coarse, T const* data, GetBlock const& get,
+                        typename Container<Traits>::ConstTileAccessor& acc, bool tables)
+        : mContainer(c), mCoarse(coarse), mGet(get), mAccessor(acc), mTables(tables),
+          mWidth(Container<Traits>::voxelDataWidth(coarse.depth())), mCorner(coarse.tijk())
+    {
+        for (auto& e : mEntries) e.known = false;
+        mEntries[kNeighborSelf].known = true;
+        mEntries[kNeighborSelf].data = data;
+    }
+
+    /// The element at index (x, y, z) around the coarse tile into @p out; false where missing.
+    bool value(int x, int y, int z, T& out)
+    {
+        constexpr int Ein = W + 2 * Hin;
+        int const sx = x < 0 ? -1 : (x >= W ? 1 : 0), sy = y < 0 ? -1 : (y >= W ? 1 : 0),
+                  sz = z < 0 ? -1 : (z >= W ? 1 : 0);
+        Entry& e = entry(13 + 9 * sx + 3 * sy + sz);
+        if (!e.data) return false;
+        if (!e.coarser) {
+            int const l0 = x - sx * W, l1 = y - sy * W, l2 = z - sz * W;
+            out = e.data[(l0 + Hin) + Ein * ((l1 + Hin) + Ein * (l2 + Hin))];
+            return true;
+        }
+        // A coarser tile: its interpolation at the centre of the voxel, in half finest voxels.
+        std::int64_t const p2[3] = {2 * (std::int64_t(mCorner[0]) + x * mWidth) + mWidth,
+                                    2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
+                                    2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
+        return e.coarser->interpolate(p2, out);
+    }
+
+    /// The trilinear interpolation of the voxels around the coarse tile at @p p2 (a position in
+    /// half finest voxels, inside the coarse tile), into @p out; false where a voxel it needs is
+    /// missing. An axis on which the position sits on a voxel centre reads that voxel alone.
+    bool interpolate(std::int64_t const (&p2)[3], T& out)
+    {
+        int c0[3];
+        S frac[3];
+        bool moves[3];
+        for (int a = 0; a < 3; ++a) {
+            std::int64_t const num = p2[a] - 2 * std::int64_t(mCorner[a]) - mWidth;
+            std::int64_t const den = 2 * mWidth;
+            std::int64_t const q = haloFloorDiv(num, den);
+            std::int64_t const rem = num - q * den;
+            c0[a] = static_cast<int>(q);
+            frac[a] = static_cast<S>(double(rem) / double(den));
+            moves[a] = rem != 0;
+        }
+        return blend(c0, frac, moves, out);
+    }
+
+    /// The blend of the 2 x 2 x 2 voxels from @p c0 with fractions @p frac, axis by axis (x, then
+    /// y, then z); axes that do not move read only their lower voxel.
+    bool blend(int const (&c0)[3], S const (&frac)[3], bool const (&moves)[3], T& out)
+    {
+        T v[8]{};
+        for (int e = 0; e < 8; ++e) {
+            int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+            if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2])) continue;
+            if (!value(c0[0] + ex, c0[1] + ey, c0[2] + ez, v[e])) return false;
+        }
+        T r[4]{};
+        for (int q = 0; q < 4; ++q) {
+            if (((q & 1) && !moves[1]) || ((q >> 1) && !moves[2])) continue;
+            r[q] = moves[0] ? blendElement(v[2 * q], v[2 * q + 1], frac[0]) : v[2 * q];
+        }
+        T s0 = moves[1] ? blendElement(r[0], r[1], frac[1]) : r[0];
+        if (moves[2]) {
+            T const s1 = moves[1] ? blendElement(r[2], r[3], frac[1]) : r[2];
+            s0 = blendElement(s0, s1, frac[2]);
+        }
+        out = s0;
+        return true;
+    }
+
+private:
+    struct Entry {
+        bool known = false;
+        T const* data = nullptr;
+        std::unique_ptr<CoarseNeighbourhood> coarser; ///< set where the tile there is coarser
+    };
+    Entry& entry(int dir)
+    {
+        Entry& e = mEntries[dir];
+        if (e.known) return e;
+        e.known = true;
+        Tile<Traits> const& n =
+            mTables ? mContainer.compressedHaloNeighbor(mCoarse, dir) : mAccessor.tileNeighbor(mCoarse, dir);
+        if (!n.valid()) return e;
+        e.data = mGet(n.index(), n.depth());
+        if (e.data && n.depth() != mCoarse.depth())
+            e.coarser = std::make_unique<CoarseNeighbourhood>(mContainer, n, e.data, mGet, mAccessor, mTables);
+        return e;
+    }
+
+    Container<Traits> const& mContainer;
+    Tile<Traits> const& mCoarse;
+    GetBlock const& mGet;
+    typename Container<Traits>::ConstTileAccessor& mAccessor;
+    bool mTables;
+    std::int64_t mWidth; ///< voxel width of the coarse tile, finest voxels
+    int3 mCorner;
+    Entry mEntries[27];
+};
+
+/// Fills the rim elements of the box [lo, hi) of @p out (edge W + 2*Hout), which all lie in the
+/// coarser tile @p coarse, with the trilinear interpolation of the coarse voxels at each rim
+/// element's centre (`CoarseNeighbourhood`). Where a bracketing voxel is missing (at the edge of
+/// the tree, or a tile without data) the element keeps the covering coarse voxel @p ci, as the
+/// rim does without interpolation.
+///
+/// For data that are linear in position the rim is then exact to rounding, so central differences
+/// across a jump keep their second order in the first derivatives.
+template <typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
+inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& coarse, T const* src,
+                                GetBlock const& get, typename Container<Traits>::ConstTileAccessor& acc, bool tables,
+                                int3 const& corner, std::int64_t w, int const (&lo)[3], int const (&hi)[3],
+                                int const (&ci)[3][W + 2 * Hout], T* out)
+{
+    using S = typename ElementScalar<T>::Type;
+    constexpr int Ein = W + 2 * Hin;
+    constexpr int Eout = W + 2 * Hout;
+    std::int64_t const wn = Container<Traits>::voxelDataWidth(coarse.depth());
+    int3 const nc = coarse.tijk();
+    // Per axis and rim index: the lower bracketing coarse voxel and the fraction towards the
+    // upper one. In half finest voxels all centres are integers, so the fraction is the exact
+    // quotient rem / (2 wn), rounded once.
+    int c0[3][W + 2 * Hout];
+    S frac[3][W + 2 * Hout];
+    bool moves[3][W + 2 * Hout];
+    for (int a = 0; a < 3; ++a)
+        for (int l = lo[a]; l < hi[a]; ++l) {
+            std::int64_t const num = 2 * (std::int64_t(corner[a]) - std::int64_t(nc[a])) + (2 * l + 1) * w - wn;
+            std::int64_t const den = 2 * wn;
+            std::int64_t const q = haloFloorDiv(num, den);
+            std::int64_t const rem = num - q * den;
+            c0[a][l + Hout] = static_cast<int>(q);
+            frac[a][l + Hout] = static_cast<S>(double(rem) / double(den));
+            moves[a][l + Hout] = rem != 0;
+        }
+    CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, coarse, src, get, acc, tables);
+    for (int k = lo[2]; k < hi[2]; ++k)
+        for (int j = lo[1]; j < hi[1]; ++j)
+            for (int i = lo[0]; i < hi[0]; ++i) {
+                int const x[3] = {c0[0][i + Hout], c0[1][j + Hout], c0[2][k + Hout]};
+                S const f[3] = {frac[0][i + Hout], frac[1][j + Hout], frac[2][k + Hout]};
+                bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
+                T& o = out[(i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout))];
+                if (!around.blend(x, f, m, o))
+                    o = src[(ci[0][i + Hout] + Hin) + Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+            }
+}
 
 /// Fills the region of the rim of @p out (edge W + 2*Hout) that lies in direction @p Dir of
 /// @p tile, from the tile found there. The region's bounds are constants here, so that its copy
@@ -25,8 +230,8 @@ constexpr bool haloWantsCorners(int type) { return (type & 8) != 0; }
 /// known only at run time would cost more than the copies.
 template <int Dir, typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
 inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
-                           typename Container<Traits>::ConstTileAccessor& acc, bool tables, bool wanted, T* out,
-                           T const& def)
+                           typename Container<Traits>::ConstTileAccessor& acc, bool tables, bool wanted,
+                           bool trilinear, T* out, T const& def)
 {
     constexpr int Ein = W + 2 * Hin;
     constexpr int Eout = W + 2 * Hout;
@@ -72,6 +277,12 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
     for (int a = 0; a < 3; ++a)
         for (int l = lo[a]; l < hi[a]; ++l)
             ci[a][l + Hout] = static_cast<int>((std::int64_t(corner[a]) + l * w - std::int64_t(nc[a])) / wn);
+    if constexpr (kHaloBlendable<T>) {
+        if (trilinear) {
+            fillTrilinearRegion<Traits, T, W, Hin, Hout>(c, *nb, src, get, acc, tables, corner, w, lo, hi, ci, out);
+            return;
+        }
+    }
     for (int k = lo2; k < hi2; ++k)
         for (int j = lo1; j < hi1; ++j)
             for (int i = lo0; i < hi0; ++i)
@@ -118,13 +329,15 @@ void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBloc
     bool const tables = c.hasCompressedTileHalos();
     bool const edges = haloWantsEdges(type);
     bool const corners = haloWantsCorners(type);
+    bool const trilinear = haloWantsTrilinear(type);
     // The 26 directions, each with its own bounds; faces always, edges and corners as asked.
     [&]<int... Dir>(std::integer_sequence<int, Dir...>) {
         auto one = [&]<int D>(std::integral_constant<int, D>) {
             if constexpr (D != kNeighborSelf) {
                 constexpr int touched = (neighborDx(D) != 0) + (neighborDy(D) != 0) + (neighborDz(D) != 0);
                 bool const wanted = touched == 1 || (touched == 2 && edges) || (touched == 3 && corners);
-                fillHaloRegion<D, Traits, T, W, Hin, Hout>(c, tile, get, acc, tables, wanted, out, def);
+                fillHaloRegion<D, Traits, T, W, Hin, Hout>(c, tile, get, acc, tables, wanted, trilinear, out,
+                                                           def);
             }
         };
         (one(std::integral_constant<int, Dir>{}), ...);
@@ -133,15 +346,6 @@ void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBloc
 
 // ---- element arithmetic for means -------------------------------------------------------------
 
-/// The scalar of an element type and how many of them it holds.
-template <typename T, typename = void> struct ElementScalar {
-    using Type = T;
-    static constexpr int kCount = 1;
-};
-template <typename T> struct ElementScalar<T, std::void_t<typename T::ValueType>> {
-    using Type = typename T::ValueType;
-    static constexpr int kCount = static_cast<int>(sizeof(T) / sizeof(typename T::ValueType));
-};
 
 /// Running sum of elements, component by component: doubles for floating-point scalars, 128-bit
 /// integers for integral ones (no overflow for up to 2^64 values of any width).
