@@ -2,9 +2,11 @@
 /// @brief Bodies of the halo operations: the rim walk on raw blocks, and the element mean of
 ///        non-leaf voxels. Included only by the halo shard files.
 #pragma once
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <hexmold/platform/tavrel/math.h>
@@ -100,6 +102,49 @@ public:
                                     2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
                                     2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
         return e.coarser->interpolate(p2, out);
+    }
+
+    /// Fills @p values (and @p have, whether each exists) with the elements of the box of indices
+    /// [base, base + extent) around the coarse tile, laid out with strides 1, C, C * C. Works
+    /// neighbour by neighbour, so that the elements of one tile are copied without per-element
+    /// lookups. Indices may reach one tile width beyond the coarse tile on each side.
+    template <int C> void fillBox(int const (&base)[3], int const (&extent)[3], T* values, bool* have)
+    {
+        constexpr int Ein = W + 2 * Hin;
+        for (int sz = -1; sz <= 1; ++sz)
+            for (int sy = -1; sy <= 1; ++sy)
+                for (int sx = -1; sx <= 1; ++sx) {
+                    int const s[3] = {sx, sy, sz};
+                    int lo[3], hi[3];
+                    bool empty = false;
+                    for (int a = 0; a < 3; ++a) {
+                        lo[a] = std::max(base[a], s[a] * W);
+                        hi[a] = std::min(base[a] + extent[a], s[a] * W + W);
+                        empty |= lo[a] >= hi[a];
+                    }
+                    if (empty) continue;
+                    Entry& e = entry(13 + 9 * sx + 3 * sy + sz);
+                    for (int z = lo[2]; z < hi[2]; ++z)
+                        for (int y = lo[1]; y < hi[1]; ++y) {
+                            int const row = (y - base[1]) * C + (z - base[2]) * C * C - base[0];
+                            if (!e.data) {
+                                for (int x = lo[0]; x < hi[0]; ++x) have[row + x] = false;
+                            } else if (!e.coarser) {
+                                T const* src = e.data + (Hin - sx * W) + Ein * ((y - sy * W + Hin) + Ein * (z - sz * W + Hin));
+                                for (int x = lo[0]; x < hi[0]; ++x) {
+                                    values[row + x] = src[x];
+                                    have[row + x] = true;
+                                }
+                            } else {
+                                for (int x = lo[0]; x < hi[0]; ++x) {
+                                    std::int64_t const p2[3] = {2 * (std::int64_t(mCorner[0]) + x * mWidth) + mWidth,
+                                                                2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
+                                                                2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
+                                    have[row + x] = e.coarser->interpolate(p2, values[row + x]);
+                                }
+                            }
+                        }
+                }
     }
 
     /// The trilinear interpolation of the voxels around the coarse tile at @p p2 (a position in
@@ -211,18 +256,134 @@ inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& 
             frac[a][l + Hout] = static_cast<S>(double(rem) / double(den));
             moves[a][l + Hout] = rem != 0;
         }
+    // The coarse voxels the region reads, fetched once each: a box of at most W + 1 per axis (a
+    // region spans at most W rim elements on an axis, which fall between at most W + 1 coarse
+    // centres).
+    constexpr int B = W + 1;
+    int base[3], extent[3];
+    for (int a = 0; a < 3; ++a) {
+        int mn = c0[a][lo[a] + Hout], mx = mn;
+        for (int l = lo[a]; l < hi[a]; ++l) {
+            mn = std::min(mn, c0[a][l + Hout]);
+            mx = std::max(mx, c0[a][l + Hout] + (moves[a][l + Hout] ? 1 : 0));
+        }
+        base[a] = mn;
+        extent[a] = mx - mn + 1;
+    }
     CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, coarse, src, get, acc, tables);
+    if (extent[0] > B || extent[1] > B || extent[2] > B) {
+        // Not expected for rims of width up to W; kept correct anyway, element by element.
+        for (int k = lo[2]; k < hi[2]; ++k)
+            for (int j = lo[1]; j < hi[1]; ++j)
+                for (int i = lo[0]; i < hi[0]; ++i) {
+                    int const x[3] = {c0[0][i + Hout], c0[1][j + Hout], c0[2][k + Hout]};
+                    S const f[3] = {frac[0][i + Hout], frac[1][j + Hout], frac[2][k + Hout]};
+                    bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
+                    T& o = out[(i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout))];
+                    if (!around.blend(x, f, m, o))
+                        o = src[(ci[0][i + Hout] + Hin) +
+                                Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+                }
+        return;
+    }
+    T box[B * B * B];
+    bool have[B * B * B];
+    around.template fillBox<B>(base, extent, box, have);
     for (int k = lo[2]; k < hi[2]; ++k)
         for (int j = lo[1]; j < hi[1]; ++j)
             for (int i = lo[0]; i < hi[0]; ++i) {
-                int const x[3] = {c0[0][i + Hout], c0[1][j + Hout], c0[2][k + Hout]};
-                S const f[3] = {frac[0][i + Hout], frac[1][j + Hout], frac[2][k + Hout]};
+                int const x = c0[0][i + Hout] - base[0], y = c0[1][j + Hout] - base[1], z = c0[2][k + Hout] - base[2];
                 bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
                 T& o = out[(i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout))];
-                if (!around.blend(x, f, m, o))
+                // The blend of `CoarseNeighbourhood::blend`, from the box.
+                T v[8]{};
+                bool complete = true;
+                for (int e = 0; e < 8; ++e) {
+                    int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+                    if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2])) continue;
+                    int const n = (x + ex) + B * ((y + ey) + B * (z + ez));
+                    complete &= have[n];
+                    v[e] = box[n];
+                }
+                if (!complete) {
                     o = src[(ci[0][i + Hout] + Hin) + Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+                    continue;
+                }
+                S const fx = frac[0][i + Hout], fy = frac[1][j + Hout], fz = frac[2][k + Hout];
+                T r[4]{};
+                for (int q = 0; q < 4; ++q) {
+                    if (((q & 1) && !m[1]) || ((q >> 1) && !m[2])) continue;
+                    r[q] = m[0] ? blendElement(v[2 * q], v[2 * q + 1], fx) : v[2 * q];
+                }
+                T s0 = m[1] ? blendElement(r[0], r[1], fy) : r[0];
+                if (m[2]) {
+                    T const s1 = m[1] ? blendElement(r[2], r[3], fy) : r[2];
+                    s0 = blendElement(s0, s1, fz);
+                }
+                o = s0;
             }
 }
+
+/// The coarse voxels around a tile's place one depth up, fetched once per tile for the trilinear
+/// rim: every rim element whose tile there is one depth coarser (the graded case) is blended
+/// from this window. The window is taken in the parent's frame: voxels of the parent (its
+/// non-leaf copies of the finer data), of its same-depth neighbours, and interpolations of
+/// coarser ones (`CoarseNeighbourhood`). These are the voxels the element-wise rule reads from
+/// the coarse tile's side, so both give the same values.
+template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWindow {
+    using S = typename ElementScalar<T>::Type;
+    static constexpr int kRange = W + 2 * Hout;
+    /// Coarse voxels per axis: those bracketing kRange fine centres.
+    static constexpr int C = (kRange + Traits::kRatio - 1) / Traits::kRatio + 2;
+
+    bool built = false;
+    bool usable = false;
+    int c0[3][kRange]; ///< lower bracketing voxel, relative to the window
+    S frac[3][kRange];
+    bool moves[3][kRange];
+    T values[C * C * C];
+    bool have[C * C * C];
+
+    /// Builds the window for @p tile once; false when the tile has no parent or the parent no data.
+    template <typename GetBlock>
+    bool ensure(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
+                typename Container<Traits>::ConstTileAccessor& acc, bool tables)
+    {
+        if (built) return usable;
+        built = true;
+        TreeIndex const pi = tile.parentTreeIndex();
+        if (pi.depth < 0) return false;
+        Tile<Traits> const& parent = c.tile(pi);
+        T const* pdata = get(parent.index(), parent.depth());
+        if (!pdata) return false;
+        std::int64_t const w = Container<Traits>::voxelDataWidth(tile.depth());
+        std::int64_t const wp = Container<Traits>::voxelDataWidth(parent.depth());
+        int3 const corner = tile.tijk(), pc = parent.tijk();
+        int base[3], extent[3];
+        for (int a = 0; a < 3; ++a) {
+            int mn = 0, mx = 0;
+            for (int l = -Hout; l < W + Hout; ++l) {
+                // As in `fillTrilinearRegion`: centres in half finest voxels.
+                std::int64_t const num = 2 * (std::int64_t(corner[a]) - std::int64_t(pc[a])) + (2 * l + 1) * w - wp;
+                std::int64_t const den = 2 * wp;
+                std::int64_t const q = haloFloorDiv(num, den);
+                std::int64_t const rem = num - q * den;
+                c0[a][l + Hout] = static_cast<int>(q);
+                frac[a][l + Hout] = static_cast<S>(double(rem) / double(den));
+                moves[a][l + Hout] = rem != 0;
+                mn = l == -Hout ? int(q) : std::min(mn, int(q));
+                mx = l == -Hout ? int(q) + (rem != 0) : std::max(mx, int(q) + int(rem != 0));
+            }
+            if (mx - mn + 1 > C) return false;
+            base[a] = mn;
+            extent[a] = mx - mn + 1;
+            for (int l = 0; l < kRange; ++l) c0[a][l] -= mn;
+        }
+        CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, parent, pdata, get, acc, tables);
+        around.template fillBox<C>(base, extent, values, have);
+        return usable = true;
+    }
+};
 
 /// Fills the region of the rim of @p out (edge W + 2*Hout) that lies in direction @p Dir of
 /// @p tile, from the tile found there. The region's bounds are constants here, so that its copy
@@ -231,7 +392,7 @@ inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& 
 template <int Dir, typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
 inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
                            typename Container<Traits>::ConstTileAccessor& acc, bool tables, bool wanted,
-                           bool trilinear, T* out, T const& def)
+                           JumpWindow<Traits, T, W, Hin, Hout>* window, T* out, T const& def)
 {
     constexpr int Ein = W + 2 * Hin;
     constexpr int Eout = W + 2 * Hout;
@@ -278,7 +439,48 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
         for (int l = lo[a]; l < hi[a]; ++l)
             ci[a][l + Hout] = static_cast<int>((std::int64_t(corner[a]) + l * w - std::int64_t(nc[a])) / wn);
     if constexpr (kHaloBlendable<T>) {
-        if (trilinear) {
+        if (window) {
+            using Window = JumpWindow<Traits, T, W, Hin, Hout>;
+            if (nb->depth() + 1 == tile.depth() && window->ensure(c, tile, get, acc, tables)) {
+                // One depth coarser: blend from the tile's window.
+                constexpr int C = Window::C;
+                for (int k = lo2; k < hi2; ++k)
+                    for (int j = lo1; j < hi1; ++j)
+                        for (int i = lo0; i < hi0; ++i) {
+                            int const x = window->c0[0][i + Hout], y = window->c0[1][j + Hout],
+                                      z = window->c0[2][k + Hout];
+                            bool const m[3] = {window->moves[0][i + Hout], window->moves[1][j + Hout],
+                                               window->moves[2][k + Hout]};
+                            T v[8]{};
+                            bool complete = true;
+                            for (int e = 0; e < 8; ++e) {
+                                int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+                                if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2])) continue;
+                                int const n = (x + ex) + C * ((y + ey) + C * (z + ez));
+                                complete &= window->have[n];
+                                v[e] = window->values[n];
+                            }
+                            T& o = out[outAt(i, j, k)];
+                            if (!complete) {
+                                o = src[inAt(ci[0][i + Hout], ci[1][j + Hout], ci[2][k + Hout])];
+                                continue;
+                            }
+                            typename Window::S const fx = window->frac[0][i + Hout], fy = window->frac[1][j + Hout],
+                                                     fz = window->frac[2][k + Hout];
+                            T r[4]{};
+                            for (int q = 0; q < 4; ++q) {
+                                if (((q & 1) && !m[1]) || ((q >> 1) && !m[2])) continue;
+                                r[q] = m[0] ? blendElement(v[2 * q], v[2 * q + 1], fx) : v[2 * q];
+                            }
+                            T s0 = m[1] ? blendElement(r[0], r[1], fy) : r[0];
+                            if (m[2]) {
+                                T const s1 = m[1] ? blendElement(r[2], r[3], fy) : r[2];
+                                s0 = blendElement(s0, s1, fz);
+                            }
+                            o = s0;
+                        }
+                return;
+            }
             fillTrilinearRegion<Traits, T, W, Hin, Hout>(c, *nb, src, get, acc, tables, corner, w, lo, hi, ci, out);
             return;
         }
@@ -329,15 +531,18 @@ void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBloc
     bool const tables = c.hasCompressedTileHalos();
     bool const edges = haloWantsEdges(type);
     bool const corners = haloWantsCorners(type);
-    bool const trilinear = haloWantsTrilinear(type);
+    // The trilinear rim's window, built on the first region that needs it.
+    std::optional<JumpWindow<Traits, T, W, Hin, Hout>> window;
+    if constexpr (kHaloBlendable<T>)
+        if (haloWantsTrilinear(type)) window.emplace();
     // The 26 directions, each with its own bounds; faces always, edges and corners as asked.
     [&]<int... Dir>(std::integer_sequence<int, Dir...>) {
         auto one = [&]<int D>(std::integral_constant<int, D>) {
             if constexpr (D != kNeighborSelf) {
                 constexpr int touched = (neighborDx(D) != 0) + (neighborDy(D) != 0) + (neighborDz(D) != 0);
                 bool const wanted = touched == 1 || (touched == 2 && edges) || (touched == 3 && corners);
-                fillHaloRegion<D, Traits, T, W, Hin, Hout>(c, tile, get, acc, tables, wanted, trilinear, out,
-                                                           def);
+                fillHaloRegion<D, Traits, T, W, Hin, Hout>(c, tile, get, acc, tables, wanted,
+                                                           window ? &*window : nullptr, out, def);
             }
         };
         (one(std::integral_constant<int, Dir>{}), ...);
