@@ -17,7 +17,9 @@
 ///          resolution jump piecewise constant, or with the trilinear rule exact for data linear
 ///          in position. The covering voxel can sit up to half a coarse voxel (2.5 voxels of the
 ///          tile in hand for a ratio of 5) from the rim element, which a central difference turns
-///          into an O(1) error; the interpolation makes it O(h) for first differences. Callers
+///          into an O(1) error. The interpolation is off by O(H^2) for coarse voxels H wide, so
+///          first differences across the jump are exact on linear data and O(H^2 / h) otherwise;
+///          second differences keep an O(H^2 / h^2) error there. Callers
 ///          whose rim must stay a value that exists in the channel (sign tests, upwind sweeps
 ///          that must not see a new minimum) keep the covering voxel.
 #pragma once
