@@ -180,6 +180,9 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                         auto typeBlock = types ? types->tileData(tile.treeIndex()) : TileData<unsigned char, W, 0, 0>();
                         if (types && typeBlock.size() != N) continue;
                         auto const maskBlock = mask ? mask->tileData(tile.treeIndex()) : ConstTileData<float, W, 0, 0>();
+                        // The covering coarse voxel at a jump, not the interpolated rim: the
+                        // zero-crossing test below must see the sign the coarse depth holds, and a
+                        // blend of two coarse voxels of opposite signs could invent a crossing.
                         setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), io_distance, haloMode,
                                                             kHaloTypeFacesAndEdges, accessor, halo,
                                                             io_distance.defaultValue(), 1.0f, kVoxelOffsetCenter);

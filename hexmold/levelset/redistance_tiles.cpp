@@ -174,6 +174,11 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
         // The sweep reads the face rim only.
         if (!activity || activity->depth != depth ||
             !fillFromSameDepthFaces<Traits>(distance, t, activity->faces[std::size_t(t)], depth, scratch.values)) {
+            // The covering coarse voxel at a jump, not the interpolated rim: an upwind update
+            // may only take values the coarser depth holds (a blend of a coarse voxel near the
+            // front and one across it sits nearer zero than either and would pull the front),
+            // and the coarse-fine border is handled by the restriction and interpolation between
+            // depths, which the DOF flags steer.
             setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), distance, mode, kHaloTypeBase, accessor,
                                                 scratch.values, background, 1.0f, kVoxelOffsetCenter);
             detail::boundCoarseRim(tile, accessor, voxelSize, scratch.values);

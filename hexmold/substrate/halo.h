@@ -9,10 +9,19 @@
 ///          2. same depth: the element at its local position, leaf or non-leaf alike (so a
 ///             non-leaf voxel must hold a coarse copy of its children, which
 ///             `setNonLeafValueToChildValue` provides);
-///          3. coarser: the value of the coarse voxel that covers the rim element;
+///          3. coarser: the value of the coarse voxel that covers the rim element, or, when the
+///             caller asks for it with `kHaloTypeTrilinearJumps`, the trilinear interpolation of
+///             the coarse voxels at the rim element's centre;
 ///          4. nothing there, or no block in the channel: the default value.
-///          The rim of a block is therefore exact across same-depth borders and piecewise
-///          constant across a resolution jump.
+///          The rim of a block is therefore exact across same-depth borders, and across a
+///          resolution jump piecewise constant, or with the trilinear rule exact for data linear
+///          in position. The covering voxel can sit up to half a coarse voxel (2.5 voxels of the
+///          tile in hand for a ratio of 5) from the rim element, which a central difference turns
+///          into an O(1) error. The interpolation is off by O(H^2) for coarse voxels H wide, so
+///          first differences across the jump are exact on linear data and O(H^2 / h) otherwise;
+///          second differences keep an O(H^2 / h^2) error there. Callers
+///          whose rim must stay a value that exists in the channel (sign tests, upwind sweeps
+///          that must not see a new minimum) keep the covering voxel.
 #pragma once
 #include <hexmold/export.h>
 #include <hexmold/substrate/channel.h>
@@ -34,7 +43,8 @@ enum HaloMode : int {
 
 /// Which parts of the rim are filled, as bits. The six face layers are always filled; bit 4 adds
 /// the twelve edges (what stencils reaching in the coordinate planes need), bit 8 the eight
-/// corners. Bits 1 and 2 are markers of the caller. Parts not asked for hold the default value.
+/// corners, bit 16 the trilinear rule at resolution jumps. Bits 1 and 2 are markers of the
+/// caller. Parts not asked for hold the default value.
 enum HaloType : int {
     kHaloTypeBase = 1,
     kHaloTypeCallerFlag = 2,
@@ -43,6 +53,12 @@ enum HaloType : int {
     kHaloTypeFacesAndEdges = 5,  ///< 1 | 4: axis and in-plane stencils
     kHaloTypeSweep = 6,          ///< 5 plus the caller's flag
     kHaloTypeAll = 15,           ///< the whole rim, corners included
+    /// At a resolution jump, each rim element is the trilinear interpolation of the coarse voxels
+    /// (those of the coarser tile and of the one-voxel layer around it, at its depth) at the rim
+    /// element's centre, instead of the covering coarse voxel. Applies to the element types of
+    /// floating-point scalars; others keep the covering voxel. Where a bracketing coarse voxel is
+    /// missing (edge of the tree, a tile without data) the element keeps the covering voxel.
+    kHaloTypeTrilinearJumps = 16,
 };
 
 /// @brief Fills @p out with the block of @p tile from @p channel in its interior and the rim

@@ -8,6 +8,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <set>
@@ -216,6 +217,61 @@ TYPED_TEST(LinearSampler, LinearFieldsAreReproducedOnGradedTrees)
     CoreGL::TileTree3D::ensureSamplerAssumptions(c, nullptr);
     for (VoxelOffsetType type : {kVoxelOffsetCenter, kVoxelOffsetFaceZ, VoxelOffsetType(3)})
         expectLinearFieldReproduced(c, type, Tr::kMaxDepth, 300 + type, "graded, offset type " + std::to_string(int(type)));
+}
+
+/// In the deepest tiles, where a cell's corners all lie in tiles of that depth, a cell-centred
+/// sample is the blend a (1 - t) + b t along x, then y, then z of the eight voxels, with the
+/// fractions taken in double precision and converted to float: the value the test computes here
+/// from the channel itself, to the bit, for random data.
+TYPED_TEST(LinearSampler, DeepestCellsGiveTheBlendOfTheirVoxelsToTheBit)
+{
+    using Tr = typename TypeParam::Traits;
+    constexpr int W = Tr::kTileWidth;
+    int const D = Tr::kMaxDepth;
+    Container<Tr> c("tree", 0.25f);
+    constexpr double kRadius = 20.0;
+    testtrees::buildGradedSphere(c, kRadius, Tr::kMaxDepth, 1.0);
+    auto const topology = topologyOf(c, kVoxelOffsetCenter);
+    std::mt19937 rng(31);
+    std::uniform_real_distribution<float> value(-10.0f, 10.0f);
+    auto const ch = fillChannel<Tr, float>(c, kVoxelOffsetCenter, D, [&](double3 const&) { return value(rng); });
+    VoxelSamplerLinear<Tr, float, W, 2, double3> sampler(c, topology, *ch);
+    auto acc = c.tileAccessor();
+    auto voxel = [&](std::int64_t x, std::int64_t y, std::int64_t z, bool& ok) {
+        Tile<Tr> const& t = acc.tile(x, y, z, D);
+        if (t.depth() != D) {
+            ok = false;
+            return 0.0f;
+        }
+        return std::as_const(*ch).tileData(t.treeIndex())(int(x - t.ti()), int(y - t.tj()), int(z - t.tk()));
+    };
+    int compared = 0;
+    // Positions within two voxels of the sphere, where the deepest tiles are.
+    std::vector<double3> near;
+    std::normal_distribution<double> g(0.0, 1.0);
+    std::uniform_real_distribution<double> shell(kRadius - 2.0, kRadius + 2.0);
+    while (near.size() < 4000) {
+        double const x = g(rng), y = g(rng), z = g(rng), n = std::sqrt(x * x + y * y + z * z);
+        double const r = shell(rng);
+        if (n > 0) near.push_back({x / n * r, y / n * r, z / n * r});
+    }
+    for (double3 const& p : near) {
+        std::int64_t const f[3] = {std::int64_t(std::floor(p.x)), std::int64_t(std::floor(p.y)),
+                                   std::int64_t(std::floor(p.z))};
+        bool ok = true;
+        float v[8];
+        for (int e = 0; e < 8; ++e) v[e] = voxel(f[0] + (e & 1), f[1] + ((e >> 1) & 1), f[2] + (e >> 2), ok);
+        if (!ok) continue;
+        float const t[3] = {float(p.x - double(f[0])), float(p.y - double(f[1])), float(p.z - double(f[2]))};
+        auto blend = [](float a, float b, float s) { return a * (1.0f - s) + b * s; };
+        float const x0 = blend(v[0], v[1], t[0]), x1 = blend(v[2], v[3], t[0]), x2 = blend(v[4], v[5], t[0]),
+                    x3 = blend(v[6], v[7], t[0]);
+        float const expected = blend(blend(x0, x1, t[1]), blend(x2, x3, t[1]), t[2]);
+        float const got = sampler.valueAtTileSpace(p, D);
+        EXPECT_EQ(std::memcmp(&got, &expected, sizeof(float)), 0) << got << " vs " << expected;
+        ++compared;
+    }
+    EXPECT_GT(compared, 1000);
 }
 
 TYPED_TEST(LinearSampler, WorldPositionsUseTheTopologysTransform)

@@ -172,6 +172,55 @@ TYPED_TEST(Halo, CoarserNeighborGivesTheCoveringVoxel)
     (void)wp;
 }
 
+TYPED_TEST(Halo, TrilinearRimIsExactForLinearDataAcrossJumps)
+{
+    using Tr = TypeParam;
+    constexpr int W = Tr::kTileWidth;
+    Volume<Tr, double> v;
+    testtrees::buildGradedSphere(v.tree, std::is_same_v<Tr, Traits24> ? 20.0 : 30.0, Tr::kMaxDepth, 0.5);
+    v.bind();
+    // A linear function of the voxel centre, in finest voxels, at every voxel of every depth.
+    auto f = [](double x, double y, double z) { return 0.5 * x - 0.25 * y + 0.125 * z + 3.0; };
+    auto centre = [](Tile<Tr> const& t, int i, int j, int k) {
+        double const w = double(t.voxelDataWidth());
+        return Tavrel::Math::double3{t.ti() + (i + 0.5) * w, t.tj() + (j + 0.5) * w, t.tk() + (k + 0.5) * w};
+    };
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < v.tree.tileCount(d); ++t) {
+            auto td = v.channel->tileData(t, d);
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) {
+                        auto const p = centre(v.tree.tile(t, d), i, j, k);
+                        td(i, j, k) = f(p.x, p.y, p.z);
+                    }
+        }
+    v.tree.precomputeCompressedTileHalos();
+    auto acc = v.tree.tileAccessor();
+    std::int64_t atJumps = 0;
+    // Tiles well inside the root, whose coarse neighbours have data all around them.
+    for (int d = 4; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < v.tree.tileCount(d); ++t) {
+            Tile<Tr> const& tile = v.tree.tile(t, d);
+            auto const h = haloOf<Tr, double, 0, 2>(v.tree, *v.channel, tile.treeIndex(),
+                                                    HaloType(kHaloTypeAll | kHaloTypeTrilinearJumps), -1.0);
+            std::int64_t const w = tile.voxelDataWidth();
+            for (int k = -2; k < W + 2; ++k)
+                for (int j = -2; j < W + 2; ++j)
+                    for (int i = -2; i < W + 2; ++i) {
+                        if (i >= 0 && i < W && j >= 0 && j < W && k >= 0 && k < W) continue;
+                        Tile<Tr> const& holder = acc.tile(tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w, d);
+                        auto const p = centre(tile, i, j, k);
+                        // Rounding of a few blends of values up to the coarse voxels' coordinates.
+                        double const tol = 1e-12 * (std::abs(p.x) + std::abs(p.y) + std::abs(p.z) +
+                                                    16.0 * double(holder.voxelDataWidth()) + 1.0);
+                        EXPECT_NEAR(h(i, j, k), f(p.x, p.y, p.z), tol) << i << " " << j << " " << k << " depth " << d;
+                        atJumps += holder.depth() < d;
+                    }
+        }
+    EXPECT_GT(atJumps, 1000);
+}
+
 TYPED_TEST(Halo, SameResultWithAndWithoutPrecomputedTables)
 {
     using Tr = TypeParam;
@@ -198,7 +247,8 @@ TYPED_TEST(Halo, SameResultWithAndWithoutPrecomputedTables)
         Container<Tr> const& c = tree;
         for (int d = 0; d <= Tr::kMaxDepth; ++d)
             for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
-                for (HaloType type : {kHaloTypeFacesAndEdges, kHaloTypeAll}) {
+                for (HaloType type : {kHaloTypeFacesAndEdges, kHaloTypeAll,
+                                      HaloType(kHaloTypeAll | kHaloTypeTrilinearJumps)}) {
                     auto const a = haloOf<Tr, float, 0, 1>(c, *v.channel, {t, d}, type, -1.0f);
                     all.insert(all.end(), a.begin(), a.end());
                     auto const b = haloOf<Tr, float, 0, 2>(c, *v.channel, {t, d}, type, -1.0f);

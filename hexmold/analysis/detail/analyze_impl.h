@@ -116,8 +116,17 @@ public:
             mask = mMask->tileData(tile.treeIndex());
             if (mask.size() != std::size_t(W) * W * W) return; // no mask data: nothing selected
         }
-        setHaloTile<Traits, In, Hin, 1, 0, 0>(tile.treeIndex(), *mInput, kHaloModeGeneral, kHaloTypeFacesAndEdges,
-                                              mAccessor, mScratch, In{}, 1.0f, kVoxelOffsetCenter);
+        // Faces and edges for the in-plane stencil of the mean curvature, faces alone for the
+        // axis stencils of the others (which never read an edge, so the result is the same and
+        // the edges' interpolation is saved). Across a resolution jump the rim is interpolated
+        // from the coarse voxels at the rim's own centres, so that the central differences stay
+        // consistent there (the covering coarse voxel alone can sit 2.5 voxels away for a ratio
+        // of 5, which turns a gradient into zero).
+        constexpr int kParts =
+            std::is_same_v<Op, MeanCurvatureOperator> ? kHaloTypeFacesAndEdges : kHaloTypeBase;
+        constexpr auto kType = HaloType(kParts | kHaloTypeTrilinearJumps);
+        setHaloTile<Traits, In, Hin, 1, 0, 0>(tile.treeIndex(), *mInput, kHaloModeGeneral, kType, mAccessor,
+                                              mScratch, In{}, 1.0f, kVoxelOffsetCenter);
         In const* block = mScratch.data();
         Out* o = out.data();
         float const* m = mMask ? mask.data() : nullptr;

@@ -71,6 +71,41 @@ template <typename Traits, typename T> struct LinearSamplerShared {
     Copy copy;
     std::vector<TileView<T>> views[Traits::kDepthCount];
 
+    /// A tile of the deepest depth as the direct path reads it: its corner, its view, in one
+    /// record of half a cache line, so that a sample there costs one probe and its block.
+    struct DeepEntry {
+        std::int32_t i, j, k;
+        std::uint32_t neighbours; ///< bits of `neighbourBit`; kOccupied marks a used slot
+        T const* data;            ///< null where the copy has no block
+        std::uint64_t spare;      ///< pads to 32 bytes: an entry never straddles two lines
+    };
+    static constexpr std::uint32_t kOccupied = 1u << 31;
+    /// Open-addressing table of the tiles of `deepDepth`, keyed by their corners; empty when the
+    /// channel has no tile there.
+    std::vector<DeepEntry> deep;
+    std::uint64_t deepMask = 0;
+    int deepDepth = -1;
+
+    static std::uint64_t deepHash(std::int64_t i, std::int64_t j, std::int64_t k)
+    {
+        std::uint64_t h = static_cast<std::uint64_t>(i) * 0x9E3779B97F4A7C15ULL ^
+                          static_cast<std::uint64_t>(j) * 0xC2B2AE3D27D4EB4FULL ^
+                          static_cast<std::uint64_t>(k) * 0x165667B19E3779F9ULL;
+        h ^= h >> 29;
+        h *= 0xBF58476D1CE4E5B9ULL;
+        return h ^ (h >> 32);
+    }
+    /// The entry of the tile of `deepDepth` with corner (i, j, k), or null when there is none.
+    DeepEntry const* findDeep(std::int64_t i, std::int64_t j, std::int64_t k) const
+    {
+        if (deep.empty()) return nullptr;
+        for (std::uint64_t b = deepHash(i, j, k) & deepMask;; b = (b + 1) & deepMask) {
+            DeepEntry const& e = deep[b];
+            if (!(e.neighbours & kOccupied)) return nullptr;
+            if (e.i == i && e.j == j && e.k == k) return &e;
+        }
+    }
+
     LinearSamplerShared(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
                         VoxelChannel<Traits, T> const& channel)
         : copy(Quillon::String(), &channel.defaultValue(), kDataElementInitializerTemporary, false, false,
@@ -97,8 +132,46 @@ template <typename Traits, typename T> struct LinearSamplerShared {
         auto const none = [](auto const&...) {};
         container.traverse(none, none, table, none, NoVoxelVisit{}, kTraversalUnordered, kNoTile, lo, hi, 1, true, 0,
                            Traits::kRatio, false, Traits::kMaxDepth - 3);
+
+        // The direct table of the deepest depth, at most half full.
+        if (lo <= hi && container.tileCount(hi) > 0) {
+            std::uint64_t const n = static_cast<std::uint64_t>(container.tileCount(hi));
+            std::uint64_t capacity = 16;
+            while (capacity < 2 * n) capacity *= 2;
+            deep.assign(capacity, DeepEntry{0, 0, 0, 0, nullptr, 0});
+            deepMask = capacity - 1;
+            deepDepth = hi;
+            for (std::int64_t t = 0; t < container.tileCount(hi); ++t) {
+                Tile<Traits> const& tile = container.tile(t, hi);
+                TileView<T> const& view = views[hi][static_cast<std::size_t>(t)];
+                std::uint64_t b = deepHash(tile.ti(), tile.tj(), tile.tk()) & deepMask;
+                while (deep[b].neighbours & kOccupied) b = (b + 1) & deepMask;
+                deep[b] = DeepEntry{tile.ti(), tile.tj(), tile.tk(), view.neighbours | kOccupied, view.data, 0};
+            }
+        }
     }
 };
+
+/// The trilinear blend of the corners @p v (x fastest) with fractions @p frac, axis by axis; an
+/// axis without a fraction is not blended. In the integer element instances the fractions,
+/// converted to the element type, are 0: the caller returns the first corner before this.
+template <typename T> inline T blendCorners(T const (&v)[8], double const (&frac)[3], bool const (&moves)[3])
+{
+    using Scalar = typename SamplerScalar<T>::Type;
+    Scalar const fx = static_cast<Scalar>(frac[0]), fy = static_cast<Scalar>(frac[1]),
+                 fz = static_cast<Scalar>(frac[2]);
+    T c[4]{};
+    for (int r = 0; r < 4; ++r) {
+        if (((r & 1) && !moves[1]) || ((r >> 1) && !moves[2])) continue;
+        c[r] = moves[0] ? blendLinear(v[2 * r], v[2 * r + 1], fx) : v[2 * r];
+    }
+    T b[2]{};
+    for (int r = 0; r < 2; ++r) {
+        if (r && !moves[2]) continue;
+        b[r] = moves[1] ? blendLinear(c[2 * r], c[2 * r + 1], fy) : c[2 * r];
+    }
+    return moves[2] ? blendLinear(b[0], b[1], fz) : b[0];
+}
 
 } // namespace TVL::TileTree3D::detail
 
@@ -200,6 +273,49 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::sampleAt(Tavrel::Math::double3 const
     constexpr double kBeyond = 4.0e9;
     if (!(std::abs(p.x) < kBeyond && std::abs(p.y) < kBeyond && std::abs(p.z) < kBeyond)) return this->mDefault;
     if (searchDepth < mMinDepth) return this->mDefault;
+    if (mShared && searchDepth == mShared->deepDepth) {
+        // The direct path: a tile of the deepest depth holds the point and the cell's corners lie
+        // in its block. The same arithmetic as `lookup`, without reading the tile's record.
+        std::int64_t const f[3] = {std::int64_t(std::floor(p.x)), std::int64_t(std::floor(p.y)),
+                                   std::int64_t(std::floor(p.z))};
+        std::int64_t const tw = Container<Traits>::tileVoxelWidth(searchDepth);
+        std::int64_t corner[3];
+        for (int a = 0; a < 3; ++a)
+            corner[a] = detail::floorDiv(f[a] + Traits::kCentreOffset, tw) * tw - Traits::kCentreOffset;
+        if (auto const* e = mShared->findDeep(corner[0], corner[1], corner[2])) {
+            if (!e->data) return this->mDefault;
+            std::int64_t const w = Container<Traits>::voxelDataWidth(searchDepth);
+            std::int64_t cell[3];
+            for (int a = 0; a < 3; ++a) cell[a] = w == 1 ? f[a] - corner[a] : detail::floorDiv(f[a] - corner[a], w);
+            constexpr int E = Traits::kTileWidth + 1;
+            int const ci = int(cell[0]), cj = int(cell[1]), ck = int(cell[2]);
+            T const* const base = e->data + (ci + E * (cj + E * ck));
+            if constexpr (std::is_integral_v<typename detail::SamplerScalar<T>::Type>) {
+                return *base;
+            } else {
+                double frac[3];
+                bool moves[3];
+                for (int a = 0; a < 3; ++a) {
+                    frac[a] = (p[a] - double(corner[a] + cell[a] * w)) / double(w);
+                    moves[a] = frac[a] > 0.0;
+                }
+                if (!moves[0] && !moves[1] && !moves[2]) return *base;
+                constexpr int W = Traits::kTileWidth;
+                unsigned const sides = unsigned(moves[0] && ci == W - 1) | (unsigned(moves[1] && cj == W - 1) << 1) |
+                                       (unsigned(moves[2] && ck == W - 1) << 2);
+                unsigned const needed = detail::neighboursNeeded(sides);
+                if ((e->neighbours & needed) == needed) {
+                    T v[8]{};
+                    for (int n = 0; n < 8; ++n) {
+                        int const ex = n & 1, ey = (n >> 1) & 1, ez = n >> 2;
+                        if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2])) continue;
+                        v[n] = base[ex + E * (ey + E * ez)];
+                    }
+                    return detail::blendCorners(v, frac, moves);
+                }
+            }
+        }
+    }
     TileType const& tile = mAccessor.tile(std::int64_t(std::floor(p.x)), std::int64_t(std::floor(p.y)),
                                           std::int64_t(std::floor(p.z)), searchDepth);
     return lookup(&tile, p, depth);
@@ -322,20 +438,7 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
                 }
             }
         }
-        // Trilinear blend, axis by axis; an axis without a fraction is not blended.
-        Scalar const fx = static_cast<Scalar>(frac[0]), fy = static_cast<Scalar>(frac[1]),
-                     fz = static_cast<Scalar>(frac[2]);
-        T c[4]{};
-        for (int r = 0; r < 4; ++r) {
-            if (((r & 1) && !moves[1]) || ((r >> 1) && !moves[2])) continue;
-            c[r] = moves[0] ? detail::blendLinear(v[2 * r], v[2 * r + 1], fx) : v[2 * r];
-        }
-        T b[2]{};
-        for (int r = 0; r < 2; ++r) {
-            if (r && !moves[2]) continue;
-            b[r] = moves[1] ? detail::blendLinear(c[2 * r], c[2 * r + 1], fy) : c[2 * r];
-        }
-        return moves[2] ? detail::blendLinear(b[0], b[1], fz) : b[0];
+        return detail::blendCorners(v, frac, moves);
     }
 }
 

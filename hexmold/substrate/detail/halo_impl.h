@@ -2,8 +2,11 @@
 /// @brief Bodies of the halo operations: the rim walk on raw blocks, and the element mean of
 ///        non-leaf voxels. Included only by the halo shard files.
 #pragma once
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <hexmold/platform/tavrel/math.h>
@@ -13,11 +16,374 @@
 
 namespace TVL::TileTree3D::detail {
 
+/// The scalar of an element type and how many of them it holds.
+template <typename T, typename = void> struct ElementScalar {
+    using Type = T;
+    static constexpr int kCount = 1;
+};
+template <typename T> struct ElementScalar<T, std::void_t<typename T::ValueType>> {
+    using Type = typename T::ValueType;
+    static constexpr int kCount = static_cast<int>(sizeof(T) / sizeof(typename T::ValueType));
+};
+
 /// Which parts of the rim a halo type asks for, beyond the six face layers that are always
 /// filled: bit 4 adds the edges (what a stencil reaching in the coordinate planes needs), bit 8
 /// adds the eight corners. Bits 1 and 2 are markers of the caller and change nothing.
 constexpr bool haloWantsEdges(int type) { return (type & 12) != 0; }
 constexpr bool haloWantsCorners(int type) { return (type & 8) != 0; }
+/// Whether a halo type asks for the trilinear rim at resolution jumps (bit 16).
+constexpr bool haloWantsTrilinear(int type) { return (type & kHaloTypeTrilinearJumps) != 0; }
+
+/// Element types that the trilinear rim blends: those of floating-point scalars. Integer, and
+/// integer-vector, channels keep the covering coarse voxel, as a blend would have to round.
+template <typename T>
+inline constexpr bool kHaloBlendable = std::is_floating_point_v<typename ElementScalar<T>::Type>;
+
+/// a (1 - t) + b t, component by component. The form is exact at t = 0 and t = 1 and, for data
+/// that are linear in position, exact to rounding in between.
+template <typename T, typename S> inline T blendElement(T const& a, T const& b, S t)
+{
+    if constexpr (std::is_arithmetic_v<T>) {
+        return a * (S(1) - t) + b * t;
+    } else {
+        constexpr int N = ElementScalar<T>::kCount;
+        S x[N], y[N];
+        std::memcpy(x, &a, sizeof(T));
+        std::memcpy(y, &b, sizeof(T));
+        for (int n = 0; n < N; ++n) x[n] = x[n] * (S(1) - t) + y[n] * t;
+        T v;
+        std::memcpy(&v, x, sizeof(T));
+        return v;
+    }
+}
+
+/// floor(a / b) for b > 0.
+constexpr std::int64_t haloFloorDiv(std::int64_t a, std::int64_t b)
+{
+    std::int64_t const q = a / b;
+    return (a % b != 0 && a < 0) ? q - 1 : q;
+}
+
+/// The voxels of a coarse tile and of the one-voxel layer around it, at the coarse tile's depth,
+/// as the trilinear rim reads them: index (x, y, z) with each coordinate in [-1, W]. The layer is
+/// read from the coarse tile's neighbours, found on first use: a same-depth neighbour gives its
+/// voxel (a non-leaf voxel's coarse copy of its children included); a coarser one gives its own
+/// trilinear interpolation at the voxel's centre, by the same rule one depth up; where nothing
+/// exists, or a tile has no data, the element is missing.
+template <typename Traits, typename T, int W, int Hin, typename GetBlock> class CoarseNeighbourhood {
+public:
+    using S = typename ElementScalar<T>::Type;
+
+    CoarseNeighbourhood(Container<Traits> const& c, Tile<Traits> const& coarse, T const* data, GetBlock const& get,
+                        typename Container<Traits>::ConstTileAccessor& acc, bool tables)
+        : mContainer(c), mCoarse(coarse), mGet(get), mAccessor(acc), mTables(tables),
+          mWidth(Container<Traits>::voxelDataWidth(coarse.depth())), mCorner(coarse.tijk())
+    {
+        for (auto& e : mEntries) e.known = false;
+        mEntries[kNeighborSelf].known = true;
+        mEntries[kNeighborSelf].data = data;
+    }
+
+    /// The element at index (x, y, z) around the coarse tile into @p out; false where missing.
+    bool value(int x, int y, int z, T& out)
+    {
+        constexpr int Ein = W + 2 * Hin;
+        int const sx = x < 0 ? -1 : (x >= W ? 1 : 0), sy = y < 0 ? -1 : (y >= W ? 1 : 0),
+                  sz = z < 0 ? -1 : (z >= W ? 1 : 0);
+        Entry& e = entry(13 + 9 * sx + 3 * sy + sz);
+        if (!e.data) return false;
+        if (!e.coarser) {
+            int const l0 = x - sx * W, l1 = y - sy * W, l2 = z - sz * W;
+            out = e.data[(l0 + Hin) + Ein * ((l1 + Hin) + Ein * (l2 + Hin))];
+            return true;
+        }
+        // A coarser tile: its interpolation at the centre of the voxel, in half finest voxels.
+        std::int64_t const p2[3] = {2 * (std::int64_t(mCorner[0]) + x * mWidth) + mWidth,
+                                    2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
+                                    2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
+        return e.coarser->interpolate(p2, out);
+    }
+
+    /// Fills @p values (and @p have, whether each exists) with the elements of the box of indices
+    /// [base, base + extent) around the coarse tile, laid out with strides 1, C, C * C. Works
+    /// neighbour by neighbour, so that the elements of one tile are copied without per-element
+    /// lookups. Indices may reach one tile width beyond the coarse tile on each side.
+    template <int C> void fillBox(int const (&base)[3], int const (&extent)[3], T* values, bool* have)
+    {
+        constexpr int Ein = W + 2 * Hin;
+        for (int sz = -1; sz <= 1; ++sz)
+            for (int sy = -1; sy <= 1; ++sy)
+                for (int sx = -1; sx <= 1; ++sx) {
+                    int const s[3] = {sx, sy, sz};
+                    int lo[3], hi[3];
+                    bool empty = false;
+                    for (int a = 0; a < 3; ++a) {
+                        lo[a] = std::max(base[a], s[a] * W);
+                        hi[a] = std::min(base[a] + extent[a], s[a] * W + W);
+                        empty |= lo[a] >= hi[a];
+                    }
+                    if (empty) continue;
+                    Entry& e = entry(13 + 9 * sx + 3 * sy + sz);
+                    for (int z = lo[2]; z < hi[2]; ++z)
+                        for (int y = lo[1]; y < hi[1]; ++y) {
+                            int const row = (y - base[1]) * C + (z - base[2]) * C * C - base[0];
+                            if (!e.data) {
+                                for (int x = lo[0]; x < hi[0]; ++x) have[row + x] = false;
+                            } else if (!e.coarser) {
+                                T const* src = e.data + (Hin - sx * W) + Ein * ((y - sy * W + Hin) + Ein * (z - sz * W + Hin));
+                                for (int x = lo[0]; x < hi[0]; ++x) {
+                                    values[row + x] = src[x];
+                                    have[row + x] = true;
+                                }
+                            } else {
+                                for (int x = lo[0]; x < hi[0]; ++x) {
+                                    std::int64_t const p2[3] = {2 * (std::int64_t(mCorner[0]) + x * mWidth) + mWidth,
+                                                                2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
+                                                                2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
+                                    have[row + x] = e.coarser->interpolate(p2, values[row + x]);
+                                }
+                            }
+                        }
+                }
+    }
+
+    /// The trilinear interpolation of the voxels around the coarse tile at @p p2 (a position in
+    /// half finest voxels, inside the coarse tile), into @p out; false where a voxel it needs is
+    /// missing. An axis on which the position sits on a voxel centre reads that voxel alone.
+    bool interpolate(std::int64_t const (&p2)[3], T& out)
+    {
+        int c0[3];
+        S frac[3];
+        bool moves[3];
+        for (int a = 0; a < 3; ++a) {
+            std::int64_t const num = p2[a] - 2 * std::int64_t(mCorner[a]) - mWidth;
+            std::int64_t const den = 2 * mWidth;
+            std::int64_t const q = haloFloorDiv(num, den);
+            std::int64_t const rem = num - q * den;
+            c0[a] = static_cast<int>(q);
+            frac[a] = static_cast<S>(double(rem) / double(den));
+            moves[a] = rem != 0;
+        }
+        return blend(c0, frac, moves, out);
+    }
+
+    /// The blend of the 2 x 2 x 2 voxels from @p c0 with fractions @p frac, axis by axis (x, then
+    /// y, then z); axes that do not move read only their lower voxel.
+    bool blend(int const (&c0)[3], S const (&frac)[3], bool const (&moves)[3], T& out)
+    {
+        T v[8]{};
+        for (int e = 0; e < 8; ++e) {
+            int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+            if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2])) continue;
+            if (!value(c0[0] + ex, c0[1] + ey, c0[2] + ez, v[e])) return false;
+        }
+        T r[4]{};
+        for (int q = 0; q < 4; ++q) {
+            if (((q & 1) && !moves[1]) || ((q >> 1) && !moves[2])) continue;
+            r[q] = moves[0] ? blendElement(v[2 * q], v[2 * q + 1], frac[0]) : v[2 * q];
+        }
+        T s0 = moves[1] ? blendElement(r[0], r[1], frac[1]) : r[0];
+        if (moves[2]) {
+            T const s1 = moves[1] ? blendElement(r[2], r[3], frac[1]) : r[2];
+            s0 = blendElement(s0, s1, frac[2]);
+        }
+        out = s0;
+        return true;
+    }
+
+private:
+    struct Entry {
+        bool known = false;
+        T const* data = nullptr;
+        std::unique_ptr<CoarseNeighbourhood> coarser; ///< set where the tile there is coarser
+    };
+    Entry& entry(int dir)
+    {
+        Entry& e = mEntries[dir];
+        if (e.known) return e;
+        e.known = true;
+        Tile<Traits> const& n =
+            mTables ? mContainer.compressedHaloNeighbor(mCoarse, dir) : mAccessor.tileNeighbor(mCoarse, dir);
+        if (!n.valid()) return e;
+        e.data = mGet(n.index(), n.depth());
+        if (e.data && n.depth() != mCoarse.depth())
+            e.coarser = std::make_unique<CoarseNeighbourhood>(mContainer, n, e.data, mGet, mAccessor, mTables);
+        return e;
+    }
+
+    Container<Traits> const& mContainer;
+    Tile<Traits> const& mCoarse;
+    GetBlock const& mGet;
+    typename Container<Traits>::ConstTileAccessor& mAccessor;
+    bool mTables;
+    std::int64_t mWidth; ///< voxel width of the coarse tile, finest voxels
+    int3 mCorner;
+    Entry mEntries[27];
+};
+
+/// Fills the rim elements of the box [lo, hi) of @p out (edge W + 2*Hout), which all lie in the
+/// coarser tile @p coarse, with the trilinear interpolation of the coarse voxels at each rim
+/// element's centre (`CoarseNeighbourhood`). Where a bracketing voxel is missing (at the edge of
+/// the tree, or a tile without data) the element keeps the covering coarse voxel @p ci, as the
+/// rim does without interpolation.
+///
+/// For data that are linear in position the rim is then exact to rounding, so central differences
+/// across a jump keep their second order in the first derivatives.
+template <typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
+inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& coarse, T const* src,
+                                GetBlock const& get, typename Container<Traits>::ConstTileAccessor& acc, bool tables,
+                                int3 const& corner, std::int64_t w, int const (&lo)[3], int const (&hi)[3],
+                                int const (&ci)[3][W + 2 * Hout], T* out)
+{
+    using S = typename ElementScalar<T>::Type;
+    constexpr int Ein = W + 2 * Hin;
+    constexpr int Eout = W + 2 * Hout;
+    std::int64_t const wn = Container<Traits>::voxelDataWidth(coarse.depth());
+    int3 const nc = coarse.tijk();
+    // Per axis and rim index: the lower bracketing coarse voxel and the fraction towards the
+    // upper one. In half finest voxels all centres are integers, so the fraction is the exact
+    // quotient rem / (2 wn), rounded once.
+    int c0[3][W + 2 * Hout];
+    S frac[3][W + 2 * Hout];
+    bool moves[3][W + 2 * Hout];
+    for (int a = 0; a < 3; ++a)
+        for (int l = lo[a]; l < hi[a]; ++l) {
+            std::int64_t const num = 2 * (std::int64_t(corner[a]) - std::int64_t(nc[a])) + (2 * l + 1) * w - wn;
+            std::int64_t const den = 2 * wn;
+            std::int64_t const q = haloFloorDiv(num, den);
+            std::int64_t const rem = num - q * den;
+            c0[a][l + Hout] = static_cast<int>(q);
+            frac[a][l + Hout] = static_cast<S>(double(rem) / double(den));
+            moves[a][l + Hout] = rem != 0;
+        }
+    // The coarse voxels the region reads, fetched once each: a box of at most W + 1 per axis (a
+    // region spans at most W rim elements on an axis, which fall between at most W + 1 coarse
+    // centres).
+    constexpr int B = W + 1;
+    int base[3], extent[3];
+    for (int a = 0; a < 3; ++a) {
+        int mn = c0[a][lo[a] + Hout], mx = mn;
+        for (int l = lo[a]; l < hi[a]; ++l) {
+            mn = std::min(mn, c0[a][l + Hout]);
+            mx = std::max(mx, c0[a][l + Hout] + (moves[a][l + Hout] ? 1 : 0));
+        }
+        base[a] = mn;
+        extent[a] = mx - mn + 1;
+    }
+    CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, coarse, src, get, acc, tables);
+    if (extent[0] > B || extent[1] > B || extent[2] > B) {
+        // Not expected for rims of width up to W; kept correct anyway, element by element.
+        for (int k = lo[2]; k < hi[2]; ++k)
+            for (int j = lo[1]; j < hi[1]; ++j)
+                for (int i = lo[0]; i < hi[0]; ++i) {
+                    int const x[3] = {c0[0][i + Hout], c0[1][j + Hout], c0[2][k + Hout]};
+                    S const f[3] = {frac[0][i + Hout], frac[1][j + Hout], frac[2][k + Hout]};
+                    bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
+                    T& o = out[(i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout))];
+                    if (!around.blend(x, f, m, o))
+                        o = src[(ci[0][i + Hout] + Hin) +
+                                Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+                }
+        return;
+    }
+    T box[B * B * B];
+    bool have[B * B * B];
+    around.template fillBox<B>(base, extent, box, have);
+    for (int k = lo[2]; k < hi[2]; ++k)
+        for (int j = lo[1]; j < hi[1]; ++j)
+            for (int i = lo[0]; i < hi[0]; ++i) {
+                int const x = c0[0][i + Hout] - base[0], y = c0[1][j + Hout] - base[1], z = c0[2][k + Hout] - base[2];
+                bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
+                T& o = out[(i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout))];
+                // The blend of `CoarseNeighbourhood::blend`, from the box.
+                T v[8]{};
+                bool complete = true;
+                for (int e = 0; e < 8; ++e) {
+                    int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+                    if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2])) continue;
+                    int const n = (x + ex) + B * ((y + ey) + B * (z + ez));
+                    complete &= have[n];
+                    v[e] = box[n];
+                }
+                if (!complete) {
+                    o = src[(ci[0][i + Hout] + Hin) + Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+                    continue;
+                }
+                S const fx = frac[0][i + Hout], fy = frac[1][j + Hout], fz = frac[2][k + Hout];
+                T r[4]{};
+                for (int q = 0; q < 4; ++q) {
+                    if (((q & 1) && !m[1]) || ((q >> 1) && !m[2])) continue;
+                    r[q] = m[0] ? blendElement(v[2 * q], v[2 * q + 1], fx) : v[2 * q];
+                }
+                T s0 = m[1] ? blendElement(r[0], r[1], fy) : r[0];
+                if (m[2]) {
+                    T const s1 = m[1] ? blendElement(r[2], r[3], fy) : r[2];
+                    s0 = blendElement(s0, s1, fz);
+                }
+                o = s0;
+            }
+}
+
+/// The coarse voxels around a tile's place one depth up, fetched once per tile for the trilinear
+/// rim: every rim element whose tile there is one depth coarser (the graded case) is blended
+/// from this window. The window is taken in the parent's frame: voxels of the parent (its
+/// non-leaf copies of the finer data), of its same-depth neighbours, and interpolations of
+/// coarser ones (`CoarseNeighbourhood`). These are the voxels the element-wise rule reads from
+/// the coarse tile's side, so both give the same values.
+template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWindow {
+    using S = typename ElementScalar<T>::Type;
+    static constexpr int kRange = W + 2 * Hout;
+    /// Coarse voxels per axis: those bracketing kRange fine centres.
+    static constexpr int C = (kRange + Traits::kRatio - 1) / Traits::kRatio + 2;
+
+    bool built = false;
+    bool usable = false;
+    int c0[3][kRange]; ///< lower bracketing voxel, relative to the window
+    S frac[3][kRange];
+    bool moves[3][kRange];
+    T values[C * C * C];
+    bool have[C * C * C];
+
+    /// Builds the window for @p tile once; false when the tile has no parent or the parent no data.
+    template <typename GetBlock>
+    bool ensure(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
+                typename Container<Traits>::ConstTileAccessor& acc, bool tables)
+    {
+        if (built) return usable;
+        built = true;
+        TreeIndex const pi = tile.parentTreeIndex();
+        if (pi.depth < 0) return false;
+        Tile<Traits> const& parent = c.tile(pi);
+        T const* pdata = get(parent.index(), parent.depth());
+        if (!pdata) return false;
+        std::int64_t const w = Container<Traits>::voxelDataWidth(tile.depth());
+        std::int64_t const wp = Container<Traits>::voxelDataWidth(parent.depth());
+        int3 const corner = tile.tijk(), pc = parent.tijk();
+        int base[3], extent[3];
+        for (int a = 0; a < 3; ++a) {
+            int mn = 0, mx = 0;
+            for (int l = -Hout; l < W + Hout; ++l) {
+                // As in `fillTrilinearRegion`: centres in half finest voxels.
+                std::int64_t const num = 2 * (std::int64_t(corner[a]) - std::int64_t(pc[a])) + (2 * l + 1) * w - wp;
+                std::int64_t const den = 2 * wp;
+                std::int64_t const q = haloFloorDiv(num, den);
+                std::int64_t const rem = num - q * den;
+                c0[a][l + Hout] = static_cast<int>(q);
+                frac[a][l + Hout] = static_cast<S>(double(rem) / double(den));
+                moves[a][l + Hout] = rem != 0;
+                mn = l == -Hout ? int(q) : std::min(mn, int(q));
+                mx = l == -Hout ? int(q) + (rem != 0) : std::max(mx, int(q) + int(rem != 0));
+            }
+            if (mx - mn + 1 > C) return false;
+            base[a] = mn;
+            extent[a] = mx - mn + 1;
+            for (int l = 0; l < kRange; ++l) c0[a][l] -= mn;
+        }
+        CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, parent, pdata, get, acc, tables);
+        around.template fillBox<C>(base, extent, values, have);
+        return usable = true;
+    }
+};
 
 /// Fills the region of the rim of @p out (edge W + 2*Hout) that lies in direction @p Dir of
 /// @p tile, from the tile found there. The region's bounds are constants here, so that its copy
@@ -25,8 +391,8 @@ constexpr bool haloWantsCorners(int type) { return (type & 8) != 0; }
 /// known only at run time would cost more than the copies.
 template <int Dir, typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
 inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
-                           typename Container<Traits>::ConstTileAccessor& acc, bool tables, bool wanted, T* out,
-                           T const& def)
+                           typename Container<Traits>::ConstTileAccessor& acc, bool tables, bool wanted,
+                           JumpWindow<Traits, T, W, Hin, Hout>* window, T* out, T const& def)
 {
     constexpr int Ein = W + 2 * Hin;
     constexpr int Eout = W + 2 * Hout;
@@ -72,6 +438,53 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
     for (int a = 0; a < 3; ++a)
         for (int l = lo[a]; l < hi[a]; ++l)
             ci[a][l + Hout] = static_cast<int>((std::int64_t(corner[a]) + l * w - std::int64_t(nc[a])) / wn);
+    if constexpr (kHaloBlendable<T>) {
+        if (window) {
+            using Window = JumpWindow<Traits, T, W, Hin, Hout>;
+            if (nb->depth() + 1 == tile.depth() && window->ensure(c, tile, get, acc, tables)) {
+                // One depth coarser: blend from the tile's window.
+                constexpr int C = Window::C;
+                for (int k = lo2; k < hi2; ++k)
+                    for (int j = lo1; j < hi1; ++j)
+                        for (int i = lo0; i < hi0; ++i) {
+                            int const x = window->c0[0][i + Hout], y = window->c0[1][j + Hout],
+                                      z = window->c0[2][k + Hout];
+                            bool const m[3] = {window->moves[0][i + Hout], window->moves[1][j + Hout],
+                                               window->moves[2][k + Hout]};
+                            T v[8]{};
+                            bool complete = true;
+                            for (int e = 0; e < 8; ++e) {
+                                int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+                                if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2])) continue;
+                                int const n = (x + ex) + C * ((y + ey) + C * (z + ez));
+                                complete &= window->have[n];
+                                v[e] = window->values[n];
+                            }
+                            T& o = out[outAt(i, j, k)];
+                            if (!complete) {
+                                o = src[inAt(ci[0][i + Hout], ci[1][j + Hout], ci[2][k + Hout])];
+                                continue;
+                            }
+                            typename Window::S const fx = window->frac[0][i + Hout], fy = window->frac[1][j + Hout],
+                                                     fz = window->frac[2][k + Hout];
+                            T r[4]{};
+                            for (int q = 0; q < 4; ++q) {
+                                if (((q & 1) && !m[1]) || ((q >> 1) && !m[2])) continue;
+                                r[q] = m[0] ? blendElement(v[2 * q], v[2 * q + 1], fx) : v[2 * q];
+                            }
+                            T s0 = m[1] ? blendElement(r[0], r[1], fy) : r[0];
+                            if (m[2]) {
+                                T const s1 = m[1] ? blendElement(r[2], r[3], fy) : r[2];
+                                s0 = blendElement(s0, s1, fz);
+                            }
+                            o = s0;
+                        }
+                return;
+            }
+            fillTrilinearRegion<Traits, T, W, Hin, Hout>(c, *nb, src, get, acc, tables, corner, w, lo, hi, ci, out);
+            return;
+        }
+    }
     for (int k = lo2; k < hi2; ++k)
         for (int j = lo1; j < hi1; ++j)
             for (int i = lo0; i < hi0; ++i)
@@ -118,13 +531,18 @@ void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBloc
     bool const tables = c.hasCompressedTileHalos();
     bool const edges = haloWantsEdges(type);
     bool const corners = haloWantsCorners(type);
+    // The trilinear rim's window, built on the first region that needs it.
+    std::optional<JumpWindow<Traits, T, W, Hin, Hout>> window;
+    if constexpr (kHaloBlendable<T>)
+        if (haloWantsTrilinear(type)) window.emplace();
     // The 26 directions, each with its own bounds; faces always, edges and corners as asked.
     [&]<int... Dir>(std::integer_sequence<int, Dir...>) {
         auto one = [&]<int D>(std::integral_constant<int, D>) {
             if constexpr (D != kNeighborSelf) {
                 constexpr int touched = (neighborDx(D) != 0) + (neighborDy(D) != 0) + (neighborDz(D) != 0);
                 bool const wanted = touched == 1 || (touched == 2 && edges) || (touched == 3 && corners);
-                fillHaloRegion<D, Traits, T, W, Hin, Hout>(c, tile, get, acc, tables, wanted, out, def);
+                fillHaloRegion<D, Traits, T, W, Hin, Hout>(c, tile, get, acc, tables, wanted,
+                                                           window ? &*window : nullptr, out, def);
             }
         };
         (one(std::integral_constant<int, Dir>{}), ...);
@@ -133,15 +551,6 @@ void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBloc
 
 // ---- element arithmetic for means -------------------------------------------------------------
 
-/// The scalar of an element type and how many of them it holds.
-template <typename T, typename = void> struct ElementScalar {
-    using Type = T;
-    static constexpr int kCount = 1;
-};
-template <typename T> struct ElementScalar<T, std::void_t<typename T::ValueType>> {
-    using Type = typename T::ValueType;
-    static constexpr int kCount = static_cast<int>(sizeof(T) / sizeof(typename T::ValueType));
-};
 
 /// Running sum of elements, component by component: doubles for floating-point scalars, 128-bit
 /// integers for integral ones (no overflow for up to 2^64 values of any width).
