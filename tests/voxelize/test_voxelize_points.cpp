@@ -1,0 +1,341 @@
+// Tests of voxelizePoints: the sphere-union distance against a brute-force union of spheres in
+// double precision (one point, two overlapping points, a random cloud with random radii), both
+// routes and both trees; property transfer through the closest point; ties; 1 thread against all
+// threads; cancellation; the routes' edge cases; bad input.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <unordered_map>
+#include <vector>
+#include <gtest/gtest.h>
+#include <hexmold/diagnostics/logger.h>
+#include <hexmold/platform/quillon/job.h>
+#include <hexmold/platform/tavrel/geometry.h>
+#include <hexmold/platform/tavrel/math_support.h>
+#include <hexmold/platform/testing/recording_services.h>
+#include <hexmold/substrate/channel.h>
+#include <hexmold/substrate/commands.h>
+#include <hexmold/substrate/container.h>
+#include <hexmold/substrate/object.h>
+#include <hexmold/substrate/parallel.h>
+#include <hexmold/substrate/topology.h>
+#include <hexmold/voxelize/points/voxelize_points.h>
+#include "support/cancel_on_timer.h"
+#include "support/sanitized.h"
+#include "support/typed_traits.h"
+
+using namespace TVL::TileTree3D;
+using namespace VolumeGL::TileTree3D;
+namespace Geo = Tavrel::Geometry;
+
+namespace {
+
+float3 f3(double x, double y, double z) { return {float(x), float(y), float(z)}; }
+
+/// A cloud: centres, radii (one shared or one per point) and the geometry object of the points.
+struct Cloud {
+    Quillon::Array<float3> positions;
+    Quillon::Array<float> radii;
+    Quillon::MutablePtr<Tavrel::Object> object() const { return Geo::createPointCloud(positions); }
+    double radius(std::size_t i) const { return radii.size() == 1 ? radii[0] : radii[i]; }
+};
+
+/// The brute-force truth: min over points of |x - p| - r in double, through a grid of cells of
+/// width at least the largest radius plus a margin; exact wherever the result is below the
+/// margin (every point beyond the 27 cells around x is farther than that).
+class SphereUnion {
+public:
+    SphereUnion(Cloud const& c, double margin) : mCloud(c)
+    {
+        double rmax = 0.0;
+        for (std::size_t i = 0; i < c.positions.size(); ++i) rmax = std::max(rmax, c.radius(i));
+        mCell = rmax + margin;
+        mMargin = margin;
+        for (std::size_t i = 0; i < c.positions.size(); ++i) mCells[key(cellOf(c.positions[i]))].push_back(i);
+    }
+    /// The distance, and whether it is exact (below the margin).
+    double operator()(double const x[3], bool* exact = nullptr, std::size_t* nearest = nullptr) const
+    {
+        std::int64_t const c[3] = {std::int64_t(std::floor(x[0] / mCell)), std::int64_t(std::floor(x[1] / mCell)),
+                                   std::int64_t(std::floor(x[2] / mCell))};
+        double best = std::numeric_limits<double>::max();
+        std::size_t who = 0;
+        for (int dz = -1; dz <= 1; ++dz)
+            for (int dy = -1; dy <= 1; ++dy)
+                for (int dx = -1; dx <= 1; ++dx) {
+                    auto it = mCells.find(key({c[0] + dx, c[1] + dy, c[2] + dz}));
+                    if (it == mCells.end()) continue;
+                    for (std::size_t i : it->second) {
+                        float3 const& p = mCloud.positions[i];
+                        double const d = std::sqrt((x[0] - p.x) * (x[0] - p.x) + (x[1] - p.y) * (x[1] - p.y) +
+                                                   (x[2] - p.z) * (x[2] - p.z)) -
+                                         mCloud.radius(i);
+                        if (d < best || (d == best && i < who)) best = d, who = i;
+                    }
+                }
+        if (exact) *exact = best < mMargin;
+        if (nearest) *nearest = who;
+        return best;
+    }
+
+private:
+    std::array<std::int64_t, 3> cellOf(float3 const& p) const
+    {
+        return {std::int64_t(std::floor(p.x / mCell)), std::int64_t(std::floor(p.y / mCell)),
+                std::int64_t(std::floor(p.z / mCell))};
+    }
+    static std::uint64_t key(std::array<std::int64_t, 3> const& c)
+    {
+        return (std::uint64_t(c[0] + (1 << 20)) << 42) ^ (std::uint64_t(c[1] + (1 << 20)) << 21) ^
+               std::uint64_t(c[2] + (1 << 20));
+    }
+    Cloud const& mCloud;
+    double mCell = 1.0, mMargin = 1.0;
+    std::unordered_map<std::uint64_t, std::vector<std::size_t>> mCells;
+};
+
+struct Options {
+    Adaptivity adaptivity = AdaptivityMaxRelativeError;
+    float maxRelativeError = 0.0f;
+    float grading = 1.0f;
+    std::string properties;
+    std::vector<ResolutionField> fields;
+    Quillon::Array<float> detailSizes;
+    bool useDetailSizes = false;
+    TopologyType topologyType = TopologyTypeBuildTiles;
+    std::string channel = "voxel_signed_distance";
+};
+
+/// The non-adaptive route: resolution fields without a field.
+Options nonAdaptive()
+{
+    Options o;
+    o.adaptivity = AdaptivityResolutionFields;
+    return o;
+}
+
+template <typename Tr> struct PointVolume {
+    static constexpr int kMax = Tr::kMaxDepth;
+    static constexpr int W = Tr::kTileWidth;
+    float h;
+    float far = 1e30f;
+    Quillon::Ptr<TVL::Object> object;
+    Quillon::Testing::RecordingServices services;
+    std::string out, debug;
+    bool result = false;
+    std::string channel = "voxel_signed_distance";
+
+    explicit PointVolume(float voxel, std::string const& channelName = "voxel_signed_distance") : h(voxel), channel(channelName)
+    {
+        object = Command::createVoxelTVL<Tr>("tree", "topology", voxel, kVoxelOffsetCenter);
+        auto topology = object->template component<VoxelTopology<Tr>>("topology");
+        Command::createChannel<float, Tr::kRatio, W, W, 0>(channel, *topology, *object, far,
+                                                          kDataElementInitializerDefaultValue, 0, kMax);
+    }
+    Container<Tr> const& container() const { return *object->template component<Container<Tr>>("tree"); }
+    VoxelChannel<Tr, float> const& level() const { return *object->template component<VoxelChannel<Tr, float>>(channel); }
+    template <typename T> Quillon::Ptr<VoxelChannel<Tr, T>> channelOf(std::string const& name) const
+    {
+        return object->template component<VoxelChannel<Tr, T>>(name);
+    }
+
+    void build(Cloud const& c, Options const& o = {}, int verbose = 0, Tavrel::Object const* geometry = nullptr)
+    {
+        auto const made = c.object();
+        Tavrel::Object const& g = geometry ? *geometry : *made;
+        int const saved = CoreGL::Logger::verboseLevel();
+        CoreGL::Logger::setVerboseLevel(verbose);
+        std::ostringstream cout, dbg;
+        std::streambuf* old = std::cout.rdbuf(cout.rdbuf());
+        CoreGL::Logger::setDebugFileStream(&dbg);
+        Quillon::Array<ResolutionField> fields(o.fields.begin(), o.fields.end());
+        auto restore = [&] {
+            std::cout.rdbuf(old);
+            CoreGL::Logger::setDebugFileStream(&std::clog);
+            CoreGL::Logger::setVerboseLevel(saved);
+        };
+        try {
+            result = voxelizePoints<Tr>(g, c.positions, c.radii, o.useDetailSizes ? &o.detailSizes : nullptr,
+                                        o.adaptivity, o.maxRelativeError, o.fields.empty() ? nullptr : &fields,
+                                        o.grading, o.properties, "tree", "topology", channel, *object, o.topologyType,
+                                        services);
+        } catch (...) {
+            restore();
+            throw;
+        }
+        restore();
+        out = cout.str();
+        debug = dbg.str();
+    }
+    /// World position of the sample of voxel n of tile t.
+    void sample(Tile<Tr> const& t, int n, double p[3]) const
+    {
+        std::int64_t const s = t.voxelDataWidth();
+        int3 const c = t.tijk();
+        int const ijk[3] = {n % W, (n / W) % W, n / (W * W)};
+        for (int a = 0; a < 3; ++a) p[a] = (double(c[a]) + double(s) * (ijk[a] + 0.5)) * double(h);
+    }
+    /// Calls f(tile, n, value) for every leaf voxel of the finest depth.
+    template <typename F> void forEachFinestVoxel(F&& f) const
+    {
+        auto const& tree = container();
+        auto const& lv = level();
+        for (std::int64_t t = 0; t < tree.tileCount(kMax); ++t) {
+            auto const dd = lv.tileData(t, kMax);
+            for (int n = 0; n < W * W * W; ++n) f(tree.tile(t, kMax), n, dd[std::size_t(n)]);
+        }
+    }
+};
+
+struct Accuracy {
+    std::int64_t near = 0, crossing = 0, signMismatches = 0, missing = 0;
+    double mean = 0.0, max = 0.0;               ///< zero-crossing voxels, in voxels
+    double bandMean = 0.0, bandMax = 0.0;       ///< all voxels within the band, in voxels
+};
+
+/// Finest voxels within @p band voxels of the union: the error against the truth, bounded on the
+/// zero-crossing voxels (a face neighbour's sample lies on the other side of the union's
+/// surface), where the grid resolves the surface; over the whole band it is printed, since a
+/// cavity narrower than a voxel holds no sample and no grid can show it. Finest voxels farther
+/// than half a voxel from the surface: the sign.
+template <typename Tr> Accuracy measure(PointVolume<Tr> const& v, Cloud const& c, char const* name, double band = 1.0)
+{
+    SphereUnion const truth(c, 3.0 * v.h);
+    Accuracy a;
+    double sum = 0.0, bandSum = 0.0;
+    bool const debug = std::getenv("HEXMOLD_POINTS_DEBUG") != nullptr;
+    v.forEachFinestVoxel([&](Tile<Tr> const& t, int n, float value) {
+        double p[3];
+        v.sample(t, n, p);
+        bool exact = false;
+        double const d = truth(p, &exact);
+        if (std::abs(d) > 0.5 * v.h && (d < 0) != (value < 0.0f)) {
+            ++a.signMismatches;
+            if (debug) std::cout << "sign at " << p[0] << " " << p[1] << " " << p[2] << " value " << value << " truth " << d << "\n";
+        }
+        if (!exact || std::abs(d) > band * v.h) return;
+        if (std::abs(value) >= 0.5 * v.far) {
+            ++a.missing;
+            return;
+        }
+        double const e = std::abs(double(value) - d) / v.h;
+        ++a.near;
+        bandSum += e;
+        a.bandMax = std::max(a.bandMax, e);
+        bool crossing = false;
+        for (int q = 0; q < 6 && !crossing; ++q) {
+            double x[3] = {p[0], p[1], p[2]};
+            x[q / 2] += (q % 2 ? 1.0 : -1.0) * v.h;
+            crossing = (truth(x) < 0) != (d < 0);
+        }
+        if (!crossing) return;
+        if (e > a.max && debug)
+            std::cout << "worst so far " << e << " at " << p[0] << " " << p[1] << " " << p[2] << " value " << value
+                      << " truth " << d << "\n";
+        ++a.crossing;
+        sum += e;
+        a.max = std::max(a.max, e);
+    });
+    a.mean = a.crossing ? sum / double(a.crossing) : 0.0;
+    a.bandMean = a.near ? bandSum / double(a.near) : 0.0;
+    std::cout << "[ accuracy ] " << name << ": " << a.crossing << " zero-crossing voxels: mean error " << a.mean
+              << ", max " << a.max << " voxel; " << a.near << " voxels within " << band << " voxel: mean "
+              << a.bandMean << ", max " << a.bandMax << "; far values there " << a.missing
+              << "; sign mismatches beyond 0.5 voxel " << a.signMismatches << "\n";
+    return a;
+}
+
+/// The non-adaptive route keeps the stamped distances of zero-crossing voxels, exact to float
+/// rounding but where a closest point arrived by propagation.
+constexpr double kCrossingMeanTol = 0.01;
+/// The adaptive route recomputes the crossing voxels too (first order on a graded tree).
+constexpr double kAdaptiveCrossingMeanTol = 0.15;
+/// No crossing voxel of the non-adaptive route is off by a whole voxel; the adaptive route's
+/// recomputed crossings of a dense cloud stay within two.
+constexpr double kCrossingMaxTol = 1.0;
+constexpr double kAdaptiveCrossingMaxTol = 2.0;
+
+void expectAccurate(Accuracy const& a, char const* name)
+{
+    bool const adaptive = std::string(name).rfind("adaptive", 0) == 0;
+    EXPECT_GT(a.crossing, 0) << name;
+    EXPECT_LE(a.mean, adaptive ? kAdaptiveCrossingMeanTol : kCrossingMeanTol) << name;
+    EXPECT_LE(a.max, adaptive ? kAdaptiveCrossingMaxTol : kCrossingMaxTol) << name;
+    EXPECT_EQ(a.signMismatches, 0) << name;
+    EXPECT_EQ(a.missing, 0) << name;
+}
+
+Cloud randomCloud(std::size_t n, double rmin, double rmax, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(-0.5, 0.5), r(rmin, rmax);
+    Cloud c;
+    for (std::size_t i = 0; i < n; ++i) {
+        c.positions.push_back(f3(u(rng), u(rng), u(rng)));
+        c.radii.push_back(float(r(rng)));
+    }
+    return c;
+}
+
+template <typename T> class VoxelizePoints : public ::testing::Test {};
+TYPED_TEST_SUITE(VoxelizePoints, testtraits::TraitsTypes, testtraits::TraitsNames);
+
+/// Both routes with their names.
+std::vector<std::pair<char const*, Options>> routes()
+{
+    return {{"adaptive", Options{}}, {"non-adaptive", nonAdaptive()}};
+}
+
+} // namespace
+
+TYPED_TEST(VoxelizePoints, OnePointGivesTheExactSphereDistance)
+{
+    using Tr = TypeParam;
+    Cloud c;
+    c.positions.push_back(f3(0.013, -0.021, 0.007));
+    c.radii.push_back(0.3f);
+    for (auto const& [name, o] : routes()) {
+        PointVolume<Tr> v(1.0f / 64);
+        v.build(c, o);
+        EXPECT_TRUE(v.result) << name;
+        Accuracy const a = measure(v, c, name, 2.0);
+        expectAccurate(a, name);
+    }
+}
+
+TYPED_TEST(VoxelizePoints, TwoOverlappingPointsMatchTheUnionOfSpheres)
+{
+    using Tr = TypeParam;
+    Cloud c;
+    c.positions.push_back(f3(-0.11, 0.02, 0.0));
+    c.positions.push_back(f3(0.12, -0.01, 0.03));
+    c.radii.push_back(0.2f);
+    c.radii.push_back(0.25f);
+    for (auto const& [name, o] : routes()) {
+        PointVolume<Tr> v(1.0f / 64);
+        v.build(c, o);
+        expectAccurate(measure(v, c, name, 2.0), name);
+    }
+}
+
+TYPED_TEST(VoxelizePoints, RandomCloudWithRandomRadiiMatchesTheUnionOfSpheres)
+{
+    using Tr = TypeParam;
+    std::size_t const n = testbuild::unlessSanitized<std::size_t>(10000, 3000);
+    float const h = 1.0f / 96;
+    Cloud const c = randomCloud(n, 0.5 * h, 2.5 * h, 7);
+    for (auto const& [name, o] : routes()) {
+        PointVolume<Tr> v(h);
+        v.build(c, o);
+        expectAccurate(measure(v, c, name), name);
+    }
+}
