@@ -9,7 +9,9 @@
 #include <cstring>
 #include <iostream>
 #include <limits>
+#include <map>
 #include <memory>
+#include <tuple>
 #include <random>
 #include <set>
 #include <sstream>
@@ -337,5 +339,254 @@ TYPED_TEST(VoxelizePoints, RandomCloudWithRandomRadiiMatchesTheUnionOfSpheres)
         PointVolume<Tr> v(h);
         v.build(c, o);
         expectAccurate(measure(v, c, name), name);
+    }
+}
+
+TYPED_TEST(VoxelizePoints, AdaptiveAndNonAdaptiveRoutesAgreeNearTheSurface)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    Cloud const c = randomCloud(300, 2.0 * h, 5.0 * h, 11);
+    PointVolume<Tr> a(h), b(h);
+    a.build(c, Options{});
+    b.build(c, nonAdaptive());
+    // Finest voxels of both trees within one voxel of the surface (by the non-adaptive values).
+    std::map<std::tuple<int, int, int, int>, float> adaptive;
+    a.forEachFinestVoxel([&](Tile<Tr> const& t, int n, float v) {
+        adaptive[{t.ti(), t.tj(), t.tk(), n}] = v;
+    });
+    std::int64_t compared = 0;
+    double sum = 0.0, worst = 0.0;
+    b.forEachFinestVoxel([&](Tile<Tr> const& t, int n, float v) {
+        if (std::abs(v) > h) return;
+        auto it = adaptive.find({t.ti(), t.tj(), t.tk(), n});
+        if (it == adaptive.end()) return;
+        double const e = std::abs(double(it->second) - double(v)) / h;
+        ++compared;
+        sum += e;
+        worst = std::max(worst, e);
+    });
+    std::cout << "[ agreement ] " << compared << " voxels within a voxel: mean difference " << sum / double(std::max<std::int64_t>(1, compared))
+              << ", max " << worst << " voxel\n";
+    EXPECT_GT(compared, 1000);
+    EXPECT_LE(sum / double(std::max<std::int64_t>(1, compared)), kAdaptiveCrossingMeanTol);
+    EXPECT_LE(worst, kAdaptiveCrossingMaxTol);
+}
+
+TYPED_TEST(VoxelizePoints, PerPointVelocityArrivesAsTheClosestPointsValue)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    Cloud const c = randomCloud(200, 2.0 * h, 4.0 * h, 5);
+    auto cloud = c.object();
+    Quillon::Array<float3> velocity;
+    for (std::size_t i = 0; i < c.positions.size(); ++i) velocity.push_back(f3(double(i), -2.0 * double(i), 0.5));
+    ASSERT_TRUE(Geo::setDataGeoProperty<float3>(*cloud, "v", Geo::sPointComp, velocity, f3(0, 0, 0)));
+    SphereUnion const truth(c, 3.0 * h);
+    for (auto [name, o] : routes()) {
+        o.properties = "v";
+        PointVolume<Tr> v(h);
+        v.build(c, o, 0, cloud.get());
+        auto const ch = v.template channelOf<float3>("voxel_v");
+        ASSERT_TRUE(ch) << name;
+        auto const& tree = v.container();
+        std::int64_t checked = 0, wrong = 0;
+        for (std::int64_t t = 0; t < tree.tileCount(Tr::kMaxDepth); ++t) {
+            auto const vd = ch->tileData(t, Tr::kMaxDepth);
+            auto const ld = v.level().tileData(t, Tr::kMaxDepth);
+            for (int n = 0; n < Tr::kTileSize; ++n) {
+                double p[3];
+                v.sample(tree.tile(t, Tr::kMaxDepth), n, p);
+                bool exact = false;
+                std::size_t who = 0;
+                double const d = truth(p, &exact, &who);
+                // Near the surface, where the closest point is not a near tie.
+                if (!exact || std::abs(d) > h) continue;
+                std::size_t second = who;
+                double other = 1e30;
+                for (std::size_t i = 0; i < c.positions.size(); ++i) {
+                    if (i == who) continue;
+                    auto const& q = c.positions[i];
+                    double const e = std::sqrt((p[0] - q.x) * (p[0] - q.x) + (p[1] - q.y) * (p[1] - q.y) +
+                                               (p[2] - q.z) * (p[2] - q.z)) - c.radius(i);
+                    if (e < other) other = e, second = i;
+                }
+                (void)second;
+                if (other - d < 0.05 * h) continue;
+                ++checked;
+                float3 const got = vd[std::size_t(n)];
+                if (got.x != velocity[who].x || got.y != velocity[who].y || got.z != velocity[who].z) {
+                    ++wrong;
+                    if (std::getenv("HEXMOLD_POINTS_DEBUG") && wrong < 5)
+                        std::cout << "wrong at " << p[0] << " " << p[1] << " " << p[2] << " got " << got.x << " want " << who
+                                  << " d " << d << " level " << ld[std::size_t(n)] << "\n";
+                }
+                (void)ld;
+            }
+        }
+        std::cout << "[ property ] " << name << ": " << checked << " voxels checked, " << wrong << " wrong\n";
+        EXPECT_GT(checked, 500) << name;
+        EXPECT_EQ(wrong, 0) << name;
+    }
+}
+
+TYPED_TEST(VoxelizePoints, TwoPointsAtTheSameDistanceGiveTheLowerIndexWhateverTheirOrder)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 32;
+    // Two spheres mirrored about the sample plane x = 0.5 h: its voxels are equally far from both.
+    double const x0 = 0.5 * h;
+    for (int order = 0; order < 2; ++order) {
+        Cloud c;
+        double const s = order == 0 ? 1.0 : -1.0;
+        c.positions.push_back(f3(x0 + s * 3.0 * h, 0.013, -0.007));
+        c.positions.push_back(f3(x0 - s * 3.0 * h, 0.013, -0.007));
+        c.radii.push_back(float(4.0 * h));
+        auto cloud = c.object();
+        Quillon::Array<float> id{0.0f, 1.0f};
+        ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "id", Geo::sPointComp, id, -1.0f));
+        for (auto [name, o] : routes()) {
+            o.properties = "id";
+            PointVolume<Tr> v(h);
+            v.build(c, o, 0, cloud.get());
+            auto const ch = v.template channelOf<float>("voxel_id");
+            ASSERT_TRUE(ch);
+            auto const& tree = v.container();
+            std::int64_t onPlane = 0;
+            for (std::int64_t t = 0; t < tree.tileCount(Tr::kMaxDepth); ++t)
+                for (int n = 0; n < Tr::kTileSize; ++n) {
+                    double p[3];
+                    v.sample(tree.tile(t, Tr::kMaxDepth), n, p);
+                    if (p[0] != x0) continue;
+                    float const lv = v.level().tileData(t, Tr::kMaxDepth)[std::size_t(n)];
+                    if (std::abs(lv) > 1.5f * h) continue;
+                    ++onPlane;
+                    EXPECT_EQ(ch->tileData(t, Tr::kMaxDepth)[std::size_t(n)], 0.0f) << name << " order " << order;
+                }
+            EXPECT_GT(onPlane, 0) << name;
+        }
+    }
+}
+
+TYPED_TEST(VoxelizePoints, SameTilesAndBitsOnOneThreadAndOnAll)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    Cloud const c = randomCloud(2000, 0.5 * h, 3.0 * h, 3);
+    for (auto [name, o] : routes()) {
+        auto build = [&](int threads) {
+            TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, threads);
+            auto v = std::make_unique<PointVolume<Tr>>(h);
+            v->build(c, o);
+            return v;
+        };
+        auto const one = build(1);
+        auto const all = build(4);
+        auto const& a = one->container();
+        auto const& b = all->container();
+        ASSERT_EQ(a.tileCount(-1), b.tileCount(-1)) << name;
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            for (std::int64_t t = 0; t < a.tileCount(d); ++t) {
+                ASSERT_EQ(a.tile(t, d).tijk(), b.tile(t, d).tijk()) << name;
+                auto const x = one->level().tileData(t, d);
+                auto const y = all->level().tileData(t, d);
+                ASSERT_EQ(x.size(), y.size());
+                ASSERT_EQ(std::memcmp(x.data(), y.data(), x.size() * sizeof(float)), 0) << name << " depth " << d;
+            }
+    }
+}
+
+TYPED_TEST(VoxelizePoints, CancellationThrowsAndLeavesTheVolumeWhole)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    Cloud const c = randomCloud(500, 1.0 * h, 3.0 * h, 9);
+    std::vector<std::pair<char const*, Options>> cases = {{".non_adaptive", nonAdaptive()},
+                                                          {".adaptive.refine_coarser_levels", Options{}},
+                                                          {".adaptive.refine_adaptively", Options{}},
+                                                          {".adaptive.redistance", Options{}}};
+    for (auto const& [stage, o] : cases) {
+        PointVolume<Tr> v(h);
+        bool thrown = false;
+        {
+            testcancel::CancelOnTimer const cancel(stage);
+            try {
+                v.build(c, o);
+            } catch (std::runtime_error const& e) {
+                thrown = true;
+                EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
+            }
+            EXPECT_GE(cancel.reports(), 1) << stage;
+        }
+        EXPECT_TRUE(thrown) << stage;
+        // The components are back in the object, and it can be built into again.
+        EXPECT_TRUE(v.object->template component<Container<Tr>>("tree")) << stage;
+        EXPECT_TRUE(v.object->template component<VoxelTopology<Tr>>("topology")) << stage;
+        EXPECT_TRUE((v.object->template component<VoxelChannel<Tr, float>>(v.channel))) << stage;
+        v.build(c, o);
+        EXPECT_TRUE(v.result) << stage;
+    }
+}
+
+TYPED_TEST(VoxelizePoints, BadInputIsLeftOutOrRefusedWithoutACrash)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 32;
+    float const nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    for (auto const& [name, o] : routes()) {
+        // An empty cloud: a warning, false, nothing changed.
+        {
+            PointVolume<Tr> v(h);
+            Cloud c;
+            c.radii.push_back(0.1f);
+            v.build(c, o);
+            EXPECT_FALSE(v.result);
+            EXPECT_EQ(v.container().tileCount(-1), 0);
+            EXPECT_TRUE(v.services.contains(Quillon::RuntimeMessageCategory::kWarning, "No points to voxelize."));
+        }
+        // Non-finite positions and bad radii are left out; the good points still make spheres.
+        {
+            Cloud c;
+            c.positions = {f3(0, 0, 0), f3(nan, 0, 0), f3(inf, 0, 0), f3(0.3, 0, 0), f3(0, 0.3, 0), f3(0, 0, 0.3), f3(0.2, 0.2, 0.2)};
+            c.radii = {0.1f, 0.1f, 0.1f, -0.1f, nan, inf, 0.0f};
+            PointVolume<Tr> v(h);
+            v.build(c, o);
+            EXPECT_TRUE(v.result) << name;
+            EXPECT_TRUE(v.services.contains(Quillon::RuntimeMessageCategory::kWarning, "5 of 7 points")) << name;
+            Cloud good;
+            good.positions = {f3(0, 0, 0), f3(0.2, 0.2, 0.2)};
+            good.radii = {0.1f, 0.0f};
+            Accuracy const a = measure(v, good, name);
+            EXPECT_EQ(a.signMismatches, 0) << name;
+        }
+        // Radii that are neither one nor one per point: refused.
+        {
+            Cloud c;
+            c.positions = {f3(0, 0, 0), f3(0.1, 0, 0), f3(0.2, 0, 0)};
+            c.radii = {0.1f, 0.1f};
+            PointVolume<Tr> v(h);
+            v.build(c, o);
+            EXPECT_FALSE(v.result) << name;
+            EXPECT_EQ(v.container().tileCount(-1), 0) << name;
+        }
+        // A property shorter than the cloud: its channel keeps the default, with a warning.
+        {
+            Cloud c;
+            c.positions = {f3(0, 0, 0), f3(0.1, 0, 0)};
+            c.radii = {0.05f};
+            auto cloud = Geo::createPointCloud(Quillon::Array<float3>{f3(0, 0, 0)});
+            ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "t", Geo::sPointComp, Quillon::Array<float>{3.0f}, 7.0f));
+            Options p = o;
+            p.properties = "t";
+            PointVolume<Tr> v(h);
+            v.build(c, p, 0, cloud.get());
+            EXPECT_TRUE(v.result) << name;
+            auto const ch = v.template channelOf<float>("voxel_t");
+            ASSERT_TRUE(ch) << name;
+            for (int d = 0; d <= Tr::kMaxDepth; ++d)
+                for (std::int64_t t = 0; t < v.container().tileCount(d); ++t)
+                    for (float x : ch->tileData(t, d)) ASSERT_EQ(x, 7.0f) << name;
+            EXPECT_TRUE(v.services.contains(Quillon::RuntimeMessageCategory::kWarning, "has 1 values for 2 points")) << name;
+        }
     }
 }

@@ -96,6 +96,7 @@ template <typename Traits> struct TileKernel {
         int remaining = nx * ny * nz;
         bool flag = false;
         double const v = double(vdw);
+        bool const coarseAligned = m.offset.x == 0.0 && m.offset.y == 0.0 && m.offset.z == 0.0;
         for (int k = 0, n = 0; k < nz; ++k)
             for (int j = 0; j < ny; ++j)
                 for (int i = 0; i < nx; ++i, ++n) {
@@ -104,7 +105,9 @@ template <typename Traits> struct TileKernel {
                     inherited[n] = 0;
                     pos[n] = double3{double(origin.x) + (gi + m.offset.x) * v, double(origin.y) + (gj + m.offset.y) * v,
                                      double(origin.z) + (gk + m.offset.z) * v};
-                    bool const onCoarse = gi % R == 0 && gj % R == 0 && gk % R == 0;
+                    // A node shares its sample with the coarse lattice only when samples sit at
+                    // voxel corners: with any other offset the two lattices are shifted.
+                    bool const onCoarse = coarseAligned && gi % R == 0 && gj % R == 0 && gk % R == 0;
                     if (!coarseLevel || (sweep && !coarseClosest) || !onCoarse) {
                         outLevel[n] = m.defaultValue;
                         if (outClosest) outClosest[n] = -1;
