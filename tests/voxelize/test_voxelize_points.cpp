@@ -590,3 +590,337 @@ TYPED_TEST(VoxelizePoints, BadInputIsLeftOutOrRefusedWithoutACrash)
         }
     }
 }
+
+// ---- the edge cases of the two routes ----------------------------------------------------------
+
+namespace {
+
+std::vector<std::string>& timerNames()
+{
+    static std::vector<std::string> names;
+    return names;
+}
+void recordTimer(Quillon::StringView name, double) { timerNames().emplace_back(name); }
+
+/// Warnings and errors among the recorded messages (timers report at the info category).
+int problems(Quillon::Testing::RecordingServices const& s)
+{
+    int n = 0;
+    for (auto const& m : s.messages())
+        n += m.category == Quillon::RuntimeMessageCategory::kWarning || m.category == Quillon::RuntimeMessageCategory::kError;
+    return n;
+}
+
+/// The corners of every tile, per depth.
+template <typename Tr> std::vector<std::vector<int3>> tileCorners(Container<Tr> const& c)
+{
+    std::vector<std::vector<int3>> out(Tr::kMaxDepth + 1);
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < c.tileCount(d); ++t) out[std::size_t(d)].push_back(c.tile(t, d).tijk());
+    return out;
+}
+
+} // namespace
+
+TYPED_TEST(VoxelizePoints, ResolutionFieldsWithoutAFieldTakeTheNonAdaptiveRouteWhateverTheTopologyType)
+{
+    using Tr = TypeParam;
+    Cloud c;
+    c.positions.push_back(f3(0.01, 0.02, 0.03));
+    c.radii.push_back(0.2f);
+    for (TopologyType type : {TopologyTypeBuildTiles, TopologyTypeKeepTiles}) {
+        Options o = nonAdaptive();
+        o.topologyType = type;
+        PointVolume<Tr> v(1.0f / 32);
+        timerNames().clear();
+        CoreGL::Logger::setTimerObserver(&recordTimer);
+        v.build(c, o);
+        CoreGL::Logger::setTimerObserver(nullptr);
+        bool nonAdaptiveRan = false, adaptiveRan = false;
+        for (auto const& n : timerNames()) {
+            nonAdaptiveRan = nonAdaptiveRan || n == "Geometry::Converters::points_to_level_set.non_adaptive";
+            adaptiveRan = adaptiveRan || n == "Geometry::Converters::points_to_level_set.adaptive";
+        }
+        EXPECT_TRUE(nonAdaptiveRan) << int(type);
+        EXPECT_FALSE(adaptiveRan) << int(type);
+        EXPECT_GT(v.container().tileCount(Tr::kMaxDepth), 0) << int(type);
+    }
+}
+
+TYPED_TEST(VoxelizePoints, KeepingTheTilesAddsAndRemovesNone)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 32;
+    Cloud a;
+    a.positions.push_back(f3(0.0, 0.0, 0.0));
+    a.radii.push_back(0.25f);
+    PointVolume<Tr> v(h);
+    v.build(a);
+    auto const before = tileCorners(v.container());
+    Cloud b = a;
+    b.positions[0] = f3(0.05, -0.03, 0.02);
+    b.radii[0] = 0.2f;
+    Options keep;
+    keep.topologyType = TopologyTypeKeepTiles;
+    v.build(b, keep);
+    EXPECT_TRUE(v.result);
+    auto const after = tileCorners(v.container());
+    ASSERT_EQ(before.size(), after.size());
+    for (std::size_t d = 0; d < before.size(); ++d) {
+        ASSERT_EQ(before[d].size(), after[d].size()) << d;
+        for (std::size_t t = 0; t < before[d].size(); ++t) EXPECT_EQ(before[d][t], after[d][t]);
+    }
+    // The kept tiles hold the new sphere: its centre is inside.
+    auto acc = v.container().tileAccessor();
+    auto const& centre = acc.tile(int(std::floor(0.05 / h)), int(std::floor(-0.03 / h)), int(std::floor(0.02 / h)), Tr::kMaxDepth);
+    ASSERT_TRUE(centre.valid());
+    int i, j, k;
+    centre.childDataIJK(int(std::floor(0.05 / h)), int(std::floor(-0.03 / h)), int(std::floor(0.02 / h)), i, j, k);
+    EXPECT_LT(v.level().tileData(centre.treeIndex())(i, j, k), 0.0f);
+}
+
+TYPED_TEST(VoxelizePoints, ZeroSharedRadiusGivesThePlainDistanceToTheNearestPoint)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 32;
+    Cloud c;
+    c.positions = {f3(0.013, 0.0, 0.0), f3(-0.21, 0.1, 0.05)};
+    c.radii.push_back(0.0f);
+    for (auto const& [name, o] : routes()) {
+        PointVolume<Tr> v(h);
+        v.build(c, o);
+        std::int64_t near = 0;
+        double worst = 0.0;
+        v.forEachFinestVoxel([&](Tile<Tr> const& t, int n, float value) {
+            EXPECT_GE(value, 0.0f) << name;
+            double p[3];
+            v.sample(t, n, p);
+            double d = 1e30;
+            for (auto const& q : c.positions)
+                d = std::min(d, std::sqrt((p[0] - q.x) * (p[0] - q.x) + (p[1] - q.y) * (p[1] - q.y) + (p[2] - q.z) * (p[2] - q.z)));
+            if (d > 1.0 * h) return;
+            ++near;
+            worst = std::max(worst, std::abs(double(value) - d) / h);
+        });
+        EXPECT_GT(near, 0) << name;
+        EXPECT_LE(worst, 1e-4) << name;
+    }
+}
+
+TYPED_TEST(VoxelizePoints, APropertyNamedLikeTheLevelSetGetsAPrefixedChannel)
+{
+    using Tr = TypeParam;
+    Cloud c;
+    c.positions.push_back(f3(0.0, 0.01, 0.0));
+    c.radii.push_back(0.2f);
+    auto cloud = c.object();
+    ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "signed_distance", Geo::sPointComp, Quillon::Array<float>{42.0f}, 0.0f));
+    Options o;
+    o.properties = "signed_distance";
+    PointVolume<Tr> v(1.0f / 64);
+    v.build(c, o, 0, cloud.get());
+    auto const renamed = v.template channelOf<float>("voxel_voxel_signed_distance");
+    ASSERT_TRUE(renamed);
+    EXPECT_EQ(renamed->tileData(0, Tr::kMaxDepth)[0], 42.0f);
+    expectAccurate(measure(v, c, "adaptive level set beside its property"), "adaptive level set beside its property");
+}
+
+TYPED_TEST(VoxelizePoints, APropertyWithNoValuesGetsAChannelOfDefaults)
+{
+    using Tr = TypeParam;
+    Cloud c;
+    c.positions.push_back(f3(0.0, 0.01, 0.0));
+    c.radii.push_back(0.2f);
+    // The property's object has no points: its value array is empty.
+    auto cloud = Geo::createPointCloud(Quillon::Array<float3>{});
+    ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "heat", Geo::sPointComp, Quillon::Array<float>{}, 5.0f));
+    for (auto [name, o] : routes()) {
+        o.properties = "heat";
+        PointVolume<Tr> v(1.0f / 32);
+        v.build(c, o, 0, cloud.get());
+        EXPECT_TRUE(v.result);
+        auto const ch = v.template channelOf<float>("voxel_heat");
+        ASSERT_TRUE(ch) << name;
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            for (std::int64_t t = 0; t < v.container().tileCount(d); ++t)
+                for (float x : ch->tileData(t, d)) ASSERT_EQ(x, 5.0f) << name;
+        EXPECT_EQ(problems(v.services), 0) << name;
+    }
+}
+
+TYPED_TEST(VoxelizePoints, APointThatReachesNoKeptTileContributesNothing)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 32;
+    Cloud a;
+    a.positions.push_back(f3(0.0, 0.0, 0.0));
+    a.radii.push_back(0.2f);
+    Options keep;
+    keep.topologyType = TopologyTypeKeepTiles;
+    PointVolume<Tr> one(h), two(h);
+    one.build(a);
+    two.build(a);
+    one.build(a, keep);
+    Cloud b = a;
+    b.positions.push_back(f3(1e4, 1e4, 1e4)); // far beyond every tile
+    b.radii.push_back(0.2f);
+    two.build(b, keep);
+    EXPECT_TRUE(two.result);
+    EXPECT_EQ(problems(two.services), 0);
+    auto const& ta = one.container();
+    ASSERT_EQ(ta.tileCount(-1), two.container().tileCount(-1));
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < ta.tileCount(d); ++t) {
+            auto const x = one.level().tileData(t, d);
+            auto const y = two.level().tileData(t, d);
+            ASSERT_EQ(std::memcmp(x.data(), y.data(), x.size() * sizeof(float)), 0) << d;
+        }
+}
+
+TYPED_TEST(VoxelizePoints, ATileDeepInsideOneBigSphereIsNotRefined)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    Cloud c;
+    c.positions.push_back(f3(0.003, -0.002, 0.001));
+    c.radii.push_back(0.4f);
+    PointVolume<Tr> v(h);
+    v.build(c);
+    auto const& tree = v.container();
+    double const tileWidth = double(Container<Tr>::tileVoxelWidth(Tr::kMaxDepth)) * h;
+    std::int64_t deep = 0;
+    for (std::int64_t t = 0; t < tree.tileCount(Tr::kMaxDepth); ++t) {
+        int3 const k = tree.tile(t, Tr::kMaxDepth).tijk();
+        double const x = (k.x + 0.5 * tileWidth / h) * h - 0.003, y = (k.y + 0.5 * tileWidth / h) * h + 0.002,
+                     z = (k.z + 0.5 * tileWidth / h) * h - 0.001;
+        if (std::sqrt(x * x + y * y + z * z) - 0.4 < -2.0 * tileWidth) ++deep;
+    }
+    EXPECT_GT(tree.tileCount(Tr::kMaxDepth), 0);
+    EXPECT_EQ(deep, 0);
+}
+
+TEST(VoxelizePointsTraits24, AGapBetweenSmallSpheresThatNoNodeSeesIsRefinedByTheScan)
+{
+    using Tr = Traits24;
+    float const h = 1.0f / 64;
+    // Spheres on the odd voxel corners, which are the nodes of the second finest depth: every node
+    // of that depth in the block lies inside, while the finest samples between them lie outside.
+    Cloud c;
+    for (int k = -6; k < 6; ++k)
+        for (int j = -6; j < 6; ++j)
+            for (int i = -6; i < 6; ++i) c.positions.push_back(f3((2 * i + 1) * h, (2 * j + 1) * h, (2 * k + 1) * h));
+    c.radii.push_back(0.8f * h);
+    PointVolume<Tr> v(h);
+    v.build(c);
+    auto acc = v.container().tileAccessor();
+    auto const& tile = acc.tile(0, 0, 0, Tr::kMaxDepth);
+    ASSERT_TRUE(tile.valid());
+    EXPECT_EQ(tile.depth(), Tr::kMaxDepth);
+    if (tile.depth() == Tr::kMaxDepth) {
+        int i, j, k;
+        tile.childDataIJK(0, 0, 0, i, j, k);
+        EXPECT_GT(v.level().tileData(tile.treeIndex())(i, j, k), 0.0f);
+    }
+}
+
+TYPED_TEST(VoxelizePoints, NoErrorToleranceRefinesEveryTileNearTheSurfaceToTheFinestDepth)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    Cloud c;
+    c.positions.push_back(f3(0.01, 0.0, -0.01));
+    c.radii.push_back(0.3f);
+    PointVolume<Tr> v(h);
+    v.build(c);
+    auto acc = v.container().tileAccessor();
+    std::mt19937 rng(1);
+    std::normal_distribution<double> g;
+    int missing = 0;
+    for (int q = 0; q < 2000; ++q) {
+        double d[3] = {g(rng), g(rng), g(rng)};
+        double const n = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+        double const p[3] = {0.01 + 0.3 * d[0] / n, 0.3 * d[1] / n, -0.01 + 0.3 * d[2] / n};
+        auto const& t = acc.tile(std::int64_t(std::floor(p[0] / h)), std::int64_t(std::floor(p[1] / h)),
+                                 std::int64_t(std::floor(p[2] / h)), Tr::kMaxDepth);
+        if (!t.valid() || t.depth() != Tr::kMaxDepth) {
+            ++missing;
+            if (std::getenv("HEXMOLD_POINTS_DEBUG"))
+                std::cout << "missing at " << p[0] / h << " " << p[1] / h << " " << p[2] / h << " depth " << t.depth() << " corner "
+                          << t.ti() << " " << t.tj() << " " << t.tk() << "\n";
+        }
+    }
+    EXPECT_EQ(missing, 0);
+}
+
+TYPED_TEST(VoxelizePoints, DetailSizesStopRefinementAtTheDepthTheyAskFor)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    float const detail = float(Tr::kRatio * Tr::kRatio) * h; // two depths above the finest
+    for (float radius : {2.0f * h, 20.0f * h}) {
+        Cloud c;
+        c.positions = {f3(0.0, 0.0, 0.0), f3(0.1, 0.05, -0.02)};
+        c.radii.push_back(radius);
+        Options o;
+        o.adaptivity = AdaptivityDetailSizes;
+        o.detailSizes = Quillon::Array<float>{detail, detail};
+        o.useDetailSizes = true;
+        PointVolume<Tr> v(h);
+        v.build(c, o);
+        EXPECT_TRUE(v.result);
+        auto const& tree = v.container();
+        int deepest = -1;
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            if (tree.tileCount(d) > 0) deepest = d;
+        EXPECT_EQ(deepest, Tr::kMaxDepth - 2) << "radius " << radius / h << " voxels";
+    }
+}
+
+TYPED_TEST(VoxelizePoints, APointOutsideEveryResolutionFieldAllocatesNoTile)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    Cloud c;
+    c.positions = {f3(-0.3, 0.0, 0.0), f3(0.3, 0.0, 0.0)};
+    c.radii.push_back(0.05f);
+    Options o;
+    o.adaptivity = AdaptivityResolutionFields;
+    o.fields.push_back(ResolutionField{{-0.45f, -0.15f, -0.15f}, {-0.15f, 0.15f, 0.15f}, 0});
+    PointVolume<Tr> v(h);
+    v.build(c, o);
+    auto const& tree = v.container();
+    std::int64_t nearA = 0, nearB = 0;
+    for (std::int64_t t = 0; t < tree.tileCount(Tr::kMaxDepth); ++t) {
+        double const x = tree.tile(t, Tr::kMaxDepth).ti() * double(h);
+        (x < 0.0 ? nearA : nearB) += 1;
+    }
+    EXPECT_GT(nearA, 0);
+    EXPECT_EQ(nearB, 0);
+}
+
+TYPED_TEST(VoxelizePoints, ZeroTileDilationLeavesTheTilesAtTheirDefault)
+{
+    using Tr = TypeParam;
+    float const h = 1.0f / 32;
+    Cloud a;
+    a.positions.push_back(f3(0.0, 0.0, 0.0));
+    a.radii.push_back(0.2f);
+    PointVolume<Tr> v(h);
+    v.build(a);
+    // A point of no radius at the centre of a finest tile reaches no neighbour: no tile gets
+    // candidates.
+    auto const& tree = v.container();
+    ASSERT_GT(tree.tileCount(Tr::kMaxDepth), 0);
+    int3 const k = tree.tile(0, Tr::kMaxDepth).tijk();
+    double const half = 0.5 * double(Tr::kTileWidth);
+    Cloud b;
+    b.positions.push_back(f3((k.x + half) * h, (k.y + half) * h, (k.z + half) * h));
+    b.radii.push_back(0.0f);
+    Options keep;
+    keep.topologyType = TopologyTypeKeepTiles;
+    v.build(b, keep, 1);
+    EXPECT_NE(v.out.find("tileDilation = 0"), std::string::npos);
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < tree.tileCount(d); ++t)
+            for (float x : v.level().tileData(t, d)) ASSERT_EQ(std::abs(x), v.far);
+}

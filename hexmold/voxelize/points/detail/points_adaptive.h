@@ -742,7 +742,7 @@ template <typename Traits> struct SurfaceRefiner {
             }
             std::array<float, L * L * L> values;
             std::array<std::int64_t, L * L * L> ids;
-            bool const nearSurface =
+            bool nearSurface =
                 kernel(co, cV, shared->points.data(), shared->points.data() + shared->points.size(), values.data(),
                        m.closest ? ids.data() : nullptr, threshold, parent.level.data(),
                        m.closest ? parent.closest.data() : nullptr, child, lo, hi, true);
@@ -772,6 +772,10 @@ template <typename Traits> struct SurfaceRefiner {
                                 std::size_t const b = big(W * child.x + i, W * child.y + j, W * child.z + k);
                                 shared->level[lat(i, j, k)] = shareLevel[b];
                                 shared->closest[lat(i, j, k)] = shareClosest[b];
+                                // The face a sibling computed is this child's too: a surface that
+                                // crosses only there still makes the child.
+                                if (shareLevel[b] < threshold) nearSurface = true;
+                                if (shareLevel[b] >= insideLimit) someOutside = true;
                             }
                     computed[std::size_t(slot)] = true;
                 }

@@ -359,8 +359,23 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
         CoreGL::writeVoxelHashLine(prefix + channelName, ".voxel_hash.before_redistance = ", container, level, 0);
     }
 
-    // 8. Redistancing.
-    {
+    // 8. Redistancing. Without a voxel inside a sphere (radii of zero) there is no surface to
+    // measure from, and the stamped distances to the nearest points are kept.
+    bool anyInside = false;
+    for (int d = 0; d <= kMax && !anyInside; ++d)
+        anyInside = Par::parallel_reduce(
+            Par::blocked_range<std::int64_t>(0, container.tileCount(d), 64), false,
+            [&](Par::blocked_range<std::int64_t> const& r, bool found) {
+                for (std::int64_t t = r.begin(); t != r.end() && !found; ++t)
+                    for (float x : std::as_const(level).tileData(t, d))
+                        if (0.0f > x) {
+                            found = true;
+                            break;
+                        }
+                return found;
+            },
+            [](bool a, bool b) { return a || b; });
+    if (anyInside) {
         Quillon::String const name("Volume::LevelSet::redistance");
         if (m.isAdaptive) {
             auto const timer = Logger::timer(PointStageNames::name("adaptive.redistance"), &runtime);
