@@ -3,10 +3,10 @@
 ///        becomes the signed distance volume of the union of one sphere per point, with the
 ///        cloud's point properties as voxel channels.
 #pragma once
-#include <string>
 #include <hexmold/api/volume.h>
 #include <hexmold/export.h>
 #include <hexmold/platform/tavrel/object.h>
+#include <string>
 
 namespace hexmold {
 
@@ -43,6 +43,7 @@ struct VoxelizePointsOptions {
 ///         that is not positive or not finite, a cloud with no extent (and no voxel size), a
 ///         radius property that is missing, not float or not one per point, or an empty channel
 ///         name; cancellation arrives as the operators' `std::runtime_error`.
-HEXMOLD_API Volume voxelizePoints(Tavrel::Object const& cloud, VoxelizePointsOptions const& options = {});
+HEXMOLD_API Volume voxelizePoints(Tavrel::Object const& cloud,
+                                  VoxelizePointsOptions const& options = {});
 
 } // namespace hexmold

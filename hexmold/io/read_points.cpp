@@ -10,12 +10,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <hexmold/platform/tavrel/geometry.h>
 #include <map>
 #include <sstream>
-#include <tuple>
 #include <string>
+#include <tuple>
 #include <vector>
-#include <hexmold/platform/tavrel/geometry.h>
 
 namespace hexmold::io {
 
@@ -37,13 +37,15 @@ struct Column {
 
 std::string lower(std::string s)
 {
-    for (char& c : s) c = char(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : s)
+        c = char(std::tolower(static_cast<unsigned char>(c)));
     return s;
 }
 
 bool parseNumber(std::string const& word, double& out)
 {
-    if (word.empty()) return false;
+    if (word.empty())
+        return false;
     char* end = nullptr;
     out = std::strtod(word.c_str(), &end);
     return end == word.c_str() + word.size();
@@ -51,76 +53,96 @@ bool parseNumber(std::string const& word, double& out)
 
 /// The cloud from its columns: x, y, z the positions, the rest as float, float3 or colour
 /// properties.
-Quillon::MutablePtr<Tavrel::Object> makeCloud(std::filesystem::path const& path, std::vector<Column>& columns)
+Quillon::MutablePtr<Tavrel::Object> makeCloud(std::filesystem::path const& path,
+                                              std::vector<Column>& columns)
 {
     std::map<std::string, std::size_t> byName;
-    for (std::size_t c = 0; c < columns.size(); ++c) byName[columns[c].name] = c;
+    for (std::size_t c = 0; c < columns.size(); ++c)
+        byName[columns[c].name] = c;
     for (char const* axis : {"x", "y", "z"})
-        if (!byName.count(axis)) fail(path, std::string("there is no \"") + axis + "\" column of positions");
+        if (!byName.count(axis))
+            fail(path, std::string("there is no \"") + axis + "\" column of positions");
     std::size_t const n = columns[byName["x"]].values.size();
-    if (n == 0) fail(path, "there is no point");
+    if (n == 0)
+        fail(path, "there is no point");
     Quillon::Array<Tavrel::Math::float3> positions(n);
     for (std::size_t i = 0; i < n; ++i) {
-        positions[i] = {float(columns[byName["x"]].values[i]), float(columns[byName["y"]].values[i]),
+        positions[i] = {float(columns[byName["x"]].values[i]),
+                        float(columns[byName["y"]].values[i]),
                         float(columns[byName["z"]].values[i])};
-        if (!std::isfinite(positions[i].x) || !std::isfinite(positions[i].y) || !std::isfinite(positions[i].z))
-            fail(path, "point " + std::to_string(i) + " has a coordinate that is not a finite number");
+        if (!std::isfinite(positions[i].x) || !std::isfinite(positions[i].y) ||
+            !std::isfinite(positions[i].z))
+            fail(path,
+                 "point " + std::to_string(i) + " has a coordinate that is not a finite number");
     }
     auto cloud = Geo::createPointCloud(positions);
     std::vector<char> used(columns.size(), 0);
     used[byName["x"]] = used[byName["y"]] = used[byName["z"]] = 1;
     // Colours.
     if (byName.count("red") && byName.count("green") && byName.count("blue")) {
-        Column const* rgba[4] = {&columns[byName["red"]], &columns[byName["green"]], &columns[byName["blue"]],
+        Column const* rgba[4] = {&columns[byName["red"]], &columns[byName["green"]],
+                                 &columns[byName["blue"]],
                                  byName.count("alpha") ? &columns[byName["alpha"]] : nullptr};
         Quillon::Array<Tavrel::Math::float4> colour(n);
         for (std::size_t i = 0; i < n; ++i)
             for (int c = 0; c < 4; ++c) {
                 double v = 1.0;
-                if (rgba[c]) v = rgba[c]->integerMax > 0.0 ? rgba[c]->values[i] / rgba[c]->integerMax : rgba[c]->values[i];
+                if (rgba[c])
+                    v = rgba[c]->integerMax > 0.0 ? rgba[c]->values[i] / rgba[c]->integerMax
+                                                  : rgba[c]->values[i];
                 colour[i][c] = float(v);
             }
-        Geo::setDataGeoProperty<Tavrel::Math::float4>(*cloud, "point_color", Geo::sPointComp, colour,
-                                                      Tavrel::Math::float4{1, 1, 1, 1});
+        Geo::setDataGeoProperty<Tavrel::Math::float4>(*cloud, "point_color", Geo::sPointComp,
+                                                      colour, Tavrel::Math::float4{1, 1, 1, 1});
         for (char const* c : {"red", "green", "blue", "alpha"})
-            if (byName.count(c)) used[byName[c]] = 1;
+            if (byName.count(c))
+                used[byName[c]] = 1;
     }
     // Vectors: names that differ only in a last x, y, z.
     for (std::size_t c = 0; c < columns.size(); ++c) {
         std::string const& name = columns[c].name;
-        if (used[c] || name.size() < 2 || name.back() != 'x') continue;
+        if (used[c] || name.size() < 2 || name.back() != 'x')
+            continue;
         std::string const stem = name.substr(0, name.size() - 1);
-        if (!byName.count(stem + "y") || !byName.count(stem + "z")) continue;
+        if (!byName.count(stem + "y") || !byName.count(stem + "z"))
+            continue;
         std::size_t const cy = byName[stem + "y"], cz = byName[stem + "z"];
-        if (used[cy] || used[cz]) continue;
+        if (used[cy] || used[cz])
+            continue;
         std::string vector = stem;
-        if (!vector.empty() && vector.back() == '_') vector.pop_back();
-        if (vector.empty()) continue;
+        if (!vector.empty() && vector.back() == '_')
+            vector.pop_back();
+        if (vector.empty())
+            continue;
         Quillon::Array<Tavrel::Math::float3> values(n);
         for (std::size_t i = 0; i < n; ++i)
-            values[i] = {float(columns[c].values[i]), float(columns[cy].values[i]), float(columns[cz].values[i])};
+            values[i] = {float(columns[c].values[i]), float(columns[cy].values[i]),
+                         float(columns[cz].values[i])};
         Geo::setDataGeoProperty<Tavrel::Math::float3>(*cloud, vector, Geo::sPointComp, values,
                                                       Tavrel::Math::float3{0, 0, 0});
         used[c] = used[cy] = used[cz] = 1;
     }
     for (std::size_t c = 0; c < columns.size(); ++c) {
-        if (used[c]) continue;
+        if (used[c])
+            continue;
         Quillon::Array<float> values(n);
-        for (std::size_t i = 0; i < n; ++i) values[i] = float(columns[c].values[i]);
+        for (std::size_t i = 0; i < n; ++i)
+            values[i] = float(columns[c].values[i]);
         Geo::setDataGeoProperty<float>(*cloud, columns[c].name, Geo::sPointComp, values, 0.0f);
     }
     return cloud;
 }
 
-// ---- PLY -------------------------------------------------------------------------------------------
+// ---- PLY
+// -------------------------------------------------------------------------------------------
 
 struct PlyProperty {
     std::string name;
-    int bytes = 0;        ///< of the value, or of the list's elements
+    int bytes = 0; ///< of the value, or of the list's elements
     bool isFloat = false;
     bool isSigned = false;
     bool list = false;
-    int countBytes = 0;   ///< of a list's count
+    int countBytes = 0; ///< of a list's count
 };
 struct PlyElement {
     std::string name;
@@ -131,33 +153,40 @@ struct PlyElement {
 bool plyType(std::string const& t, int& bytes, bool& isFloat, bool& isSigned)
 {
     static std::map<std::string, std::tuple<int, bool, bool>> const types = {
-        {"char", {1, false, true}},    {"int8", {1, false, true}},     {"uchar", {1, false, false}},
-        {"uint8", {1, false, false}},  {"short", {2, false, true}},    {"int16", {2, false, true}},
-        {"ushort", {2, false, false}}, {"uint16", {2, false, false}},  {"int", {4, false, true}},
-        {"int32", {4, false, true}},   {"uint", {4, false, false}},    {"uint32", {4, false, false}},
-        {"float", {4, true, true}},    {"float32", {4, true, true}},   {"double", {8, true, true}},
+        {"char", {1, false, true}},    {"int8", {1, false, true}},    {"uchar", {1, false, false}},
+        {"uint8", {1, false, false}},  {"short", {2, false, true}},   {"int16", {2, false, true}},
+        {"ushort", {2, false, false}}, {"uint16", {2, false, false}}, {"int", {4, false, true}},
+        {"int32", {4, false, true}},   {"uint", {4, false, false}},   {"uint32", {4, false, false}},
+        {"float", {4, true, true}},    {"float32", {4, true, true}},  {"double", {8, true, true}},
         {"float64", {8, true, true}}};
     auto it = types.find(t);
-    if (it == types.end()) return false;
+    if (it == types.end())
+        return false;
     std::tie(bytes, isFloat, isSigned) = it->second;
     return true;
 }
 
 double integerMax(PlyProperty const& p)
 {
-    if (p.isFloat) return 0.0;
+    if (p.isFloat)
+        return 0.0;
     int const bits = 8 * p.bytes - (p.isSigned ? 1 : 0);
     return std::ldexp(1.0, bits) - 1.0;
 }
 
 /// One binary value of @p p, in the file's byte order.
-bool readBinary(std::istream& in, int bytes, bool isFloat, bool isSigned, bool bigEndian, double& out)
+bool readBinary(std::istream& in, int bytes, bool isFloat, bool isSigned, bool bigEndian,
+                double& out)
 {
     unsigned char b[8];
-    if (!in.read(reinterpret_cast<char*>(b), bytes)) return false;
-    if (bigEndian != (std::endian::native == std::endian::big)) std::reverse(b, b + bytes);
+    if (!in.read(reinterpret_cast<char*>(b), bytes))
+        return false;
+    if (bigEndian != (std::endian::native == std::endian::big))
+        std::reverse(b, b + bytes);
     switch (bytes) {
-    case 1: out = isSigned ? double(std::int8_t(b[0])) : double(b[0]); return true;
+    case 1:
+        out = isSigned ? double(std::int8_t(b[0])) : double(b[0]);
+        return true;
     case 2: {
         std::uint16_t u;
         std::memcpy(&u, b, 2);
@@ -188,16 +217,21 @@ bool readBinary(std::istream& in, int bytes, bool isFloat, bool isSigned, bool b
 Quillon::MutablePtr<Tavrel::Object> readPly(std::filesystem::path const& path)
 {
     std::ifstream in(path, std::ios::binary);
-    if (!in) fail(path, "cannot be opened");
+    if (!in)
+        fail(path, "cannot be opened");
     std::string line;
-    if (!std::getline(in, line)) fail(path, "is empty");
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (line != "ply") fail(path, "does not start with \"ply\"");
+    if (!std::getline(in, line))
+        fail(path, "is empty");
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    if (line != "ply")
+        fail(path, "does not start with \"ply\"");
     std::string format;
     std::vector<PlyElement> elements;
     bool ended = false;
     while (std::getline(in, line)) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
         std::istringstream words(line);
         std::string key;
         words >> key;
@@ -206,10 +240,12 @@ Quillon::MutablePtr<Tavrel::Object> readPly(std::filesystem::path const& path)
             words >> format >> version;
         } else if (key == "element") {
             PlyElement e;
-            if (!(words >> e.name >> e.count)) fail(path, "bad header line \"" + line + "\"");
+            if (!(words >> e.name >> e.count))
+                fail(path, "bad header line \"" + line + "\"");
             elements.push_back(e);
         } else if (key == "property") {
-            if (elements.empty()) fail(path, "a property before any element in the header");
+            if (elements.empty())
+                fail(path, "a property before any element in the header");
             PlyProperty p;
             std::string type;
             words >> type;
@@ -217,14 +253,17 @@ Quillon::MutablePtr<Tavrel::Object> readPly(std::filesystem::path const& path)
                 std::string countType, itemType;
                 words >> countType >> itemType >> p.name;
                 bool f, s;
-                if (!plyType(countType, p.countBytes, f, s) || !plyType(itemType, p.bytes, p.isFloat, p.isSigned))
+                if (!plyType(countType, p.countBytes, f, s) ||
+                    !plyType(itemType, p.bytes, p.isFloat, p.isSigned))
                     fail(path, "unknown property type in \"" + line + "\"");
                 p.list = true;
             } else {
                 words >> p.name;
-                if (!plyType(type, p.bytes, p.isFloat, p.isSigned)) fail(path, "unknown property type \"" + type + "\"");
+                if (!plyType(type, p.bytes, p.isFloat, p.isSigned))
+                    fail(path, "unknown property type \"" + type + "\"");
             }
-            if (p.name.empty()) fail(path, "bad header line \"" + line + "\"");
+            if (p.name.empty())
+                fail(path, "bad header line \"" + line + "\"");
             elements.back().properties.push_back(p);
         } else if (key == "end_header") {
             ended = true;
@@ -233,16 +272,19 @@ Quillon::MutablePtr<Tavrel::Object> readPly(std::filesystem::path const& path)
             fail(path, "unknown header line \"" + line + "\"");
         }
     }
-    if (!ended) fail(path, "the header has no end_header line");
+    if (!ended)
+        fail(path, "the header has no end_header line");
     bool const ascii = format == "ascii";
     bool const big = format == "binary_big_endian";
-    if (!ascii && !big && format != "binary_little_endian") fail(path, "unknown format \"" + format + "\"");
+    if (!ascii && !big && format != "binary_little_endian")
+        fail(path, "unknown format \"" + format + "\"");
     std::vector<Column> columns;
     for (PlyElement const& e : elements) {
         bool const vertex = e.name == "vertex";
         if (vertex)
             for (PlyProperty const& p : e.properties) {
-                if (p.list) fail(path, "the vertex property \"" + p.name + "\" is a list");
+                if (p.list)
+                    fail(path, "the vertex property \"" + p.name + "\" is a list");
                 Column c;
                 c.name = p.name;
                 c.integerMax = integerMax(p);
@@ -251,14 +293,19 @@ Quillon::MutablePtr<Tavrel::Object> readPly(std::filesystem::path const& path)
             }
         for (std::uint64_t r = 0; r < e.count; ++r) {
             if (ascii) {
-                if (!std::getline(in, line)) fail(path, "is truncated in element \"" + e.name + "\"");
-                if (!vertex) continue;
+                if (!std::getline(in, line))
+                    fail(path, "is truncated in element \"" + e.name + "\"");
+                if (!vertex)
+                    continue;
                 std::istringstream words(line);
                 for (std::size_t q = 0; q < e.properties.size(); ++q) {
                     std::string w;
                     double v;
-                    if (!(words >> w)) fail(path, "vertex " + std::to_string(r) + " has too few values");
-                    if (!parseNumber(w, v)) fail(path, "vertex " + std::to_string(r) + ": \"" + w + "\" is not a number");
+                    if (!(words >> w))
+                        fail(path, "vertex " + std::to_string(r) + " has too few values");
+                    if (!parseNumber(w, v))
+                        fail(path,
+                             "vertex " + std::to_string(r) + ": \"" + w + "\" is not a number");
                     columns[q].values.push_back(v);
                 }
             } else {
@@ -274,17 +321,21 @@ Quillon::MutablePtr<Tavrel::Object> readPly(std::filesystem::path const& path)
                     }
                     if (!readBinary(in, p.bytes, p.isFloat, p.isSigned, big, v))
                         fail(path, "is truncated in element \"" + e.name + "\"");
-                    if (vertex) columns[q].values.push_back(v);
+                    if (vertex)
+                        columns[q].values.push_back(v);
                 }
             }
         }
-        if (vertex) break;
+        if (vertex)
+            break;
     }
-    if (columns.empty()) fail(path, "has no vertex element");
+    if (columns.empty())
+        fail(path, "has no vertex element");
     return makeCloud(path, columns);
 }
 
-// ---- text ------------------------------------------------------------------------------------------
+// ---- text
+// ------------------------------------------------------------------------------------------
 
 std::vector<std::string> splitWords(std::string const& line)
 {
@@ -292,53 +343,66 @@ std::vector<std::string> splitWords(std::string const& line)
     std::string w;
     for (char c : line) {
         if (c == ' ' || c == '\t' || c == ',' || c == '\r' || c == ';') {
-            if (!w.empty()) out.push_back(std::move(w)), w.clear();
+            if (!w.empty())
+                out.push_back(std::move(w)), w.clear();
         } else {
             w.push_back(c);
         }
     }
-    if (!w.empty()) out.push_back(std::move(w));
+    if (!w.empty())
+        out.push_back(std::move(w));
     return out;
 }
 
 Quillon::MutablePtr<Tavrel::Object> readText(std::filesystem::path const& path)
 {
     std::ifstream in(path);
-    if (!in) fail(path, "cannot be opened");
+    if (!in)
+        fail(path, "cannot be opened");
     std::vector<Column> columns;
     std::string line;
     std::size_t lineNumber = 0;
     bool first = true;
     while (std::getline(in, line)) {
         ++lineNumber;
-        if (auto hash = line.find('#'); hash != std::string::npos) line.resize(hash);
+        if (auto hash = line.find('#'); hash != std::string::npos)
+            line.resize(hash);
         std::vector<std::string> const words = splitWords(line);
-        if (words.empty()) continue;
+        if (words.empty())
+            continue;
         std::vector<double> numbers(words.size());
         bool allNumbers = true;
-        for (std::size_t q = 0; q < words.size(); ++q) allNumbers = allNumbers && parseNumber(words[q], numbers[q]);
+        for (std::size_t q = 0; q < words.size(); ++q)
+            allNumbers = allNumbers && parseNumber(words[q], numbers[q]);
         if (first) {
             first = false;
             if (!allNumbers) {
-                for (std::string const& w : words) columns.push_back(Column{lower(w), {}, 0.0});
+                for (std::string const& w : words)
+                    columns.push_back(Column{lower(w), {}, 0.0});
                 continue;
             }
-            if (words.size() < 3) fail(path, "line " + std::to_string(lineNumber) + " has fewer than three numbers");
+            if (words.size() < 3)
+                fail(path, "line " + std::to_string(lineNumber) + " has fewer than three numbers");
             char const* names[] = {"x", "y", "z", "radius"};
             for (std::size_t q = 0; q < words.size(); ++q)
                 columns.push_back(Column{q < 4 ? names[q] : "c" + std::to_string(q), {}, 0.0});
         }
         if (words.size() != columns.size())
-            fail(path, "line " + std::to_string(lineNumber) + " has " + std::to_string(words.size()) + " values, not " +
+            fail(path, "line " + std::to_string(lineNumber) + " has " +
+                           std::to_string(words.size()) + " values, not " +
                            std::to_string(columns.size()));
         if (!allNumbers)
             for (std::size_t q = 0; q < words.size(); ++q)
                 if (!parseNumber(words[q], numbers[q]))
-                    fail(path, "line " + std::to_string(lineNumber) + ": \"" + words[q] + "\" is not a number");
-        for (std::size_t q = 0; q < words.size(); ++q) columns[q].values.push_back(numbers[q]);
+                    fail(path, "line " + std::to_string(lineNumber) + ": \"" + words[q] +
+                                   "\" is not a number");
+        for (std::size_t q = 0; q < words.size(); ++q)
+            columns[q].values.push_back(numbers[q]);
     }
-    if (in.bad()) fail(path, "cannot be read");
-    if (columns.empty()) fail(path, "is empty");
+    if (in.bad())
+        fail(path, "cannot be read");
+    if (columns.empty())
+        fail(path, "is empty");
     return makeCloud(path, columns);
 }
 
@@ -347,12 +411,17 @@ Quillon::MutablePtr<Tavrel::Object> readText(std::filesystem::path const& path)
 Quillon::MutablePtr<Tavrel::Object> readPoints(std::filesystem::path const& path)
 {
     std::error_code ec;
-    if (!std::filesystem::exists(path, ec)) fail(path, "does not exist");
-    if (std::filesystem::is_directory(path, ec)) fail(path, "is a folder");
+    if (!std::filesystem::exists(path, ec))
+        fail(path, "does not exist");
+    if (std::filesystem::is_directory(path, ec))
+        fail(path, "is a folder");
     std::string const ext = lower(path.extension().string());
-    if (ext == ".ply") return readPly(path);
-    if (ext == ".xyz" || ext == ".txt" || ext == ".csv" || ext == ".pts") return readText(path);
-    fail(path, "has an unknown extension \"" + path.extension().string() + "\" (.ply, .xyz, .txt, .csv, .pts)");
+    if (ext == ".ply")
+        return readPly(path);
+    if (ext == ".xyz" || ext == ".txt" || ext == ".csv" || ext == ".pts")
+        return readText(path);
+    fail(path, "has an unknown extension \"" + path.extension().string() +
+                   "\" (.ply, .xyz, .txt, .csv, .pts)");
 }
 
 } // namespace hexmold::io

@@ -1,13 +1,13 @@
 // hexmold::voxelizePoints: the sphere of one point read back, per-point radii from a property, a
 // point property carried into a channel, both tree types, and refused input.
-#include <gtest/gtest.h>
 #include <cmath>
-#include <limits>
-#include <string>
+#include <gtest/gtest.h>
 #include <hexmold/api/error.h>
 #include <hexmold/api/sample.h>
 #include <hexmold/api/voxelize_points.h>
 #include <hexmold/platform/tavrel/geometry.h>
+#include <limits>
+#include <string>
 
 using hexmold::Volume;
 using Tavrel::Math::double3;
@@ -19,10 +19,12 @@ namespace {
 /// Two points, radii 0.3 and 0.2, 0.8 apart along x, with a float3 velocity and a radius property.
 Quillon::MutablePtr<Tavrel::Object> twoPoints()
 {
-    auto cloud = Geo::createPointCloud(Quillon::Array<float3>{{-0.4f, 0.0f, 0.0f}, {0.4f, 0.0f, 0.0f}});
-    Geo::setDataGeoProperty<float>(*cloud, "radius", Geo::sPointComp, Quillon::Array<float>{0.3f, 0.2f}, 0.0f);
-    Geo::setDataGeoProperty<float3>(*cloud, "v", Geo::sPointComp, Quillon::Array<float3>{{1, 0, 0}, {0, 2, 0}},
-                                    float3{0, 0, 0});
+    auto cloud =
+        Geo::createPointCloud(Quillon::Array<float3>{{-0.4f, 0.0f, 0.0f}, {0.4f, 0.0f, 0.0f}});
+    Geo::setDataGeoProperty<float>(*cloud, "radius", Geo::sPointComp,
+                                   Quillon::Array<float>{0.3f, 0.2f}, 0.0f);
+    Geo::setDataGeoProperty<float3>(*cloud, "v", Geo::sPointComp,
+                                    Quillon::Array<float3>{{1, 0, 0}, {0, 2, 0}}, float3{0, 0, 0});
     return cloud;
 }
 
@@ -47,12 +49,15 @@ TEST(VoxelizePointsApi, TheSpheresOfAPropertyOfRadiiOnBothTrees)
             double const want[] = {0.005, -0.01, 0.007, -0.005, -0.15, -0.1, 0.2};
             for (int q = 0; q < 7; ++q) {
                 double const got = hexmold::sample(v, double3{xs[q], 0.0, 0.0});
-                if (q < 4) EXPECT_NEAR(got, want[q], 0.5 / 64) << "x = " << xs[q];
-                else EXPECT_EQ(got < 0.0, want[q] < 0.0) << "x = " << xs[q];
+                if (q < 4)
+                    EXPECT_NEAR(got, want[q], 0.5 / 64) << "x = " << xs[q];
+                else
+                    EXPECT_EQ(got < 0.0, want[q] < 0.0) << "x = " << xs[q];
             }
             // The velocity arrives as a channel of its own.
             bool found = false;
-            for (auto const& c : v.channels()) found = found || c.name == "voxel_v";
+            for (auto const& c : v.channels())
+                found = found || c.name == "voxel_v";
             EXPECT_TRUE(found);
         }
     }
@@ -86,6 +91,7 @@ TEST(VoxelizePointsApi, RefusedInput)
     o = {};
     o.radiusProperty = "radius";
     o.resolution = 32;
-    Geo::setDataGeoProperty<float>(*mismatched, "radius", Geo::sPointComp, Quillon::Array<float>{0.3f, 0.2f}, 0.0f);
+    Geo::setDataGeoProperty<float>(*mismatched, "radius", Geo::sPointComp,
+                                   Quillon::Array<float>{0.3f, 0.2f}, 0.0f);
     EXPECT_NO_THROW(hexmold::voxelizePoints(*mismatched, o));
 }

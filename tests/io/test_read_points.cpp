@@ -1,19 +1,19 @@
 // Tests of hexmold::io::readPoints: PLY (ASCII, both binary byte orders) and text clouds written
 // here and read back with their properties, and one check per refused file.
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <random>
-#include <sstream>
-#include <algorithm>
-#include <unistd.h>
-#include <string>
-#include <vector>
 #include <gtest/gtest.h>
 #include <hexmold/io/read_points.h>
 #include <hexmold/platform/tavrel/geometry.h>
+#include <random>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
 
 namespace fs = std::filesystem;
 namespace Geo = Tavrel::Geometry;
@@ -28,7 +28,8 @@ public:
     Folder()
     {
         static int counter = 0;
-        mPath = fs::temp_directory_path() / ("hexmold_read_points_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
+        mPath = fs::temp_directory_path() / ("hexmold_read_points_" + std::to_string(::getpid()) +
+                                             "_" + std::to_string(counter++));
         fs::create_directories(mPath);
     }
     ~Folder() { fs::remove_all(mPath); }
@@ -59,17 +60,20 @@ Points points(std::size_t n)
         s.p.push_back({u(rng), u(rng), u(rng)});
         s.v.push_back({u(rng), u(rng), u(rng)});
         s.r.push_back(0.5f + 0.1f * float(i));
-        for (int c = 0; c < 3; ++c) s.rgb.push_back(std::uint8_t((i * 37 + c * 80) % 256));
+        for (int c = 0; c < 3; ++c)
+            s.rgb.push_back(std::uint8_t((i * 37 + c * 80) % 256));
     }
     return s;
 }
 
 std::string plyHeader(char const* format, std::size_t n)
 {
-    return std::string("ply\nformat ") + format + " 1.0\ncomment written by the test\nelement vertex " +
-           std::to_string(n) +
-           "\nproperty float x\nproperty float y\nproperty float z\nproperty float radius\nproperty float vx\n"
-           "property float vy\nproperty float vz\nproperty uchar red\nproperty uchar green\nproperty uchar blue\n"
+    return std::string("ply\nformat ") + format +
+           " 1.0\ncomment written by the test\nelement vertex " + std::to_string(n) +
+           "\nproperty float x\nproperty float y\nproperty float z\nproperty float "
+           "radius\nproperty float vx\n"
+           "property float vy\nproperty float vz\nproperty uchar red\nproperty uchar "
+           "green\nproperty uchar blue\n"
            "element face 0\nproperty list uchar int vertex_indices\nend_header\n";
 }
 
@@ -77,7 +81,8 @@ template <typename T> void put(std::string& out, T value, bool big)
 {
     char b[sizeof(T)];
     std::memcpy(b, &value, sizeof(T));
-    if (big != (std::endian::native == std::endian::big)) std::reverse(b, b + sizeof(T));
+    if (big != (std::endian::native == std::endian::big))
+        std::reverse(b, b + sizeof(T));
     out.append(b, sizeof(T));
 }
 
@@ -85,10 +90,13 @@ std::string binaryPly(Points const& s, bool big)
 {
     std::string out = plyHeader(big ? "binary_big_endian" : "binary_little_endian", s.p.size());
     for (std::size_t i = 0; i < s.p.size(); ++i) {
-        for (int a = 0; a < 3; ++a) put(out, s.p[i][a], big);
+        for (int a = 0; a < 3; ++a)
+            put(out, s.p[i][a], big);
         put(out, s.r[i], big);
-        for (int a = 0; a < 3; ++a) put(out, s.v[i][a], big);
-        for (int c = 0; c < 3; ++c) put(out, s.rgb[3 * i + std::size_t(c)], big);
+        for (int a = 0; a < 3; ++a)
+            put(out, s.v[i][a], big);
+        for (int c = 0; c < 3; ++c)
+            put(out, s.rgb[3 * i + std::size_t(c)], big);
     }
     return out;
 }
@@ -99,8 +107,9 @@ std::string asciiPly(Points const& s)
     out.precision(9);
     out << plyHeader("ascii", s.p.size());
     for (std::size_t i = 0; i < s.p.size(); ++i)
-        out << s.p[i].x << ' ' << s.p[i].y << ' ' << s.p[i].z << ' ' << s.r[i] << ' ' << s.v[i].x << ' ' << s.v[i].y << ' '
-            << s.v[i].z << ' ' << int(s.rgb[3 * i]) << ' ' << int(s.rgb[3 * i + 1]) << ' ' << int(s.rgb[3 * i + 2]) << '\n';
+        out << s.p[i].x << ' ' << s.p[i].y << ' ' << s.p[i].z << ' ' << s.r[i] << ' ' << s.v[i].x
+            << ' ' << s.v[i].y << ' ' << s.v[i].z << ' ' << int(s.rgb[3 * i]) << ' '
+            << int(s.rgb[3 * i + 1]) << ' ' << int(s.rgb[3 * i + 2]) << '\n';
     return out.str();
 }
 
@@ -118,11 +127,13 @@ void expectCloud(Tavrel::Object const& cloud, Points const& s, bool colours)
         }
         EXPECT_EQ((*r)[i], s.r[i]);
     }
-    if (!colours) return;
+    if (!colours)
+        return;
     auto const* c = Geo::getDataGeoPropertyValues<float4>(cloud, "point_color");
     ASSERT_TRUE(c);
     for (std::size_t i = 0; i < s.p.size(); ++i) {
-        for (int q = 0; q < 3; ++q) EXPECT_FLOAT_EQ((*c)[i][q], float(s.rgb[3 * i + std::size_t(q)]) / 255.0f);
+        for (int q = 0; q < 3; ++q)
+            EXPECT_FLOAT_EQ((*c)[i][q], float(s.rgb[3 * i + std::size_t(q)]) / 255.0f);
         EXPECT_EQ((*c)[i][3], 1.0f);
     }
 }
@@ -147,9 +158,10 @@ TEST(ReadPoints, TextWithAndWithoutHeaderRoundTrip)
     csv.precision(9);
     csv << "x,y,z,radius,vx,vy,vz\n";
     for (std::size_t i = 0; i < s.p.size(); ++i) {
-        plain << s.p[i].x << ' ' << s.p[i].y << '\t' << s.p[i].z << ' ' << s.r[i] << "  # a comment\n";
-        csv << s.p[i].x << ',' << s.p[i].y << ',' << s.p[i].z << ',' << s.r[i] << ',' << s.v[i].x << ',' << s.v[i].y << ','
-            << s.v[i].z << '\n';
+        plain << s.p[i].x << ' ' << s.p[i].y << '\t' << s.p[i].z << ' ' << s.r[i]
+              << "  # a comment\n";
+        csv << s.p[i].x << ',' << s.p[i].y << ',' << s.p[i].z << ',' << s.r[i] << ',' << s.v[i].x
+            << ',' << s.v[i].y << ',' << s.v[i].z << '\n';
     }
     auto const a = hexmold::io::readPoints(f.file("p.xyz", "\n" + plain.str()));
     auto const* p = Geo::getDataGeoPropertyValues<float3>(*a, Geo::sPointPosition);
@@ -178,16 +190,24 @@ TEST(ReadPoints, MalformedFilesAreRefusedWithTheirReason)
     };
     std::string const binary = binaryPly(s, false);
     expectError(f.file("cut.ply", binary.substr(0, binary.size() - 7)), "truncated");
-    expectError(f.file("noend.ply", "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\n"), "end_header");
+    expectError(f.file("noend.ply", "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\n"),
+                "end_header");
     expectError(f.file("notply.ply", "plx\n"), "ply");
-    expectError(f.file("badnum.ply", "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
-                                     "property float z\nend_header\n1 2 zz\n"),
-                "not a number");
-    expectError(f.file("list.ply", "ply\nformat ascii 1.0\nelement vertex 1\nproperty list uchar float x\nend_header\n"),
-                "list");
-    expectError(f.file("noz.ply", "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
-                                  "end_header\n1 2\n"),
-                "\"z\"");
+    expectError(
+        f.file("badnum.ply",
+               "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
+               "property float z\nend_header\n1 2 zz\n"),
+        "not a number");
+    expectError(
+        f.file(
+            "list.ply",
+            "ply\nformat ascii 1.0\nelement vertex 1\nproperty list uchar float x\nend_header\n"),
+        "list");
+    expectError(
+        f.file("noz.ply",
+               "ply\nformat ascii 1.0\nelement vertex 1\nproperty float x\nproperty float y\n"
+               "end_header\n1 2\n"),
+        "\"z\"");
     expectError(f.file("columns.xyz", "1 2 3\n4 5\n"), "line 2");
     expectError(f.file("word.csv", "x,y,z\n1,2,abc\n"), "not a number");
     expectError(f.file("empty.xyz", ""), "empty");

@@ -2,22 +2,14 @@
 // double precision (one point, two overlapping points, a random cloud with random radii), both
 // routes and both trees; property transfer through the closest point; ties; 1 thread against all
 // threads; cancellation; the routes' edge cases; bad input.
+#include "support/cancel_on_timer.h"
+#include "support/sanitized.h"
+#include "support/typed_traits.h"
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
-#include <limits>
-#include <map>
-#include <memory>
-#include <tuple>
-#include <random>
-#include <set>
-#include <sstream>
-#include <string>
-#include <unordered_map>
-#include <vector>
 #include <gtest/gtest.h>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/platform/quillon/job.h>
@@ -31,9 +23,17 @@
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/points/voxelize_points.h>
-#include "support/cancel_on_timer.h"
-#include "support/sanitized.h"
-#include "support/typed_traits.h"
+#include <iostream>
+#include <limits>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <unordered_map>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D;
@@ -41,7 +41,10 @@ namespace Geo = Tavrel::Geometry;
 
 namespace {
 
-float3 f3(double x, double y, double z) { return {float(x), float(y), float(z)}; }
+float3 f3(double x, double y, double z)
+{
+    return {float(x), float(y), float(z)};
+}
 
 /// A cloud: centres, radii (one shared or one per point) and the geometry object of the points.
 struct Cloud {
@@ -59,15 +62,19 @@ public:
     SphereUnion(Cloud const& c, double margin) : mCloud(c)
     {
         double rmax = 0.0;
-        for (std::size_t i = 0; i < c.positions.size(); ++i) rmax = std::max(rmax, c.radius(i));
+        for (std::size_t i = 0; i < c.positions.size(); ++i)
+            rmax = std::max(rmax, c.radius(i));
         mCell = rmax + margin;
         mMargin = margin;
-        for (std::size_t i = 0; i < c.positions.size(); ++i) mCells[key(cellOf(c.positions[i]))].push_back(i);
+        for (std::size_t i = 0; i < c.positions.size(); ++i)
+            mCells[key(cellOf(c.positions[i]))].push_back(i);
     }
     /// The distance, and whether it is exact (below the margin).
-    double operator()(double const x[3], bool* exact = nullptr, std::size_t* nearest = nullptr) const
+    double operator()(double const x[3], bool* exact = nullptr,
+                      std::size_t* nearest = nullptr) const
     {
-        std::int64_t const c[3] = {std::int64_t(std::floor(x[0] / mCell)), std::int64_t(std::floor(x[1] / mCell)),
+        std::int64_t const c[3] = {std::int64_t(std::floor(x[0] / mCell)),
+                                   std::int64_t(std::floor(x[1] / mCell)),
                                    std::int64_t(std::floor(x[2] / mCell))};
         double best = std::numeric_limits<double>::max();
         std::size_t who = 0;
@@ -75,17 +82,22 @@ public:
             for (int dy = -1; dy <= 1; ++dy)
                 for (int dx = -1; dx <= 1; ++dx) {
                     auto it = mCells.find(key({c[0] + dx, c[1] + dy, c[2] + dz}));
-                    if (it == mCells.end()) continue;
+                    if (it == mCells.end())
+                        continue;
                     for (std::size_t i : it->second) {
                         float3 const& p = mCloud.positions[i];
-                        double const d = std::sqrt((x[0] - p.x) * (x[0] - p.x) + (x[1] - p.y) * (x[1] - p.y) +
-                                                   (x[2] - p.z) * (x[2] - p.z)) -
-                                         mCloud.radius(i);
-                        if (d < best || (d == best && i < who)) best = d, who = i;
+                        double const d =
+                            std::sqrt((x[0] - p.x) * (x[0] - p.x) + (x[1] - p.y) * (x[1] - p.y) +
+                                      (x[2] - p.z) * (x[2] - p.z)) -
+                            mCloud.radius(i);
+                        if (d < best || (d == best && i < who))
+                            best = d, who = i;
                     }
                 }
-        if (exact) *exact = best < mMargin;
-        if (nearest) *nearest = who;
+        if (exact)
+            *exact = best < mMargin;
+        if (nearest)
+            *nearest = who;
         return best;
     }
 
@@ -136,21 +148,29 @@ template <typename Tr> struct PointVolume {
     bool result = false;
     std::string channel = "voxel_signed_distance";
 
-    explicit PointVolume(float voxel, std::string const& channelName = "voxel_signed_distance") : h(voxel), channel(channelName)
+    explicit PointVolume(float voxel, std::string const& channelName = "voxel_signed_distance")
+        : h(voxel), channel(channelName)
     {
         object = Command::createVoxelTVL<Tr>("tree", "topology", voxel, kVoxelOffsetCenter);
         auto topology = object->template component<VoxelTopology<Tr>>("topology");
-        Command::createChannel<float, Tr::kRatio, W, W, 0>(channel, *topology, *object, far,
-                                                          kDataElementInitializerDefaultValue, 0, kMax);
+        Command::createChannel<float, Tr::kRatio, W, W, 0>(
+            channel, *topology, *object, far, kDataElementInitializerDefaultValue, 0, kMax);
     }
-    Container<Tr> const& container() const { return *object->template component<Container<Tr>>("tree"); }
-    VoxelChannel<Tr, float> const& level() const { return *object->template component<VoxelChannel<Tr, float>>(channel); }
+    Container<Tr> const& container() const
+    {
+        return *object->template component<Container<Tr>>("tree");
+    }
+    VoxelChannel<Tr, float> const& level() const
+    {
+        return *object->template component<VoxelChannel<Tr, float>>(channel);
+    }
     template <typename T> Quillon::Ptr<VoxelChannel<Tr, T>> channelOf(std::string const& name) const
     {
         return object->template component<VoxelChannel<Tr, T>>(name);
     }
 
-    void build(Cloud const& c, Options const& o = {}, int verbose = 0, Tavrel::Object const* geometry = nullptr)
+    void build(Cloud const& c, Options const& o = {}, int verbose = 0,
+               Tavrel::Object const* geometry = nullptr)
     {
         auto const made = c.object();
         Tavrel::Object const& g = geometry ? *geometry : *made;
@@ -166,10 +186,10 @@ template <typename Tr> struct PointVolume {
             CoreGL::Logger::setVerboseLevel(saved);
         };
         try {
-            result = voxelizePoints<Tr>(g, c.positions, c.radii, o.useDetailSizes ? &o.detailSizes : nullptr,
-                                        o.adaptivity, o.maxRelativeError, o.fields.empty() ? nullptr : &fields,
-                                        o.grading, o.properties, "tree", "topology", channel, *object, o.topologyType,
-                                        services);
+            result = voxelizePoints<Tr>(
+                g, c.positions, c.radii, o.useDetailSizes ? &o.detailSizes : nullptr, o.adaptivity,
+                o.maxRelativeError, o.fields.empty() ? nullptr : &fields, o.grading, o.properties,
+                "tree", "topology", channel, *object, o.topologyType, services);
         } catch (...) {
             restore();
             throw;
@@ -184,7 +204,8 @@ template <typename Tr> struct PointVolume {
         std::int64_t const s = t.voxelDataWidth();
         int3 const c = t.tijk();
         int const ijk[3] = {n % W, (n / W) % W, n / (W * W)};
-        for (int a = 0; a < 3; ++a) p[a] = (double(c[a]) + double(s) * (ijk[a] + 0.5)) * double(h);
+        for (int a = 0; a < 3; ++a)
+            p[a] = (double(c[a]) + double(s) * (ijk[a] + 0.5)) * double(h);
     }
     /// Calls f(tile, n, value) for every leaf voxel of the finest depth.
     template <typename F> void forEachFinestVoxel(F&& f) const
@@ -193,15 +214,16 @@ template <typename Tr> struct PointVolume {
         auto const& lv = level();
         for (std::int64_t t = 0; t < tree.tileCount(kMax); ++t) {
             auto const dd = lv.tileData(t, kMax);
-            for (int n = 0; n < W * W * W; ++n) f(tree.tile(t, kMax), n, dd[std::size_t(n)]);
+            for (int n = 0; n < W * W * W; ++n)
+                f(tree.tile(t, kMax), n, dd[std::size_t(n)]);
         }
     }
 };
 
 struct Accuracy {
     std::int64_t near = 0, crossing = 0, signMismatches = 0, missing = 0;
-    double mean = 0.0, max = 0.0;               ///< zero-crossing voxels, in voxels
-    double bandMean = 0.0, bandMax = 0.0;       ///< all voxels within the band, in voxels
+    double mean = 0.0, max = 0.0;         ///< zero-crossing voxels, in voxels
+    double bandMean = 0.0, bandMax = 0.0; ///< all voxels within the band, in voxels
 };
 
 /// Finest voxels within @p band voxels of the union: the error against the truth, bounded on the
@@ -209,7 +231,8 @@ struct Accuracy {
 /// surface), where the grid resolves the surface; over the whole band it is printed, since a
 /// cavity narrower than a voxel holds no sample and no grid can show it. Finest voxels farther
 /// than half a voxel from the surface: the sign.
-template <typename Tr> Accuracy measure(PointVolume<Tr> const& v, Cloud const& c, char const* name, double band = 1.0)
+template <typename Tr>
+Accuracy measure(PointVolume<Tr> const& v, Cloud const& c, char const* name, double band = 1.0)
 {
     SphereUnion const truth(c, 3.0 * v.h);
     Accuracy a;
@@ -222,9 +245,12 @@ template <typename Tr> Accuracy measure(PointVolume<Tr> const& v, Cloud const& c
         double const d = truth(p, &exact);
         if (std::abs(d) > 0.5 * v.h && (d < 0) != (value < 0.0f)) {
             ++a.signMismatches;
-            if (debug) std::cout << "sign at " << p[0] << " " << p[1] << " " << p[2] << " value " << value << " truth " << d << "\n";
+            if (debug)
+                std::cout << "sign at " << p[0] << " " << p[1] << " " << p[2] << " value " << value
+                          << " truth " << d << "\n";
         }
-        if (!exact || std::abs(d) > band * v.h) return;
+        if (!exact || std::abs(d) > band * v.h)
+            return;
         if (std::abs(value) >= 0.5 * v.far) {
             ++a.missing;
             return;
@@ -239,19 +265,21 @@ template <typename Tr> Accuracy measure(PointVolume<Tr> const& v, Cloud const& c
             x[q / 2] += (q % 2 ? 1.0 : -1.0) * v.h;
             crossing = (truth(x) < 0) != (d < 0);
         }
-        if (!crossing) return;
+        if (!crossing)
+            return;
         if (e > a.max && debug)
-            std::cout << "worst so far " << e << " at " << p[0] << " " << p[1] << " " << p[2] << " value " << value
-                      << " truth " << d << "\n";
+            std::cout << "worst so far " << e << " at " << p[0] << " " << p[1] << " " << p[2]
+                      << " value " << value << " truth " << d << "\n";
         ++a.crossing;
         sum += e;
         a.max = std::max(a.max, e);
     });
     a.mean = a.crossing ? sum / double(a.crossing) : 0.0;
     a.bandMean = a.near ? bandSum / double(a.near) : 0.0;
-    std::cout << "[ accuracy ] " << name << ": " << a.crossing << " zero-crossing voxels: mean error " << a.mean
-              << ", max " << a.max << " voxel; " << a.near << " voxels within " << band << " voxel: mean "
-              << a.bandMean << ", max " << a.bandMax << "; far values there " << a.missing
+    std::cout << "[ accuracy ] " << name << ": " << a.crossing
+              << " zero-crossing voxels: mean error " << a.mean << ", max " << a.max << " voxel; "
+              << a.near << " voxels within " << band << " voxel: mean " << a.bandMean << ", max "
+              << a.bandMax << "; far values there " << a.missing
               << "; sign mismatches beyond 0.5 voxel " << a.signMismatches << "\n";
     return a;
 }
@@ -288,7 +316,8 @@ Cloud randomCloud(std::size_t n, double rmin, double rmax, unsigned seed)
     return c;
 }
 
-template <typename T> class VoxelizePoints : public ::testing::Test {};
+template <typename T> class VoxelizePoints : public ::testing::Test {
+};
 TYPED_TEST_SUITE(VoxelizePoints, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 /// Both routes with their names.
@@ -358,16 +387,19 @@ TYPED_TEST(VoxelizePoints, AdaptiveAndNonAdaptiveRoutesAgreeNearTheSurface)
     std::int64_t compared = 0;
     double sum = 0.0, worst = 0.0;
     b.forEachFinestVoxel([&](Tile<Tr> const& t, int n, float v) {
-        if (std::abs(v) > h) return;
+        if (std::abs(v) > h)
+            return;
         auto it = adaptive.find({t.ti(), t.tj(), t.tk(), n});
-        if (it == adaptive.end()) return;
+        if (it == adaptive.end())
+            return;
         double const e = std::abs(double(it->second) - double(v)) / h;
         ++compared;
         sum += e;
         worst = std::max(worst, e);
     });
-    std::cout << "[ agreement ] " << compared << " voxels within a voxel: mean difference " << sum / double(std::max<std::int64_t>(1, compared))
-              << ", max " << worst << " voxel\n";
+    std::cout << "[ agreement ] " << compared << " voxels within a voxel: mean difference "
+              << sum / double(std::max<std::int64_t>(1, compared)) << ", max " << worst
+              << " voxel\n";
     EXPECT_GT(compared, 1000);
     EXPECT_LE(sum / double(std::max<std::int64_t>(1, compared)), kAdaptiveCrossingMeanTol);
     EXPECT_LE(worst, kAdaptiveCrossingMaxTol);
@@ -380,8 +412,10 @@ TYPED_TEST(VoxelizePoints, PerPointVelocityArrivesAsTheClosestPointsValue)
     Cloud const c = randomCloud(200, 2.0 * h, 4.0 * h, 5);
     auto cloud = c.object();
     Quillon::Array<float3> velocity;
-    for (std::size_t i = 0; i < c.positions.size(); ++i) velocity.push_back(f3(double(i), -2.0 * double(i), 0.5));
-    ASSERT_TRUE(Geo::setDataGeoProperty<float3>(*cloud, "v", Geo::sPointComp, velocity, f3(0, 0, 0)));
+    for (std::size_t i = 0; i < c.positions.size(); ++i)
+        velocity.push_back(f3(double(i), -2.0 * double(i), 0.5));
+    ASSERT_TRUE(
+        Geo::setDataGeoProperty<float3>(*cloud, "v", Geo::sPointComp, velocity, f3(0, 0, 0)));
     SphereUnion const truth(c, 3.0 * h);
     for (auto [name, o] : routes()) {
         o.properties = "v";
@@ -401,30 +435,39 @@ TYPED_TEST(VoxelizePoints, PerPointVelocityArrivesAsTheClosestPointsValue)
                 std::size_t who = 0;
                 double const d = truth(p, &exact, &who);
                 // Near the surface, where the closest point is not a near tie.
-                if (!exact || std::abs(d) > h) continue;
+                if (!exact || std::abs(d) > h)
+                    continue;
                 std::size_t second = who;
                 double other = 1e30;
                 for (std::size_t i = 0; i < c.positions.size(); ++i) {
-                    if (i == who) continue;
+                    if (i == who)
+                        continue;
                     auto const& q = c.positions[i];
-                    double const e = std::sqrt((p[0] - q.x) * (p[0] - q.x) + (p[1] - q.y) * (p[1] - q.y) +
-                                               (p[2] - q.z) * (p[2] - q.z)) - c.radius(i);
-                    if (e < other) other = e, second = i;
+                    double const e =
+                        std::sqrt((p[0] - q.x) * (p[0] - q.x) + (p[1] - q.y) * (p[1] - q.y) +
+                                  (p[2] - q.z) * (p[2] - q.z)) -
+                        c.radius(i);
+                    if (e < other)
+                        other = e, second = i;
                 }
                 (void)second;
-                if (other - d < 0.05 * h) continue;
+                if (other - d < 0.05 * h)
+                    continue;
                 ++checked;
                 float3 const got = vd[std::size_t(n)];
-                if (got.x != velocity[who].x || got.y != velocity[who].y || got.z != velocity[who].z) {
+                if (got.x != velocity[who].x || got.y != velocity[who].y ||
+                    got.z != velocity[who].z) {
                     ++wrong;
                     if (std::getenv("HEXMOLD_POINTS_DEBUG") && wrong < 5)
-                        std::cout << "wrong at " << p[0] << " " << p[1] << " " << p[2] << " got " << got.x << " want " << who
-                                  << " d " << d << " level " << ld[std::size_t(n)] << "\n";
+                        std::cout << "wrong at " << p[0] << " " << p[1] << " " << p[2] << " got "
+                                  << got.x << " want " << who << " d " << d << " level "
+                                  << ld[std::size_t(n)] << "\n";
                 }
                 (void)ld;
             }
         }
-        std::cout << "[ property ] " << name << ": " << checked << " voxels checked, " << wrong << " wrong\n";
+        std::cout << "[ property ] " << name << ": " << checked << " voxels checked, " << wrong
+                  << " wrong\n";
         EXPECT_GT(checked, 500) << name;
         EXPECT_EQ(wrong, 0) << name;
     }
@@ -457,11 +500,14 @@ TYPED_TEST(VoxelizePoints, TwoPointsAtTheSameDistanceGiveTheLowerIndexWhateverTh
                 for (int n = 0; n < Tr::kTileSize; ++n) {
                     double p[3];
                     v.sample(tree.tile(t, Tr::kMaxDepth), n, p);
-                    if (p[0] != x0) continue;
+                    if (p[0] != x0)
+                        continue;
                     float const lv = v.level().tileData(t, Tr::kMaxDepth)[std::size_t(n)];
-                    if (std::abs(lv) > 1.5f * h) continue;
+                    if (std::abs(lv) > 1.5f * h)
+                        continue;
                     ++onPlane;
-                    EXPECT_EQ(ch->tileData(t, Tr::kMaxDepth)[std::size_t(n)], 0.0f) << name << " order " << order;
+                    EXPECT_EQ(ch->tileData(t, Tr::kMaxDepth)[std::size_t(n)], 0.0f)
+                        << name << " order " << order;
                 }
             EXPECT_GT(onPlane, 0) << name;
         }
@@ -475,7 +521,8 @@ TYPED_TEST(VoxelizePoints, SameTilesAndBitsOnOneThreadAndOnAll)
     Cloud const c = randomCloud(2000, 0.5 * h, 3.0 * h, 3);
     for (auto [name, o] : routes()) {
         auto build = [&](int threads) {
-            TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, threads);
+            TVL::Parallel::global_control limit(
+                TVL::Parallel::global_control::max_allowed_parallelism, threads);
             auto v = std::make_unique<PointVolume<Tr>>(h);
             v->build(c, o);
             return v;
@@ -491,7 +538,8 @@ TYPED_TEST(VoxelizePoints, SameTilesAndBitsOnOneThreadAndOnAll)
                 auto const x = one->level().tileData(t, d);
                 auto const y = all->level().tileData(t, d);
                 ASSERT_EQ(x.size(), y.size());
-                ASSERT_EQ(std::memcmp(x.data(), y.data(), x.size() * sizeof(float)), 0) << name << " depth " << d;
+                ASSERT_EQ(std::memcmp(x.data(), y.data(), x.size() * sizeof(float)), 0)
+                    << name << " depth " << d;
             }
     }
 }
@@ -501,10 +549,11 @@ TYPED_TEST(VoxelizePoints, CancellationThrowsAndLeavesTheVolumeWhole)
     using Tr = TypeParam;
     float const h = 1.0f / 64;
     Cloud const c = randomCloud(500, 1.0 * h, 3.0 * h, 9);
-    std::vector<std::pair<char const*, Options>> cases = {{".non_adaptive", nonAdaptive()},
-                                                          {".adaptive.refine_coarser_levels", Options{}},
-                                                          {".adaptive.refine_adaptively", Options{}},
-                                                          {".adaptive.redistance", Options{}}};
+    std::vector<std::pair<char const*, Options>> cases = {
+        {".non_adaptive", nonAdaptive()},
+        {".adaptive.refine_coarser_levels", Options{}},
+        {".adaptive.refine_adaptively", Options{}},
+        {".adaptive.redistance", Options{}}};
     for (auto const& [stage, o] : cases) {
         PointVolume<Tr> v(h);
         bool thrown = false;
@@ -532,7 +581,8 @@ TYPED_TEST(VoxelizePoints, BadInputIsLeftOutOrRefusedWithoutACrash)
 {
     using Tr = TypeParam;
     float const h = 1.0f / 32;
-    float const nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    float const nan = std::numeric_limits<float>::quiet_NaN(),
+                inf = std::numeric_limits<float>::infinity();
     for (auto const& [name, o] : routes()) {
         // An empty cloud: a warning, false, nothing changed.
         {
@@ -542,17 +592,21 @@ TYPED_TEST(VoxelizePoints, BadInputIsLeftOutOrRefusedWithoutACrash)
             v.build(c, o);
             EXPECT_FALSE(v.result);
             EXPECT_EQ(v.container().tileCount(-1), 0);
-            EXPECT_TRUE(v.services.contains(Quillon::RuntimeMessageCategory::kWarning, "No points to voxelize."));
+            EXPECT_TRUE(v.services.contains(Quillon::RuntimeMessageCategory::kWarning,
+                                            "No points to voxelize."));
         }
         // Non-finite positions and bad radii are left out; the good points still make spheres.
         {
             Cloud c;
-            c.positions = {f3(0, 0, 0), f3(nan, 0, 0), f3(inf, 0, 0), f3(0.3, 0, 0), f3(0, 0.3, 0), f3(0, 0, 0.3), f3(0.2, 0.2, 0.2)};
+            c.positions = {f3(0, 0, 0),   f3(nan, 0, 0), f3(inf, 0, 0),    f3(0.3, 0, 0),
+                           f3(0, 0.3, 0), f3(0, 0, 0.3), f3(0.2, 0.2, 0.2)};
             c.radii = {0.1f, 0.1f, 0.1f, -0.1f, nan, inf, 0.0f};
             PointVolume<Tr> v(h);
             v.build(c, o);
             EXPECT_TRUE(v.result) << name;
-            EXPECT_TRUE(v.services.contains(Quillon::RuntimeMessageCategory::kWarning, "5 of 7 points")) << name;
+            EXPECT_TRUE(
+                v.services.contains(Quillon::RuntimeMessageCategory::kWarning, "5 of 7 points"))
+                << name;
             Cloud good;
             good.positions = {f3(0, 0, 0), f3(0.2, 0.2, 0.2)};
             good.radii = {0.1f, 0.0f};
@@ -575,7 +629,8 @@ TYPED_TEST(VoxelizePoints, BadInputIsLeftOutOrRefusedWithoutACrash)
             c.positions = {f3(0, 0, 0), f3(0.1, 0, 0)};
             c.radii = {0.05f};
             auto cloud = Geo::createPointCloud(Quillon::Array<float3>{f3(0, 0, 0)});
-            ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "t", Geo::sPointComp, Quillon::Array<float>{3.0f}, 7.0f));
+            ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "t", Geo::sPointComp,
+                                                       Quillon::Array<float>{3.0f}, 7.0f));
             Options p = o;
             p.properties = "t";
             PointVolume<Tr> v(h);
@@ -585,8 +640,11 @@ TYPED_TEST(VoxelizePoints, BadInputIsLeftOutOrRefusedWithoutACrash)
             ASSERT_TRUE(ch) << name;
             for (int d = 0; d <= Tr::kMaxDepth; ++d)
                 for (std::int64_t t = 0; t < v.container().tileCount(d); ++t)
-                    for (float x : ch->tileData(t, d)) ASSERT_EQ(x, 7.0f) << name;
-            EXPECT_TRUE(v.services.contains(Quillon::RuntimeMessageCategory::kWarning, "has 1 values for 2 points")) << name;
+                    for (float x : ch->tileData(t, d))
+                        ASSERT_EQ(x, 7.0f) << name;
+            EXPECT_TRUE(v.services.contains(Quillon::RuntimeMessageCategory::kWarning,
+                                            "has 1 values for 2 points"))
+                << name;
         }
     }
 }
@@ -600,14 +658,18 @@ std::vector<std::string>& timerNames()
     static std::vector<std::string> names;
     return names;
 }
-void recordTimer(Quillon::StringView name, double) { timerNames().emplace_back(name); }
+void recordTimer(Quillon::StringView name, double)
+{
+    timerNames().emplace_back(name);
+}
 
 /// Warnings and errors among the recorded messages (timers report at the info category).
 int problems(Quillon::Testing::RecordingServices const& s)
 {
     int n = 0;
     for (auto const& m : s.messages())
-        n += m.category == Quillon::RuntimeMessageCategory::kWarning || m.category == Quillon::RuntimeMessageCategory::kError;
+        n += m.category == Quillon::RuntimeMessageCategory::kWarning ||
+             m.category == Quillon::RuntimeMessageCategory::kError;
     return n;
 }
 
@@ -616,13 +678,15 @@ template <typename Tr> std::vector<std::vector<int3>> tileCorners(Container<Tr> 
 {
     std::vector<std::vector<int3>> out(Tr::kMaxDepth + 1);
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
-        for (std::int64_t t = 0; t < c.tileCount(d); ++t) out[std::size_t(d)].push_back(c.tile(t, d).tijk());
+        for (std::int64_t t = 0; t < c.tileCount(d); ++t)
+            out[std::size_t(d)].push_back(c.tile(t, d).tijk());
     return out;
 }
 
 } // namespace
 
-TYPED_TEST(VoxelizePoints, ResolutionFieldsWithoutAFieldTakeTheNonAdaptiveRouteWhateverTheTopologyType)
+TYPED_TEST(VoxelizePoints,
+           ResolutionFieldsWithoutAFieldTakeTheNonAdaptiveRouteWhateverTheTopologyType)
 {
     using Tr = TypeParam;
     Cloud c;
@@ -638,7 +702,8 @@ TYPED_TEST(VoxelizePoints, ResolutionFieldsWithoutAFieldTakeTheNonAdaptiveRouteW
         CoreGL::Logger::setTimerObserver(nullptr);
         bool nonAdaptiveRan = false, adaptiveRan = false;
         for (auto const& n : timerNames()) {
-            nonAdaptiveRan = nonAdaptiveRan || n == "Geometry::Converters::points_to_level_set.non_adaptive";
+            nonAdaptiveRan =
+                nonAdaptiveRan || n == "Geometry::Converters::points_to_level_set.non_adaptive";
             adaptiveRan = adaptiveRan || n == "Geometry::Converters::points_to_level_set.adaptive";
         }
         EXPECT_TRUE(nonAdaptiveRan) << int(type);
@@ -668,14 +733,17 @@ TYPED_TEST(VoxelizePoints, KeepingTheTilesAddsAndRemovesNone)
     ASSERT_EQ(before.size(), after.size());
     for (std::size_t d = 0; d < before.size(); ++d) {
         ASSERT_EQ(before[d].size(), after[d].size()) << d;
-        for (std::size_t t = 0; t < before[d].size(); ++t) EXPECT_EQ(before[d][t], after[d][t]);
+        for (std::size_t t = 0; t < before[d].size(); ++t)
+            EXPECT_EQ(before[d][t], after[d][t]);
     }
     // The kept tiles hold the new sphere: its centre is inside.
     auto acc = v.container().tileAccessor();
-    auto const& centre = acc.tile(int(std::floor(0.05 / h)), int(std::floor(-0.03 / h)), int(std::floor(0.02 / h)), Tr::kMaxDepth);
+    auto const& centre = acc.tile(int(std::floor(0.05 / h)), int(std::floor(-0.03 / h)),
+                                  int(std::floor(0.02 / h)), Tr::kMaxDepth);
     ASSERT_TRUE(centre.valid());
     int i, j, k;
-    centre.childDataIJK(int(std::floor(0.05 / h)), int(std::floor(-0.03 / h)), int(std::floor(0.02 / h)), i, j, k);
+    centre.childDataIJK(int(std::floor(0.05 / h)), int(std::floor(-0.03 / h)),
+                        int(std::floor(0.02 / h)), i, j, k);
     EXPECT_LT(v.level().tileData(centre.treeIndex())(i, j, k), 0.0f);
 }
 
@@ -697,8 +765,11 @@ TYPED_TEST(VoxelizePoints, ZeroSharedRadiusGivesThePlainDistanceToTheNearestPoin
             v.sample(t, n, p);
             double d = 1e30;
             for (auto const& q : c.positions)
-                d = std::min(d, std::sqrt((p[0] - q.x) * (p[0] - q.x) + (p[1] - q.y) * (p[1] - q.y) + (p[2] - q.z) * (p[2] - q.z)));
-            if (d > 1.0 * h) return;
+                d = std::min(d,
+                             std::sqrt((p[0] - q.x) * (p[0] - q.x) + (p[1] - q.y) * (p[1] - q.y) +
+                                       (p[2] - q.z) * (p[2] - q.z)));
+            if (d > 1.0 * h)
+                return;
             ++near;
             worst = std::max(worst, std::abs(double(value) - d) / h);
         });
@@ -714,7 +785,8 @@ TYPED_TEST(VoxelizePoints, APropertyNamedLikeTheLevelSetGetsAPrefixedChannel)
     c.positions.push_back(f3(0.0, 0.01, 0.0));
     c.radii.push_back(0.2f);
     auto cloud = c.object();
-    ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "signed_distance", Geo::sPointComp, Quillon::Array<float>{42.0f}, 0.0f));
+    ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "signed_distance", Geo::sPointComp,
+                                               Quillon::Array<float>{42.0f}, 0.0f));
     Options o;
     o.properties = "signed_distance";
     PointVolume<Tr> v(1.0f / 64);
@@ -722,7 +794,8 @@ TYPED_TEST(VoxelizePoints, APropertyNamedLikeTheLevelSetGetsAPrefixedChannel)
     auto const renamed = v.template channelOf<float>("voxel_voxel_signed_distance");
     ASSERT_TRUE(renamed);
     EXPECT_EQ(renamed->tileData(0, Tr::kMaxDepth)[0], 42.0f);
-    expectAccurate(measure(v, c, "adaptive level set beside its property"), "adaptive level set beside its property");
+    expectAccurate(measure(v, c, "adaptive level set beside its property"),
+                   "adaptive level set beside its property");
 }
 
 TYPED_TEST(VoxelizePoints, APropertyWithNoValuesGetsAChannelOfDefaults)
@@ -733,7 +806,8 @@ TYPED_TEST(VoxelizePoints, APropertyWithNoValuesGetsAChannelOfDefaults)
     c.radii.push_back(0.2f);
     // The property's object has no points: its value array is empty.
     auto cloud = Geo::createPointCloud(Quillon::Array<float3>{});
-    ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "heat", Geo::sPointComp, Quillon::Array<float>{}, 5.0f));
+    ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "heat", Geo::sPointComp,
+                                               Quillon::Array<float>{}, 5.0f));
     for (auto [name, o] : routes()) {
         o.properties = "heat";
         PointVolume<Tr> v(1.0f / 32);
@@ -743,7 +817,8 @@ TYPED_TEST(VoxelizePoints, APropertyWithNoValuesGetsAChannelOfDefaults)
         ASSERT_TRUE(ch) << name;
         for (int d = 0; d <= Tr::kMaxDepth; ++d)
             for (std::int64_t t = 0; t < v.container().tileCount(d); ++t)
-                for (float x : ch->tileData(t, d)) ASSERT_EQ(x, 5.0f) << name;
+                for (float x : ch->tileData(t, d))
+                    ASSERT_EQ(x, 5.0f) << name;
         EXPECT_EQ(problems(v.services), 0) << name;
     }
 }
@@ -791,9 +866,11 @@ TYPED_TEST(VoxelizePoints, ATileDeepInsideOneBigSphereIsNotRefined)
     std::int64_t deep = 0;
     for (std::int64_t t = 0; t < tree.tileCount(Tr::kMaxDepth); ++t) {
         int3 const k = tree.tile(t, Tr::kMaxDepth).tijk();
-        double const x = (k.x + 0.5 * tileWidth / h) * h - 0.003, y = (k.y + 0.5 * tileWidth / h) * h + 0.002,
+        double const x = (k.x + 0.5 * tileWidth / h) * h - 0.003,
+                     y = (k.y + 0.5 * tileWidth / h) * h + 0.002,
                      z = (k.z + 0.5 * tileWidth / h) * h - 0.001;
-        if (std::sqrt(x * x + y * y + z * z) - 0.4 < -2.0 * tileWidth) ++deep;
+        if (std::sqrt(x * x + y * y + z * z) - 0.4 < -2.0 * tileWidth)
+            ++deep;
     }
     EXPECT_GT(tree.tileCount(Tr::kMaxDepth), 0);
     EXPECT_EQ(deep, 0);
@@ -808,7 +885,8 @@ TEST(VoxelizePointsTraits24, AGapBetweenSmallSpheresThatNoNodeSeesIsRefinedByThe
     Cloud c;
     for (int k = -6; k < 6; ++k)
         for (int j = -6; j < 6; ++j)
-            for (int i = -6; i < 6; ++i) c.positions.push_back(f3((2 * i + 1) * h, (2 * j + 1) * h, (2 * k + 1) * h));
+            for (int i = -6; i < 6; ++i)
+                c.positions.push_back(f3((2 * i + 1) * h, (2 * j + 1) * h, (2 * k + 1) * h));
     c.radii.push_back(0.8f * h);
     PointVolume<Tr> v(h);
     v.build(c);
@@ -840,13 +918,15 @@ TYPED_TEST(VoxelizePoints, NoErrorToleranceRefinesEveryTileNearTheSurfaceToTheFi
         double d[3] = {g(rng), g(rng), g(rng)};
         double const n = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
         double const p[3] = {0.01 + 0.3 * d[0] / n, 0.3 * d[1] / n, -0.01 + 0.3 * d[2] / n};
-        auto const& t = acc.tile(std::int64_t(std::floor(p[0] / h)), std::int64_t(std::floor(p[1] / h)),
-                                 std::int64_t(std::floor(p[2] / h)), Tr::kMaxDepth);
+        auto const& t =
+            acc.tile(std::int64_t(std::floor(p[0] / h)), std::int64_t(std::floor(p[1] / h)),
+                     std::int64_t(std::floor(p[2] / h)), Tr::kMaxDepth);
         if (!t.valid() || t.depth() != Tr::kMaxDepth) {
             ++missing;
             if (std::getenv("HEXMOLD_POINTS_DEBUG"))
-                std::cout << "missing at " << p[0] / h << " " << p[1] / h << " " << p[2] / h << " depth " << t.depth() << " corner "
-                          << t.ti() << " " << t.tj() << " " << t.tk() << "\n";
+                std::cout << "missing at " << p[0] / h << " " << p[1] / h << " " << p[2] / h
+                          << " depth " << t.depth() << " corner " << t.ti() << " " << t.tj() << " "
+                          << t.tk() << "\n";
         }
     }
     EXPECT_EQ(missing, 0);
@@ -871,7 +951,8 @@ TYPED_TEST(VoxelizePoints, DetailSizesStopRefinementAtTheDepthTheyAskFor)
         auto const& tree = v.container();
         int deepest = -1;
         for (int d = 0; d <= Tr::kMaxDepth; ++d)
-            if (tree.tileCount(d) > 0) deepest = d;
+            if (tree.tileCount(d) > 0)
+                deepest = d;
         EXPECT_EQ(deepest, Tr::kMaxDepth - 2) << "radius " << radius / h << " voxels";
     }
 }
@@ -922,5 +1003,6 @@ TYPED_TEST(VoxelizePoints, ZeroTileDilationLeavesTheTilesAtTheirDefault)
     EXPECT_NE(v.out.find("tileDilation = 0"), std::string::npos);
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < tree.tileCount(d); ++t)
-            for (float x : v.level().tileData(t, d)) ASSERT_EQ(std::abs(x), v.far);
+            for (float x : v.level().tileData(t, d))
+                ASSERT_EQ(std::abs(x), v.far);
 }

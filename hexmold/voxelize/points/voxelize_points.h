@@ -55,23 +55,23 @@ namespace VolumeGL::TileTree3D {
 ///         back in @p volume.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math::float3> const& positions,
-                                Quillon::Array<float> const& radii, Quillon::Array<float> const* detailSizes,
-                                Adaptivity const& adaptivity, float maxRelativeError,
-                                Quillon::Array<ResolutionField> const* resolutionFields, float grading,
-                                Quillon::String const& propertyPattern, Quillon::String const& containerName,
-                                Quillon::String const& topologyName, Quillon::String const& channelName,
-                                TVL::Object& volume, TopologyType topologyType,
-                                Quillon::RuntimeServices const& runtime);
+HEXMOLD_API bool voxelizePoints(
+    Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math::float3> const& positions,
+    Quillon::Array<float> const& radii, Quillon::Array<float> const* detailSizes,
+    Adaptivity const& adaptivity, float maxRelativeError,
+    Quillon::Array<ResolutionField> const* resolutionFields, float grading,
+    Quillon::String const& propertyPattern, Quillon::String const& containerName,
+    Quillon::String const& topologyName, Quillon::String const& channelName, TVL::Object& volume,
+    TopologyType topologyType, Quillon::RuntimeServices const& runtime);
 
 /// @brief As above with one radius (world) shared by every point.
 template <typename Traits>
-HEXMOLD_API bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math::float3> const& positions,
-                                float radius, Quillon::Array<float> const* detailSizes, Adaptivity const& adaptivity,
-                                float maxRelativeError, Quillon::Array<ResolutionField> const* resolutionFields,
-                                float grading, Quillon::String const& propertyPattern,
-                                Quillon::String const& containerName, Quillon::String const& topologyName,
-                                Quillon::String const& channelName, TVL::Object& volume, TopologyType topologyType,
-                                Quillon::RuntimeServices const& runtime);
+HEXMOLD_API bool voxelizePoints(
+    Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math::float3> const& positions,
+    float radius, Quillon::Array<float> const* detailSizes, Adaptivity const& adaptivity,
+    float maxRelativeError, Quillon::Array<ResolutionField> const* resolutionFields, float grading,
+    Quillon::String const& propertyPattern, Quillon::String const& containerName,
+    Quillon::String const& topologyName, Quillon::String const& channelName, TVL::Object& volume,
+    TopologyType topologyType, Quillon::RuntimeServices const& runtime);
 
 } // namespace VolumeGL::TileTree3D

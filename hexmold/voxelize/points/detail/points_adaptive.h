@@ -10,11 +10,6 @@
 #include <cmath>
 #include <cstdint>
 #include <deque>
-#include <iostream>
-#include <limits>
-#include <memory>
-#include <utility>
-#include <vector>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/platform/quillon/runtime_services.h>
@@ -28,6 +23,11 @@
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/voxelize/points/detail/points_driver.h>
 #include <hexmold/voxelize/points/detail/points_stage_names.h>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <utility>
+#include <vector>
 
 namespace VolumeGL::TileTree3D::detail {
 
@@ -42,12 +42,19 @@ using TVL::TileTree3D::VoxelCoord;
 struct DepthLists {
     std::vector<std::int64_t> offset;
     std::vector<std::int64_t> index;
-    std::int64_t const* begin(std::int64_t t) const { return index.data() + offset[std::size_t(t)]; }
-    std::int64_t const* end(std::int64_t t) const { return index.data() + offset[std::size_t(t) + 1]; }
+    std::int64_t const* begin(std::int64_t t) const
+    {
+        return index.data() + offset[std::size_t(t)];
+    }
+    std::int64_t const* end(std::int64_t t) const
+    {
+        return index.data() + offset[std::size_t(t) + 1];
+    }
 };
 
 /// Builds per-tile lists from (tile, point) records.
-inline DepthLists listsFromRecords(std::vector<std::pair<std::int64_t, std::int64_t>>& records, std::int64_t tiles)
+inline DepthLists listsFromRecords(std::vector<std::pair<std::int64_t, std::int64_t>>& records,
+                                   std::int64_t tiles)
 {
     Par::parallel_sort(records.begin(), records.end());
     records.erase(std::unique(records.begin(), records.end()), records.end());
@@ -58,7 +65,8 @@ inline DepthLists listsFromRecords(std::vector<std::pair<std::int64_t, std::int6
         ++l.offset[std::size_t(t) + 1];
         l.index.push_back(i);
     }
-    for (std::int64_t t = 0; t < tiles; ++t) l.offset[std::size_t(t) + 1] += l.offset[std::size_t(t)];
+    for (std::int64_t t = 0; t < tiles; ++t)
+        l.offset[std::size_t(t) + 1] += l.offset[std::size_t(t)];
     return l;
 }
 
@@ -81,15 +89,16 @@ template <typename Traits> struct TileKernel {
 
     PointsDriver<Traits> const& m;
 
-    bool operator()(int3 const& origin, std::int64_t vdw, std::int64_t const* first, std::int64_t const* last,
-                    float* outLevel, std::int64_t* outClosest, float threshold, float const* coarseLevel,
-                    std::int64_t const* coarseClosest, int3 const& child, int3 const& lo, int3 const& hi,
-                    bool sweep) const
+    bool operator()(int3 const& origin, std::int64_t vdw, std::int64_t const* first,
+                    std::int64_t const* last, float* outLevel, std::int64_t* outClosest,
+                    float threshold, float const* coarseLevel, std::int64_t const* coarseClosest,
+                    int3 const& child, int3 const& lo, int3 const& hi, bool sweep) const
     {
         constexpr int L = W + 1; // coarse lattices are (W + 1)^3, x fastest
         constexpr std::int64_t kNone = std::numeric_limits<std::int64_t>::max();
         int const nx = hi.x - lo.x, ny = hi.y - lo.y, nz = hi.z - lo.z;
-        if (nx <= 0 || ny <= 0 || nz <= 0) return false;
+        if (nx <= 0 || ny <= 0 || nz <= 0)
+            return false;
         std::array<double3, kMaxNodes> pos;
         std::array<std::int64_t, kMaxNodes> closest;
         std::array<unsigned char, kMaxNodes> inherited;
@@ -103,18 +112,22 @@ template <typename Traits> struct TileKernel {
                     int const gi = lo.x + i, gj = lo.y + j, gk = lo.z + k;
                     closest[n] = kNone;
                     inherited[n] = 0;
-                    pos[n] = double3{double(origin.x) + (gi + m.offset.x) * v, double(origin.y) + (gj + m.offset.y) * v,
+                    pos[n] = double3{double(origin.x) + (gi + m.offset.x) * v,
+                                     double(origin.y) + (gj + m.offset.y) * v,
                                      double(origin.z) + (gk + m.offset.z) * v};
                     // A node shares its sample with the coarse lattice only when samples sit at
                     // voxel corners: with any other offset the two lattices are shifted.
-                    bool const onCoarse = coarseAligned && gi % R == 0 && gj % R == 0 && gk % R == 0;
+                    bool const onCoarse =
+                        coarseAligned && gi % R == 0 && gj % R == 0 && gk % R == 0;
                     if (!coarseLevel || (sweep && !coarseClosest) || !onCoarse) {
                         outLevel[n] = m.defaultValue;
-                        if (outClosest) outClosest[n] = -1;
+                        if (outClosest)
+                            outClosest[n] = -1;
                         continue;
                     }
                     constexpr int kCellsPerChild = W / R;
-                    int const ci = gi / R + kCellsPerChild * child.x, cj = gj / R + kCellsPerChild * child.y,
+                    int const ci = gi / R + kCellsPerChild * child.x,
+                              cj = gj / R + kCellsPerChild * child.y,
                               ck = gk / R + kCellsPerChild * child.z;
                     std::size_t const c = std::size_t(ci + L * (cj + L * ck));
                     inherited[n] = 1;
@@ -122,20 +135,25 @@ template <typename Traits> struct TileKernel {
                     outLevel[n] = coarseLevel[c];
                     if (coarseClosest) {
                         closest[n] = coarseClosest[c] < 0 ? kNone : coarseClosest[c];
-                        if (outClosest) outClosest[n] = coarseClosest[c];
+                        if (outClosest)
+                            outClosest[n] = coarseClosest[c];
                     } else if (outClosest) {
                         outClosest[n] = -1;
                     }
-                    if (outLevel[n] < threshold) flag = true;
+                    if (outLevel[n] < threshold)
+                        flag = true;
                 }
         auto const offer = [&](int n, std::int64_t q) {
             float const d = m.sphereDistance(pos[std::size_t(n)], q);
             if (outLevel[n] > d || (outLevel[n] == d && closest[std::size_t(n)] > q)) {
                 outLevel[n] = d;
-                if (outClosest) outClosest[n] = q;
-                if (closest[std::size_t(n)] == kNone) --remaining;
+                if (outClosest)
+                    outClosest[n] = q;
+                if (closest[std::size_t(n)] == kNone)
+                    --remaining;
                 closest[std::size_t(n)] = q;
-                if (d < threshold) flag = true;
+                if (d < threshold)
+                    flag = true;
             }
         };
         double const hv = double(m.invVoxelSize);
@@ -148,23 +166,29 @@ template <typename Traits> struct TileKernel {
             bool empty = false;
             for (int a = 0; a < 3; ++a) {
                 double const o = double(origin[a]);
-                double const l = std::floor((p[a] - reach - o) / v), h = std::ceil((p[a] + reach - o) / v);
+                double const l = std::floor((p[a] - reach - o) / v),
+                             h = std::ceil((p[a] + reach - o) / v);
                 r0[a] = int(std::clamp(l, double(los[a]), double(his[a])));
                 r1[a] = int(std::clamp(h, double(los[a] - 1), double(his[a] - 1)));
-                if (r1[a] < r0[a]) empty = true;
+                if (r1[a] < r0[a])
+                    empty = true;
             }
-            if (empty) continue;
+            if (empty)
+                continue;
             for (int k = r0[2]; k <= r1[2]; ++k)
                 for (int j = r0[1]; j <= r1[1]; ++j)
                     for (int i = r0[0]; i <= r1[0]; ++i) {
                         int const n = (i - lo.x) + nx * ((j - lo.y) + ny * (k - lo.z));
-                        if (!inherited[std::size_t(n)]) offer(n, q);
+                        if (!inherited[std::size_t(n)])
+                            offer(n, q);
                     }
         }
-        if (!sweep || remaining < 1) return flag;
+        if (!sweep || remaining < 1)
+            return flag;
         // Nodes that no point reached take their upwind neighbours' points.
         std::array<unsigned char, kMaxNodes> marked;
-        for (int n = 0; n < nx * ny * nz; ++n) marked[std::size_t(n)] = closest[std::size_t(n)] == kNone && !inherited[std::size_t(n)];
+        for (int n = 0; n < nx * ny * nz; ++n)
+            marked[std::size_t(n)] = closest[std::size_t(n)] == kNone && !inherited[std::size_t(n)];
         for (int s = 0; s < 8 && remaining >= 1; ++s) {
             int const dx = (s & 1) ? -1 : 1, dy = (s & 2) ? -1 : 1, dz = (s & 4) ? -1 : 1;
             for (int kk = 0; kk < nz; ++kk)
@@ -173,13 +197,17 @@ template <typename Traits> struct TileKernel {
                         int const i = dx > 0 ? ii : nx - 1 - ii, j = dy > 0 ? jj : ny - 1 - jj,
                                   k = dz > 0 ? kk : nz - 1 - kk;
                         int const n = i + nx * (j + ny * k);
-                        if (!marked[std::size_t(n)]) continue;
-                        int const i1 = std::clamp(i - dx, 0, nx - 1), j1 = std::clamp(j - dy, 0, ny - 1),
+                        if (!marked[std::size_t(n)])
+                            continue;
+                        int const i1 = std::clamp(i - dx, 0, nx - 1),
+                                  j1 = std::clamp(j - dy, 0, ny - 1),
                                   k1 = std::clamp(k - dz, 0, nz - 1);
                         for (int c = 0; c < 8; ++c) {
-                            int const wi = (c & 1) ? i1 : i, wj = (c & 2) ? j1 : j, wk = (c & 4) ? k1 : k;
+                            int const wi = (c & 1) ? i1 : i, wj = (c & 2) ? j1 : j,
+                                      wk = (c & 4) ? k1 : k;
                             std::int64_t const q = closest[std::size_t(wi + nx * (wj + ny * wk))];
-                            if (q == kNone || q == closest[std::size_t(n)]) continue;
+                            if (q == kNone || q == closest[std::size_t(n)])
+                                continue;
                             offer(n, q);
                         }
                     }
@@ -209,24 +237,28 @@ template <typename Traits> double pointBoxExtent(PointsDriver<Traits> const& m)
             return b;
         },
         [](Box a, Box const& b) {
-            for (int q = 0; q < 3; ++q) a.lo[q] = std::min(a.lo[q], b.lo[q]), a.hi[q] = std::max(a.hi[q], b.hi[q]);
+            for (int q = 0; q < 3; ++q)
+                a.lo[q] = std::min(a.lo[q], b.lo[q]), a.hi[q] = std::max(a.hi[q], b.hi[q]);
             return a;
         });
     double e = 0.0;
-    for (int a = 0; a < 3; ++a) e = std::max(e, box.hi[a] - box.lo[a]);
+    for (int a = 0; a < 3; ++a)
+        e = std::max(e, box.hi[a] - box.lo[a]);
     return e * double(m.voxelSize);
 }
 
 /// The first field (deepest first) whose box overlaps the world box [lo, hi]; null when none.
 template <typename Traits>
-typename PointsDriver<Traits>::Field const* overlappingField(PointsDriver<Traits> const& m, double const lo[3],
-                                                             double const hi[3])
+typename PointsDriver<Traits>::Field const* overlappingField(PointsDriver<Traits> const& m,
+                                                             double const lo[3], double const hi[3])
 {
     for (auto const& f : m.fields) {
         bool overlap = true;
         for (int a = 0; a < 3; ++a)
-            if (double(f.max[a]) + kBoxSlack < lo[a] || double(f.min[a]) - kBoxSlack > hi[a]) overlap = false;
-        if (overlap) return &f;
+            if (double(f.max[a]) + kBoxSlack < lo[a] || double(f.min[a]) - kBoxSlack > hi[a])
+                overlap = false;
+        if (overlap)
+            return &f;
     }
     return nullptr;
 }
@@ -252,11 +284,13 @@ template <typename Traits> void refineCoarserLevels(PointsDriver<Traits>& m, dou
             Par::blocked_range<std::size_t>(0, m.size(), 4096), Max{},
             [&](Par::blocked_range<std::size_t> const& r, Max a) {
                 for (std::size_t i = r.begin(); i != r.end(); ++i) {
-                    if (m.hasDetailSizes && std::isfinite(m.detail[i])) a.detail = std::max(a.detail, m.detail[i]);
+                    if (m.hasDetailSizes && std::isfinite(m.detail[i]))
+                        a.detail = std::max(a.detail, m.detail[i]);
                     if (!m.hasSingleRadius) {
                         double rv = m.radiusInVoxels(i);
                         if (m.hasDetailSizes)
-                            rv /= double(Container<Traits>::voxelDataWidth(m.detailSizeDepth(m.detail[i])));
+                            rv /= double(
+                                Container<Traits>::voxelDataWidth(m.detailSizeDepth(m.detail[i])));
                         a.radius = std::max(a.radius, rv);
                     }
                 }
@@ -267,75 +301,95 @@ template <typename Traits> void refineCoarserLevels(PointsDriver<Traits>& m, dou
                 a.radius = std::max(a.radius, b.radius);
                 return a;
             });
-        if (m.hasDetailSizes) m.minVariedFromPropertyDepth = m.detailSizeDepth(mx.detail);
-        if (!m.hasSingleRadius) m.maxVariedRadiusInVoxels = int(std::ceil(std::min(mx.radius, 1e9)));
+        if (m.hasDetailSizes)
+            m.minVariedFromPropertyDepth = m.detailSizeDepth(mx.detail);
+        if (!m.hasSingleRadius)
+            m.maxVariedRadiusInVoxels = int(std::ceil(std::min(mx.radius, 1e9)));
     }
     constexpr int kSmallRadius = R == 2 ? 7 : 9;
-    if (m.isVariedFromProperty && m.maxVariedRadiusInVoxels <= kSmallRadius) m.allocateAdaptivelyAlongSurface = false;
+    if (m.isVariedFromProperty && m.maxVariedRadiusInVoxels <= kSmallRadius)
+        m.allocateAdaptivelyAlongSurface = false;
     int const s = std::min(m.fieldMinDepth, m.minVariedFromPropertyDepth);
     m.minDepth = std::min(s, std::max(m.minDepth, s - 4));
     if (verbose > 0)
-        std::cout << "minDepth = " << m.minDepth << "\nminVariedFromPropertyDepth = " << m.minVariedFromPropertyDepth
+        std::cout << "minDepth = " << m.minDepth
+                  << "\nminVariedFromPropertyDepth = " << m.minVariedFromPropertyDepth
                   << "\nmaxVariedRadiusInVoxels = " << m.maxVariedRadiusInVoxels
-                  << "\nallocateAdaptivelyAlongSurface = " << m.allocateAdaptivelyAlongSurface << '\n';
-    if (m.allocateAdaptivelyAlongSurface) m.minDepth = std::min(m.minDepth, kMax - 1);
+                  << "\nallocateAdaptivelyAlongSurface = " << m.allocateAdaptivelyAlongSurface
+                  << '\n';
+    if (m.allocateAdaptivelyAlongSurface)
+        m.minDepth = std::min(m.minDepth, kMax - 1);
     int const maxNumThreads = Par::maxConcurrency();
-    if (verbose > 0) std::cout << "maxNumThreads = " << maxNumThreads << '\n';
-    std::size_t const grain = std::max<std::size_t>(1, m.size() / std::size_t(std::max(1, maxNumThreads)));
+    if (verbose > 0)
+        std::cout << "maxNumThreads = " << maxNumThreads << '\n';
+    std::size_t const grain =
+        std::max<std::size_t>(1, m.size() / std::size_t(std::max(1, maxNumThreads)));
 
     bool const perTile = m.isVariedFromProperty && !m.allocateAdaptivelyAlongSurface;
     bool const hasFields = !m.fields.empty();
     Par::enumerable_thread_specific<CornerSet> sets;
-    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), grain), [&](Par::blocked_range<std::size_t> const& r) {
-        if (TVL::bodyCancelled()) return;
-        CornerSet& set = sets.local();
-        for (std::size_t i = r.begin(); i != r.end(); ++i) {
-            double3 const& p = m.centre[i];
-            int depth = m.minDepth;
-            if (m.isVariedFromProperty) {
-                int const d = m.hasDetailSizes ? m.detailSizeDepth(m.detail[i]) : kMax;
-                depth = m.allocateAdaptivelyAlongSurface ? std::min(m.minDepth, d) : d;
-            }
-            std::int64_t lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
-            if (!(!hasFields && perTile)) {
-                double const rv = m.radiusInVoxels(i) + double(m.padDepthTS[std::size_t(depth)]);
-                for (int a = 0; a < 3; ++a) {
-                    lo[a] = std::int64_t(std::floor(p[a] - rv));
-                    hi[a] = std::int64_t(std::ceil(p[a] + rv));
+    Par::parallel_for(
+        Par::blocked_range<std::size_t>(0, m.size(), grain),
+        [&](Par::blocked_range<std::size_t> const& r) {
+            if (TVL::bodyCancelled())
+                return;
+            CornerSet& set = sets.local();
+            for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                double3 const& p = m.centre[i];
+                int depth = m.minDepth;
+                if (m.isVariedFromProperty) {
+                    int const d = m.hasDetailSizes ? m.detailSizeDepth(m.detail[i]) : kMax;
+                    depth = m.allocateAdaptivelyAlongSurface ? std::min(m.minDepth, d) : d;
                 }
-            }
-            if (hasFields) {
-                double wl[3], wh[3];
-                for (int a = 0; a < 3; ++a) wl[a] = double(lo[a]) * m.voxelSize, wh[a] = double(hi[a]) * m.voxelSize;
-                auto const* f = overlappingField(m, wl, wh);
-                if (!f) continue; // a point outside every field allocates nothing
-                depth = std::min(f->targetDepth, depth);
-            }
-            if (perTile) {
+                std::int64_t lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
+                if (!(!hasFields && perTile)) {
+                    double const rv =
+                        m.radiusInVoxels(i) + double(m.padDepthTS[std::size_t(depth)]);
+                    for (int a = 0; a < 3; ++a) {
+                        lo[a] = std::int64_t(std::floor(p[a] - rv));
+                        hi[a] = std::int64_t(std::ceil(p[a] + rv));
+                    }
+                }
+                if (hasFields) {
+                    double wl[3], wh[3];
+                    for (int a = 0; a < 3; ++a)
+                        wl[a] = double(lo[a]) * m.voxelSize, wh[a] = double(hi[a]) * m.voxelSize;
+                    auto const* f = overlappingField(m, wl, wh);
+                    if (!f)
+                        continue; // a point outside every field allocates nothing
+                    depth = std::min(f->targetDepth, depth);
+                }
+                if (perTile) {
+                    std::int64_t const w = Container<Traits>::tileVoxelWidth(depth);
+                    int3 c;
+                    for (int a = 0; a < 3; ++a)
+                        c[a] = int(
+                            PointsDriver<Traits>::alignDown(std::int64_t(std::floor(p[a])), depth));
+                    if (Container<Traits>::inDomain(c.x, c.y, c.z))
+                        set.insert(c, depth);
+                    (void)w;
+                    continue;
+                }
                 std::int64_t const w = Container<Traits>::tileVoxelWidth(depth);
-                int3 c;
+                std::int64_t a0[3];
                 for (int a = 0; a < 3; ++a)
-                    c[a] = int(PointsDriver<Traits>::alignDown(std::int64_t(std::floor(p[a])), depth));
-                if (Container<Traits>::inDomain(c.x, c.y, c.z)) set.insert(c, depth);
-                (void)w;
-                continue;
+                    a0[a] = PointsDriver<Traits>::alignDown(lo[a], depth);
+                for (std::int64_t z = a0[2]; z <= hi[2]; z += w)
+                    for (std::int64_t y = a0[1]; y <= hi[1]; y += w)
+                        for (std::int64_t x = a0[0]; x <= hi[0]; x += w)
+                            if (Container<Traits>::inDomain(x, y, z))
+                                set.insert(int3{int(x), int(y), int(z)}, depth);
             }
-            std::int64_t const w = Container<Traits>::tileVoxelWidth(depth);
-            std::int64_t a0[3];
-            for (int a = 0; a < 3; ++a) a0[a] = PointsDriver<Traits>::alignDown(lo[a], depth);
-            for (std::int64_t z = a0[2]; z <= hi[2]; z += w)
-                for (std::int64_t y = a0[1]; y <= hi[1]; y += w)
-                    for (std::int64_t x = a0[0]; x <= hi[0]; x += w)
-                        if (Container<Traits>::inDomain(x, y, z)) set.insert(int3{int(x), int(y), int(z)}, depth);
-        }
-    });
+        });
     TVL::throwIfJobCancelled();
     addCollectedTiles(sets, m.container);
     if (verbose > 0)
-        for (int d = 0; d <= kMax; ++d) std::cout << "tileCount(" << d << ") = " << m.container.tileCount(d) << '\n';
+        for (int d = 0; d <= kMax; ++d)
+            std::cout << "tileCount(" << d << ") = " << m.container.tileCount(d) << '\n';
 }
 
-// ---- stage: the partition of the points ----------------------------------------------------------
+// ---- stage: the partition of the points
+// ----------------------------------------------------------
 
 /// The partition: with `allocateAdaptivelyAlongSurface`, every tile of minDepth that a point's
 /// padded sphere overlaps lists it (box mode); otherwise the deepest tile holding the point, not
@@ -346,7 +400,8 @@ template <typename Traits> struct Partition {
     std::vector<std::vector<std::array<int, 6>>> bounds;
 };
 
-template <typename Traits> Partition<Traits> partitionPoints(PointsDriver<Traits> const& m, bool wantBounds)
+template <typename Traits>
+Partition<Traits> partitionPoints(PointsDriver<Traits> const& m, bool wantBounds)
 {
     constexpr int kMax = Traits::kMaxDepth;
     Partition<Traits> part;
@@ -357,30 +412,37 @@ template <typename Traits> Partition<Traits> partitionPoints(PointsDriver<Traits
         int const depth = m.minDepth;
         std::int64_t const w = Container<Traits>::tileVoxelWidth(depth);
         Par::enumerable_thread_specific<std::vector<Record>> local;
-        Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 256), [&](Par::blocked_range<std::size_t> const& r) {
-            if (TVL::bodyCancelled()) return;
-            auto& out = local.local();
-            auto acc = m.container.tileAccessor();
-            for (std::size_t i = r.begin(); i != r.end(); ++i) {
-                double3 const& p = m.centre[i];
-                double const rv = m.radiusInVoxels(i) + double(m.padDepthTS[std::size_t(depth)]);
-                std::int64_t lo[3], hi[3];
-                for (int a = 0; a < 3; ++a) {
-                    lo[a] = PointsDriver<Traits>::alignDown(std::int64_t(std::floor(p[a] - rv)), depth);
-                    hi[a] = std::int64_t(std::ceil(p[a] + rv));
-                }
-                for (std::int64_t z = lo[2]; z < hi[2]; z += w)
-                    for (std::int64_t y = lo[1]; y < hi[1]; y += w)
-                        for (std::int64_t x = lo[0]; x < hi[0]; x += w) {
-                            if (!Container<Traits>::inDomain(x, y, z)) continue;
-                            auto const& t = acc.tile(x, y, z, depth);
-                            if (t.valid() && t.depth() == depth) out.push_back({t.index(), std::int64_t(i)});
-                        }
-            }
-        });
+        Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 256),
+                          [&](Par::blocked_range<std::size_t> const& r) {
+                              if (TVL::bodyCancelled())
+                                  return;
+                              auto& out = local.local();
+                              auto acc = m.container.tileAccessor();
+                              for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                                  double3 const& p = m.centre[i];
+                                  double const rv = m.radiusInVoxels(i) +
+                                                    double(m.padDepthTS[std::size_t(depth)]);
+                                  std::int64_t lo[3], hi[3];
+                                  for (int a = 0; a < 3; ++a) {
+                                      lo[a] = PointsDriver<Traits>::alignDown(
+                                          std::int64_t(std::floor(p[a] - rv)), depth);
+                                      hi[a] = std::int64_t(std::ceil(p[a] + rv));
+                                  }
+                                  for (std::int64_t z = lo[2]; z < hi[2]; z += w)
+                                      for (std::int64_t y = lo[1]; y < hi[1]; y += w)
+                                          for (std::int64_t x = lo[0]; x < hi[0]; x += w) {
+                                              if (!Container<Traits>::inDomain(x, y, z))
+                                                  continue;
+                                              auto const& t = acc.tile(x, y, z, depth);
+                                              if (t.valid() && t.depth() == depth)
+                                                  out.push_back({t.index(), std::int64_t(i)});
+                                          }
+                              }
+                          });
         TVL::throwIfJobCancelled();
         std::vector<Record> records;
-        for (auto& v : local) records.insert(records.end(), v.begin(), v.end());
+        for (auto& v : local)
+            records.insert(records.end(), v.begin(), v.end());
         part.lists[std::size_t(depth)] = listsFromRecords(records, m.container.tileCount(depth));
         return part;
     }
@@ -391,40 +453,48 @@ template <typename Traits> Partition<Traits> partitionPoints(PointsDriver<Traits
         int lo[3], hi[3];
     };
     std::vector<Entry> entries(m.size());
-    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 256), [&](Par::blocked_range<std::size_t> const& r) {
-        if (TVL::bodyCancelled()) return;
-        auto acc = m.container.tileAccessor();
-        for (std::size_t i = r.begin(); i != r.end(); ++i) {
-            double3 const& p = m.centre[i];
-            int const want = m.isVariedFromProperty && m.hasDetailSizes ? m.detailSizeDepth(m.detail[i]) : kMax;
-            auto const& t = acc.tile(std::int64_t(std::floor(p.x)), std::int64_t(std::floor(p.y)),
-                                     std::int64_t(std::floor(p.z)), want);
-            Entry& e = entries[i];
-            e.point = std::int64_t(i);
-            if (!t.valid() || t.depth() < 0 || t.depth() < m.minDepth) {
-                e.depth = -1;
-                continue;
-            }
-            e.depth = t.depth();
-            e.tile = t.index();
-            double const w = double(t.voxelDataWidth());
-            double const rv = m.radiusInVoxels(i);
-            int3 const o = t.tijk();
-            for (int a = 0; a < 3; ++a) {
-                e.lo[a] = int(std::floor((p[a] - rv - double(o[a])) / w - 0.5));
-                e.hi[a] = int(std::ceil((p[a] + rv - double(o[a])) / w + 0.5));
-            }
-        }
-    });
+    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 256),
+                      [&](Par::blocked_range<std::size_t> const& r) {
+                          if (TVL::bodyCancelled())
+                              return;
+                          auto acc = m.container.tileAccessor();
+                          for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                              double3 const& p = m.centre[i];
+                              int const want = m.isVariedFromProperty && m.hasDetailSizes
+                                                   ? m.detailSizeDepth(m.detail[i])
+                                                   : kMax;
+                              auto const& t = acc.tile(std::int64_t(std::floor(p.x)),
+                                                       std::int64_t(std::floor(p.y)),
+                                                       std::int64_t(std::floor(p.z)), want);
+                              Entry& e = entries[i];
+                              e.point = std::int64_t(i);
+                              if (!t.valid() || t.depth() < 0 || t.depth() < m.minDepth) {
+                                  e.depth = -1;
+                                  continue;
+                              }
+                              e.depth = t.depth();
+                              e.tile = t.index();
+                              double const w = double(t.voxelDataWidth());
+                              double const rv = m.radiusInVoxels(i);
+                              int3 const o = t.tijk();
+                              for (int a = 0; a < 3; ++a) {
+                                  e.lo[a] = int(std::floor((p[a] - rv - double(o[a])) / w - 0.5));
+                                  e.hi[a] = int(std::ceil((p[a] + rv - double(o[a])) / w + 0.5));
+                              }
+                          }
+                      });
     TVL::throwIfJobCancelled();
     std::vector<std::vector<Record>> records(std::size_t(kMax + 1));
-    if (wantBounds) part.bounds.resize(std::size_t(kMax + 1));
+    if (wantBounds)
+        part.bounds.resize(std::size_t(kMax + 1));
     for (int d = m.minDepth; d <= kMax; ++d)
         if (wantBounds)
-            part.bounds[std::size_t(d)].assign(std::size_t(m.container.tileCount(d)),
-                                               {INT_MAX, INT_MAX, INT_MAX, -INT_MAX, -INT_MAX, -INT_MAX});
+            part.bounds[std::size_t(d)].assign(
+                std::size_t(m.container.tileCount(d)),
+                {INT_MAX, INT_MAX, INT_MAX, -INT_MAX, -INT_MAX, -INT_MAX});
     for (Entry const& e : entries) {
-        if (e.depth < 0) continue;
+        if (e.depth < 0)
+            continue;
         records[std::size_t(e.depth)].push_back({e.tile, e.point});
         if (wantBounds) {
             auto& b = part.bounds[std::size_t(e.depth)][std::size_t(e.tile)];
@@ -438,20 +508,23 @@ template <typename Traits> Partition<Traits> partitionPoints(PointsDriver<Traits
     for (int d = m.minDepth; d <= kMax; ++d) {
         std::size_t const count = records[std::size_t(d)].size();
         total += std::int64_t(count);
-        part.lists[std::size_t(d)] = listsFromRecords(records[std::size_t(d)], m.container.tileCount(d));
+        part.lists[std::size_t(d)] =
+            listsFromRecords(records[std::size_t(d)], m.container.tileCount(d));
         if (verbose > 1)
-            std::cout << "numPoints at depth " << d << " = " << count << ", = " << 100.0 * double(count) / double(m.size())
-                      << '\n';
+            std::cout << "numPoints at depth " << d << " = " << count
+                      << ", = " << 100.0 * double(count) / double(m.size()) << '\n';
     }
     if (verbose > 1)
-        std::cout << "numTotal = " << total << ", overhead = " << double(total) / double(m.size()) << '\n';
+        std::cout << "numTotal = " << total << ", overhead = " << double(total) / double(m.size())
+                  << '\n';
     return part;
 }
 
 /// How many tiles beyond its own the points of a tile reach: from the tile's voxel bounds.
 template <int W> int overhang(std::array<int, 6> const& b)
 {
-    if (b[0] > b[3]) return 0;
+    if (b[0] > b[3])
+        return 0;
     double o = 0.0;
     for (int a = 0; a < 3; ++a) {
         o = std::max(o, double(b[std::size_t(a + 3)] + 1) / double(W) - 1.0);
@@ -460,22 +533,29 @@ template <int W> int overhang(std::array<int, 6> const& b)
     return int(std::ceil(o));
 }
 
-// ---- stages: per-tile voxelization and the union with coarser surfaces ---------------------------
+// ---- stages: per-tile voxelization and the union with coarser surfaces
+// ---------------------------
 
-template <typename Traits> void voxelizePerTile(PointsDriver<Traits>& m, Partition<Traits> const& part)
+template <typename Traits>
+void voxelizePerTile(PointsDriver<Traits>& m, Partition<Traits> const& part)
 {
     constexpr int kMax = Traits::kMaxDepth;
     constexpr int W = Traits::kTileWidth;
     constexpr int N = W * W * W;
-    if (CoreGL::Logger::verboseLevel() > 0) std::cout << "tileDilation = " << m.tileDilation << '\n';
+    if (CoreGL::Logger::verboseLevel() > 0)
+        std::cout << "tileDilation = " << m.tileDilation << '\n';
     TileKernel<Traits> const kernel{m};
     float const threshold = 1.1920929e-07f;
     for (int d = m.minDepth; d <= kMax; ++d) {
         std::int64_t const tiles = m.container.tileCount(d);
         DepthLists const& lists = part.lists[std::size_t(d)];
-        if (lists.offset.empty()) continue;
-        Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 1), [&](Par::blocked_range<std::int64_t> const& r) {
-            if (TVL::bodyCancelled()) return;
+        if (lists.offset.empty())
+            continue;
+        Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 1), [&](Par::blocked_range<
+                                                                             std::int64_t> const&
+                                                                                 r) {
+            if (TVL::bodyCancelled())
+                return;
             auto acc = m.container.tileAccessor();
             std::vector<std::int64_t> candidates;
             for (std::int64_t t = r.begin(); t != r.end(); ++t) {
@@ -487,21 +567,26 @@ template <typename Traits> void voxelizePerTile(PointsDriver<Traits>& m, Partiti
                         for (int dy = -reach; dy <= reach; ++dy)
                             for (int dx = -reach; dx <= reach; ++dx) {
                                 auto const& nb = acc.tileNeighbor(tile, int3{dx, dy, dz}, d, false);
-                                if (!nb.valid() || nb.depth() != d) continue;
-                                candidates.insert(candidates.end(), lists.begin(nb.index()), lists.end(nb.index()));
+                                if (!nb.valid() || nb.depth() != d)
+                                    continue;
+                                candidates.insert(candidates.end(), lists.begin(nb.index()),
+                                                  lists.end(nb.index()));
                             }
                 }
                 auto lv = m.level.tileData(t, d);
-                if (lv.empty()) continue;
+                if (lv.empty())
+                    continue;
                 std::array<float, N> values;
                 std::array<std::int64_t, N> ids;
-                kernel(tile.tijk(), tile.voxelDataWidth(), candidates.data(), candidates.data() + candidates.size(),
-                       values.data(), m.closest ? ids.data() : nullptr, threshold, nullptr, nullptr, int3{0, 0, 0},
+                kernel(tile.tijk(), tile.voxelDataWidth(), candidates.data(),
+                       candidates.data() + candidates.size(), values.data(),
+                       m.closest ? ids.data() : nullptr, threshold, nullptr, nullptr, int3{0, 0, 0},
                        int3{0, 0, 0}, int3{W, W, W}, true);
                 std::copy(values.begin(), values.end(), lv.data());
                 if (m.closest) {
                     auto cl = m.closest->tileData(t, d);
-                    if (!cl.empty()) std::copy(ids.begin(), ids.end(), cl.data());
+                    if (!cl.empty())
+                        std::copy(ids.begin(), ids.end(), cl.data());
                 }
             }
         });
@@ -519,68 +604,88 @@ template <typename Traits> void interpolateAndUnion(PointsDriver<Traits>& m)
     constexpr int R = Traits::kRatio;
     constexpr int kCells = W / R;
     for (int d = std::min(m.minDepth + 1, kMax); d <= kMax; ++d) {
-        if (d == 0) continue;
+        if (d == 0)
+            continue;
         std::int64_t const tiles = m.container.tileCount(d);
         int const pd = d - 1;
         std::int64_t const pw = Container<Traits>::voxelDataWidth(pd);
-        Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 1), [&](Par::blocked_range<std::int64_t> const& r) {
-            if (TVL::bodyCancelled()) return;
-            auto acc = m.container.tileAccessor();
-            // The parent depth's voxel holding the tile-space point, and its value.
-            auto read = [&](std::int64_t x, std::int64_t y, std::int64_t z, float& out, std::int64_t* id) {
-                auto const& t = acc.tile(x, y, z, pd);
-                if (!t.valid() || t.depth() != pd) return false;
-                int i, j, k;
-                t.childDataIJK(x, y, z, i, j, k);
-                auto const dd = std::as_const(m.level).tileData(t.treeIndex());
-                if (dd.empty()) return false;
-                out = dd(i, j, k);
-                if (id) {
-                    auto const cc = std::as_const(*m.closest).tileData(t.treeIndex());
-                    *id = cc.empty() ? -1 : cc(i, j, k);
-                }
-                return true;
-            };
-            for (std::int64_t t = r.begin(); t != r.end(); ++t) {
-                Tile<Traits> const& tile = m.container.tile(t, d);
-                auto lv = m.level.tileData(t, d);
-                if (lv.empty()) continue;
-                auto cl = m.closest ? m.closest->tileData(t, d) : decltype(m.closest->tileData(t, d)){};
-                for (int c = 0; c < kCells; ++c)
-                    for (int b = 0; b < kCells; ++b)
-                        for (int a = 0; a < kCells; ++a) {
-                            std::int64_t const x0 = tile.ti() + a * pw, y0 = tile.tj() + b * pw, z0 = tile.tk() + c * pw;
-                            float corner[8];
-                            std::int64_t id = -1;
-                            bool ok = read(x0, y0, z0, corner[0], m.closest ? &id : nullptr);
-                            for (int q = 1; q < 8 && ok; ++q)
-                                ok = read(x0 + ((q & 1) ? pw : 0), y0 + ((q & 2) ? pw : 0), z0 + ((q & 4) ? pw : 0),
-                                          corner[q], nullptr);
-                            if (!ok) continue;
-                            for (int z = 0; z < R; ++z)
-                                for (int y = 0; y < R; ++y)
-                                    for (int x = 0; x < R; ++x) {
-                                        float const fx = float(x) / R, fy = float(y) / R, fz = float(z) / R;
-                                        float const x00 = corner[0] + (corner[1] - corner[0]) * fx;
-                                        float const x10 = corner[2] + (corner[3] - corner[2]) * fx;
-                                        float const x01 = corner[4] + (corner[5] - corner[4]) * fx;
-                                        float const x11 = corner[6] + (corner[7] - corner[6]) * fx;
-                                        float const y0 = x00 + (x10 - x00) * fy, y1 = x01 + (x11 - x01) * fy;
-                                        float const value = y0 + (y1 - y0) * fz;
-                                        int const vi = a * R + x, vj = b * R + y, vk = c * R + z;
-                                        if (lv(vi, vj, vk) > value) {
-                                            lv(vi, vj, vk) = value;
-                                            if (!cl.empty()) cl(vi, vj, vk) = id;
+        Par::parallel_for(
+            Par::blocked_range<std::int64_t>(0, tiles, 1),
+            [&](Par::blocked_range<std::int64_t> const& r) {
+                if (TVL::bodyCancelled())
+                    return;
+                auto acc = m.container.tileAccessor();
+                // The parent depth's voxel holding the tile-space point, and its value.
+                auto read = [&](std::int64_t x, std::int64_t y, std::int64_t z, float& out,
+                                std::int64_t* id) {
+                    auto const& t = acc.tile(x, y, z, pd);
+                    if (!t.valid() || t.depth() != pd)
+                        return false;
+                    int i, j, k;
+                    t.childDataIJK(x, y, z, i, j, k);
+                    auto const dd = std::as_const(m.level).tileData(t.treeIndex());
+                    if (dd.empty())
+                        return false;
+                    out = dd(i, j, k);
+                    if (id) {
+                        auto const cc = std::as_const(*m.closest).tileData(t.treeIndex());
+                        *id = cc.empty() ? -1 : cc(i, j, k);
+                    }
+                    return true;
+                };
+                for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                    Tile<Traits> const& tile = m.container.tile(t, d);
+                    auto lv = m.level.tileData(t, d);
+                    if (lv.empty())
+                        continue;
+                    auto cl = m.closest ? m.closest->tileData(t, d)
+                                        : decltype(m.closest->tileData(t, d)){};
+                    for (int c = 0; c < kCells; ++c)
+                        for (int b = 0; b < kCells; ++b)
+                            for (int a = 0; a < kCells; ++a) {
+                                std::int64_t const x0 = tile.ti() + a * pw, y0 = tile.tj() + b * pw,
+                                                   z0 = tile.tk() + c * pw;
+                                float corner[8];
+                                std::int64_t id = -1;
+                                bool ok = read(x0, y0, z0, corner[0], m.closest ? &id : nullptr);
+                                for (int q = 1; q < 8 && ok; ++q)
+                                    ok = read(x0 + ((q & 1) ? pw : 0), y0 + ((q & 2) ? pw : 0),
+                                              z0 + ((q & 4) ? pw : 0), corner[q], nullptr);
+                                if (!ok)
+                                    continue;
+                                for (int z = 0; z < R; ++z)
+                                    for (int y = 0; y < R; ++y)
+                                        for (int x = 0; x < R; ++x) {
+                                            float const fx = float(x) / R, fy = float(y) / R,
+                                                        fz = float(z) / R;
+                                            float const x00 =
+                                                corner[0] + (corner[1] - corner[0]) * fx;
+                                            float const x10 =
+                                                corner[2] + (corner[3] - corner[2]) * fx;
+                                            float const x01 =
+                                                corner[4] + (corner[5] - corner[4]) * fx;
+                                            float const x11 =
+                                                corner[6] + (corner[7] - corner[6]) * fx;
+                                            float const y0 = x00 + (x10 - x00) * fy,
+                                                        y1 = x01 + (x11 - x01) * fy;
+                                            float const value = y0 + (y1 - y0) * fz;
+                                            int const vi = a * R + x, vj = b * R + y,
+                                                      vk = c * R + z;
+                                            if (lv(vi, vj, vk) > value) {
+                                                lv(vi, vj, vk) = value;
+                                                if (!cl.empty())
+                                                    cl(vi, vj, vk) = id;
+                                            }
                                         }
-                                    }
-                        }
-            }
-        });
+                            }
+                }
+            });
         TVL::throwIfJobCancelled();
     }
 }
 
-// ---- stage: top-down refinement along the surface ------------------------------------------------
+// ---- stage: top-down refinement along the surface
+// ------------------------------------------------
 
 /// What a tile hands to each child: the points that can influence it, the deepest depth they
 /// want, and the tile's node lattice.
@@ -621,7 +726,8 @@ template <typename Traits> struct SurfaceRefiner {
     static std::size_t lat(int i, int j, int k) { return std::size_t(i + L * (j + L * k)); }
 
     /// The interpolation of the parent's lattice misses the child's by more than the tolerance.
-    bool errorTooLarge(SharedData<Traits> const& parent, int3 const& child, SharedData<Traits> const& mine) const
+    bool errorTooLarge(SharedData<Traits> const& parent, int3 const& child,
+                       SharedData<Traits> const& mine) const
     {
         float const tol2 = m.errorTolerance * m.errorTolerance;
         for (int c = 0; c < kCellsPerChild; ++c)
@@ -632,25 +738,37 @@ template <typename Traits> struct SurfaceRefiner {
                     float k8[8];
                     bool skip = false;
                     for (int q = 0; q < 8; ++q) {
-                        k8[q] = parent.level[lat(ox + (q & 1), oy + ((q >> 1) & 1), oz + ((q >> 2) & 1))];
-                        if (k8[q] >= m.defaultValue) skip = true;
+                        k8[q] =
+                            parent
+                                .level[lat(ox + (q & 1), oy + ((q >> 1) & 1), oz + ((q >> 2) & 1))];
+                        if (k8[q] >= m.defaultValue)
+                            skip = true;
                     }
-                    if (skip) continue;
-                    int const ex = a == kCellsPerChild - 1 ? R : R - 1, ey = b == kCellsPerChild - 1 ? R : R - 1,
+                    if (skip)
+                        continue;
+                    int const ex = a == kCellsPerChild - 1 ? R : R - 1,
+                              ey = b == kCellsPerChild - 1 ? R : R - 1,
                               ez = c == kCellsPerChild - 1 ? R : R - 1;
                     for (int sz = 0; sz <= ez; ++sz)
                         for (int sy = 0; sy <= ey; ++sy)
                             for (int sx = 0; sx <= ex; ++sx) {
-                                if (sx % R == 0 && sy % R == 0 && sz % R == 0) continue;
-                                float const fx = float(sx) * (1.0f / R), fy = float(sy) * (1.0f / R),
+                                if (sx % R == 0 && sy % R == 0 && sz % R == 0)
+                                    continue;
+                                float const fx = float(sx) * (1.0f / R),
+                                            fy = float(sy) * (1.0f / R),
                                             fz = float(sz) * (1.0f / R);
-                                float const x00 = k8[0] + (k8[1] - k8[0]) * fx, x10 = k8[2] + (k8[3] - k8[2]) * fx;
-                                float const x01 = k8[4] + (k8[5] - k8[4]) * fx, x11 = k8[6] + (k8[7] - k8[6]) * fx;
-                                float const y0 = x00 + (x10 - x00) * fy, y1 = x01 + (x11 - x01) * fy;
+                                float const x00 = k8[0] + (k8[1] - k8[0]) * fx,
+                                            x10 = k8[2] + (k8[3] - k8[2]) * fx;
+                                float const x01 = k8[4] + (k8[5] - k8[4]) * fx,
+                                            x11 = k8[6] + (k8[7] - k8[6]) * fx;
+                                float const y0 = x00 + (x10 - x00) * fy,
+                                            y1 = x01 + (x11 - x01) * fy;
                                 float const v = y0 + (y1 - y0) * fz;
-                                float const node = mine.level[lat(R * a + sx, R * b + sy, R * c + sz)];
+                                float const node =
+                                    mine.level[lat(R * a + sx, R * b + sy, R * c + sz)];
                                 float const diff = v - node;
-                                if (diff * diff > tol2) return true;
+                                if (diff * diff > tol2)
+                                    return true;
                             }
                 }
         return false;
@@ -660,8 +778,10 @@ template <typename Traits> struct SurfaceRefiner {
     /// @p parent, and descends into the accepted ones.
     void refineTile(SharedData<Traits> const& parent, int3 const& corner, int d)
     {
-        if (TVL::bodyCancelled()) return;
-        if (d >= kMax) return;
+        if (TVL::bodyCancelled())
+            return;
+        if (d >= kMax)
+            return;
         int const cd = d + 1;
         std::int64_t const cT = Container<Traits>::tileVoxelWidth(cd);
         std::int64_t const cV = Container<Traits>::voxelDataWidth(cd);
@@ -682,7 +802,8 @@ template <typename Traits> struct SurfaceRefiner {
         auto& store = out.local();
         for (int slot = 0; slot < Traits::kChildCount; ++slot) {
             int3 const child = Tile<Traits>::slotCoordinates(slot);
-            int3 const co{int(corner.x + child.x * cT), int(corner.y + child.y * cT), int(corner.z + child.z * cT)};
+            int3 const co{int(corner.x + child.x * cT), int(corner.y + child.y * cT),
+                          int(corner.z + child.z * cT)};
             double bmin[3], bmax[3], centre[3];
             for (int a = 0; a < 3; ++a) {
                 bmin[a] = double(co[a]) * h;
@@ -691,10 +812,13 @@ template <typename Traits> struct SurfaceRefiner {
             }
             bool fieldHit = false;
             for (auto const& f : m.fields) {
-                if (f.targetDepth <= d) break;
+                if (f.targetDepth <= d)
+                    break;
                 bool overlap = true;
                 for (int a = 0; a < 3; ++a)
-                    if (double(f.max[a]) + kBoxSlack < bmin[a] || double(f.min[a]) - kBoxSlack > bmax[a]) overlap = false;
+                    if (double(f.max[a]) + kBoxSlack < bmin[a] ||
+                        double(f.min[a]) - kBoxSlack > bmax[a])
+                        overlap = false;
                 if (overlap) {
                     fieldHit = true;
                     break;
@@ -708,44 +832,59 @@ template <typename Traits> struct SurfaceRefiner {
                 double const r = m.radius[std::size_t(q)];
                 bool inside = true;
                 for (int a = 0; a < 3; ++a)
-                    if (p[a] < bmin[a] - kBoxSlack || p[a] > bmax[a] + kBoxSlack) inside = false;
+                    if (p[a] < bmin[a] - kBoxSlack || p[a] > bmax[a] + kBoxSlack)
+                        inside = false;
                 if (!inside) {
                     maxListedRadius = std::max(maxListedRadius, float(r));
                     bool miss = false;
                     for (int a = 0; a < 3; ++a)
-                        if (p[a] + r + pad < bmin[a] || p[a] - r - pad > bmax[a]) miss = true;
-                    if (miss) continue;
+                        if (p[a] + r + pad < bmin[a] || p[a] - r - pad > bmax[a])
+                            miss = true;
+                    if (miss)
+                        continue;
                     double const dc = std::sqrt((centre[0] - p[0]) * (centre[0] - p[0]) +
                                                 (centre[1] - p[1]) * (centre[1] - p[1]) +
                                                 (centre[2] - p[2]) * (centre[2] - p[2])) -
                                       r;
-                    if (dc > searchRadius) continue;
+                    if (dc > searchRadius)
+                        continue;
                 }
                 shared->points.push_back(q);
                 if (m.isVariedFromProperty && shared->wantedDepth <= d) {
-                    int const wd = m.hasDetailSizes ? m.detailSizeDepth(m.detail[std::size_t(q)]) : kMax;
-                    if (wd > d) shared->wantedDepth = wd;
+                    int const wd =
+                        m.hasDetailSizes ? m.detailSizeDepth(m.detail[std::size_t(q)]) : kMax;
+                    if (wd > d)
+                        shared->wantedDepth = wd;
                 }
             }
             float const insideLimit = maxListedRadius > m.deepRadius ? -m.surfaceBand : 0.0f;
-            if (shared->points.empty()) continue;
-            if (!m.fields.empty() && !fieldHit) continue;
-            if (m.isVariedFromProperty && shared->wantedDepth <= d) continue;
+            if (shared->points.empty())
+                continue;
+            if (!m.fields.empty() && !fieldHit)
+                continue;
+            if (m.isVariedFromProperty && shared->wantedDepth <= d)
+                continue;
 
             // The child's lattice.
             int3 lo{0, 0, 0};
             int3 const hi{L, L, L};
             if (kShareFaces) {
-                if (child.x == 1 && computed[std::size_t(Tile<Traits>::slotNumber(0, child.y, child.z))]) lo.x = 1;
-                if (child.y == 1 && computed[std::size_t(Tile<Traits>::slotNumber(child.x, 0, child.z))]) lo.y = 1;
-                if (child.z == 1 && computed[std::size_t(Tile<Traits>::slotNumber(child.x, child.y, 0))]) lo.z = 1;
+                if (child.x == 1 &&
+                    computed[std::size_t(Tile<Traits>::slotNumber(0, child.y, child.z))])
+                    lo.x = 1;
+                if (child.y == 1 &&
+                    computed[std::size_t(Tile<Traits>::slotNumber(child.x, 0, child.z))])
+                    lo.y = 1;
+                if (child.z == 1 &&
+                    computed[std::size_t(Tile<Traits>::slotNumber(child.x, child.y, 0))])
+                    lo.z = 1;
             }
             std::array<float, L * L * L> values;
             std::array<std::int64_t, L * L * L> ids;
-            bool nearSurface =
-                kernel(co, cV, shared->points.data(), shared->points.data() + shared->points.size(), values.data(),
-                       m.closest ? ids.data() : nullptr, threshold, parent.level.data(),
-                       m.closest ? parent.closest.data() : nullptr, child, lo, hi, true);
+            bool nearSurface = kernel(
+                co, cV, shared->points.data(), shared->points.data() + shared->points.size(),
+                values.data(), m.closest ? ids.data() : nullptr, threshold, parent.level.data(),
+                m.closest ? parent.closest.data() : nullptr, child, lo, hi, true);
             // The whole lattice: computed nodes, and the faces an earlier sibling computed.
             bool someOutside = false;
             {
@@ -755,40 +894,50 @@ template <typename Traits> struct SurfaceRefiner {
                         for (int i = lo.x; i < hi.x; ++i) {
                             int const n = (i - lo.x) + nx * ((j - lo.y) + ny * (k - lo.z));
                             float const v = values[std::size_t(n)];
-                            if (v >= insideLimit) someOutside = true;
+                            if (v >= insideLimit)
+                                someOutside = true;
                             shared->level[lat(i, j, k)] = v;
                             shared->closest[lat(i, j, k)] = m.closest ? ids[std::size_t(n)] : -1;
                             if (kShareFaces) {
-                                shareLevel[big(W * child.x + i, W * child.y + j, W * child.z + k)] = v;
-                                shareClosest[big(W * child.x + i, W * child.y + j, W * child.z + k)] =
-                                    shared->closest[lat(i, j, k)];
+                                shareLevel[big(W * child.x + i, W * child.y + j, W * child.z + k)] =
+                                    v;
+                                shareClosest[big(W * child.x + i, W * child.y + j,
+                                                 W * child.z + k)] = shared->closest[lat(i, j, k)];
                             }
                         }
                 if (kShareFaces) {
                     for (int k = 0; k < L; ++k)
                         for (int j = 0; j < L; ++j)
                             for (int i = 0; i < L; ++i) {
-                                if (i >= lo.x && j >= lo.y && k >= lo.z) continue;
-                                std::size_t const b = big(W * child.x + i, W * child.y + j, W * child.z + k);
+                                if (i >= lo.x && j >= lo.y && k >= lo.z)
+                                    continue;
+                                std::size_t const b =
+                                    big(W * child.x + i, W * child.y + j, W * child.z + k);
                                 shared->level[lat(i, j, k)] = shareLevel[b];
                                 shared->closest[lat(i, j, k)] = shareClosest[b];
                                 // The face a sibling computed is this child's too: a surface that
                                 // crosses only there still makes the child.
-                                if (shareLevel[b] < threshold) nearSurface = true;
-                                if (shareLevel[b] >= insideLimit) someOutside = true;
+                                if (shareLevel[b] < threshold)
+                                    nearSurface = true;
+                                if (shareLevel[b] >= insideLimit)
+                                    someOutside = true;
                             }
                     computed[std::size_t(slot)] = true;
                 }
             }
             bool result = false;
             if (someOutside) {
-                if (!nearSurface) result = false;
-                else if (m.errorTolerance == 0.0f) result = true;
-                else result = errorTooLarge(parent, child, *shared);
+                if (!nearSurface)
+                    result = false;
+                else if (m.errorTolerance == 0.0f)
+                    result = true;
+                else
+                    result = errorTooLarge(parent, child, *shared);
             } else {
                 result = hiddenSurface(*shared, co, cT, bmin, bmax);
             }
-            if (!result) continue;
+            if (!result)
+                continue;
             ChildBlock<Traits>& blk = store.emplace_back();
             blk.coord = VoxelCoord{co.x, co.y, co.z, cd};
             for (int k = 0, n = 0; k < W; ++k)
@@ -797,7 +946,8 @@ template <typename Traits> struct SurfaceRefiner {
                         blk.level[std::size_t(n)] = shared->level[lat(i, j, k)];
                         blk.closest[std::size_t(n)] = shared->closest[lat(i, j, k)];
                     }
-            if (cd < kMax) accepted.emplace_back(co, std::move(shared));
+            if (cd < kMax)
+                accepted.emplace_back(co, std::move(shared));
         }
         for (auto& [co, shared] : accepted) {
             refineTile(*shared, co, d + 1);
@@ -807,26 +957,29 @@ template <typename Traits> struct SurfaceRefiner {
 
     /// The lattice lies deep inside the union: a surface hides between its nodes unless one point
     /// covers the whole box, or every finest voxel of the box lies strictly inside a listed sphere.
-    bool hiddenSurface(SharedData<Traits> const& shared, int3 const& co, std::int64_t cT, double const bmin[3],
-                       double const bmax[3]) const
+    bool hiddenSurface(SharedData<Traits> const& shared, int3 const& co, std::int64_t cT,
+                       double const bmin[3], double const bmax[3]) const
     {
         double const h = m.voxelSize;
-        double const halfDiagonal =
-            0.5 * std::sqrt((bmax[0] - bmin[0]) * (bmax[0] - bmin[0]) + (bmax[1] - bmin[1]) * (bmax[1] - bmin[1]) +
-                            (bmax[2] - bmin[2]) * (bmax[2] - bmin[2]));
+        double const halfDiagonal = 0.5 * std::sqrt((bmax[0] - bmin[0]) * (bmax[0] - bmin[0]) +
+                                                    (bmax[1] - bmin[1]) * (bmax[1] - bmin[1]) +
+                                                    (bmax[2] - bmin[2]) * (bmax[2] - bmin[2]));
         if (!(m.hasSingleRadius && double(m.radius0) < halfDiagonal)) {
             for (std::int64_t q : shared.points) {
                 double const r = m.radius[std::size_t(q)];
-                if (r < halfDiagonal) continue;
+                if (r < halfDiagonal)
+                    continue;
                 double3 const& pv = m.centre[std::size_t(q)];
                 bool all = true;
                 for (int c = 0; c < 8 && all; ++c) {
                     double const x = ((c & 1) ? bmax[0] : bmin[0]) - pv.x * h;
                     double const y = ((c & 2) ? bmax[1] : bmin[1]) - pv.y * h;
                     double const z = ((c & 4) ? bmax[2] : bmin[2]) - pv.z * h;
-                    if (x * x + y * y + z * z > r * r) all = false;
+                    if (x * x + y * y + z * z > r * r)
+                        all = false;
                 }
-                if (all) return false;
+                if (all)
+                    return false;
             }
         }
         for (std::int64_t z = 0; z <= cT; ++z)
@@ -840,7 +993,8 @@ template <typename Traits> struct SurfaceRefiner {
                             covered = true;
                             break;
                         }
-                    if (!covered) return true;
+                    if (!covered)
+                        return true;
                 }
         return false;
     }
@@ -855,37 +1009,48 @@ template <typename Traits> void refineAdaptively(PointsDriver<Traits>& m, Partit
     std::int64_t const tiles = m.container.tileCount(d);
     SurfaceRefiner<Traits> refiner(m);
     DepthLists const& lists = part.lists[std::size_t(d)];
-    Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 1), [&](Par::blocked_range<std::int64_t> const& r) {
-        for (std::int64_t t = r.begin(); t != r.end(); ++t) {
-            if (TVL::bodyCancelled()) return;
-            Tile<Traits> const& tile = m.container.tile(t, d);
-            auto shared = std::make_unique<SharedData<Traits>>();
-            if (!lists.offset.empty()) shared->points.assign(lists.begin(t), lists.end(t));
-            float const threshold =
-                float(double(m.gradedVoxelSize) * double(tile.voxelDataWidth()) * double(kSqrt3f));
-            std::array<std::int64_t, L * L * L> ids;
-            refiner.kernel(tile.tijk(), tile.voxelDataWidth(), shared->points.data(),
-                           shared->points.data() + shared->points.size(), shared->level.data(), ids.data(), threshold,
-                           nullptr, nullptr, int3{0, 0, 0}, int3{0, 0, 0}, int3{L, L, L}, true);
-            shared->closest = ids;
-            auto lv = m.level.tileData(t, d);
-            auto cl = m.closest ? m.closest->tileData(t, d) : decltype(m.closest->tileData(t, d)){};
-            for (int k = 0, n = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i, ++n) {
-                        if (!lv.empty()) lv[std::size_t(n)] = shared->level[std::size_t(i + L * (j + L * k))];
-                        if (!cl.empty()) cl[std::size_t(n)] = ids[std::size_t(i + L * (j + L * k))];
-                    }
-            if (d < kMax) refiner.refineTile(*shared, tile.tijk(), d);
-        }
-    });
+    Par::parallel_for(
+        Par::blocked_range<std::int64_t>(0, tiles, 1),
+        [&](Par::blocked_range<std::int64_t> const& r) {
+            for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                if (TVL::bodyCancelled())
+                    return;
+                Tile<Traits> const& tile = m.container.tile(t, d);
+                auto shared = std::make_unique<SharedData<Traits>>();
+                if (!lists.offset.empty())
+                    shared->points.assign(lists.begin(t), lists.end(t));
+                float const threshold = float(double(m.gradedVoxelSize) *
+                                              double(tile.voxelDataWidth()) * double(kSqrt3f));
+                std::array<std::int64_t, L * L * L> ids;
+                refiner.kernel(tile.tijk(), tile.voxelDataWidth(), shared->points.data(),
+                               shared->points.data() + shared->points.size(), shared->level.data(),
+                               ids.data(), threshold, nullptr, nullptr, int3{0, 0, 0},
+                               int3{0, 0, 0}, int3{L, L, L}, true);
+                shared->closest = ids;
+                auto lv = m.level.tileData(t, d);
+                auto cl =
+                    m.closest ? m.closest->tileData(t, d) : decltype(m.closest->tileData(t, d)){};
+                for (int k = 0, n = 0; k < W; ++k)
+                    for (int j = 0; j < W; ++j)
+                        for (int i = 0; i < W; ++i, ++n) {
+                            if (!lv.empty())
+                                lv[std::size_t(n)] =
+                                    shared->level[std::size_t(i + L * (j + L * k))];
+                            if (!cl.empty())
+                                cl[std::size_t(n)] = ids[std::size_t(i + L * (j + L * k))];
+                        }
+                if (d < kMax)
+                    refiner.refineTile(*shared, tile.tijk(), d);
+            }
+        });
     TVL::throwIfJobCancelled();
     // The accepted children become tiles, added in canonical order.
     {
         Container<Traits> scratch("", m.voxelSize);
         auto acc = scratch.tileAccessor();
         for (auto const& store : refiner.out)
-            for (auto const& b : store) acc.addTile(b.coord);
+            for (auto const& b : store)
+                acc.addTile(b.coord);
         Container<Traits> ordered("", m.voxelSize);
         addTilesInCanonicalOrder(scratch, ordered);
         m.container.refine(ordered, nullptr, true);
@@ -901,27 +1066,33 @@ template <typename Traits> void refineAdaptively(PointsDriver<Traits>& m, Partit
     }
     m.container.buildAccessorAccelerationStructure(-1);
     for (auto& store : refiner.out) {
-        Par::parallel_for(Par::blocked_range<std::size_t>(0, store.size(), 256), [&](Par::blocked_range<std::size_t> const& r) {
-            if (TVL::bodyCancelled()) return;
-            auto acc = std::as_const(m.container).tileAccessor();
-            for (std::size_t q = r.begin(); q != r.end(); ++q) {
-                ChildBlock<Traits> const& b = store[q];
-                auto const& tile = acc.tile(b.coord);
-                if (!tile.valid() || tile.depth() != b.coord.depth) continue;
-                auto lv = m.level.tileData(tile.treeIndex());
-                if (!lv.empty()) std::copy(b.level.begin(), b.level.end(), lv.data());
-                if (m.closest) {
-                    auto cl = m.closest->tileData(tile.treeIndex());
-                    if (!cl.empty()) std::copy(b.closest.begin(), b.closest.end(), cl.data());
-                }
-            }
-        });
+        Par::parallel_for(Par::blocked_range<std::size_t>(0, store.size(), 256),
+                          [&](Par::blocked_range<std::size_t> const& r) {
+                              if (TVL::bodyCancelled())
+                                  return;
+                              auto acc = std::as_const(m.container).tileAccessor();
+                              for (std::size_t q = r.begin(); q != r.end(); ++q) {
+                                  ChildBlock<Traits> const& b = store[q];
+                                  auto const& tile = acc.tile(b.coord);
+                                  if (!tile.valid() || tile.depth() != b.coord.depth)
+                                      continue;
+                                  auto lv = m.level.tileData(tile.treeIndex());
+                                  if (!lv.empty())
+                                      std::copy(b.level.begin(), b.level.end(), lv.data());
+                                  if (m.closest) {
+                                      auto cl = m.closest->tileData(tile.treeIndex());
+                                      if (!cl.empty())
+                                          std::copy(b.closest.begin(), b.closest.end(), cl.data());
+                                  }
+                              }
+                          });
         TVL::throwIfJobCancelled();
         std::deque<ChildBlock<Traits>>().swap(store);
     }
 }
 
-// ---- the route ------------------------------------------------------------------------------------
+// ---- the route
+// ------------------------------------------------------------------------------------
 
 /// Adds the tiles next to tiles whose points reach beyond them (per-tile mode with small spheres).
 template <typename Traits> void dilateTiles(PointsDriver<Traits>& m, Partition<Traits> const& part)
@@ -931,109 +1102,131 @@ template <typename Traits> void dilateTiles(PointsDriver<Traits>& m, Partition<T
     int const verbose = CoreGL::Logger::verboseLevel();
     if (verbose > 1) {
         std::cout << "numTiles before dilation = " << m.container.tileCount(-1)
-                  << "\nnumTiles at maxDepth before dilation = " << m.container.tileCount(kMax) << '\n';
+                  << "\nnumTiles at maxDepth before dilation = " << m.container.tileCount(kMax)
+                  << '\n';
         std::int64_t with = 0;
         for (int d = m.minDepth; d <= kMax; ++d)
-            for (auto const& b : part.bounds[std::size_t(d)]) with += b[0] <= b[3] ? 1 : 0;
-        std::cout << 100.0 * double(with) / double(std::max<std::int64_t>(1, m.container.tileCount(-1)))
+            for (auto const& b : part.bounds[std::size_t(d)])
+                with += b[0] <= b[3] ? 1 : 0;
+        std::cout << 100.0 * double(with) /
+                         double(std::max<std::int64_t>(1, m.container.tileCount(-1)))
                   << "% of tiles have points\n";
     }
     int minDilation = INT_MAX, maxDilation = 0;
     Par::enumerable_thread_specific<CornerSet> sets;
     {
-        auto const timer = CoreGL::Logger::timer(PointStageNames::name("adaptive.dilate_coarser_levels"), nullptr);
+        auto const timer =
+            CoreGL::Logger::timer(PointStageNames::name("adaptive.dilate_coarser_levels"), nullptr);
         for (int d = m.minDepth; d <= kMax; ++d) {
             auto const& bounds = part.bounds[std::size_t(d)];
             for (std::int64_t t = 0; t < std::int64_t(bounds.size()); ++t) {
                 auto const& b = bounds[std::size_t(t)];
-                if (b[0] > b[3]) continue;
+                if (b[0] > b[3])
+                    continue;
                 int const o = overhang<W>(b);
                 minDilation = std::min(minDilation, o);
                 maxDilation = std::max(maxDilation, o);
             }
         }
-        Par::parallel_for(Par::blocked_range<int>(m.minDepth, kMax + 1, 1), [&](Par::blocked_range<int> const& r) {
-            for (int d = r.begin(); d != r.end(); ++d) {
-                auto const& bounds = part.bounds[std::size_t(d)];
-                std::int64_t const w = Container<Traits>::tileVoxelWidth(d);
-                CornerSet& set = sets.local();
-                for (std::int64_t t = 0; t < std::int64_t(bounds.size()); ++t) {
-                    if (TVL::bodyCancelled()) return;
-                    auto const& b = bounds[std::size_t(t)];
-                    if (b[0] > b[3]) continue;
-                    int const o = overhang<W>(b);
-                    if (o <= 0) continue;
-                    int3 const c = m.container.tile(t, d).tijk();
-                    int lo[3], hi[3];
-                    for (int a = 0; a < 3; ++a) {
-                        lo[a] = o == 1 ? (b[std::size_t(a)] < 0 ? -1 : 0) : -o;
-                        hi[a] = o == 1 ? (b[std::size_t(a + 3)] >= W ? 1 : 0) : o;
-                    }
-                    for (int z = lo[2]; z <= hi[2]; ++z)
-                        for (int y = lo[1]; y <= hi[1]; ++y)
-                            for (int x = lo[0]; x <= hi[0]; ++x) {
-                                std::int64_t const X = c.x + x * w, Y = c.y + y * w, Z = c.z + z * w;
-                                if (Container<Traits>::inDomain(X, Y, Z))
-                                    set.insert(int3{int(X), int(Y), int(Z)}, d);
-                            }
-                }
-            }
-        });
+        Par::parallel_for(Par::blocked_range<int>(m.minDepth, kMax + 1, 1),
+                          [&](Par::blocked_range<int> const& r) {
+                              for (int d = r.begin(); d != r.end(); ++d) {
+                                  auto const& bounds = part.bounds[std::size_t(d)];
+                                  std::int64_t const w = Container<Traits>::tileVoxelWidth(d);
+                                  CornerSet& set = sets.local();
+                                  for (std::int64_t t = 0; t < std::int64_t(bounds.size()); ++t) {
+                                      if (TVL::bodyCancelled())
+                                          return;
+                                      auto const& b = bounds[std::size_t(t)];
+                                      if (b[0] > b[3])
+                                          continue;
+                                      int const o = overhang<W>(b);
+                                      if (o <= 0)
+                                          continue;
+                                      int3 const c = m.container.tile(t, d).tijk();
+                                      int lo[3], hi[3];
+                                      for (int a = 0; a < 3; ++a) {
+                                          lo[a] = o == 1 ? (b[std::size_t(a)] < 0 ? -1 : 0) : -o;
+                                          hi[a] = o == 1 ? (b[std::size_t(a + 3)] >= W ? 1 : 0) : o;
+                                      }
+                                      for (int z = lo[2]; z <= hi[2]; ++z)
+                                          for (int y = lo[1]; y <= hi[1]; ++y)
+                                              for (int x = lo[0]; x <= hi[0]; ++x) {
+                                                  std::int64_t const X = c.x + x * w,
+                                                                     Y = c.y + y * w,
+                                                                     Z = c.z + z * w;
+                                                  if (Container<Traits>::inDomain(X, Y, Z))
+                                                      set.insert(int3{int(X), int(Y), int(Z)}, d);
+                                              }
+                                  }
+                              }
+                          });
         TVL::throwIfJobCancelled();
     }
     m.tileDilation = maxDilation;
-    if (verbose > 1) std::cout << "minDilation = " << minDilation << "\nmaxDilation = " << maxDilation << '\n';
+    if (verbose > 1)
+        std::cout << "minDilation = " << minDilation << "\nmaxDilation = " << maxDilation << '\n';
     {
-        auto const timer = CoreGL::Logger::timer(PointStageNames::name("adaptive.dilate_refine_coarser_levels"), nullptr);
+        auto const timer = CoreGL::Logger::timer(
+            PointStageNames::name("adaptive.dilate_refine_coarser_levels"), nullptr);
         addCollectedTiles(sets, m.container);
     }
     if (verbose > 1)
         std::cout << "numTiles after dilation = " << m.container.tileCount(-1)
-                  << "\nnumTiles at maxDepth after dilation = " << m.container.tileCount(kMax) << '\n';
+                  << "\nnumTiles at maxDepth after dilation = " << m.container.tileCount(kMax)
+                  << '\n';
 }
 
-template <typename Traits> void runAdaptiveRoute(PointsDriver<Traits>& m, Quillon::RuntimeServices const& runtime)
+template <typename Traits>
+void runAdaptiveRoute(PointsDriver<Traits>& m, Quillon::RuntimeServices const& runtime)
 {
     constexpr int kMax = Traits::kMaxDepth;
     int const verbose = CoreGL::Logger::verboseLevel();
     if (verbose > 0)
         std::cout << "isVariedFromProperty = " << m.isVariedFromProperty
-                  << "\nallocateAdaptivelyAlongSurface = " << m.allocateAdaptivelyAlongSurface << '\n';
+                  << "\nallocateAdaptivelyAlongSurface = " << m.allocateAdaptivelyAlongSurface
+                  << '\n';
     double maxExtent = 0.0;
     if (m.buildTiles) {
         maxExtent = pointBoxExtent(m);
-        if (m.errorTolerance > 0.0f) m.errorTolerance *= float(maxExtent);
+        if (m.errorTolerance > 0.0f)
+            m.errorTolerance *= float(maxExtent);
     }
     if (verbose > 1) {
         std::cout << "in_grading = " << m.grading << '\n';
-        for (int d = 0; d <= kMax; ++d) std::cout << "padDepthTS[" << d << "] = " << m.padDepthTS[std::size_t(d)] << '\n';
+        for (int d = 0; d <= kMax; ++d)
+            std::cout << "padDepthTS[" << d << "] = " << m.padDepthTS[std::size_t(d)] << '\n';
     }
     if (!m.buildTiles) {
         m.minDepth = 0;
         m.allocateAdaptivelyAlongSurface = false;
     } else {
-        auto const timer = CoreGL::Logger::timer(PointStageNames::name("adaptive.refine_coarser_levels"), &runtime);
+        auto const timer = CoreGL::Logger::timer(
+            PointStageNames::name("adaptive.refine_coarser_levels"), &runtime);
         refineCoarserLevels(m, maxExtent);
     }
-    bool const perTileWithBounds = !m.buildTiles || (m.isVariedFromProperty && !m.allocateAdaptivelyAlongSurface);
+    bool const perTileWithBounds =
+        !m.buildTiles || (m.isVariedFromProperty && !m.allocateAdaptivelyAlongSurface);
     Partition<Traits> part;
     {
-        auto const timer =
-            CoreGL::Logger::timer(PointStageNames::name("adaptive.partition_points_at_coarser_levels"), &runtime);
+        auto const timer = CoreGL::Logger::timer(
+            PointStageNames::name("adaptive.partition_points_at_coarser_levels"), &runtime);
         m.container.buildAccessorAccelerationStructure(-1);
         part = partitionPoints(m, perTileWithBounds);
     }
     if (!m.buildTiles) {
         // Only the reach of the points, no new tiles.
         for (int d = m.minDepth; d <= kMax; ++d)
-            for (auto const& b : part.bounds[std::size_t(d)]) m.tileDilation = std::max(m.tileDilation, overhang<Traits::kTileWidth>(b));
+            for (auto const& b : part.bounds[std::size_t(d)])
+                m.tileDilation = std::max(m.tileDilation, overhang<Traits::kTileWidth>(b));
     } else if (m.isVariedFromProperty && !m.allocateAdaptivelyAlongSurface) {
         dilateTiles(m, part);
         // The lists follow the tiles: indices are stable under `refine`, new tiles list nothing.
         for (int d = m.minDepth; d <= kMax; ++d) {
             auto& l = part.lists[std::size_t(d)];
             std::int64_t const n = m.container.tileCount(d);
-            if (!l.offset.empty()) l.offset.resize(std::size_t(n) + 1, l.offset.back());
+            if (!l.offset.empty())
+                l.offset.resize(std::size_t(n) + 1, l.offset.back());
         }
     }
     if (m.buildTiles) {
@@ -1042,25 +1235,29 @@ template <typename Traits> void runAdaptiveRoute(PointsDriver<Traits>& m, Quillo
     }
     if (m.hasProperties) {
         TVL::TileTree3D::Int64 const none = -1;
-        m.closest = Quillon::makePtr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>("voxelClosestPointChannel", &none,
-                                                                         TVL::TileTree3D::kDataElementInitializerDefaultValue,
-                                                                         false, true, 0, kMax);
+        m.closest = Quillon::makePtr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>(
+            "voxelClosestPointChannel", &none, TVL::TileTree3D::kDataElementInitializerDefaultValue,
+            false, true, 0, kMax);
         m.closest->update(m.topology);
     }
     if (m.allocateAdaptivelyAlongSurface) {
-        auto const timer = CoreGL::Logger::timer(PointStageNames::name("adaptive.refine_adaptively"), &runtime);
+        auto const timer =
+            CoreGL::Logger::timer(PointStageNames::name("adaptive.refine_adaptively"), &runtime);
         refineAdaptively(m, part);
     } else {
         m.container.buildAccessorAccelerationStructure(-1);
         {
-            auto const timer = CoreGL::Logger::timer(PointStageNames::name("adaptive.voxelize"), &runtime);
+            auto const timer =
+                CoreGL::Logger::timer(PointStageNames::name("adaptive.voxelize"), &runtime);
             voxelizePerTile(m, part);
         }
-        auto const timer = CoreGL::Logger::timer(PointStageNames::name("adaptive.interpolate_and_union"), &runtime);
+        auto const timer = CoreGL::Logger::timer(
+            PointStageNames::name("adaptive.interpolate_and_union"), &runtime);
         interpolateAndUnion(m);
     }
     {
-        auto const timer = CoreGL::Logger::timer(PointStageNames::name("adaptive.precompute_tile_neighbors"), &runtime);
+        auto const timer = CoreGL::Logger::timer(
+            PointStageNames::name("adaptive.precompute_tile_neighbors"), &runtime);
         m.container.precomputeTileNeighbors();
     }
     setNonLeafValueToChildValue(m.level, m.container, m.topology.offsetType(), 0, kMax - 1);
@@ -1069,13 +1266,17 @@ template <typename Traits> void runAdaptiveRoute(PointsDriver<Traits>& m, Quillo
 /// Grades the tree after redistancing: new tiles take the value of the parent voxel covering
 /// each of their voxels, in the level set and in the volume's channels.
 template <typename Traits>
-void gradeAdaptiveTree(PointsDriver<Traits>& m, TVL::Object& volume, Quillon::RuntimeServices const& runtime)
+void gradeAdaptiveTree(PointsDriver<Traits>& m, TVL::Object& volume,
+                       Quillon::RuntimeServices const& runtime)
 {
     constexpr int kMax = Traits::kMaxDepth;
     constexpr int W = Traits::kTileWidth;
     int const verbose = CoreGL::Logger::verboseLevel();
-    auto const timer = CoreGL::Logger::timer(PointStageNames::name("adaptive.grade_and_coarsen"), &runtime);
-    if (verbose > 1) std::cout << "tileCount before coarsening and grading = " << m.container.tileCount(-1) << '\n';
+    auto const timer =
+        CoreGL::Logger::timer(PointStageNames::name("adaptive.grade_and_coarsen"), &runtime);
+    if (verbose > 1)
+        std::cout << "tileCount before coarsening and grading = " << m.container.tileCount(-1)
+                  << '\n';
     TileCornerLists<Traits> newTiles;
     CoreGL::TileTree3D::gradeTileTree(m.container, &newTiles, nullptr, 0, kMax);
     m.topology.update(m.container);
@@ -1084,32 +1285,41 @@ void gradeAdaptiveTree(PointsDriver<Traits>& m, TVL::Object& volume, Quillon::Ru
     m.container.buildAccessorAccelerationStructure(-1);
     for (int d = 1; d <= kMax; ++d) {
         auto const& corners = newTiles[d];
-        if (corners.empty()) continue;
-        Par::parallel_for(Par::blocked_range<std::size_t>(0, corners.size(), 16), [&](Par::blocked_range<std::size_t> const& r) {
-            if (TVL::bodyCancelled()) return;
-            auto acc = std::as_const(m.container).tileAccessor();
-            for (std::size_t q = r.begin(); q != r.end(); ++q) {
-                int3 const c = corners[q];
-                auto const& tile = acc.tile(c, d);
-                if (!tile.valid() || tile.depth() != d || tile.parent() < 0) continue;
-                auto const& parent = m.container.tile(tile.parent(), d - 1);
-                auto const pv = std::as_const(m.level).tileData(parent.treeIndex());
-                auto lv = m.level.tileData(tile.treeIndex());
-                if (pv.empty() || lv.empty()) continue;
-                std::int64_t const w = tile.voxelDataWidth();
-                for (int k = 0; k < W; ++k)
-                    for (int j = 0; j < W; ++j)
-                        for (int i = 0; i < W; ++i) {
-                            int pi, pj, pk;
-                            parent.childDataIJK(c.x + i * w + w / 2, c.y + j * w + w / 2, c.z + k * w + w / 2, pi, pj, pk);
-                            lv(i, j, k) = pv(pi, pj, pk);
-                        }
-            }
-        });
+        if (corners.empty())
+            continue;
+        Par::parallel_for(
+            Par::blocked_range<std::size_t>(0, corners.size(), 16),
+            [&](Par::blocked_range<std::size_t> const& r) {
+                if (TVL::bodyCancelled())
+                    return;
+                auto acc = std::as_const(m.container).tileAccessor();
+                for (std::size_t q = r.begin(); q != r.end(); ++q) {
+                    int3 const c = corners[q];
+                    auto const& tile = acc.tile(c, d);
+                    if (!tile.valid() || tile.depth() != d || tile.parent() < 0)
+                        continue;
+                    auto const& parent = m.container.tile(tile.parent(), d - 1);
+                    auto const pv = std::as_const(m.level).tileData(parent.treeIndex());
+                    auto lv = m.level.tileData(tile.treeIndex());
+                    if (pv.empty() || lv.empty())
+                        continue;
+                    std::int64_t const w = tile.voxelDataWidth();
+                    for (int k = 0; k < W; ++k)
+                        for (int j = 0; j < W; ++j)
+                            for (int i = 0; i < W; ++i) {
+                                int pi, pj, pk;
+                                parent.childDataIJK(c.x + i * w + w / 2, c.y + j * w + w / 2,
+                                                    c.z + k * w + w / 2, pi, pj, pk);
+                                lv(i, j, k) = pv(pi, pj, pk);
+                            }
+                }
+            });
         TVL::throwIfJobCancelled();
     }
     TVL::TileTree3D::initializeTileData(m.container, newTiles, volume);
-    if (verbose > 1) std::cout << "tileCount after coarsening and grading = " << m.container.tileCount(-1) << '\n';
+    if (verbose > 1)
+        std::cout << "tileCount after coarsening and grading = " << m.container.tileCount(-1)
+                  << '\n';
 }
 
 } // namespace VolumeGL::TileTree3D::detail

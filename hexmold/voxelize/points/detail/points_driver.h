@@ -6,23 +6,23 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <limits>
-#include <vector>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/voxelize_types.h>
+#include <limits>
+#include <vector>
 
 namespace VolumeGL::TileTree3D::detail {
 
-using TVL::TileTree3D::Container;
-using TVL::TileTree3D::VoxelChannel;
-using TVL::TileTree3D::VoxelTopology;
 using Tavrel::Math::double3;
 using Tavrel::Math::float3;
 using Tavrel::Math::int3;
+using TVL::TileTree3D::Container;
+using TVL::TileTree3D::VoxelChannel;
+using TVL::TileTree3D::VoxelTopology;
 
 /// sqrt(3) as the float the band tests use (bits 0x3FDDB3D9).
 inline constexpr float kSqrt3f = 1.73205f;
@@ -33,7 +33,8 @@ inline constexpr float kBoxSlack = 1.1754944e-38f;
 inline std::int64_t floorDivide(std::int64_t a, std::int64_t b)
 {
     std::int64_t q = a / b;
-    if ((a % b != 0) && (a < 0)) --q;
+    if ((a % b != 0) && (a < 0))
+        --q;
     return q;
 }
 
@@ -44,7 +45,8 @@ public:
     using Key = TVL::TileTree3D::VoxelCoord;
     void insert(Key const& c)
     {
-        if ((mCount + 1) * 2 > mSlots.size()) grow();
+        if ((mCount + 1) * 2 > mSlots.size())
+            grow();
         std::size_t const mask = mSlots.size() - 1;
         for (std::size_t s = hash(c) & mask;; s = (s + 1) & mask) {
             if (!mUsed[s]) {
@@ -53,14 +55,16 @@ public:
                 ++mCount;
                 return;
             }
-            if (mSlots[s] == c) return;
+            if (mSlots[s] == c)
+                return;
         }
     }
     void insert(int3 const& c, int depth) { insert(Key{c.x, c.y, c.z, depth}); }
     template <typename F> void forEach(F&& f) const
     {
         for (std::size_t s = 0; s < mSlots.size(); ++s)
-            if (mUsed[s]) f(mSlots[s]);
+            if (mUsed[s])
+                f(mSlots[s]);
     }
     std::size_t size() const { return mCount; }
 
@@ -82,7 +86,8 @@ private:
         mUsed.assign(n, 0);
         mCount = 0;
         for (std::size_t s = 0; s < old.size(); ++s)
-            if (oldUsed[s]) insert(old[s]);
+            if (oldUsed[s])
+                insert(old[s]);
     }
     std::vector<Key> mSlots;
     std::vector<unsigned char> mUsed;
@@ -97,13 +102,15 @@ void addCollectedTiles(Sets& sets, TVL::TileTree3D::Container<Traits>& container
                        TVL::TileTree3D::TileCornerLists<Traits>* newTiles = nullptr)
 {
     std::vector<CornerSet::Key> keys;
-    for (CornerSet const& s : sets) s.forEach([&](CornerSet::Key const& c) { keys.push_back(c); });
+    for (CornerSet const& s : sets)
+        s.forEach([&](CornerSet::Key const& c) { keys.push_back(c); });
     sets.clear();
     std::sort(keys.begin(), keys.end());
     keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
     TVL::TileTree3D::Container<Traits> work("", container.voxelSize());
     auto acc = work.tileAccessor();
-    for (CornerSet::Key const& c : keys) acc.addTile(c);
+    for (CornerSet::Key const& c : keys)
+        acc.addTile(c);
     container.refine(work, newTiles, true);
 }
 
@@ -116,10 +123,11 @@ template <typename Traits> struct PointsDriver {
     static constexpr std::int64_t A = Traits::kCentreOffset;
 
     // ---- the cloud: only points with a finite position and a finite, non-negative radius ----
-    std::vector<double3> centre;       ///< centres in finest voxels (world / voxelSize); tile corners share the frame
-    std::vector<float> radius;         ///< world radius of each point
-    std::vector<float> detail;         ///< world detail size of each point; empty when none
-    std::vector<std::int64_t> source;  ///< the caller's index of each point (property values)
+    std::vector<double3>
+        centre; ///< centres in finest voxels (world / voxelSize); tile corners share the frame
+    std::vector<float> radius;        ///< world radius of each point
+    std::vector<float> detail;        ///< world detail size of each point; empty when none
+    std::vector<std::int64_t> source; ///< the caller's index of each point (property values)
     bool hasSingleRadius = false;
     float radius0 = 0.0f;
 
@@ -127,7 +135,8 @@ template <typename Traits> struct PointsDriver {
     Container<Traits>& container;
     VoxelTopology<Traits>& topology;
     VoxelChannel<Traits, float>& level;
-    Quillon::Ptr<VoxelChannel<Traits, TVL::TileTree3D::Int64>> closest; ///< closest point per voxel (-1: none)
+    Quillon::Ptr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>
+        closest; ///< closest point per voxel (-1: none)
 
     // ---- derived values ----
     float voxelSize = 1.0f;
@@ -172,9 +181,11 @@ template <typename Traits> struct PointsDriver {
     int detailSizeDepth(float s) const
     {
         double const x = double(s) * double(invVoxelSize);
-        if (!(x > 0.0) || !std::isfinite(x)) return kMax;
+        if (!(x > 0.0) || !std::isfinite(x))
+            return kMax;
         double const levels = std::floor(std::log(x) / std::log(double(R)) + 0.5);
-        if (levels >= double(kMax)) return 0;
+        if (levels >= double(kMax))
+            return 0;
         return std::clamp(kMax - int(levels), 0, kMax);
     }
 
@@ -183,14 +194,16 @@ template <typename Traits> struct PointsDriver {
     {
         double3 const& p = centre[std::size_t(i)];
         double const dx = x.x - p.x, dy = x.y - p.y, dz = x.z - p.z;
-        return float(std::sqrt(dx * dx + dy * dy + dz * dz) * double(voxelSize) - double(radius[std::size_t(i)]));
+        return float(std::sqrt(dx * dx + dy * dy + dz * dz) * double(voxelSize) -
+                     double(radius[std::size_t(i)]));
     }
 
     /// Tile colour of a checkerboard over the tiles of one depth.
     static int tileColour(int3 const& corner, int depth)
     {
         std::int64_t const w = Container<Traits>::tileVoxelWidth(depth);
-        return int(((std::int64_t(corner.x) + A) / w + (std::int64_t(corner.y) + A) / w + (std::int64_t(corner.z) + A) / w) %
+        return int(((std::int64_t(corner.x) + A) / w + (std::int64_t(corner.y) + A) / w +
+                    (std::int64_t(corner.z) + A) / w) %
                    2);
     }
 

@@ -8,10 +8,6 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
-#include <iostream>
-#include <limits>
-#include <sstream>
-#include <vector>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
@@ -31,6 +27,10 @@
 #include <hexmold/voxelize/points/detail/points_driver.h>
 #include <hexmold/voxelize/points/detail/points_non_adaptive.h>
 #include <hexmold/voxelize/points/detail/points_stage_names.h>
+#include <iostream>
+#include <limits>
+#include <sstream>
+#include <vector>
 
 namespace VolumeGL::TileTree3D::detail {
 
@@ -53,8 +53,10 @@ template <typename T> double pointArrayHash(Quillon::Array<T> const& a)
 /// Reports refused input on the error stream and through @p runtime.
 inline void reportBadPoints(Quillon::RuntimeServices const& runtime, Quillon::String const& why)
 {
-    Quillon::String const text = Quillon::String("voxelizePoints.error: ") + why + "; nothing was built";
-    if (CoreGL::Logger::errorVerboseLevel() > 0) std::cerr << text << '\n';
+    Quillon::String const text =
+        Quillon::String("voxelizePoints.error: ") + why + "; nothing was built";
+    if (CoreGL::Logger::errorVerboseLevel() > 0)
+        std::cerr << text << '\n';
     if (runtime.isLogEnabled(Quillon::RuntimeMessageCategory::kError))
         runtime.logImpl(Quillon::RuntimeMessageCategory::kError, text);
 }
@@ -87,69 +89,84 @@ bool transferPointProperty(PropertyTransfer<Traits>& x, Quillon::String const& n
     constexpr int W = Traits::kTileWidth;
     PointsDriver<Traits>& m = x.m;
     Quillon::Array<T> const* values = Geo::getDataGeoPropertyValues<T>(x.geometry, name);
-    if (!values) return false;
+    if (!values)
+        return false;
     T defaultValue{};
     Geo::getDataGeoPropertyDefault<T>(x.geometry, name, defaultValue);
     Quillon::String channelName = Tavrel::mapGeoPropertyNameToTVLVolume(name, x.geometry);
     // A property that would overwrite the level set gets a prefixed channel.
     if (channelName == Geo::sVoxelSignedDistance || channelName == x.levelName)
         channelName = Quillon::String("voxel_") + name;
-    if (channelName == x.levelName) channelName = Quillon::String("voxel_") + channelName;
+    if (channelName == x.levelName)
+        channelName = Quillon::String("voxel_") + channelName;
     x.volume.removeComponent(channelName);
-    Command::createChannel<T, Traits::kRatio, W, W, 0>(channelName, m.topology, x.volume, defaultValue,
-                                                      kDataElementInitializerDefaultValue, 0, kMax);
+    Command::createChannel<T, Traits::kRatio, W, W, 0>(
+        channelName, m.topology, x.volume, defaultValue, kDataElementInitializerDefaultValue, 0,
+        kMax);
     TVL::ComponentGuard<VoxelChannel<Traits, T>> ch(x.volume, channelName);
-    if (!ch) return true;
+    if (!ch)
+        return true;
     int const verbose = CoreGL::Logger::verboseLevel();
-    if (verbose > 1) std::cout << "Voxelizing into " << channelName << '\n';
-    if (values->empty()) return true;
+    if (verbose > 1)
+        std::cout << "Voxelizing into " << channelName << '\n';
+    if (values->empty())
+        return true;
     if (values->size() != x.callerPoints) {
         std::ostringstream s;
-        s << "voxelizePoints: property '" << name << "' has " << values->size() << " values for " << x.callerPoints
-          << " points; its channel keeps the default value.";
+        s << "voxelizePoints: property '" << name << "' has " << values->size() << " values for "
+          << x.callerPoints << " points; its channel keeps the default value.";
         warnPoints(x.runtime, s.str());
         return true;
     }
     int const firstDepth = m.isAdaptive ? 0 : kMax;
     for (int d = 0; d <= kMax; ++d) {
         std::int64_t const n = m.container.tileCount(d);
-        Par::parallel_for(Par::blocked_range<std::int64_t>(0, n, 16), [&](Par::blocked_range<std::int64_t> const& r) {
-            if (TVL::bodyCancelled()) return;
-            for (std::int64_t t = r.begin(); t != r.end(); ++t) {
-                auto known = x.mask.tileData(t, d);
-                auto out = ch->tileData(t, d);
-                auto const ids = std::as_const(*m.closest).tileData(t, d);
-                if (known.empty() || out.empty()) continue;
-                for (std::size_t v = 0; v < out.size(); ++v) {
-                    std::int64_t const id = d >= firstDepth && !ids.empty() ? ids[v] : -1;
-                    if (id < 0) {
-                        out[v] = defaultValue;
-                        known[v] = 0;
-                    } else {
-                        out[v] = (*values)[std::size_t(m.source[std::size_t(id)])];
-                        known[v] = 1;
-                    }
-                }
-            }
-        });
+        Par::parallel_for(Par::blocked_range<std::int64_t>(0, n, 16),
+                          [&](Par::blocked_range<std::int64_t> const& r) {
+                              if (TVL::bodyCancelled())
+                                  return;
+                              for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                                  auto known = x.mask.tileData(t, d);
+                                  auto out = ch->tileData(t, d);
+                                  auto const ids = std::as_const(*m.closest).tileData(t, d);
+                                  if (known.empty() || out.empty())
+                                      continue;
+                                  for (std::size_t v = 0; v < out.size(); ++v) {
+                                      std::int64_t const id =
+                                          d >= firstDepth && !ids.empty() ? ids[v] : -1;
+                                      if (id < 0) {
+                                          out[v] = defaultValue;
+                                          known[v] = 0;
+                                      } else {
+                                          out[v] =
+                                              (*values)[std::size_t(m.source[std::size_t(id)])];
+                                          known[v] = 1;
+                                      }
+                                  }
+                              }
+                          });
         TVL::throwIfJobCancelled();
     }
     if (verbose > 0)
-        CoreGL::writeVoxelHashLine(x.prefix + channelName, ".voxel_hash.before_extrapolation = ", m.container, *ch, 0);
-    LevelSet::extrapolateChannel<Traits, T>(LevelSet::kExtrapolateFSM, m.container, m.topology, x.mask, *ch, &m.level,
-                                            nullptr, 0, kMax, false);
+        CoreGL::writeVoxelHashLine(x.prefix + channelName,
+                                   ".voxel_hash.before_extrapolation = ", m.container, *ch, 0);
+    LevelSet::extrapolateChannel<Traits, T>(LevelSet::kExtrapolateFSM, m.container, m.topology,
+                                            x.mask, *ch, &m.level, nullptr, 0, kMax, false);
     if (m.isAdaptive && m.isVariedFromProperty && !m.allocateAdaptivelyAlongSurface)
         setNonLeafValueToChildValue(*ch, m.container, m.topology.offsetType(), 0, kMax - 1);
     if (verbose > 0)
-        CoreGL::writeVoxelHashLine(x.prefix + channelName, ".voxel_hash.after_extrapolation = ", m.container, *ch, 0);
+        CoreGL::writeVoxelHashLine(x.prefix + channelName,
+                                   ".voxel_hash.after_extrapolation = ", m.container, *ch, 0);
     return true;
 }
 
 /// Tries the element types in their order of preference; false when none matches.
-template <typename Traits> bool transferPointPropertyAnyType(PropertyTransfer<Traits>& x, Quillon::String const& name)
+template <typename Traits>
+bool transferPointPropertyAnyType(PropertyTransfer<Traits>& x, Quillon::String const& name)
 {
-#define HEXMOLD_TRY_POINT_TYPE(T) \
-    if (transferPointProperty<Traits, T>(x, name)) return true;
+#define HEXMOLD_TRY_POINT_TYPE(T)                                                                  \
+    if (transferPointProperty<Traits, T>(x, name))                                                 \
+        return true;
     HEXMOLD_TRY_POINT_TYPE(float)
     HEXMOLD_TRY_POINT_TYPE(float2)
     HEXMOLD_TRY_POINT_TYPE(float3)
@@ -173,15 +190,19 @@ template <typename Traits> bool transferPointPropertyAnyType(PropertyTransfer<Tr
 }
 
 /// Resets every voxel of @p channel on the depths of its range to its default value.
-template <typename Traits, typename T> void resetToDefault(Container<Traits> const& container, VoxelChannel<Traits, T>& ch)
+template <typename Traits, typename T>
+void resetToDefault(Container<Traits> const& container, VoxelChannel<Traits, T>& ch)
 {
     int const lo = std::max(0, ch.minDepth()), hi = std::min(Traits::kMaxDepth, ch.depth());
     T const value = ch.defaultValue();
-    Par::parallel_for(Par::blocked_range<int>(lo, hi + 1, 1), [&](Par::blocked_range<int> const& r) {
-        if (TVL::bodyCancelled()) return;
-        for (int d = r.begin(); d != r.end(); ++d)
-            for (std::int64_t t = 0; t < container.tileCount(d); ++t) ch.tileData(t, d).set(value);
-    });
+    Par::parallel_for(Par::blocked_range<int>(lo, hi + 1, 1),
+                      [&](Par::blocked_range<int> const& r) {
+                          if (TVL::bodyCancelled())
+                              return;
+                          for (int d = r.begin(); d != r.end(); ++d)
+                              for (std::int64_t t = 0; t < container.tileCount(d); ++t)
+                                  ch.tileData(t, d).set(value);
+                      });
     TVL::throwIfJobCancelled();
 }
 
@@ -190,13 +211,15 @@ template <typename Traits, typename T> void resetToDefault(Container<Traits> con
 namespace VolumeGL::TileTree3D {
 
 template <typename Traits>
-bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math::float3> const& positions,
+bool voxelizePoints(Tavrel::Object const& geometry,
+                    Quillon::Array<Tavrel::Math::float3> const& positions,
                     Quillon::Array<float> const& radii, Quillon::Array<float> const* detailSizes,
                     Adaptivity const& adaptivity, float maxRelativeError,
                     Quillon::Array<ResolutionField> const* resolutionFields, float grading,
                     Quillon::String const& propertyPattern, Quillon::String const& containerName,
-                    Quillon::String const& topologyName, Quillon::String const& channelName, TVL::Object& volume,
-                    TopologyType topologyType, Quillon::RuntimeServices const& runtime)
+                    Quillon::String const& topologyName, Quillon::String const& channelName,
+                    TVL::Object& volume, TopologyType topologyType,
+                    Quillon::RuntimeServices const& runtime)
 {
     using namespace detail;
     using CoreGL::Logger;
@@ -213,7 +236,8 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
     std::size_t const n = positions.size();
     if (radii.size() != 1 && radii.size() != n) {
         std::ostringstream s;
-        s << "there are " << radii.size() << " radii for " << n << " points (give one shared radius or one per point)";
+        s << "there are " << radii.size() << " radii for " << n
+          << " points (give one shared radius or one per point)";
         reportBadPoints(runtime, s.str());
         return false;
     }
@@ -230,8 +254,9 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
     TVL::ComponentGuard<VoxelTopology<Traits>> topologyGuard(volume, topologyName);
     TVL::ComponentGuard<VoxelChannel<Traits, float>> levelGuard(volume, channelName);
     if (!containerGuard || !topologyGuard || !levelGuard) {
-        reportBadPoints(runtime, Quillon::String("the volume lacks the tree '") + containerName + "', the topology '" +
-                                     topologyName + "' or the float channel '" + channelName + "'");
+        reportBadPoints(runtime, Quillon::String("the volume lacks the tree '") + containerName +
+                                     "', the topology '" + topologyName +
+                                     "' or the float channel '" + channelName + "'");
         return false;
     }
     Container<Traits>& container = *containerGuard;
@@ -258,9 +283,11 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
         for (std::size_t i = 0; i < n; ++i) {
             float const r = radii[m.hasSingleRadius ? 0 : i];
             auto const& p = positions[i];
-            double3 const c{double(p.x) / double(h), double(p.y) / double(h), double(p.z) / double(h)};
-            bool const ok = std::isfinite(c.x) && std::isfinite(c.y) && std::isfinite(c.z) && std::abs(c.x) < limit &&
-                            std::abs(c.y) < limit && std::abs(c.z) < limit && std::isfinite(r) && r >= 0.0f &&
+            double3 const c{double(p.x) / double(h), double(p.y) / double(h),
+                            double(p.z) / double(h)};
+            bool const ok = std::isfinite(c.x) && std::isfinite(c.y) && std::isfinite(c.z) &&
+                            std::abs(c.x) < limit && std::abs(c.y) < limit &&
+                            std::abs(c.z) < limit && std::isfinite(r) && r >= 0.0f &&
                             double(r) / double(h) < limit;
             if (!ok) {
                 ++dropped;
@@ -269,18 +296,21 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
             m.centre.push_back(c);
             m.radius.push_back(r);
             m.source.push_back(std::int64_t(i));
-            if (keepDetail) m.detail.push_back((*detailSizes)[i]);
+            if (keepDetail)
+                m.detail.push_back((*detailSizes)[i]);
         }
         if (dropped > 0) {
             std::ostringstream s;
             s << "voxelizePoints: " << dropped << " of " << n
-              << " points have a non-finite position, a position beyond the tree or a radius that is negative or "
+              << " points have a non-finite position, a position beyond the tree or a radius that "
+                 "is negative or "
                  "not finite; they are left out.";
             warnPoints(runtime, s.str());
         }
         if (m.centre.empty()) {
             if (runtime.isLogEnabled(Quillon::RuntimeMessageCategory::kWarning))
-                runtime.logImpl(Quillon::RuntimeMessageCategory::kWarning, "No points to voxelize.");
+                runtime.logImpl(Quillon::RuntimeMessageCategory::kWarning,
+                                "No points to voxelize.");
             return false;
         }
     }
@@ -294,14 +324,16 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
     }
 
     // 4. Keep the tiles: the level set starts from its default value.
-    if (!m.buildTiles) resetToDefault(container, level);
+    if (!m.buildTiles)
+        resetToDefault(container, level);
 
     // 5. The properties and the derived flags.
     TVL::Utils::ChannelParser parser;
     parser.parses(propertyPattern);
     std::vector<Quillon::String> accepted;
     for (Quillon::String const& name : Geo::getGeoPropNamesByTarget(geometry, Geo::sPointComp))
-        if (parser.accepts(name)) accepted.push_back(name);
+        if (parser.accepts(name))
+            accepted.push_back(name);
     m.hasProperties = !accepted.empty();
     m.isVariedFromProperty = detailMode;
     m.hasDetailSizes = detailMode && detailSizes != nullptr;
@@ -310,21 +342,25 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
     m.allocateAdaptivelyAlongSurface = m.isAdaptive;
     m.maxVariedRadiusInVoxels = int(std::ceil(double(m.radius0) * double(m.invVoxelSize)));
     m.errorTolerance = adaptivity == AdaptivityMaxRelativeError ? h * maxRelativeError : 0.0f;
-    if (!(m.errorTolerance >= 0.0f) || !std::isfinite(m.errorTolerance)) m.errorTolerance = 0.0f;
-    if (m.buildTiles) container.setMaxRelativeRefinementError(m.errorTolerance / h);
+    if (!(m.errorTolerance >= 0.0f) || !std::isfinite(m.errorTolerance))
+        m.errorTolerance = 0.0f;
+    if (m.buildTiles)
+        container.setMaxRelativeRefinementError(m.errorTolerance / h);
     m.gradedVoxelSize = h * (m.grading > 1.0f ? m.grading : 1.0f);
     m.surfaceBand = kSqrt3f * h;
     m.deepRadius = 2.0f * m.surfaceBand;
     if (resolutionFields && adaptivity == AdaptivityResolutionFields) {
         for (ResolutionField const& f : *resolutionFields) {
             typename PointsDriver<Traits>::Field w;
-            for (int a = 0; a < 3; ++a) w.min[a] = f.min[a], w.max[a] = f.max[a];
+            for (int a = 0; a < 3; ++a)
+                w.min[a] = f.min[a], w.max[a] = f.max[a];
             w.targetDepth = std::clamp(kMax - int(f.level), 0, kMax);
             m.fieldMinDepth = std::min(m.fieldMinDepth, w.targetDepth);
             m.fields.push_back(w);
         }
-        std::stable_sort(m.fields.begin(), m.fields.end(),
-                         [](auto const& a, auto const& b) { return a.targetDepth > b.targetDepth; });
+        std::stable_sort(m.fields.begin(), m.fields.end(), [](auto const& a, auto const& b) {
+            return a.targetDepth > b.targetDepth;
+        });
     }
     for (int d = 0; d <= kMax; ++d)
         m.padDepthTS[std::size_t(d)] =
@@ -337,9 +373,9 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
         PointLists const lists = insertPoints(m);
         container.precomputeTileNeighbors();
         TVL::TileTree3D::Int64 const none = -1;
-        m.closest = Quillon::makePtr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>("voxelClosestPointChannel", &none,
-                                                                         kDataElementInitializerDefaultValue, false,
-                                                                         true, 0, kMax);
+        m.closest = Quillon::makePtr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>(
+            "voxelClosestPointChannel", &none, kDataElementInitializerDefaultValue, false, true, 0,
+            kMax);
         m.closest->update(topology);
         stampSpheres(m, lists);
         propagateClosestPoints(m);
@@ -352,11 +388,14 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
     // 7. Hash lines.
     if (verbose > 0) {
         std::ostringstream a, b;
-        a << "point_position[#" << n << ", " << static_cast<void const*>(&geometry) << "].point_hash = ";
-        b << "point_radius[#" << radii.size() << ", " << static_cast<void const*>(&geometry) << "].point_hash = ";
+        a << "point_position[#" << n << ", " << static_cast<void const*>(&geometry)
+          << "].point_hash = ";
+        b << "point_radius[#" << radii.size() << ", " << static_cast<void const*>(&geometry)
+          << "].point_hash = ";
         CoreGL::writeVoxelHashLine(prefix, a.str(), pointArrayHash(positions), 0);
         CoreGL::writeVoxelHashLine(prefix, b.str(), pointArrayHash(radii), 0);
-        CoreGL::writeVoxelHashLine(prefix + channelName, ".voxel_hash.before_redistance = ", container, level, 0);
+        CoreGL::writeVoxelHashLine(prefix + channelName,
+                                   ".voxel_hash.before_redistance = ", container, level, 0);
     }
 
     // 8. Redistancing. Without a voxel inside a sphere (radii of zero) there is no surface to
@@ -378,46 +417,56 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
     if (anyInside) {
         Quillon::String const name("Volume::LevelSet::redistance");
         if (m.isAdaptive) {
-            auto const timer = Logger::timer(PointStageNames::name("adaptive.redistance"), &runtime);
+            auto const timer =
+                Logger::timer(PointStageNames::name("adaptive.redistance"), &runtime);
             int const passes = m.isVariedFromProperty && !m.allocateAdaptivelyAlongSurface
                                    ? std::max(1, 2 * std::max(0, m.tileDilation - 1)) + 2
                                    : 2;
             short const zero = 0;
-            VoxelChannel<Traits, short> dof("", &zero, kDataElementInitializerDefaultValue, false, false, 0, kMax);
+            VoxelChannel<Traits, short> dof("", &zero, kDataElementInitializerDefaultValue, false,
+                                            false, 0, kMax);
             dof.update(topology);
             LevelSet::classifyDegreesOfFreedom(container, dof);
-            LevelSet::levelSetRedistance<Traits>(container, topology, level, true, true, true, 0, kMax, nullptr, nullptr,
-                                                 1.0f, FLT_MAX, FLT_MAX, passes, passes, true, false, &dof, name,
+            LevelSet::levelSetRedistance<Traits>(container, topology, level, true, true, true, 0,
+                                                 kMax, nullptr, nullptr, 1.0f, FLT_MAX, FLT_MAX,
+                                                 passes, passes, true, false, &dof, name,
                                                  LevelSet::kRedistanceSweeping);
         } else {
             auto const timer = Logger::timer(PointStageNames::name("redistance"), &runtime);
-            LevelSet::levelSetRedistance<Traits>(container, topology, level, true, true, false, 0, kMax, nullptr, nullptr,
-                                                 1.0f, FLT_MAX, FLT_MAX, 2, 10, false, false, nullptr, name,
+            LevelSet::levelSetRedistance<Traits>(container, topology, level, true, true, false, 0,
+                                                 kMax, nullptr, nullptr, 1.0f, FLT_MAX, FLT_MAX, 2,
+                                                 10, false, false, nullptr, name,
                                                  LevelSet::kRedistanceSweeping);
         }
     }
     if (verbose > 0)
-        CoreGL::writeVoxelHashLine(prefix + channelName, ".voxel_hash.after_redistance = ", container, level, 0);
+        CoreGL::writeVoxelHashLine(prefix + channelName,
+                                   ".voxel_hash.after_redistance = ", container, level, 0);
 
     // 9. Properties through the closest point.
     if (m.hasProperties && m.closest) {
         auto const timer = Logger::timer(PointStageNames::name("assign_properties"), &runtime);
         unsigned char const zero = 0;
-        VoxelChannel<Traits, unsigned char> mask("", &zero, kDataElementInitializerDefaultValue, false, false, 0, kMax);
+        VoxelChannel<Traits, unsigned char> mask("", &zero, kDataElementInitializerDefaultValue,
+                                                 false, false, 0, kMax);
         mask.update(topology);
         PropertyTransfer<Traits> x{m, geometry, volume, channelName, runtime, n, mask};
         for (Quillon::String const& name : accepted) {
-            if (transferPointPropertyAnyType(x, name)) continue;
-            warnPoints(runtime, Quillon::String("Type not supported. Can't create property '") + name + "' on the volume.");
+            if (transferPointPropertyAnyType(x, name))
+                continue;
+            warnPoints(runtime, Quillon::String("Type not supported. Can't create property '") +
+                                    name + "' on the volume.");
         }
     }
 
     // 10. Grading of the adaptive tree.
-    if (m.buildTiles && m.isAdaptive) gradeAdaptiveTree(m, volume, runtime);
+    if (m.buildTiles && m.isAdaptive)
+        gradeAdaptiveTree(m, volume, runtime);
 
     // 11. Neighbour tables of the final tree.
     if (m.buildTiles) {
-        auto const timer = Logger::timer(PointStageNames::name("adaptive.precompute_tile_neighbors"), &runtime);
+        auto const timer =
+            Logger::timer(PointStageNames::name("adaptive.precompute_tile_neighbors"), &runtime);
         container.precomputeTileNeighbors();
     }
     // The components go back in the order container, topology, channel.
@@ -428,17 +477,20 @@ bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math:
 }
 
 template <typename Traits>
-bool voxelizePoints(Tavrel::Object const& geometry, Quillon::Array<Tavrel::Math::float3> const& positions, float radius,
-                    Quillon::Array<float> const* detailSizes, Adaptivity const& adaptivity, float maxRelativeError,
-                    Quillon::Array<ResolutionField> const* resolutionFields, float grading,
-                    Quillon::String const& propertyPattern, Quillon::String const& containerName,
-                    Quillon::String const& topologyName, Quillon::String const& channelName, TVL::Object& volume,
+bool voxelizePoints(Tavrel::Object const& geometry,
+                    Quillon::Array<Tavrel::Math::float3> const& positions, float radius,
+                    Quillon::Array<float> const* detailSizes, Adaptivity const& adaptivity,
+                    float maxRelativeError, Quillon::Array<ResolutionField> const* resolutionFields,
+                    float grading, Quillon::String const& propertyPattern,
+                    Quillon::String const& containerName, Quillon::String const& topologyName,
+                    Quillon::String const& channelName, TVL::Object& volume,
                     TopologyType topologyType, Quillon::RuntimeServices const& runtime)
 {
     Quillon::Array<float> const radii(1, radius);
-    return voxelizePoints<Traits>(geometry, positions, radii, detailSizes, adaptivity, maxRelativeError,
-                                  resolutionFields, grading, propertyPattern, containerName, topologyName, channelName,
-                                  volume, topologyType, runtime);
+    return voxelizePoints<Traits>(geometry, positions, radii, detailSizes, adaptivity,
+                                  maxRelativeError, resolutionFields, grading, propertyPattern,
+                                  containerName, topologyName, channelName, volume, topologyType,
+                                  runtime);
 }
 
 } // namespace VolumeGL::TileTree3D
