@@ -15,6 +15,7 @@
 #include <hexmold/api/sample.h>
 #include <hexmold/api/volume.h>
 #include <hexmold/api/voxelize_mesh.h>
+#include <hexmold/api/voxelize_points.h>
 #include <hexmold/diagnostics/channel_check.h>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/diagnostics/object_info.h>
@@ -50,5 +51,6 @@
 #include <hexmold/voxelize/mesh/mesh_interior.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
 #include <hexmold/voxelize/mesh/voxelize_mesh.h>
+#include <hexmold/voxelize/points/voxelize_points.h>
 #include <hexmold/voxelize/voxelize_types.h>
 

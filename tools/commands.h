@@ -16,6 +16,8 @@ CLI::App* addSliceCommand(CLI::App& app);
 CLI::App* addRenderCommand(CLI::App& app);
 /// `hexmold voxelize MESH [-o OUT.vdb]`: a mesh file to a signed distance volume.
 CLI::App* addVoxelizeCommand(CLI::App& app);
+/// `hexmold points FILE [-o OUT.vdb]`: a point cloud file to the volume of its spheres.
+CLI::App* addPointsCommand(CLI::App& app);
 /// `hexmold convert IN OUT`: a plain OpenVDB level set to a volume file and back.
 CLI::App* addConvertCommand(CLI::App& app);
 

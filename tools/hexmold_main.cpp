@@ -34,6 +34,7 @@ int main(int argc, char** argv)
     commands::addInfoCommand(app);
     commands::addConvertCommand(app);
     commands::addVoxelizeCommand(app);
+    commands::addPointsCommand(app);
     commands::addSliceCommand(app);
     commands::addRenderCommand(app);
 

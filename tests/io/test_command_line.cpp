@@ -292,3 +292,32 @@ TEST_F(CommandLine, RenderOfASphereFillsTheAnalyticDisc)
 } // namespace
 
 #endif
+
+TEST_F(CommandLine, PointsWritesTheVolumeOfACloudAndRefusesBadFiles)
+{
+    {
+        std::FILE* f = std::fopen(path("cloud.xyz").c_str(), "w");
+        ASSERT_TRUE(f);
+        std::fprintf(f, "x y z r vx vy vz\n");
+        for (int i = 0; i < 200; ++i) {
+            double const a = 0.1 * i;
+            std::fprintf(f, "%g %g %g %g %g %g %g\n", std::cos(a), std::sin(a), 0.01 * i, 0.05, 1.0, 0.0, double(i));
+        }
+        std::fclose(f);
+    }
+    Outcome const made = run("points " + path("cloud.xyz") + " --radius-property r --resolution 48 --properties v " +
+                             "--threads 2 -o " + path("cloud.vdb"));
+    EXPECT_EQ(made.code, 0) << made.out;
+    EXPECT_NE(made.out.find("points: 200"), std::string::npos) << made.out;
+    EXPECT_NE(made.out.find("voxel_v (float3)"), std::string::npos) << made.out;
+    EXPECT_NE(made.out.find("voxel hash: "), std::string::npos) << made.out;
+    EXPECT_TRUE(fs::exists(path("cloud.vdb")));
+    Outcome const both = run("points " + path("cloud.xyz") + " --radius 0.1 --radius-property r");
+    EXPECT_EQ(both.code, 2) << both.out;
+    Outcome const missing = run("points " + path("none.ply"));
+    EXPECT_EQ(missing.code, 1);
+    EXPECT_EQ(missing.out, "hexmold: " + path("none.ply") + ": does not exist\n");
+    Outcome const noProperty = run("points " + path("cloud.xyz") + " --radius-property q --resolution 16");
+    EXPECT_EQ(noProperty.code, 1);
+    EXPECT_NE(noProperty.out.find("\"q\""), std::string::npos) << noProperty.out;
+}

@@ -1,0 +1,321 @@
+/// @file  voxelize/points/detail/points_non_adaptive.h
+/// @brief The non-adaptive route of the point voxelizer: finest tiles hugging the sphere shells,
+///        spheres stamped into their point's tile, closest points carried across the band.
+#pragma once
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <hexmold/substrate/cancel.h>
+#include <hexmold/substrate/channel.h>
+#include <hexmold/substrate/container.h>
+#include <hexmold/substrate/halo.h>
+#include <hexmold/substrate/parallel.h>
+#include <hexmold/voxelize/points/detail/points_driver.h>
+#include <utility>
+#include <vector>
+
+namespace VolumeGL::TileTree3D::detail {
+
+namespace Par = TVL::Parallel;
+using TVL::TileTree3D::Tile;
+using TVL::TileTree3D::TreeIndex;
+
+/// Per tile of the finest depth, the indices of the points listed in it, ascending (a compressed
+/// row layout: the list of tile t is index[offset[t]] to index[offset[t + 1]]).
+struct PointLists {
+    std::vector<std::int64_t> offset;
+    std::vector<std::int64_t> index;
+};
+
+/// Calls @p f(corner) for every finest tile in the band of point @p i: the tiles whose centre
+/// lies within T of the sphere's shell, T = 1.01 max(1.5 sqrt(3) w, 0.5 sqrt(3) w + grading).
+/// The interior of a large sphere gets no tile.
+template <typename Traits, typename F>
+void forEachBandTile(PointsDriver<Traits> const& m, std::size_t i, F&& f)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    std::int64_t const w = Container<Traits>::tileVoxelWidth(kMax);
+    double const r = m.radiusInVoxels(i);
+    double const pad = std::max(double(m.grading), double(w));
+    double const s3 = 1.7320508075688772;
+    double const T =
+        1.01 * std::max(1.5 * s3 * double(w), 0.5 * s3 * double(w) + double(m.grading));
+    double3 const& p = m.centre[i];
+    std::int64_t lo[3], hi[3];
+    for (int a = 0; a < 3; ++a) {
+        lo[a] = PointsDriver<Traits>::alignDown(std::int64_t(std::floor(p[a] - r - pad)), kMax);
+        hi[a] = std::int64_t(std::ceil(p[a] + r + pad));
+    }
+    double const half = 0.5 * double(w);
+    for (std::int64_t z = lo[2]; z <= hi[2]; z += w)
+        for (std::int64_t y = lo[1]; y <= hi[1]; y += w)
+            for (std::int64_t x = lo[0]; x <= hi[0]; x += w) {
+                if (!Container<Traits>::inDomain(x, y, z))
+                    continue;
+                double const dx = p.x - (double(x) + half), dy = p.y - (double(y) + half),
+                             dz = p.z - (double(z) + half);
+                double const dist = std::sqrt(dx * dx + dy * dy + dz * dz) - r;
+                if (-T < dist && dist < T)
+                    f(int3{int(x), int(y), int(z)});
+            }
+}
+
+/// Allocates the finest tiles in the band of every point, and lists each point in the tiles its
+/// sphere reaches.
+template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    std::size_t const n = m.size();
+    // Tile selection: each worker collects the corners its points ask for.
+    Par::enumerable_thread_specific<CornerSet> sets;
+    Par::parallel_for(Par::blocked_range<std::size_t>(0, n, 500),
+                      [&](Par::blocked_range<std::size_t> const& r) {
+                          if (TVL::bodyCancelled())
+                              return;
+                          CornerSet& set = sets.local();
+                          for (std::size_t i = r.begin(); i != r.end(); ++i)
+                              forEachBandTile(m, i, [&](int3 const& c) { set.insert(c, kMax); });
+                      });
+    TVL::throwIfJobCancelled();
+    addCollectedTiles(sets, m.container);
+    m.topology.update(m.container);
+    m.level.update(m.topology);
+    m.container.buildAccessorAccelerationStructure(kMax);
+
+    // Binning: a point is listed in every finest tile that its sphere grown by the grading
+    // overlaps, so that each voxel within that reach gets its exact distance; (tile, point)
+    // records sorted by tile, then point.
+    using Record = std::pair<std::int64_t, std::int64_t>;
+    Par::enumerable_thread_specific<std::vector<Record>> local;
+    Par::parallel_for(Par::blocked_range<std::size_t>(0, n, 500),
+                      [&](Par::blocked_range<std::size_t> const& r) {
+                          if (TVL::bodyCancelled())
+                              return;
+                          auto acc = std::as_const(m.container).tileAccessor();
+                          auto& out = local.local();
+                          std::int64_t const w = Container<Traits>::tileVoxelWidth(kMax);
+                          for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                              double3 const& p = m.centre[i];
+                              double const reach = m.radiusInVoxels(i) + double(m.grading) + 1.0;
+                              std::int64_t lo[3], hi[3];
+                              for (int a = 0; a < 3; ++a) {
+                                  lo[a] = PointsDriver<Traits>::alignDown(
+                                      std::int64_t(std::floor(p[a] - reach)), kMax);
+                                  hi[a] = std::int64_t(std::ceil(p[a] + reach));
+                              }
+                              for (std::int64_t z = lo[2]; z <= hi[2]; z += w)
+                                  for (std::int64_t y = lo[1]; y <= hi[1]; y += w)
+                                      for (std::int64_t x = lo[0]; x <= hi[0]; x += w) {
+                                          if (!Container<Traits>::inDomain(x, y, z))
+                                              continue;
+                                          auto const& t = acc.tile(x, y, z, kMax);
+                                          if (t.valid() && t.depth() == kMax)
+                                              out.push_back({t.index(), std::int64_t(i)});
+                                      }
+                          }
+                      });
+    TVL::throwIfJobCancelled();
+    std::vector<Record> records;
+    for (auto const& e : local)
+        records.insert(records.end(), e.begin(), e.end());
+    Par::parallel_sort(records.begin(), records.end());
+    PointLists lists;
+    std::int64_t const tiles = m.container.tileCount(kMax);
+    lists.offset.assign(std::size_t(tiles) + 1, 0);
+    std::size_t first = 0;
+    while (first < records.size() && records[first].first < 0)
+        ++first;
+    lists.index.reserve(records.size() - first);
+    for (std::size_t q = first; q < records.size(); ++q) {
+        ++lists.offset[std::size_t(records[q].first) + 1];
+        lists.index.push_back(records[q].second);
+    }
+    for (std::int64_t t = 0; t < tiles; ++t)
+        lists.offset[std::size_t(t) + 1] += lists.offset[std::size_t(t)];
+    return lists;
+}
+
+/// Stamps the spheres of a tile's points into its voxels: the level is the smallest sphere
+/// distance, the closest index the point that gave it, the earlier (lower) index keeping a tie.
+/// Only voxels within the radius plus the grading of a point are visited.
+template <typename Traits> void stampSpheres(PointsDriver<Traits>& m, PointLists const& lists)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    constexpr int W = Traits::kTileWidth;
+    std::int64_t const tiles = m.container.tileCount(kMax);
+    Par::parallel_for(
+        Par::blocked_range<std::int64_t>(0, tiles, 1),
+        [&](Par::blocked_range<std::int64_t> const& r) {
+            if (TVL::bodyCancelled())
+                return;
+            for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                Tile<Traits> const& tile = m.container.tile(t, kMax);
+                auto lv = m.level.tileData(t, kMax);
+                auto cl = m.closest->tileData(t, kMax);
+                if (lv.empty() || cl.empty())
+                    continue;
+                double3 const origin{double(tile.ti()), double(tile.tj()), double(tile.tk())};
+                for (std::int64_t q = lists.offset[std::size_t(t)];
+                     q < lists.offset[std::size_t(t) + 1]; ++q) {
+                    std::int64_t const i = lists.index[std::size_t(q)];
+                    double3 const& p = m.centre[std::size_t(i)];
+                    double const rv = m.radiusInVoxels(std::size_t(i));
+                    double const pad = m.grading;
+                    int lo[3], hi[3];
+                    for (int a = 0; a < 3; ++a) {
+                        double const pl = p[a] - origin[a];
+                        lo[a] = int(std::max(0.0, std::floor(pl - rv - pad)));
+                        hi[a] = int(std::min(double(W - 1), std::ceil(pl + rv + pad)));
+                    }
+                    for (int k = lo[2]; k <= hi[2]; ++k)
+                        for (int j = lo[1]; j <= hi[1]; ++j)
+                            for (int ii = lo[0]; ii <= hi[0]; ++ii) {
+                                double3 const c{origin.x + ii + m.offset.x,
+                                                origin.y + j + m.offset.y,
+                                                origin.z + k + m.offset.z};
+                                float const d = m.sphereDistance(c, i);
+                                std::size_t const v = std::size_t(ii + W * (j + W * k));
+                                lv[v] = std::min(lv[v], d);
+                                auto& own = cl[v];
+                                if (own < 0 || m.sphereDistance(c, std::int64_t(own)) > d)
+                                    own = i;
+                            }
+                }
+            }
+        });
+    TVL::throwIfJobCancelled();
+}
+
+/// Carries closest-point indices from the stamped voxels to the rest of the finest tiles: up to
+/// 20 passes, each sweeping the tiles of one checkerboard colour in the eight octant orders while
+/// the other colour is read through a copy of its faces. A voxel tries the points of its three
+/// upwind neighbours, taking the level min(level, d) and the closer point. The passes stop when
+/// no voxel lacks a point, when a pass leaves as many without as the one before, or after 20.
+template <typename Traits> void propagateClosestPoints(PointsDriver<Traits>& m)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    constexpr int W = Traits::kTileWidth;
+    constexpr int B = W + 2;
+    std::int64_t const tiles = m.container.tileCount(kMax);
+    std::vector<unsigned char> colour(std::size_t(tiles), 0);
+    for (std::int64_t t = 0; t < tiles; ++t)
+        colour[std::size_t(t)] =
+            (unsigned char)PointsDriver<Traits>::tileColour(m.container.tile(t, kMax).tijk(), kMax);
+    // Face neighbours of each tile at the finest depth (-1: none).
+    std::vector<std::array<std::int64_t, 6>> faces;
+    faces.resize(std::size_t(tiles));
+    Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 64),
+                      [&](Par::blocked_range<std::int64_t> const& r) {
+                          auto acc = std::as_const(m.container).tileAccessor();
+                          static constexpr int kDirs[6] = {
+                              TVL::TileTree3D::kNeighborNegX, TVL::TileTree3D::kNeighborPosX,
+                              TVL::TileTree3D::kNeighborNegY, TVL::TileTree3D::kNeighborPosY,
+                              TVL::TileTree3D::kNeighborNegZ, TVL::TileTree3D::kNeighborPosZ};
+                          for (std::int64_t t = r.begin(); t != r.end(); ++t)
+                              for (int f = 0; f < 6; ++f) {
+                                  auto const& nb =
+                                      acc.tileNeighbor(m.container.tile(t, kMax), kDirs[f]);
+                                  faces[std::size_t(t)][std::size_t(f)] =
+                                      nb.valid() && nb.depth() == kMax ? nb.index() : -1;
+                              }
+                      });
+    auto const at = [](int i, int j, int k) {
+        return std::size_t((i + 1) + B * ((j + 1) + B * (k + 1)));
+    };
+    std::int64_t previous = -1, count = -1;
+    for (int pass = 0; pass < 20; ++pass) {
+        count = Par::parallel_deterministic_reduce(
+            Par::blocked_range<std::int64_t>(0, tiles, 50), std::int64_t(0),
+            [&](Par::blocked_range<std::int64_t> const& r, std::int64_t acc) {
+                if (TVL::bodyCancelled())
+                    return acc;
+                std::vector<std::int64_t> halo(std::size_t(B * B * B), -1);
+                for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                    auto cl = m.closest->tileData(t, kMax);
+                    auto lv = m.level.tileData(t, kMax);
+                    if (cl.empty() || lv.empty())
+                        continue;
+                    if (colour[std::size_t(t)] == (pass & 1)) {
+                        Tile<Traits> const& tile = m.container.tile(t, kMax);
+                        std::fill(halo.begin(), halo.end(), std::int64_t(-1));
+                        for (int k = 0; k < W; ++k)
+                            for (int j = 0; j < W; ++j)
+                                for (int i = 0; i < W; ++i)
+                                    halo[at(i, j, k)] = cl[std::size_t(i + W * (j + W * k))];
+                        // The faces of the six neighbours, read-only in this pass.
+                        for (int f = 0; f < 6; ++f) {
+                            std::int64_t const nb = faces[std::size_t(t)][std::size_t(f)];
+                            if (nb < 0)
+                                continue;
+                            auto const nd = std::as_const(*m.closest).tileData(nb, kMax);
+                            if (nd.empty())
+                                continue;
+                            int const axis = f / 2;
+                            bool const high = f % 2 == 1;
+                            int const src = high ? 0 : W - 1, dst = high ? W : -1;
+                            for (int b = 0; b < W; ++b)
+                                for (int a = 0; a < W; ++a) {
+                                    int s[3], d[3];
+                                    int const other0 = axis == 0 ? 1 : 0,
+                                              other1 = axis == 2 ? 1 : 2;
+                                    s[axis] = src, d[axis] = dst;
+                                    s[other0] = d[other0] = a;
+                                    s[other1] = d[other1] = b;
+                                    halo[at(d[0], d[1], d[2])] =
+                                        nd[std::size_t(s[0] + W * (s[1] + W * s[2]))];
+                                }
+                        }
+                        double3 const origin{double(tile.ti()), double(tile.tj()),
+                                             double(tile.tk())};
+                        for (int s = 0; s < 8; ++s) {
+                            int const sx = (s & 1) ? -1 : 1, sy = (s & 2) ? -1 : 1,
+                                      sz = (s & 4) ? -1 : 1;
+                            for (int kk = 0; kk < W; ++kk)
+                                for (int jj = 0; jj < W; ++jj)
+                                    for (int ii = 0; ii < W; ++ii) {
+                                        int const i = sx > 0 ? ii : W - 1 - ii;
+                                        int const j = sy > 0 ? jj : W - 1 - jj;
+                                        int const k = sz > 0 ? kk : W - 1 - kk;
+                                        std::size_t const v = std::size_t(i + W * (j + W * k));
+                                        std::int64_t& own = halo[at(i, j, k)];
+                                        double3 const c{origin.x + i + m.offset.x,
+                                                        origin.y + j + m.offset.y,
+                                                        origin.z + k + m.offset.z};
+                                        std::int64_t const cand[3] = {halo[at(i - sx, j, k)],
+                                                                      halo[at(i, j - sy, k)],
+                                                                      halo[at(i, j, k - sz)]};
+                                        for (std::int64_t q : cand) {
+                                            if (q < 0 || q == own)
+                                                continue;
+                                            float const d = m.sphereDistance(c, q);
+                                            lv[v] = std::min(lv[v], d);
+                                            if (own < 0) {
+                                                own = q;
+                                            } else {
+                                                float const mine = m.sphereDistance(c, own);
+                                                // The lower index keeps a tie.
+                                                if (mine > d || (mine == d && q < own))
+                                                    own = q;
+                                            }
+                                        }
+                                    }
+                        }
+                        for (int k = 0; k < W; ++k)
+                            for (int j = 0; j < W; ++j)
+                                for (int i = 0; i < W; ++i)
+                                    cl[std::size_t(i + W * (j + W * k))] = halo[at(i, j, k)];
+                    }
+                    for (std::size_t v = 0; v < cl.size(); ++v)
+                        acc += cl[v] < 0 ? 1 : 0;
+                }
+                return acc;
+            },
+            [](std::int64_t a, std::int64_t b) { return a + b; });
+        TVL::throwIfJobCancelled();
+        if (count == 0 || count == previous)
+            break;
+        previous = count;
+    }
+}
+
+} // namespace VolumeGL::TileTree3D::detail
