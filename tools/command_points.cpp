@@ -15,7 +15,7 @@ CLI::App* addPointsCommand(CLI::App& app)
         "per point");
     auto a = std::make_shared<hexmoldtool::PointsArgs>();
     cmd->add_option("FILE", a->file, "The point cloud file")->required();
-    cmd->add_option("-o,--output", a->out, "Write the volume to this .vdb or .hxv file");
+    cmd->add_option("-o,--output", a->out, "Write the volume to this .vdb file");
     auto* radius =
         cmd->add_option("--radius", a->radius, "Sphere radius of every point, world units")
             ->check(CLI::PositiveNumber);
