@@ -1,5 +1,6 @@
 // hexmold points.
 #include "points_command.h"
+#include "stage_times.h"
 
 #include <algorithm>
 #include <chrono>
@@ -14,10 +15,8 @@
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace hexmoldtool {
@@ -27,37 +26,6 @@ namespace {
 using namespace TVL::TileTree3D;
 namespace Geo = Tavrel::Geometry;
 using Clock = std::chrono::steady_clock;
-
-/// Stage times, gathered from the library's timers; progress on a terminal.
-struct PointStages {
-    static std::mutex& lock()
-    {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<std::pair<std::string, double>>& list()
-    {
-        static std::vector<std::pair<std::string, double>> l;
-        return l;
-    }
-    static void observe(Quillon::StringView name, double ms)
-    {
-        std::lock_guard<std::mutex> g(lock());
-        std::string n(name);
-        std::string const prefix = "Geometry::Converters::points_to_level_set.";
-        if (n.rfind(prefix, 0) != 0)
-            return;
-        n = n.substr(prefix.size());
-        list().push_back({n, ms});
-        if (isatty(2))
-            std::fprintf(stderr, "\r  %-50s %9.1f ms\033[K", n.c_str(), ms);
-    }
-};
-
-double mib(std::size_t bytes)
-{
-    return double(bytes) / (1024.0 * 1024.0);
-}
 
 template <typename Traits>
 void summary(hexmold::Volume const& v, std::size_t points, double const lo[3], double const hi[3],
@@ -82,8 +50,7 @@ void summary(hexmold::Volume const& v, std::size_t points, double const lo[3], d
     for (auto const& c : v.channels())
         std::printf(", %s (%s)", c.name.c_str(), c.elementType.c_str());
     std::printf("\ntime: %.1f ms in all\n", ms);
-    for (auto const& [stage, t] : PointStages::list())
-        std::printf("  %-52s %9.1f ms\n", stage.c_str(), t);
+    StageTimes::print();
     std::printf("voxel hash: %.17g\n", v.voxelHash());
 }
 
@@ -112,20 +79,7 @@ int runPoints(PointsArgs const& a)
     if (a.threads > 0)
         limit = std::make_unique<TVL::Parallel::global_control>(
             TVL::Parallel::global_control::max_allowed_parallelism, std::size_t(a.threads));
-    int const saved = CoreGL::Logger::verboseLevel();
-    CoreGL::Logger::setVerboseLevel(a.verbose);
-    PointStages::list().clear();
-    CoreGL::Logger::setTimerObserver(&PointStages::observe);
-    struct Restore {
-        int verbose;
-        ~Restore()
-        {
-            CoreGL::Logger::setTimerObserver(nullptr);
-            CoreGL::Logger::setVerboseLevel(verbose);
-            if (isatty(2))
-                std::fprintf(stderr, "\r\033[K");
-        }
-    } restore{saved};
+    StageTimes const stages("Geometry::Converters::points_to_level_set.", a.verbose);
     auto const t0 = Clock::now();
     hexmold::Volume const v = hexmold::voxelizePoints(*cloud, o);
     double const ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();

@@ -1,5 +1,6 @@
 // hexmold voxelize and the mesh part of hexmold demo.
 #include "voxelize_command.h"
+#include "stage_times.h"
 
 #include <algorithm>
 #include <chrono>
@@ -9,11 +10,9 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <unistd.h>
 #include <vector>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
@@ -38,30 +37,6 @@ namespace {
 using namespace TVL::TileTree3D;
 namespace Geo = Tavrel::Geometry;
 using Clock = std::chrono::steady_clock;
-
-/// Stage times, gathered from the library's timers; progress on a terminal.
-struct Stages {
-    static std::mutex& lock()
-    {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<std::pair<std::string, double>>& list()
-    {
-        static std::vector<std::pair<std::string, double>> l;
-        return l;
-    }
-    static void observe(Quillon::StringView name, double ms)
-    {
-        std::lock_guard<std::mutex> g(lock());
-        std::string n(name);
-        std::string const prefix = "Geometry::Converters::mesh_to_level_set.";
-        if (n.rfind(prefix, 0) != 0) return; // the voxelizer's own stages
-        n = n.substr(prefix.size());
-        list().push_back({n, ms});
-        if (isatty(2)) std::fprintf(stderr, "\r  %-50s %9.1f ms\033[K", n.c_str(), ms);
-    }
-};
 
 struct MeshArrays {
     Quillon::MutablePtr<Tavrel::Object> object;
@@ -147,26 +122,12 @@ Built build(MeshArrays const& m, VoxelizeArgs const& a, double h)
     o.holeRadius = a.holeRadius;
     o.thickenVoxels = a.thicken;
     o.properties = a.properties;
-    int const saved = CoreGL::Logger::verboseLevel();
-    CoreGL::Logger::setVerboseLevel(a.verbose);
-    Stages::list().clear();
-    CoreGL::Logger::setTimerObserver(&Stages::observe);
-    struct Restore {
-        int verbose;
-        ~Restore()
-        {
-            CoreGL::Logger::setTimerObserver(nullptr);
-            CoreGL::Logger::setVerboseLevel(verbose);
-            if (isatty(2)) std::fprintf(stderr, "\r\033[K");
-        }
-    } restore{saved};
+    StageTimes const stages("Geometry::Converters::mesh_to_level_set.", a.verbose);
     auto const t0 = Clock::now();
     Built b{hexmold::voxelizeMesh(*m.object, o), 0.0};
     b.ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
     return b;
 }
-
-double mib(std::size_t bytes) { return double(bytes) / (1024.0 * 1024.0); }
 
 template <typename Traits> void summary(Built const& b, MeshArrays const& m, VoxelizeArgs const& a, float h)
 {
@@ -200,7 +161,7 @@ template <typename Traits> void summary(Built const& b, MeshArrays const& m, Vox
         std::printf(", %s %.2f MiB", name.c_str(), mib(u));
     }
     std::printf("\ntime: %.1f ms in all\n", b.ms);
-    for (auto const& [stage, ms] : Stages::list()) std::printf("  %-52s %9.1f ms\n", stage.c_str(), ms);
+    StageTimes::print();
     std::printf("voxel hash: %.17g\n", b.volume.voxelHash());
 }
 

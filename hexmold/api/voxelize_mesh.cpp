@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <hexmold/api/detail/volume_access.h>
-#include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/commands.h>
@@ -19,17 +18,6 @@ namespace {
 
 using namespace TVL::TileTree3D;
 namespace Geo = Tavrel::Geometry;
-
-/// The driver's messages become the error of the entry.
-class CollectingServices : public Quillon::RuntimeServices {
-public:
-    bool isLogEnabled(Quillon::RuntimeMessageCategory) const override { return true; }
-    void logImpl(Quillon::RuntimeMessageCategory category, Quillon::StringView text) const override
-    {
-        if (category == Quillon::RuntimeMessageCategory::kError && error.empty()) error = std::string(text);
-    }
-    mutable std::string error;
-};
 
 template <typename Traits>
 Volume build(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float3> const& positions,
@@ -45,7 +33,7 @@ Volume build(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float3> co
         Command::createChannel<float, Traits::kRatio, W, W, 0>(o.channel, *topology, *object, o.background,
                                                               kDataElementInitializerDefaultValue, 0, Traits::kMaxDepth);
     }
-    CollectingServices services;
+    hexmold::detail::CollectingServices services;
     {
         TVL::ComponentGuard<Container<Traits>> tree(*object, names.tree);
         TVL::ComponentGuard<VoxelTopology<Traits>> topology(*object, names.topology);

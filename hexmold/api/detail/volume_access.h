@@ -1,6 +1,7 @@
 /// @file  api/detail/volume_access.h
 /// @brief What the entries of the `hexmold::` layer share: the refusals with their messages, the
-///        dispatch from `TraitsKind` to the tree type, and typed reads of a volume's components.
+///        dispatch from `TraitsKind` to the tree type, typed reads of a volume's components, and
+///        the runtime services that turn a driver's error message into the entry's error.
 #pragma once
 #include <cmath>
 #include <string>
@@ -9,6 +10,7 @@
 #include <typeinfo>
 #include <hexmold/api/error.h>
 #include <hexmold/api/volume.h>
+#include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
@@ -74,5 +76,17 @@ void requireChannel(Volume const& volume, std::string const& name, std::string_v
                     " elements; " + std::string(entry) + " takes " + std::string(expected) +
                     " with one element per voxel");
 }
+
+/// Runtime services for a driver call: its first error message is kept, to become the error of
+/// the entry.
+class CollectingServices : public Quillon::RuntimeServices {
+public:
+    bool isLogEnabled(Quillon::RuntimeMessageCategory) const override { return true; }
+    void logImpl(Quillon::RuntimeMessageCategory category, Quillon::StringView text) const override
+    {
+        if (category == Quillon::RuntimeMessageCategory::kError && error.empty()) error = std::string(text);
+    }
+    mutable std::string error;
+};
 
 } // namespace hexmold::detail

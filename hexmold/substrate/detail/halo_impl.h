@@ -57,6 +57,25 @@ template <typename T, typename S> inline T blendElement(T const& a, T const& b, 
     }
 }
 
+/// The trilinear blend of the 2 x 2 x 2 values @p v (x fastest) with fractions @p fx, @p fy,
+/// @p fz, axis by axis (x, then y, then z); an axis that does not move (@p moves false) takes its
+/// lower values alone, so that only the values it reads need to exist.
+template <typename T, typename S>
+inline T blendCorners(T const (&v)[8], bool const (&moves)[3], S fx, S fy, S fz)
+{
+    T r[4]{};
+    for (int q = 0; q < 4; ++q) {
+        if (((q & 1) && !moves[1]) || ((q >> 1) && !moves[2])) continue;
+        r[q] = moves[0] ? blendElement(v[2 * q], v[2 * q + 1], fx) : v[2 * q];
+    }
+    T s0 = moves[1] ? blendElement(r[0], r[1], fy) : r[0];
+    if (moves[2]) {
+        T const s1 = moves[1] ? blendElement(r[2], r[3], fy) : r[2];
+        s0 = blendElement(s0, s1, fz);
+    }
+    return s0;
+}
+
 /// floor(a / b) for b > 0.
 constexpr std::int64_t haloFloorDiv(std::int64_t a, std::int64_t b)
 {
@@ -177,17 +196,7 @@ public:
             if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2])) continue;
             if (!value(c0[0] + ex, c0[1] + ey, c0[2] + ez, v[e])) return false;
         }
-        T r[4]{};
-        for (int q = 0; q < 4; ++q) {
-            if (((q & 1) && !moves[1]) || ((q >> 1) && !moves[2])) continue;
-            r[q] = moves[0] ? blendElement(v[2 * q], v[2 * q + 1], frac[0]) : v[2 * q];
-        }
-        T s0 = moves[1] ? blendElement(r[0], r[1], frac[1]) : r[0];
-        if (moves[2]) {
-            T const s1 = moves[1] ? blendElement(r[2], r[3], frac[1]) : r[2];
-            s0 = blendElement(s0, s1, frac[2]);
-        }
-        out = s0;
+        out = blendCorners(v, moves, frac[0], frac[1], frac[2]);
         return true;
     }
 
@@ -309,18 +318,7 @@ inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& 
                     o = src[(ci[0][i + Hout] + Hin) + Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
                     continue;
                 }
-                S const fx = frac[0][i + Hout], fy = frac[1][j + Hout], fz = frac[2][k + Hout];
-                T r[4]{};
-                for (int q = 0; q < 4; ++q) {
-                    if (((q & 1) && !m[1]) || ((q >> 1) && !m[2])) continue;
-                    r[q] = m[0] ? blendElement(v[2 * q], v[2 * q + 1], fx) : v[2 * q];
-                }
-                T s0 = m[1] ? blendElement(r[0], r[1], fy) : r[0];
-                if (m[2]) {
-                    T const s1 = m[1] ? blendElement(r[2], r[3], fy) : r[2];
-                    s0 = blendElement(s0, s1, fz);
-                }
-                o = s0;
+                o = blendCorners(v, m, frac[0][i + Hout], frac[1][j + Hout], frac[2][k + Hout]);
             }
 }
 
@@ -465,19 +463,8 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
                                 o = src[inAt(ci[0][i + Hout], ci[1][j + Hout], ci[2][k + Hout])];
                                 continue;
                             }
-                            typename Window::S const fx = window->frac[0][i + Hout], fy = window->frac[1][j + Hout],
-                                                     fz = window->frac[2][k + Hout];
-                            T r[4]{};
-                            for (int q = 0; q < 4; ++q) {
-                                if (((q & 1) && !m[1]) || ((q >> 1) && !m[2])) continue;
-                                r[q] = m[0] ? blendElement(v[2 * q], v[2 * q + 1], fx) : v[2 * q];
-                            }
-                            T s0 = m[1] ? blendElement(r[0], r[1], fy) : r[0];
-                            if (m[2]) {
-                                T const s1 = m[1] ? blendElement(r[2], r[3], fy) : r[2];
-                                s0 = blendElement(s0, s1, fz);
-                            }
-                            o = s0;
+                            o = blendCorners(v, m, window->frac[0][i + Hout], window->frac[1][j + Hout],
+                                             window->frac[2][k + Hout]);
                         }
                 return;
             }
