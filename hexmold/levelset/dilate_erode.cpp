@@ -14,6 +14,7 @@
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>
 #include <hexmold/substrate/parallel.h>
+#include <hexmold/substrate/parallel_ranges.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
 
@@ -145,14 +146,15 @@ std::vector<std::vector<unsigned char>> surfaceTiles(Container<Traits> const& co
         out[std::size_t(d)].assign(std::size_t(n), 0);
         float const threshold = float(Container<Traits>::voxelDataWidth(d)) * voxelSize * kSqrt3 * kSafety;
         unsigned char* const flags = out[std::size_t(d)].data();
-        TVL::Parallel::parallel_for(TVL::Parallel::blocked_range<std::int64_t>(0, n, 256),
-                                    [&](TVL::Parallel::blocked_range<std::int64_t> const& r) {
-                                        for (std::int64_t t = r.begin(); t < r.end(); ++t) {
-                                            auto const block = distance.tileData(t, d);
-                                            flags[t] = !block.empty() &&
-                                                       anyBelow(block.data(), block.size(), threshold);
-                                        }
-                                    });
+        TVL::Parallel::cancellableRanges(
+            n,
+            [&](std::int64_t begin, std::int64_t end) {
+                for (std::int64_t t = begin; t < end; ++t) {
+                    auto const block = distance.tileData(t, d);
+                    flags[t] = !block.empty() && anyBelow(block.data(), block.size(), threshold);
+                }
+            },
+            256);
     }
     return out;
 }

@@ -10,6 +10,7 @@
 #include <numeric>
 #include <hexmold/diagnostics/logger.h>
 #include <hexmold/substrate/parallel.h>
+#include <hexmold/substrate/parallel_ranges.h>
 
 namespace TVL::TileTree3D {
 
@@ -319,15 +320,15 @@ Container<TraitsT>::findTile(std::int64_t i, std::int64_t j, std::int64_t k, int
 }
 
 template <typename TraitsT>
-typename Container<TraitsT>::TileType& Container<TraitsT>::addTileLocked(std::int64_t i, std::int64_t j,
-                                                                         std::int64_t k, int depth,
-                                                                         TileType const* hint)
+typename Container<TraitsT>::TileType const& Container<TraitsT>::addTileLocked(std::int64_t i, std::int64_t j,
+                                                                               std::int64_t k, int depth,
+                                                                               TileType const* hint)
 {
     if (depth < 0 || depth > kMaxDepth || !inDomain(i, j, k)) {
         if (CoreGL::Logger::errorVerboseLevel() > 0)
             std::cerr << "addTile.error: point (" << i << ", " << j << ", " << k << ") at depth "
                       << depth << " lies outside the tree; nothing added\n";
-        return const_cast<TileType&>(sentinel());
+        return sentinel();
     }
     std::lock_guard<SpinLock> lock(mAddLock);
     dropTables();
@@ -336,7 +337,8 @@ typename Container<TraitsT>::TileType& Container<TraitsT>::addTileLocked(std::in
     if (hint && hint->mValid && hint->mDepth <= depth) {
         TileType const* a = hint;
         while (a && !a->contains(i, j, k)) a = a->mParent >= 0 ? &mTiles[a->mDepth - 1][a->mParent] : nullptr;
-        t = const_cast<TileType*>(a);
+        // The same tile reached through this (non-const) tree.
+        if (a) t = &mTiles[a->mDepth][a->mIndex];
     }
     if (!t) {
         if (mTiles[0].size() == 0) {
@@ -391,7 +393,7 @@ void Container<TraitsT>::refine(Container const& other, TileCornerLists<Traits>*
                 // creating and recording whatever is missing.
                 std::int64_t counts[kDepthCount];
                 for (int q = 0; q < kDepthCount; ++q) counts[q] = mTiles[q].size();
-                TileType& r = addTileLocked(o.mTi, o.mTj, o.mTk, d, nullptr);
+                TileType const& r = addTileLocked(o.mTi, o.mTj, o.mTk, d, nullptr);
                 if (!r.mValid) continue;
                 here = r.mIndex;
                 if (newTiles)
@@ -635,11 +637,11 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
         // it by; that tile's child in the slot is the neighbour, or, where it has none, that tile
         // (or the coarser tile the parent's table already holds) is the closest coarser tile.
         Parallel::isolate([&] {
-            Parallel::parallel_for(
-                Parallel::blocked_range<std::int64_t>(0, n, 256),
-                [&](Parallel::blocked_range<std::int64_t> const& r) {
+            Parallel::cancellableRanges(
+                n,
+                [&](std::int64_t begin, std::int64_t end) {
                     ConstTileAccessor acc(*this);
-                    for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                    for (std::int64_t t = begin; t != end; ++t) {
                         TileType const& tile = mTiles[d][t];
                         NeighborRef* row = &table[d][t * 27];
                         if (d == 0 || tile.mParent < 0) {
@@ -670,7 +672,8 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
                             row[dir] = c >= 0 ? NeighborRef{static_cast<std::int32_t>(c), d} : q;
                         }
                     }
-                });
+                },
+                256);
         });
     }
     mNeighbors.swap(table);

@@ -20,6 +20,7 @@
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/parallel.h>
+#include <hexmold/substrate/parallel_ranges.h>
 #include <hexmold/substrate/tile_data.h>
 #include <hexmold/substrate/traits.h>
 
@@ -52,36 +53,14 @@ template <typename Traits> DepthNumbers depthNumbers(float voxelSize, int depth,
     return {h, CoreGL::detail::eikonalTwoHSquared(h), CoreGL::detail::eikonalThreeHSquared(h), h * tolerance};
 }
 
-/// Runs @p body(begin, end) over [0, count) in parallel, auto-partitioned, in a task group of its
-/// own; each worker range makes its scratch once. Throws after the loop on cancellation.
+/// The substrate's cancellable loops under the names the redistancing code uses.
 template <typename Body> void parallelRanges(std::int64_t count, Body const& body, std::size_t grain = 1)
 {
-    if (count <= 0) return;
-    TVL::Parallel::task_group_context context;
-    TVL::Parallel::parallel_for(
-        TVL::Parallel::blocked_range<std::int64_t>(0, count, grain),
-        [&](TVL::Parallel::blocked_range<std::int64_t> const& r) {
-            if (TVL::bodyCancelled()) return;
-            body(r.begin(), r.end());
-        },
-        TVL::Parallel::auto_partitioner(), context);
-    TVL::throwIfJobCancelled();
+    TVL::Parallel::cancellableRanges(count, body, grain);
 }
-
-/// The maximum of @p body(begin, end) over [0, count), joined by maximum (0 for no tiles).
 template <typename Body> float parallelMaximum(std::int64_t count, Body const& body, std::size_t grain = 1)
 {
-    if (count <= 0) return 0.0f;
-    TVL::Parallel::task_group_context context;
-    float const result = TVL::Parallel::parallel_reduce(
-        TVL::Parallel::blocked_range<std::int64_t>(0, count, grain), 0.0f,
-        [&](TVL::Parallel::blocked_range<std::int64_t> const& r, float running) {
-            if (TVL::bodyCancelled()) return running;
-            return std::max(running, body(r.begin(), r.end()));
-        },
-        [](float a, float b) { return std::max(a, b); }, TVL::Parallel::auto_partitioner(), context);
-    TVL::throwIfJobCancelled();
-    return result;
+    return TVL::Parallel::cancellableMaximum(count, body, grain);
 }
 
 /// The neighbour function of an unmasked sweep: the neighbour's value as it is.
