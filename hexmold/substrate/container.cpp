@@ -320,15 +320,15 @@ Container<TraitsT>::findTile(std::int64_t i, std::int64_t j, std::int64_t k, int
 }
 
 template <typename TraitsT>
-typename Container<TraitsT>::TileType& Container<TraitsT>::addTileLocked(std::int64_t i, std::int64_t j,
-                                                                         std::int64_t k, int depth,
-                                                                         TileType const* hint)
+typename Container<TraitsT>::TileType const& Container<TraitsT>::addTileLocked(std::int64_t i, std::int64_t j,
+                                                                               std::int64_t k, int depth,
+                                                                               TileType const* hint)
 {
     if (depth < 0 || depth > kMaxDepth || !inDomain(i, j, k)) {
         if (CoreGL::Logger::errorVerboseLevel() > 0)
             std::cerr << "addTile.error: point (" << i << ", " << j << ", " << k << ") at depth "
                       << depth << " lies outside the tree; nothing added\n";
-        return const_cast<TileType&>(sentinel());
+        return sentinel();
     }
     std::lock_guard<SpinLock> lock(mAddLock);
     dropTables();
@@ -337,7 +337,8 @@ typename Container<TraitsT>::TileType& Container<TraitsT>::addTileLocked(std::in
     if (hint && hint->mValid && hint->mDepth <= depth) {
         TileType const* a = hint;
         while (a && !a->contains(i, j, k)) a = a->mParent >= 0 ? &mTiles[a->mDepth - 1][a->mParent] : nullptr;
-        t = const_cast<TileType*>(a);
+        // The same tile reached through this (non-const) tree.
+        if (a) t = &mTiles[a->mDepth][a->mIndex];
     }
     if (!t) {
         if (mTiles[0].size() == 0) {
@@ -392,7 +393,7 @@ void Container<TraitsT>::refine(Container const& other, TileCornerLists<Traits>*
                 // creating and recording whatever is missing.
                 std::int64_t counts[kDepthCount];
                 for (int q = 0; q < kDepthCount; ++q) counts[q] = mTiles[q].size();
-                TileType& r = addTileLocked(o.mTi, o.mTj, o.mTk, d, nullptr);
+                TileType const& r = addTileLocked(o.mTi, o.mTj, o.mTk, d, nullptr);
                 if (!r.mValid) continue;
                 here = r.mIndex;
                 if (newTiles)

@@ -13,6 +13,7 @@
 ///
 ///          Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 #pragma once
+#include <hexmold/substrate/contract.h>
 #include <cstdint>
 #include <iosfwd>
 #include <map>
@@ -94,10 +95,18 @@ public:
 
     /// Tiles at @p depth; -1: all depths. Out-of-range depths have none.
     std::int64_t tileCount(int depth) const override;
-    TileType const& tile(TreeIndex const& t) const { return mTiles[t.depth][t.index]; }
-    TileType& tile(TreeIndex const& t) { return mTiles[t.depth][t.index]; }
-    TileType const& tile(std::int64_t index, int depth) const { return mTiles[depth][index]; }
-    TileType& tile(std::int64_t index, int depth) { return mTiles[depth][index]; }
+    TileType const& tile(TreeIndex const& t) const { return tile(t.index, t.depth); }
+    TileType& tile(TreeIndex const& t) { return tile(t.index, t.depth); }
+    TileType const& tile(std::int64_t index, int depth) const
+    {
+        HEXMOLD_EXPECTS(depth >= 0 && depth < kDepthCount);
+        return mTiles[depth][index];
+    }
+    TileType& tile(std::int64_t index, int depth)
+    {
+        HEXMOLD_EXPECTS(depth >= 0 && depth < kDepthCount);
+        return mTiles[depth][index];
+    }
     /// Flat index over all depths (depth-major) of a tile, and its inverse; -1 / the sentinel for
     /// out-of-range input.
     std::int64_t tileIndex(TreeIndex const& t) const;
@@ -301,8 +310,8 @@ public:
                              TileType const* start) const;
     /// Adds the tile at @p depth containing the point, with its ancestors. Serialised by a lock;
     /// returns the sentinel for points outside the domain or depths outside the tree.
-    TileType& addTileLocked(std::int64_t i, std::int64_t j, std::int64_t k, int depth,
-                            TileType const* hint);
+    TileType const& addTileLocked(std::int64_t i, std::int64_t j, std::int64_t k, int depth,
+                                  TileType const* hint);
     /// Whether the tile-space point lies inside the domain of the tree.
     static bool inDomain(std::int64_t i, std::int64_t j, std::int64_t k)
     {

@@ -12,6 +12,7 @@
 ///          Instantiated for the 18 element types in the forms (W, H) = (4,0), (5,0), (6,0),
 ///          (4,1), (5,1), (4,2), (5,2), (8,1), (9,0); F is 0 everywhere.
 #pragma once
+#include <hexmold/substrate/contract.h>
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -40,6 +41,19 @@ public:
         return std::size_t((i + H) + kEdge * ((j + H) + kEdge * (k + H)));
     }
 
+    /// @p n, which must lie in the block.
+    std::size_t checked(std::size_t n) const
+    {
+        HEXMOLD_EXPECTS(n < mSize);
+        return n;
+    }
+    /// The flat index of (i, j, k), which must lie in the block, halo included.
+    std::size_t checkedIndex(int i, int j, int k) const
+    {
+        HEXMOLD_EXPECTS(i >= -H && i < W + H && j >= -H && j < W + H && k >= -H && k < W + H);
+        return checked(flatIndex(i, j, k));
+    }
+
     /// An empty handle.
     ConstTileData() = default;
     /// Refers to @p block (not owned); null gives an empty handle.
@@ -65,10 +79,10 @@ public:
     }
     virtual ~ConstTileData() { release(); }
 
-    T const& operator()(int i, int j, int k) const { return mData[flatIndex(i, j, k)]; }
-    T const& operator()(int3 const& p) const { return mData[flatIndex(p.x, p.y, p.z)]; }
-    T const& operator()(std::size_t n) const { return mData[n]; }
-    T const& operator[](std::size_t n) const { return mData[n]; }
+    T const& operator()(int i, int j, int k) const { return mData[checkedIndex(i, j, k)]; }
+    T const& operator()(int3 const& p) const { return mData[checkedIndex(p.x, p.y, p.z)]; }
+    T const& operator()(std::size_t n) const { return mData[checked(n)]; }
+    T const& operator[](std::size_t n) const { return mData[checked(n)]; }
 
     /// Element count of the block (0 for an empty handle).
     std::size_t size() const { return mSize; }
@@ -170,10 +184,10 @@ public:
     using Base::begin;
     using Base::data;
     using Base::end;
-    T& operator()(int i, int j, int k) { return this->mData[Base::flatIndex(i, j, k)]; }
-    T& operator()(int3 const& p) { return this->mData[Base::flatIndex(p.x, p.y, p.z)]; }
-    T& operator()(std::size_t n) { return this->mData[n]; }
-    T& operator[](std::size_t n) { return this->mData[n]; }
+    T& operator()(int i, int j, int k) { return this->mData[Base::checkedIndex(i, j, k)]; }
+    T& operator()(int3 const& p) { return this->mData[Base::checkedIndex(p.x, p.y, p.z)]; }
+    T& operator()(std::size_t n) { return this->mData[Base::checked(n)]; }
+    T& operator[](std::size_t n) { return this->mData[Base::checked(n)]; }
     T* data() { return this->mData; }
     T* begin() { return this->mData; }
     T* end() { return this->mData + this->mSize; }

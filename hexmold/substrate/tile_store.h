@@ -5,6 +5,7 @@
 ///          workers add tiles to one scratch tree (under the tree's lock) while others keep
 ///          references to tiles they found earlier.
 #pragma once
+#include <hexmold/substrate/contract.h>
 #include <atomic>
 #include <bit>
 #include <cstdint>
@@ -65,12 +66,14 @@ public:
     /// Element @p i; 0 <= i < size() is a precondition the callers check.
     T& operator[](std::int64_t i)
     {
+        HEXMOLD_EXPECTS(i >= 0 && i < size());
         if (i < 0) __builtin_unreachable();
         int const s = segmentOf(i);
         return mSegments[s][i - segmentStart(s)];
     }
     T const& operator[](std::int64_t i) const
     {
+        HEXMOLD_EXPECTS(i >= 0 && i < size());
         if (i < 0) __builtin_unreachable();
         int const s = segmentOf(i);
         return mSegments[s][i - segmentStart(s)];
