@@ -544,6 +544,43 @@ TYPED_TEST(VoxelizePoints, SameTilesAndBitsOnOneThreadAndOnAll)
     }
 }
 
+TYPED_TEST(VoxelizePoints, NonAdaptiveLevelSetIsTheSameWithAndWithoutProperties)
+{
+    // Without properties the non-adaptive route stamps the level set alone and leaves out the
+    // closest points; with one it carries the closest points across the band. The redistanced
+    // level sets must not tell the two apart.
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    for (double grading : {1.0, 0.5}) {
+        Cloud const c = randomCloud(1500, 0.5 * h, 3.0 * h, 11);
+        auto cloud = c.object();
+        Quillon::Array<float> id(c.positions.size());
+        for (std::size_t i = 0; i < id.size(); ++i)
+            id[i] = float(i);
+        ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "id", Geo::sPointComp, id, -1.0f));
+        Options o = nonAdaptive();
+        o.grading = float(grading);
+        PointVolume<Tr> plain(h), with(h);
+        plain.build(c, o, 0, cloud.get());
+        o.properties = "id";
+        with.build(c, o, 0, cloud.get());
+        auto const& a = plain.container();
+        auto const& b = with.container();
+        ASSERT_EQ(a.tileCount(-1), b.tileCount(-1));
+        std::int64_t differ = 0;
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            for (std::int64_t t = 0; t < a.tileCount(d); ++t) {
+                ASSERT_EQ(a.tile(t, d).tijk(), b.tile(t, d).tijk());
+                auto const x = plain.level().tileData(t, d);
+                auto const y = with.level().tileData(t, d);
+                ASSERT_EQ(x.size(), y.size());
+                for (std::size_t n = 0; n < x.size(); ++n)
+                    differ += x[n] == y[n] ? 0 : 1;
+            }
+        EXPECT_EQ(differ, 0) << "grading " << grading;
+    }
+}
+
 TYPED_TEST(VoxelizePoints, CancellationThrowsAndLeavesTheVolumeWhole)
 {
     using Tr = TypeParam;

@@ -3,6 +3,7 @@
 ///        spheres stamped into their point's tile, closest points carried across the band.
 #pragma once
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <hexmold/substrate/cancel.h>
@@ -137,53 +138,97 @@ template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
 
 /// Stamps the spheres of a tile's points into its voxels: the level is the smallest sphere
 /// distance, the closest index the point that gave it, the earlier (lower) index keeping a tie.
-/// Only voxels within the radius plus the grading of a point are visited.
-template <typename Traits> void stampSpheres(PointsDriver<Traits>& m, PointLists const& lists)
+/// Only voxels within the radius plus @p pad (finest voxels) of a point are visited. A tile is
+/// stamped in local arrays that also keep the distance of each voxel's closest point, so that no
+/// distance is computed twice. Without @p withClosest only the level is written, and the
+/// closest-point channel need not exist.
+/// @return whether some finest voxel ends up inside (0 > level).
+template <typename Traits>
+bool stampSpheres(PointsDriver<Traits>& m, PointLists const& lists, double pad, bool withClosest)
 {
     constexpr int kMax = Traits::kMaxDepth;
     constexpr int W = Traits::kTileWidth;
+    constexpr int N = W * W * W;
     std::int64_t const tiles = m.container.tileCount(kMax);
+    double const h = double(m.voxelSize);
+    std::atomic<bool> inside{false};
     Par::parallel_for(
-        Par::blocked_range<std::int64_t>(0, tiles, 1),
+        Par::blocked_range<std::int64_t>(0, tiles, 64),
         [&](Par::blocked_range<std::int64_t> const& r) {
             if (TVL::bodyCancelled())
                 return;
+            bool anyInside = false;
+            float level[N], own[N];
+            std::int64_t id[N];
             for (std::int64_t t = r.begin(); t != r.end(); ++t) {
                 Tile<Traits> const& tile = m.container.tile(t, kMax);
                 auto lv = m.level.tileData(t, kMax);
-                auto cl = m.closest->tileData(t, kMax);
-                if (lv.empty() || cl.empty())
+                auto cl = withClosest ? m.closest->tileData(t, kMax)
+                                      : decltype(m.closest->tileData(t, kMax)){};
+                if (lv.empty() || (withClosest && cl.empty()))
                     continue;
-                double3 const origin{double(tile.ti()), double(tile.tj()), double(tile.tk())};
-                for (std::int64_t q = lists.offset[std::size_t(t)];
-                     q < lists.offset[std::size_t(t) + 1]; ++q) {
+                std::copy(lv.data(), lv.data() + N, level);
+                if (withClosest)
+                    std::copy(cl.data(), cl.data() + N, id);
+                else
+                    std::fill(id, id + N, std::int64_t(-1));
+                for (int v = 0; v < N; ++v)
+                    if (id[v] >= 0)
+                        own[v] = m.sphereDistance(
+                            double3{double(tile.ti()) + v % W + m.offset.x,
+                                    double(tile.tj()) + (v / W) % W + m.offset.y,
+                                    double(tile.tk()) + v / (W * W) + m.offset.z},
+                            id[v]);
+                // The sample positions of the tile's voxels along each axis, in finest voxels.
+                double cx[W], cy[W], cz[W];
+                for (int q = 0; q < W; ++q) {
+                    cx[q] = double(tile.ti()) + q + m.offset.x;
+                    cy[q] = double(tile.tj()) + q + m.offset.y;
+                    cz[q] = double(tile.tk()) + q + m.offset.z;
+                }
+                double const origin[3] = {double(tile.ti()), double(tile.tj()), double(tile.tk())};
+                std::int64_t const qEnd = lists.offset[std::size_t(t) + 1];
+                for (std::int64_t q = lists.offset[std::size_t(t)]; q < qEnd; ++q) {
                     std::int64_t const i = lists.index[std::size_t(q)];
                     double3 const& p = m.centre[std::size_t(i)];
+                    double const radius = double(m.radius[std::size_t(i)]);
                     double const rv = m.radiusInVoxels(std::size_t(i));
-                    double const pad = m.grading;
                     int lo[3], hi[3];
                     for (int a = 0; a < 3; ++a) {
                         double const pl = p[a] - origin[a];
                         lo[a] = int(std::max(0.0, std::floor(pl - rv - pad)));
                         hi[a] = int(std::min(double(W - 1), std::ceil(pl + rv + pad)));
                     }
-                    for (int k = lo[2]; k <= hi[2]; ++k)
-                        for (int j = lo[1]; j <= hi[1]; ++j)
+                    for (int k = lo[2]; k <= hi[2]; ++k) {
+                        double const dz = cz[k] - p.z;
+                        for (int j = lo[1]; j <= hi[1]; ++j) {
+                            double const dy = cy[j] - p.y;
+                            double const dyz = dy * dy + dz * dz;
                             for (int ii = lo[0]; ii <= hi[0]; ++ii) {
-                                double3 const c{origin.x + ii + m.offset.x,
-                                                origin.y + j + m.offset.y,
-                                                origin.z + k + m.offset.z};
-                                float const d = m.sphereDistance(c, i);
-                                std::size_t const v = std::size_t(ii + W * (j + W * k));
-                                lv[v] = std::min(lv[v], d);
-                                auto& own = cl[v];
-                                if (own < 0 || m.sphereDistance(c, std::int64_t(own)) > d)
-                                    own = i;
+                                double const dx = cx[ii] - p.x;
+                                // As `sphereDistance`, so that the values keep their bits.
+                                float const d = float(std::sqrt(dx * dx + dyz) * h - radius);
+                                int const v = ii + W * (j + W * k);
+                                level[v] = std::min(level[v], d);
+                                if (id[v] < 0 || own[v] > d) {
+                                    id[v] = i;
+                                    own[v] = d;
+                                }
                             }
+                        }
+                    }
                 }
+                for (int v = 0; v < N; ++v)
+                    anyInside |= 0.0f > level[v];
+                std::copy(level, level + N, lv.data());
+                if (withClosest)
+                    std::copy(id, id + N, cl.data());
             }
+            if (anyInside)
+                inside.store(true, std::memory_order_relaxed);
         });
     TVL::throwIfJobCancelled();
+    return inside.load() || 0.0f > m.level.defaultValue();
 }
 
 /// Carries closest-point indices from the stamped voxels to the rest of the finest tiles: up to
