@@ -66,6 +66,25 @@ template <typename Traits> bool countsAsLeaf(Tile<Traits> const& tile, int i, in
     return tile.depth() == maxDepth || tile.isLeaf(i, j, k);
 }
 
+/// The six same-depth face neighbours of one tile and their blocks (empty where there is none),
+/// looked up once per tile instead of once per voxel on the tile's faces.
+template <typename Traits> struct FaceNeighbourBlocks {
+    ConstTileData<float, Traits::kTileWidth, 0, 0> block[6];
+    Tile<Traits> const* tile[6] = {};
+
+    FaceNeighbourBlocks(Tile<Traits> const& t, FloatChannel<Traits> const& distance,
+                        typename Container<Traits>::ConstTileAccessor& accessor)
+    {
+        for (int f = 0; f < 6; ++f) {
+            int const axis = f / 2, side = f % 2 == 0 ? -1 : 1;
+            Tile<Traits> const& beside = accessor.tileNeighbor(t, 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1));
+            if (!beside.valid() || beside.depth() != t.depth()) continue;
+            tile[f] = &beside;
+            block[f] = distance.tileData(beside.treeIndex());
+        }
+    }
+};
+
 /// The face neighbour of voxel (i, j, k) of @p tile on side @p side (-1 or +1) of @p axis, read
 /// across tile borders and resolution jumps: within the tile from a leaf voxel directly,
 /// otherwise from the deepest voxel that touches the shared face in its middle. NaN where no
@@ -73,14 +92,22 @@ template <typename Traits> bool countsAsLeaf(Tile<Traits> const& tile, int i, in
 template <typename Traits>
 float faceNeighbour(Tile<Traits> const& tile, ConstTileData<float, Traits::kTileWidth, 0, 0> const& block,
                     FloatChannel<Traits> const& distance, typename Container<Traits>::ConstTileAccessor& accessor,
-                    int i, int j, int k, int axis, int side, int maxDepth)
+                    int i, int j, int k, int axis, int side, int maxDepth,
+                    FaceNeighbourBlocks<Traits> const* faces = nullptr)
 {
     constexpr int W = Traits::kTileWidth;
     int n[3] = {i, j, k};
     n[axis] += side;
     bool const inside = n[0] >= 0 && n[0] < W && n[1] >= 0 && n[1] < W && n[2] >= 0 && n[2] < W;
     if (inside && countsAsLeaf(tile, n[0], n[1], n[2], maxDepth)) return block(n[0], n[1], n[2]);
-    if (!inside) {
+    if (!inside && faces) {
+        int const f = 2 * axis + (side < 0 ? 0 : 1);
+        if (Tile<Traits> const* beside = faces->tile[f]) {
+            n[axis] = side < 0 ? W - 1 : 0;
+            if (countsAsLeaf(*beside, n[0], n[1], n[2], maxDepth) && faces->block[f].size() == block.size())
+                return faces->block[f](n[0], n[1], n[2]);
+        }
+    } else if (!inside) {
         // The same-depth tile beside, from the neighbour table, when it holds a leaf voxel there.
         int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
         Tile<Traits> const& beside = accessor.tileNeighbor(tile, direction);
@@ -164,6 +191,7 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                     auto typeBlock = types.tileData(tile.treeIndex());
                     if (values.size() != N || typeBlock.size() != N) continue;
                     auto const maskBlock = mask ? mask->tileData(tile.treeIndex()) : ConstTileData<float, W, 0, 0>();
+                    FaceNeighbourBlocks<Traits> const faces(tile, distance, accessor);
                     auto zcBlock = zeroCrossing ? zeroCrossing->tileData(tile.treeIndex()) : TileData<float, W, 0, 0>();
                     auto out = zeroCrossing ? zcBlock : distance.tileData(tile.treeIndex());
                     // 2 x 2 x 2 blocks of the tile's voxels.
@@ -188,7 +216,8 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                                             for (int axis = 0; axis < 3; ++axis)
                                                 for (int side = -1; side <= 1; side += 2) {
                                                     float const n = faceNeighbour(tile, values, distance, accessor,
-                                                                                  i, j, k, axis, side, maxDepth);
+                                                                                  i, j, k, axis, side, maxDepth,
+                                                                                  &faces);
                                                     if (std::isnan(n) || (0.0f > n) == inside) continue;
                                                     crossing = true;
                                                     float const d = std::fabs(v / (v - n)) * h;
