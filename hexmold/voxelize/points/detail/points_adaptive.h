@@ -185,10 +185,16 @@ template <typename Traits> struct TileKernel {
         }
         if (!sweep || remaining < 1)
             return flag;
-        // Nodes that no point reached take their upwind neighbours' points.
+        // Nodes that no point reached take their upwind neighbours' points. Without a node that
+        // has a point there is nothing to carry.
         std::array<unsigned char, kMaxNodes> marked;
-        for (int n = 0; n < nx * ny * nz; ++n)
+        bool anyPoint = false;
+        for (int n = 0; n < nx * ny * nz; ++n) {
             marked[std::size_t(n)] = closest[std::size_t(n)] == kNone && !inherited[std::size_t(n)];
+            anyPoint |= closest[std::size_t(n)] != kNone;
+        }
+        if (!anyPoint)
+            return flag;
         for (int s = 0; s < 8 && remaining >= 1; ++s) {
             int const dx = (s & 1) ? -1 : 1, dy = (s & 2) ? -1 : 1, dz = (s & 4) ? -1 : 1;
             for (int kk = 0; kk < nz; ++kk)
@@ -202,13 +208,18 @@ template <typename Traits> struct TileKernel {
                         int const i1 = std::clamp(i - dx, 0, nx - 1),
                                   j1 = std::clamp(j - dy, 0, ny - 1),
                                   k1 = std::clamp(k - dz, 0, nz - 1);
+                        // Neighbours mostly share a point: a point offered once and refused is
+                        // refused again, since the node's value only decreases.
+                        std::int64_t refused = kNone;
                         for (int c = 0; c < 8; ++c) {
                             int const wi = (c & 1) ? i1 : i, wj = (c & 2) ? j1 : j,
                                       wk = (c & 4) ? k1 : k;
                             std::int64_t const q = closest[std::size_t(wi + nx * (wj + ny * wk))];
-                            if (q == kNone || q == closest[std::size_t(n)])
+                            if (q == kNone || q == closest[std::size_t(n)] || q == refused)
                                 continue;
                             offer(n, q);
+                            if (closest[std::size_t(n)] != q)
+                                refused = q;
                         }
                     }
         }
