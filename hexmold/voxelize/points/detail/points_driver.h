@@ -10,6 +10,7 @@
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
+#include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/voxelize_types.h>
 #include <limits>
@@ -105,8 +106,19 @@ void addCollectedTiles(Sets& sets, TVL::TileTree3D::Container<Traits>& container
     for (CornerSet const& s : sets)
         s.forEach([&](CornerSet::Key const& c) { keys.push_back(c); });
     sets.clear();
-    std::sort(keys.begin(), keys.end());
+    TVL::Parallel::parallel_sort(keys.begin(), keys.end());
     keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    // A tree holding at most its root takes the tiles directly: merging a scratch tree into it
+    // would copy that tree tile by tile in the same order.
+    bool direct = newTiles == nullptr;
+    for (int d = 1; d <= Traits::kMaxDepth && direct; ++d)
+        direct = container.tileCount(d) == 0;
+    if (direct) {
+        auto acc = container.tileAccessor();
+        for (CornerSet::Key const& c : keys)
+            acc.addTile(c);
+        return;
+    }
     TVL::TileTree3D::Container<Traits> work("", container.voxelSize());
     auto acc = work.tileAccessor();
     for (CornerSet::Key const& c : keys)

@@ -484,7 +484,10 @@ bool voxelizePoints(Tavrel::Object const& geometry,
     if (m.buildTiles) {
         auto const timer =
             Logger::timer(PointStageNames::name("adaptive.precompute_tile_neighbors"), &runtime);
-        container.precomputeTileNeighbors();
+        // Every change of the tree drops the tables, so tables still present are those of the
+        // final tree.
+        if (!container.hasPrecomputedTileNeighbors())
+            container.precomputeTileNeighbors();
     }
     // The components go back in the order container, topology, channel.
     containerGuard.restore();
