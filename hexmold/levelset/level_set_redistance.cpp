@@ -83,6 +83,13 @@ template <typename Traits> struct FaceNeighbourBlocks {
             block[f] = distance.tileData(beside.treeIndex());
         }
     }
+    /// All six neighbours exist at the tile's depth with blocks of @p n voxels.
+    bool complete(std::size_t n) const
+    {
+        for (int f = 0; f < 6; ++f)
+            if (!tile[f] || block[f].size() != n) return false;
+        return true;
+    }
 };
 
 /// The face neighbour of voxel (i, j, k) of @p tile on side @p side (-1 or +1) of @p axis, read
@@ -192,6 +199,33 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                     if (values.size() != N || typeBlock.size() != N) continue;
                     auto const maskBlock = mask ? mask->tileData(tile.treeIndex()) : ConstTileData<float, W, 0, 0>();
                     FaceNeighbourBlocks<Traits> const faces(tile, distance, accessor);
+                    if (!local && !mask && !hasValueTypes && depth == maxDepth && faces.complete(N)) {
+                        // Only the crossing test runs, and every face neighbour is a leaf voxel
+                        // of this tile or of a same-depth tile beside it.
+                        auto const at = [&](int i, int j, int k) -> float {
+                            if (i < 0) return faces.block[0](W - 1, j, k);
+                            if (i >= W) return faces.block[1](0, j, k);
+                            if (j < 0) return faces.block[2](i, W - 1, k);
+                            if (j >= W) return faces.block[3](i, 0, k);
+                            if (k < 0) return faces.block[4](i, j, W - 1);
+                            if (k >= W) return faces.block[5](i, j, 0);
+                            return values(i, j, k);
+                        };
+                        for (int k = 0; k < W; ++k)
+                            for (int j = 0; j < W; ++j)
+                                for (int i = 0; i < W; ++i) {
+                                    if (typeBlock(i, j, k) != kValueTypeUnknown) continue;
+                                    float const v = values(i, j, k);
+                                    if (v <= 0.0f ? !redistanceInterior : !redistanceExterior) continue;
+                                    bool const inside = 0.0f > v;
+                                    float const n[6] = {at(i - 1, j, k), at(i + 1, j, k), at(i, j - 1, k),
+                                                        at(i, j + 1, k), at(i, j, k - 1), at(i, j, k + 1)};
+                                    bool crossing = false;
+                                    for (float x : n) crossing |= !std::isnan(x) && (0.0f > x) != inside;
+                                    if (crossing) typeBlock(i, j, k) = kValueTypeKnown;
+                                }
+                        continue;
+                    }
                     auto zcBlock = zeroCrossing ? zeroCrossing->tileData(tile.treeIndex()) : TileData<float, W, 0, 0>();
                     auto out = zeroCrossing ? zcBlock : distance.tileData(tile.treeIndex());
                     // 2 x 2 x 2 blocks of the tile's voxels.
