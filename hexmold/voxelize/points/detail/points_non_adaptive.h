@@ -116,23 +116,43 @@ template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
                           }
                       });
     TVL::throwIfJobCancelled();
-    std::vector<Record> records;
+    // A counting sort by tile: counts, offsets, a scatter through per-tile cursors, then each
+    // tile's short list sorted, so that a list is ascending whatever the schedule.
+    std::vector<std::vector<Record> const*> parts;
     for (auto const& e : local)
-        records.insert(records.end(), e.begin(), e.end());
-    Par::parallel_sort(records.begin(), records.end());
-    PointLists lists;
+        parts.push_back(&e);
     std::int64_t const tiles = m.container.tileCount(kMax);
+    std::vector<std::atomic<std::int64_t>> cursor(std::size_t(tiles) + 1);
+    auto const overRecords = [&](auto&& f) {
+        for (std::vector<Record> const* part : parts)
+            Par::parallel_for(Par::blocked_range<std::size_t>(0, part->size(), 4096),
+                              [&](Par::blocked_range<std::size_t> const& r) {
+                                  for (std::size_t q = r.begin(); q != r.end(); ++q)
+                                      f((*part)[q]);
+                              });
+    };
+    overRecords([&](Record const& x) {
+        cursor[std::size_t(x.first) + 1].fetch_add(1, std::memory_order_relaxed);
+    });
+    PointLists lists;
     lists.offset.assign(std::size_t(tiles) + 1, 0);
-    std::size_t first = 0;
-    while (first < records.size() && records[first].first < 0)
-        ++first;
-    lists.index.reserve(records.size() - first);
-    for (std::size_t q = first; q < records.size(); ++q) {
-        ++lists.offset[std::size_t(records[q].first) + 1];
-        lists.index.push_back(records[q].second);
+    for (std::int64_t t = 0; t < tiles; ++t) {
+        lists.offset[std::size_t(t) + 1] =
+            lists.offset[std::size_t(t)] + cursor[std::size_t(t) + 1].load(std::memory_order_relaxed);
+        cursor[std::size_t(t)].store(lists.offset[std::size_t(t)], std::memory_order_relaxed);
     }
-    for (std::int64_t t = 0; t < tiles; ++t)
-        lists.offset[std::size_t(t) + 1] += lists.offset[std::size_t(t)];
+    lists.index.resize(std::size_t(lists.offset.back()));
+    overRecords([&](Record const& x) {
+        std::int64_t const at = cursor[std::size_t(x.first)].fetch_add(1, std::memory_order_relaxed);
+        lists.index[std::size_t(at)] = x.second;
+    });
+    Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 1024),
+                      [&](Par::blocked_range<std::int64_t> const& r) {
+                          for (std::int64_t t = r.begin(); t != r.end(); ++t)
+                              std::sort(lists.index.begin() + lists.offset[std::size_t(t)],
+                                        lists.index.begin() + lists.offset[std::size_t(t) + 1]);
+                      });
+    TVL::throwIfJobCancelled();
     return lists;
 }
 
