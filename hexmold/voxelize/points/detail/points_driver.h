@@ -95,19 +95,14 @@ private:
     std::size_t mCount = 0;
 };
 
-/// Adds the tiles of all the workers' sets to @p container through a scratch tree filled in sorted
-/// order, so that the tile order of the tree does not depend on the threads. @p newTiles as for
-/// `Container::refine`.
-template <typename Traits, typename Sets>
-void addCollectedTiles(Sets& sets, TVL::TileTree3D::Container<Traits>& container,
-                       TVL::TileTree3D::TileCornerLists<Traits>* newTiles = nullptr)
+/// Adds the tiles of @p keys, sorted and unique, to @p container through a scratch tree filled
+/// in that order, so that the tile order of the tree does not depend on the threads.
+/// @p newTiles as for `Container::refine`.
+template <typename Traits>
+void addSortedTiles(std::vector<CornerSet::Key> const& keys,
+                    TVL::TileTree3D::Container<Traits>& container,
+                    TVL::TileTree3D::TileCornerLists<Traits>* newTiles = nullptr)
 {
-    std::vector<CornerSet::Key> keys;
-    for (CornerSet const& s : sets)
-        s.forEach([&](CornerSet::Key const& c) { keys.push_back(c); });
-    sets.clear();
-    TVL::Parallel::parallel_sort(keys.begin(), keys.end());
-    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
     // A tree holding at most its root takes the tiles directly: merging a scratch tree into it
     // would copy that tree tile by tile in the same order.
     bool direct = newTiles == nullptr;
@@ -124,6 +119,21 @@ void addCollectedTiles(Sets& sets, TVL::TileTree3D::Container<Traits>& container
     for (CornerSet::Key const& c : keys)
         acc.addTile(c);
     container.refine(work, newTiles, true);
+}
+
+/// Adds the tiles of all the workers' sets to @p container, in sorted order (see
+/// `addSortedTiles`).
+template <typename Traits, typename Sets>
+void addCollectedTiles(Sets& sets, TVL::TileTree3D::Container<Traits>& container,
+                       TVL::TileTree3D::TileCornerLists<Traits>* newTiles = nullptr)
+{
+    std::vector<CornerSet::Key> keys;
+    for (CornerSet const& s : sets)
+        s.forEach([&](CornerSet::Key const& c) { keys.push_back(c); });
+    sets.clear();
+    TVL::Parallel::parallel_sort(keys.begin(), keys.end());
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    addSortedTiles(keys, container, newTiles);
 }
 
 /// What every stage of one call reads: the cleaned cloud, the tree and its channels, and the

@@ -3,6 +3,7 @@
 ///        spheres stamped into their point's tile, closest points carried across the band.
 #pragma once
 #include <algorithm>
+#include <cfloat>
 #include <atomic>
 #include <cmath>
 #include <cstdint>
@@ -61,31 +62,136 @@ void forEachBandTile(PointsDriver<Traits> const& m, std::size_t i, F&& f)
             }
 }
 
+/// The finest tiles around a cloud as a dense grid, z outermost: a byte per tile while the band
+/// is selected, then the index of each tile, in place of hash lookups. Used when the cloud's box
+/// holds few enough tiles.
+struct DenseTileGrid {
+    std::int64_t lo[3] = {0, 0, 0}; ///< tile-space corner of the first tile (finest voxels)
+    std::int64_t n[3] = {0, 0, 0};  ///< tiles per axis
+    std::int64_t w = 1;             ///< tile width (finest voxels)
+    std::int64_t size() const { return n[0] * n[1] * n[2]; }
+    /// Slot of the tile at the aligned corner (x, y, z); -1 outside the grid.
+    std::int64_t slot(std::int64_t x, std::int64_t y, std::int64_t z) const
+    {
+        std::int64_t const a = (x - lo[0]) / w, b = (y - lo[1]) / w, c = (z - lo[2]) / w;
+        if (x < lo[0] || y < lo[1] || z < lo[2] || a >= n[0] || b >= n[1] || c >= n[2])
+            return -1;
+        return (c * n[1] + b) * n[0] + a;
+    }
+};
+
+/// The grid covering every point's reach: its radius plus @p pad finest voxels. False when it
+/// would hold more than @p limit tiles.
+template <typename Traits>
+bool coveringGrid(PointsDriver<Traits> const& m, double pad, std::int64_t limit, DenseTileGrid& g)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    struct Box {
+        double lo[3] = {DBL_MAX, DBL_MAX, DBL_MAX}, hi[3] = {-DBL_MAX, -DBL_MAX, -DBL_MAX};
+    };
+    Box const box = Par::parallel_reduce(
+        Par::blocked_range<std::size_t>(0, m.size(), 4096), Box{},
+        [&](Par::blocked_range<std::size_t> const& r, Box b) {
+            for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                double const reach = m.radiusInVoxels(i) + pad;
+                for (int a = 0; a < 3; ++a) {
+                    b.lo[a] = std::min(b.lo[a], std::floor(m.centre[i][a] - reach));
+                    b.hi[a] = std::max(b.hi[a], std::ceil(m.centre[i][a] + reach));
+                }
+            }
+            return b;
+        },
+        [](Box a, Box const& b) {
+            for (int q = 0; q < 3; ++q)
+                a.lo[q] = std::min(a.lo[q], b.lo[q]), a.hi[q] = std::max(a.hi[q], b.hi[q]);
+            return a;
+        });
+    g.w = Container<Traits>::tileVoxelWidth(kMax);
+    double tiles = 1.0;
+    for (int a = 0; a < 3; ++a) {
+        if (!(box.lo[a] <= box.hi[a]))
+            return false;
+        g.lo[a] = PointsDriver<Traits>::alignDown(std::int64_t(box.lo[a]), kMax);
+        g.n[a] = (std::int64_t(box.hi[a]) - g.lo[a]) / g.w + 1;
+        tiles *= double(g.n[a]);
+    }
+    return tiles <= double(limit);
+}
+
 /// Allocates the finest tiles in the band of every point, and lists each point in the tiles its
 /// sphere reaches.
 template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
 {
     constexpr int kMax = Traits::kMaxDepth;
     std::size_t const n = m.size();
-    // Tile selection: each worker collects the corners its points ask for.
-    Par::enumerable_thread_specific<CornerSet> sets;
-    Par::parallel_for(Par::blocked_range<std::size_t>(0, n, 500),
-                      [&](Par::blocked_range<std::size_t> const& r) {
-                          if (TVL::bodyCancelled())
-                              return;
-                          CornerSet& set = sets.local();
-                          for (std::size_t i = r.begin(); i != r.end(); ++i)
-                              forEachBandTile(m, i, [&](int3 const& c) { set.insert(c, kMax); });
-                      });
-    TVL::throwIfJobCancelled();
-    addCollectedTiles(sets, m.container);
+    std::int64_t const w = Container<Traits>::tileVoxelWidth(kMax);
+    // The largest reach of the two walks below beyond a point's radius.
+    double const reach = std::max({double(m.grading), double(w), double(m.grading) + 1.0});
+    DenseTileGrid grid;
+    bool const dense = coveringGrid(m, reach, std::min<std::int64_t>(std::int64_t(1) << 25,
+                                                                     64 * std::int64_t(n) + (1 << 20)),
+                                    grid);
+    // Tile selection: marks on the dense grid, whose walk gives the tiles in sorted order; or
+    // each worker collects the corners its points ask for.
+    if (dense) {
+        std::vector<std::atomic<unsigned char>> mark(std::size_t(grid.size()));
+        Par::parallel_for(Par::blocked_range<std::size_t>(0, n, 500),
+                          [&](Par::blocked_range<std::size_t> const& r) {
+                              if (TVL::bodyCancelled())
+                                  return;
+                              for (std::size_t i = r.begin(); i != r.end(); ++i)
+                                  forEachBandTile(m, i, [&](int3 const& c) {
+                                      std::int64_t const q = grid.slot(c.x, c.y, c.z);
+                                      if (q >= 0)
+                                          mark[std::size_t(q)].store(1, std::memory_order_relaxed);
+                                  });
+                          });
+        TVL::throwIfJobCancelled();
+        std::vector<CornerSet::Key> keys;
+        std::size_t q = 0;
+        for (std::int64_t z = 0; z < grid.n[2]; ++z)
+            for (std::int64_t y = 0; y < grid.n[1]; ++y)
+                for (std::int64_t x = 0; x < grid.n[0]; ++x, ++q)
+                    if (mark[q].load(std::memory_order_relaxed))
+                        keys.push_back(CornerSet::Key{int(grid.lo[0] + x * w),
+                                                      int(grid.lo[1] + y * w),
+                                                      int(grid.lo[2] + z * w), kMax});
+        addSortedTiles(keys, m.container);
+    } else {
+        Par::enumerable_thread_specific<CornerSet> sets;
+        Par::parallel_for(Par::blocked_range<std::size_t>(0, n, 500),
+                          [&](Par::blocked_range<std::size_t> const& r) {
+                              if (TVL::bodyCancelled())
+                                  return;
+                              CornerSet& set = sets.local();
+                              for (std::size_t i = r.begin(); i != r.end(); ++i)
+                                  forEachBandTile(m, i,
+                                                  [&](int3 const& c) { set.insert(c, kMax); });
+                          });
+        TVL::throwIfJobCancelled();
+        addCollectedTiles(sets, m.container);
+    }
     m.topology.update(m.container);
     m.level.update(m.topology);
     m.container.buildAccessorAccelerationStructure(kMax);
+    std::int64_t const tiles = m.container.tileCount(kMax);
+    // The index of every finest tile on the dense grid.
+    std::vector<std::int64_t> tileAt;
+    if (dense) {
+        tileAt.assign(std::size_t(grid.size()), -1);
+        Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 4096),
+                          [&](Par::blocked_range<std::int64_t> const& r) {
+                              for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                                  int3 const c = m.container.tile(t, kMax).tijk();
+                                  std::int64_t const q = grid.slot(c.x, c.y, c.z);
+                                  if (q >= 0)
+                                      tileAt[std::size_t(q)] = t;
+                              }
+                          });
+    }
 
     // Binning: a point is listed in every finest tile that its sphere grown by the grading
-    // overlaps, so that each voxel within that reach gets its exact distance; (tile, point)
-    // records sorted by tile, then point.
+    // overlaps, so that each voxel within that reach gets its exact distance.
     using Record = std::pair<std::int64_t, std::int64_t>;
     Par::enumerable_thread_specific<std::vector<Record>> local;
     Par::parallel_for(Par::blocked_range<std::size_t>(0, n, 500),
@@ -94,7 +200,6 @@ template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
                               return;
                           auto acc = std::as_const(m.container).tileAccessor();
                           auto& out = local.local();
-                          std::int64_t const w = Container<Traits>::tileVoxelWidth(kMax);
                           for (std::size_t i = r.begin(); i != r.end(); ++i) {
                               double3 const& p = m.centre[i];
                               double const reach = m.radiusInVoxels(i) + double(m.grading) + 1.0;
@@ -109,6 +214,14 @@ template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
                                       for (std::int64_t x = lo[0]; x <= hi[0]; x += w) {
                                           if (!Container<Traits>::inDomain(x, y, z))
                                               continue;
+                                          if (dense) {
+                                              std::int64_t const q = grid.slot(x, y, z);
+                                              std::int64_t const t =
+                                                  q >= 0 ? tileAt[std::size_t(q)] : -1;
+                                              if (t >= 0)
+                                                  out.push_back({t, std::int64_t(i)});
+                                              continue;
+                                          }
                                           auto const& t = acc.tile(x, y, z, kMax);
                                           if (t.valid() && t.depth() == kMax)
                                               out.push_back({t.index(), std::int64_t(i)});
@@ -121,7 +234,6 @@ template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
     std::vector<std::vector<Record> const*> parts;
     for (auto const& e : local)
         parts.push_back(&e);
-    std::int64_t const tiles = m.container.tileCount(kMax);
     std::vector<std::atomic<std::int64_t>> cursor(std::size_t(tiles) + 1);
     auto const overRecords = [&](auto&& f) {
         for (std::vector<Record> const* part : parts)
