@@ -358,6 +358,24 @@ TYPED_TEST(VoxelizePoints, TwoOverlappingPointsMatchTheUnionOfSpheres)
     }
 }
 
+TYPED_TEST(VoxelizePoints, TwoClustersFarApartMatchTheUnionOfSpheres)
+{
+    // The clusters' common box holds too many tiles for the dense grid of the non-adaptive
+    // route, which then collects its tiles in hash sets.
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    Cloud c = randomCloud(300, 0.5 * h, 2.5 * h, 13);
+    Cloud const far = randomCloud(300, 0.5 * h, 2.5 * h, 17);
+    for (std::size_t i = 0; i < far.positions.size(); ++i) {
+        auto const& p = far.positions[i];
+        c.positions.push_back(f3(p.x + 500.0, p.y - 300.0, p.z + 400.0));
+        c.radii.push_back(far.radii[i]);
+    }
+    PointVolume<Tr> v(h);
+    v.build(c, nonAdaptive());
+    expectAccurate(measure(v, c, "non-adaptive"), "non-adaptive");
+}
+
 TYPED_TEST(VoxelizePoints, RandomCloudWithRandomRadiiMatchesTheUnionOfSpheres)
 {
     using Tr = TypeParam;
