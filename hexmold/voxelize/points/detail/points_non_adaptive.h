@@ -273,7 +273,9 @@ template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
 /// Only voxels within the radius plus @p pad (finest voxels) of a point are visited. A tile is
 /// stamped in local arrays that also keep the distance of each voxel's closest point, so that no
 /// distance is computed twice. Without @p withClosest only the level is written, and the
-/// closest-point channel need not exist.
+/// closest-point channel need not exist; the voxels of a point's box that lie farther than its
+/// radius plus @p pad are then left out too, since such a voxel next to the surface always has
+/// a nearer point (with @p pad at least one voxel).
 /// @return whether some finest voxel ends up inside (0 > level).
 template <typename Traits>
 bool stampSpheres(PointsDriver<Traits>& m, PointLists const& lists, double pad, bool withClosest)
@@ -331,15 +333,21 @@ bool stampSpheres(PointsDriver<Traits>& m, PointLists const& lists, double pad, 
                         lo[a] = int(std::max(0.0, std::floor(pl - rv - pad)));
                         hi[a] = int(std::min(double(W - 1), std::ceil(pl + rv + pad)));
                     }
+                    double const reach2 = withClosest ? DBL_MAX : (rv + pad) * (rv + pad);
                     for (int k = lo[2]; k <= hi[2]; ++k) {
                         double const dz = cz[k] - p.z;
                         for (int j = lo[1]; j <= hi[1]; ++j) {
                             double const dy = cy[j] - p.y;
                             double const dyz = dy * dy + dz * dz;
+                            if (dyz > reach2)
+                                continue;
                             for (int ii = lo[0]; ii <= hi[0]; ++ii) {
                                 double const dx = cx[ii] - p.x;
+                                double const q2 = dx * dx + dyz;
+                                if (q2 > reach2)
+                                    continue;
                                 // As `sphereDistance`, so that the values keep their bits.
-                                float const d = float(std::sqrt(dx * dx + dyz) * h - radius);
+                                float const d = float(std::sqrt(q2) * h - radius);
                                 int const v = ii + W * (j + W * k);
                                 level[v] = std::min(level[v], d);
                                 if (id[v] < 0 || own[v] > d) {
