@@ -118,9 +118,30 @@ bool coveringGrid(PointsDriver<Traits> const& m, double pad, std::int64_t limit,
     return tiles <= double(limit);
 }
 
-/// Allocates the finest tiles in the band of every point, and lists each point in the tiles its
-/// sphere reaches.
-template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
+/// How the finest tiles are found after the band is allocated: by their slot on a dense grid
+/// around the cloud, or through the tree's hash.
+struct BandTiles {
+    bool dense = false;
+    DenseTileGrid grid;
+    std::vector<std::int64_t> tileAt; ///< per grid slot, the finest tile's index (-1: none)
+
+    /// The index of the finest tile at the aligned corner (x, y, z), -1 when there is none.
+    template <typename Traits, typename Accessor>
+    std::int64_t find(Accessor& acc, std::int64_t x, std::int64_t y, std::int64_t z) const
+    {
+        if (!Container<Traits>::inDomain(x, y, z))
+            return -1;
+        if (dense) {
+            std::int64_t const q = grid.slot(x, y, z);
+            return q >= 0 ? tileAt[std::size_t(q)] : -1;
+        }
+        auto const& t = acc.tile(x, y, z, Traits::kMaxDepth);
+        return t.valid() && t.depth() == Traits::kMaxDepth ? t.index() : -1;
+    }
+};
+
+/// Allocates the finest tiles in the band of every point (the first half of `insertPoints`).
+template <typename Traits> BandTiles selectBandTiles(PointsDriver<Traits>& m)
 {
     constexpr int kMax = Traits::kMaxDepth;
     std::size_t const n = m.size();
@@ -176,7 +197,10 @@ template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
     m.container.buildAccessorAccelerationStructure(kMax);
     std::int64_t const tiles = m.container.tileCount(kMax);
     // The index of every finest tile on the dense grid.
-    std::vector<std::int64_t> tileAt;
+    BandTiles band;
+    band.dense = dense;
+    band.grid = grid;
+    std::vector<std::int64_t>& tileAt = band.tileAt;
     if (dense) {
         tileAt.assign(std::size_t(grid.size()), -1);
         Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 4096),
@@ -190,6 +214,17 @@ template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
                           });
     }
 
+    return band;
+}
+
+/// Lists each point in the finest tiles its sphere grown by the grading reaches (the second half
+/// of `insertPoints`), so that each voxel within that reach gets its exact distance.
+template <typename Traits> PointLists binPoints(PointsDriver<Traits>& m, BandTiles const& band)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    std::size_t const n = m.size();
+    std::int64_t const w = Container<Traits>::tileVoxelWidth(kMax);
+    std::int64_t const tiles = m.container.tileCount(kMax);
     // Binning: a point is listed in every finest tile that its sphere grown by the grading
     // overlaps, so that each voxel within that reach gets its exact distance.
     using Record = std::pair<std::int64_t, std::int64_t>;
@@ -212,19 +247,10 @@ template <typename Traits> PointLists insertPoints(PointsDriver<Traits>& m)
                               for (std::int64_t z = lo[2]; z <= hi[2]; z += w)
                                   for (std::int64_t y = lo[1]; y <= hi[1]; y += w)
                                       for (std::int64_t x = lo[0]; x <= hi[0]; x += w) {
-                                          if (!Container<Traits>::inDomain(x, y, z))
-                                              continue;
-                                          if (dense) {
-                                              std::int64_t const q = grid.slot(x, y, z);
-                                              std::int64_t const t =
-                                                  q >= 0 ? tileAt[std::size_t(q)] : -1;
-                                              if (t >= 0)
-                                                  out.push_back({t, std::int64_t(i)});
-                                              continue;
-                                          }
-                                          auto const& t = acc.tile(x, y, z, kMax);
-                                          if (t.valid() && t.depth() == kMax)
-                                              out.push_back({t.index(), std::int64_t(i)});
+                                          std::int64_t const t =
+                                              band.template find<Traits>(acc, x, y, z);
+                                          if (t >= 0)
+                                              out.push_back({t, std::int64_t(i)});
                                       }
                           }
                       });
@@ -363,6 +389,96 @@ bool stampSpheres(PointsDriver<Traits>& m, PointLists const& lists, double pad, 
                 std::copy(level, level + N, lv.data());
                 if (withClosest)
                     std::copy(id, id + N, cl.data());
+            }
+            if (anyInside)
+                inside.store(true, std::memory_order_relaxed);
+        });
+    TVL::throwIfJobCancelled();
+    return inside.load() || 0.0f > m.level.defaultValue();
+}
+
+/// Stamps the level set alone point by point, with no lists: each point lowers, by an atomic
+/// minimum, the voxels within its radius plus @p pad (finest voxels) in the finest tiles it
+/// reaches. The minimum does not depend on the order of the points, so that the result is the
+/// same on any number of threads, and equal to `stampSpheres` on every voxel that it visits.
+/// @return whether some voxel it wrote is inside (0 > level), or the default value is.
+template <typename Traits>
+bool stampPointsDirectly(PointsDriver<Traits>& m, BandTiles const& band, double pad)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    constexpr int W = Traits::kTileWidth;
+    std::int64_t const w = Container<Traits>::tileVoxelWidth(kMax);
+    std::int64_t const tiles = m.container.tileCount(kMax);
+    double const h = double(m.voxelSize);
+    // The voxel block of every finest tile, looked up once.
+    std::vector<float*> blocks(std::size_t(tiles), nullptr);
+    Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 4096),
+                      [&](Par::blocked_range<std::int64_t> const& r) {
+                          for (std::int64_t t = r.begin(); t != r.end(); ++t) {
+                              auto lv = m.level.tileData(t, kMax);
+                              blocks[std::size_t(t)] = lv.empty() ? nullptr : lv.data();
+                          }
+                      });
+    std::atomic<bool> inside{false};
+    Par::parallel_for(
+        Par::blocked_range<std::size_t>(0, m.size(), 256),
+        [&](Par::blocked_range<std::size_t> const& r) {
+            if (TVL::bodyCancelled())
+                return;
+            auto acc = std::as_const(m.container).tileAccessor();
+            bool anyInside = false;
+            for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                double3 const& p = m.centre[i];
+                double const radius = double(m.radius[i]);
+                double const rv = m.radiusInVoxels(i);
+                double const reach = rv + pad, reach2 = reach * reach;
+                std::int64_t lo[3], hi[3];
+                for (int a = 0; a < 3; ++a) {
+                    lo[a] = std::int64_t(std::floor(p[a] - reach));
+                    hi[a] = std::int64_t(std::ceil(p[a] + reach));
+                }
+                for (std::int64_t tz = PointsDriver<Traits>::alignDown(lo[2], kMax); tz <= hi[2];
+                     tz += w)
+                    for (std::int64_t ty = PointsDriver<Traits>::alignDown(lo[1], kMax);
+                         ty <= hi[1]; ty += w)
+                        for (std::int64_t tx = PointsDriver<Traits>::alignDown(lo[0], kMax);
+                             tx <= hi[0]; tx += w) {
+                            std::int64_t const t = band.template find<Traits>(acc, tx, ty, tz);
+                            if (t < 0 || !blocks[std::size_t(t)])
+                                continue;
+                            float* const level = blocks[std::size_t(t)];
+                            int const k0 = int(std::max<std::int64_t>(0, lo[2] - tz)),
+                                      k1 = int(std::min<std::int64_t>(W - 1, hi[2] - tz));
+                            int const j0 = int(std::max<std::int64_t>(0, lo[1] - ty)),
+                                      j1 = int(std::min<std::int64_t>(W - 1, hi[1] - ty));
+                            int const i0 = int(std::max<std::int64_t>(0, lo[0] - tx)),
+                                      i1 = int(std::min<std::int64_t>(W - 1, hi[0] - tx));
+                            for (int k = k0; k <= k1; ++k) {
+                                double const dz = double(tz) + k + m.offset.z - p.z;
+                                for (int j = j0; j <= j1; ++j) {
+                                    double const dy = double(ty) + j + m.offset.y - p.y;
+                                    double const dyz = dy * dy + dz * dz;
+                                    if (dyz > reach2)
+                                        continue;
+                                    for (int ii = i0; ii <= i1; ++ii) {
+                                        double const dx = double(tx) + ii + m.offset.x - p.x;
+                                        double const q2 = dx * dx + dyz;
+                                        if (q2 > reach2)
+                                            continue;
+                                        // As `sphereDistance`, so that the values keep their bits.
+                                        float const d = float(std::sqrt(q2) * h - radius);
+                                        anyInside |= 0.0f > d;
+                                        std::atomic_ref<float> v(level[ii + W * (j + W * k)]);
+                                        float cur = v.load(std::memory_order_relaxed);
+                                        while (d < cur &&
+                                               !v.compare_exchange_weak(cur, d,
+                                                                        std::memory_order_relaxed))
+                                        {
+                                        }
+                                    }
+                                }
+                            }
+                        }
             }
             if (anyInside)
                 inside.store(true, std::memory_order_relaxed);

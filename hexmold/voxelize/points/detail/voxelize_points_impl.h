@@ -370,7 +370,7 @@ bool voxelizePoints(Tavrel::Object const& geometry,
     // 6. The route.
     if (!m.isAdaptive) {
         auto const timer = Logger::timer(PointStageNames::name("non_adaptive"), &runtime);
-        PointLists const lists = insertPoints(m);
+        BandTiles const band = selectBandTiles(m);
         container.precomputeTileNeighbors();
         auto const createClosest = [&] {
             TVL::TileTree3D::Int64 const none = -1;
@@ -385,13 +385,15 @@ bool voxelizePoints(Tavrel::Object const& geometry,
         // without properties the closest points and their propagation change nothing that is
         // kept. They are still computed when a property needs them, when no voxel is inside
         // (nothing is redistanced then) and for the debug hashes, which see the propagated values.
+        // Without them the points stamp the level set directly and need no lists.
         bool const mayShortcut = !m.hasProperties && verbose == 0;
         bool inside = false;
         if (mayShortcut) {
             double const pad = std::max(1.0, double(m.grading));
-            inside = stampSpheres(m, lists, pad, false);
+            inside = stampPointsDirectly(m, band, pad);
         }
         if (!(mayShortcut && inside)) {
+            PointLists const lists = binPoints(m, band);
             createClosest();
             stampSpheres(m, lists, double(m.grading), true);
             propagateClosestPoints(m);
