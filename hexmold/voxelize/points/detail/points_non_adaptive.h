@@ -419,6 +419,36 @@ bool stampPointsDirectly(PointsDriver<Traits>& m, BandTiles const& band, double 
                               blocks[std::size_t(t)] = lv.empty() ? nullptr : lv.data();
                           }
                       });
+    // The points in the order of their tiles (z, then y, then x), so that consecutive points
+    // touch the same tiles: a cloud in random order would miss the cache on every tile.
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> order(m.size());
+    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 4096),
+                      [&](Par::blocked_range<std::size_t> const& r) {
+                          for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                              std::uint64_t key = 0;
+                              for (int a = 2; a >= 0; --a)
+                                  key = (key << 21) |
+                                        (std::uint64_t(floorDivide(
+                                             std::int64_t(std::floor(m.centre[i][a])), w)) &
+                                         0x1FFFFF);
+                              order[i] = {key, std::uint64_t(i)};
+                          }
+                      });
+    Par::parallel_sort(order.begin(), order.end());
+    // The centres and radii in that order, read sequentially below.
+    struct Sphere {
+        double3 centre;
+        double radius; ///< world units
+    };
+    std::vector<Sphere> spheres(m.size());
+    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 4096),
+                      [&](Par::blocked_range<std::size_t> const& r) {
+                          for (std::size_t q = r.begin(); q != r.end(); ++q) {
+                              std::size_t const i = std::size_t(order[q].second);
+                              spheres[q] = {m.centre[i], double(m.radius[i])};
+                          }
+                      });
+    std::vector<std::pair<std::uint64_t, std::uint64_t>>().swap(order);
     std::atomic<bool> inside{false};
     Par::parallel_for(
         Par::blocked_range<std::size_t>(0, m.size(), 256),
@@ -427,10 +457,10 @@ bool stampPointsDirectly(PointsDriver<Traits>& m, BandTiles const& band, double 
                 return;
             auto acc = std::as_const(m.container).tileAccessor();
             bool anyInside = false;
-            for (std::size_t i = r.begin(); i != r.end(); ++i) {
-                double3 const& p = m.centre[i];
-                double const radius = double(m.radius[i]);
-                double const rv = m.radiusInVoxels(i);
+            for (std::size_t q = r.begin(); q != r.end(); ++q) {
+                double3 const& p = spheres[q].centre;
+                double const radius = spheres[q].radius;
+                double const rv = radius * double(m.invVoxelSize);
                 double const reach = rv + pad, reach2 = reach * reach;
                 std::int64_t lo[3], hi[3];
                 for (int a = 0; a < 3; ++a) {
