@@ -33,16 +33,14 @@ struct PointLists {
 /// lies within T of the sphere's shell, T = 1.01 max(1.5 sqrt(3) w, 0.5 sqrt(3) w + grading).
 /// The interior of a large sphere gets no tile.
 template <typename Traits, typename F>
-void forEachBandTile(PointsDriver<Traits> const& m, std::size_t i, F&& f)
+void forEachBandTile(PointsDriver<Traits> const& m, double3 const& p, double r, F&& f)
 {
     constexpr int kMax = Traits::kMaxDepth;
     std::int64_t const w = Container<Traits>::tileVoxelWidth(kMax);
-    double const r = m.radiusInVoxels(i);
     double const pad = std::max(double(m.grading), double(w));
     double const s3 = 1.7320508075688772;
     double const T =
         1.01 * std::max(1.5 * s3 * double(w), 0.5 * s3 * double(w) + double(m.grading));
-    double3 const& p = m.centre[i];
     std::int64_t lo[3], hi[3];
     for (int a = 0; a < 3; ++a) {
         lo[a] = PointsDriver<Traits>::alignDown(std::int64_t(std::floor(p[a] - r - pad)), kMax);
@@ -60,6 +58,42 @@ void forEachBandTile(PointsDriver<Traits> const& m, std::size_t i, F&& f)
                 if (-T < dist && dist < T)
                     f(int3{int(x), int(y), int(z)});
             }
+}
+
+/// A point's sphere: centre in finest voxels, radius in world units.
+struct SortedSphere {
+    double3 centre;
+    double radius;
+};
+
+/// The spheres in the order of their finest tiles (z, then y, then x), so that consecutive
+/// spheres touch the same tiles: a cloud in random order would miss the cache on every tile.
+template <typename Traits> std::vector<SortedSphere> spheresInTileOrder(PointsDriver<Traits> const& m)
+{
+    std::int64_t const w = Container<Traits>::tileVoxelWidth(Traits::kMaxDepth);
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> order(m.size());
+    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 4096),
+                      [&](Par::blocked_range<std::size_t> const& r) {
+                          for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                              std::uint64_t key = 0;
+                              for (int a = 2; a >= 0; --a)
+                                  key = (key << 21) |
+                                        (std::uint64_t(floorDivide(
+                                             std::int64_t(std::floor(m.centre[i][a])), w)) &
+                                         0x1FFFFF);
+                              order[i] = {key, std::uint64_t(i)};
+                          }
+                      });
+    Par::parallel_sort(order.begin(), order.end());
+    std::vector<SortedSphere> spheres(m.size());
+    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 4096),
+                      [&](Par::blocked_range<std::size_t> const& r) {
+                          for (std::size_t q = r.begin(); q != r.end(); ++q) {
+                              std::size_t const i = std::size_t(order[q].second);
+                              spheres[q] = {m.centre[i], double(m.radius[i])};
+                          }
+                      });
+    return spheres;
 }
 
 /// The finest tiles around a cloud as a dense grid, z outermost: a byte per tile while the band
@@ -124,6 +158,7 @@ struct BandTiles {
     bool dense = false;
     DenseTileGrid grid;
     std::vector<std::int64_t> tileAt; ///< per grid slot, the finest tile's index (-1: none)
+    std::vector<SortedSphere> spheres; ///< the cloud in tile order
 
     /// The index of the finest tile at the aligned corner (x, y, z), -1 when there is none.
     template <typename Traits, typename Accessor>
@@ -148,6 +183,8 @@ template <typename Traits> BandTiles selectBandTiles(PointsDriver<Traits>& m)
     std::int64_t const w = Container<Traits>::tileVoxelWidth(kMax);
     // The largest reach of the two walks below beyond a point's radius.
     double const reach = std::max({double(m.grading), double(w), double(m.grading) + 1.0});
+    std::vector<SortedSphere> spheres = spheresInTileOrder(m);
+    double const invVoxelSize = double(m.invVoxelSize);
     DenseTileGrid grid;
     bool const dense = coveringGrid(m, reach, std::min<std::int64_t>(std::int64_t(1) << 25,
                                                                      64 * std::int64_t(n) + (1 << 20)),
@@ -161,7 +198,9 @@ template <typename Traits> BandTiles selectBandTiles(PointsDriver<Traits>& m)
                               if (TVL::bodyCancelled())
                                   return;
                               for (std::size_t i = r.begin(); i != r.end(); ++i)
-                                  forEachBandTile(m, i, [&](int3 const& c) {
+                                  forEachBandTile(m, spheres[i].centre,
+                                                  spheres[i].radius * invVoxelSize,
+                                                  [&](int3 const& c) {
                                       std::int64_t const q = grid.slot(c.x, c.y, c.z);
                                       if (q >= 0)
                                           mark[std::size_t(q)].store(1, std::memory_order_relaxed);
@@ -186,7 +225,8 @@ template <typename Traits> BandTiles selectBandTiles(PointsDriver<Traits>& m)
                                   return;
                               CornerSet& set = sets.local();
                               for (std::size_t i = r.begin(); i != r.end(); ++i)
-                                  forEachBandTile(m, i,
+                                  forEachBandTile(m, spheres[i].centre,
+                                                  spheres[i].radius * invVoxelSize,
                                                   [&](int3 const& c) { set.insert(c, kMax); });
                           });
         TVL::throwIfJobCancelled();
@@ -200,6 +240,7 @@ template <typename Traits> BandTiles selectBandTiles(PointsDriver<Traits>& m)
     BandTiles band;
     band.dense = dense;
     band.grid = grid;
+    band.spheres = std::move(spheres);
     std::vector<std::int64_t>& tileAt = band.tileAt;
     if (dense) {
         tileAt.assign(std::size_t(grid.size()), -1);
@@ -419,36 +460,7 @@ bool stampPointsDirectly(PointsDriver<Traits>& m, BandTiles const& band, double 
                               blocks[std::size_t(t)] = lv.empty() ? nullptr : lv.data();
                           }
                       });
-    // The points in the order of their tiles (z, then y, then x), so that consecutive points
-    // touch the same tiles: a cloud in random order would miss the cache on every tile.
-    std::vector<std::pair<std::uint64_t, std::uint64_t>> order(m.size());
-    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 4096),
-                      [&](Par::blocked_range<std::size_t> const& r) {
-                          for (std::size_t i = r.begin(); i != r.end(); ++i) {
-                              std::uint64_t key = 0;
-                              for (int a = 2; a >= 0; --a)
-                                  key = (key << 21) |
-                                        (std::uint64_t(floorDivide(
-                                             std::int64_t(std::floor(m.centre[i][a])), w)) &
-                                         0x1FFFFF);
-                              order[i] = {key, std::uint64_t(i)};
-                          }
-                      });
-    Par::parallel_sort(order.begin(), order.end());
-    // The centres and radii in that order, read sequentially below.
-    struct Sphere {
-        double3 centre;
-        double radius; ///< world units
-    };
-    std::vector<Sphere> spheres(m.size());
-    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 4096),
-                      [&](Par::blocked_range<std::size_t> const& r) {
-                          for (std::size_t q = r.begin(); q != r.end(); ++q) {
-                              std::size_t const i = std::size_t(order[q].second);
-                              spheres[q] = {m.centre[i], double(m.radius[i])};
-                          }
-                      });
-    std::vector<std::pair<std::uint64_t, std::uint64_t>>().swap(order);
+    std::vector<SortedSphere> const& spheres = band.spheres;
     std::atomic<bool> inside{false};
     Par::parallel_for(
         Par::blocked_range<std::size_t>(0, m.size(), 256),
