@@ -712,6 +712,11 @@ template <typename Traits> struct SharedData {
 template <typename Traits> struct ChildBlock {
     VoxelCoord coord;
     std::array<float, Traits::kTileSize> level;
+};
+
+/// The closest points of a child tile, kept next to its `ChildBlock` (same thread, same place in
+/// the thread's store) only when the closest-point channel exists.
+template <typename Traits> struct ChildIds {
     std::array<std::int64_t, Traits::kTileSize> closest;
 };
 
@@ -729,7 +734,7 @@ template <typename Traits> struct SurfaceRefiner {
 
     PointsDriver<Traits>& m;
     TileKernel<Traits> kernel{m};
-    Par::enumerable_thread_specific<std::deque<ChildBlock<Traits>>> out;
+    Par::enumerable_thread_specific<std::pair<std::deque<ChildBlock<Traits>>, std::deque<ChildIds<Traits>>>> out;
 
     explicit SurfaceRefiner(PointsDriver<Traits>& driver) : m(driver) {}
 
@@ -810,7 +815,9 @@ template <typename Traits> struct SurfaceRefiner {
         }
         std::array<bool, Traits::kChildCount> computed{};
         std::vector<std::pair<int3, std::unique_ptr<SharedData<Traits>>>> accepted;
-        auto& store = out.local();
+        auto& stores = out.local();
+        auto& store = stores.first;
+        auto& idStore = stores.second;
         for (int slot = 0; slot < Traits::kChildCount; ++slot) {
             int3 const child = Tile<Traits>::slotCoordinates(slot);
             int3 const co{int(corner.x + child.x * cT), int(corner.y + child.y * cT),
@@ -953,10 +960,15 @@ template <typename Traits> struct SurfaceRefiner {
             blk.coord = VoxelCoord{co.x, co.y, co.z, cd};
             for (int k = 0, n = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i, ++n) {
+                    for (int i = 0; i < W; ++i, ++n)
                         blk.level[std::size_t(n)] = shared->level[lat(i, j, k)];
-                        blk.closest[std::size_t(n)] = shared->closest[lat(i, j, k)];
-                    }
+            if (m.closest) {
+                ChildIds<Traits>& ids = idStore.emplace_back();
+                for (int k = 0, n = 0; k < W; ++k)
+                    for (int j = 0; j < W; ++j)
+                        for (int i = 0; i < W; ++i, ++n)
+                            ids.closest[std::size_t(n)] = shared->closest[lat(i, j, k)];
+            }
             if (cd < kMax)
                 accepted.emplace_back(co, std::move(shared));
         }
@@ -1059,8 +1071,8 @@ template <typename Traits> void refineAdaptively(PointsDriver<Traits>& m, Partit
     {
         Container<Traits> scratch("", m.voxelSize);
         auto acc = scratch.tileAccessor();
-        for (auto const& store : refiner.out)
-            for (auto const& b : store)
+        for (auto const& stores : refiner.out)
+            for (auto const& b : stores.first)
                 acc.addTile(b.coord);
         Container<Traits> ordered("", m.voxelSize);
         addTilesInCanonicalOrder(scratch, ordered);
@@ -1076,7 +1088,9 @@ template <typename Traits> void refineAdaptively(PointsDriver<Traits>& m, Partit
         m.closest->disableAllocateEmptyTileData();
     }
     m.container.buildAccessorAccelerationStructure(-1);
-    for (auto& store : refiner.out) {
+    for (auto& stores : refiner.out) {
+        auto const& store = stores.first;
+        auto const& idStore = stores.second;
         Par::parallel_for(Par::blocked_range<std::size_t>(0, store.size(), 256),
                           [&](Par::blocked_range<std::size_t> const& r) {
                               if (TVL::bodyCancelled())
@@ -1090,15 +1104,17 @@ template <typename Traits> void refineAdaptively(PointsDriver<Traits>& m, Partit
                                   auto lv = m.level.tileData(tile.treeIndex());
                                   if (!lv.empty())
                                       std::copy(b.level.begin(), b.level.end(), lv.data());
-                                  if (m.closest) {
+                                  if (m.closest && q < idStore.size()) {
                                       auto cl = m.closest->tileData(tile.treeIndex());
                                       if (!cl.empty())
-                                          std::copy(b.closest.begin(), b.closest.end(), cl.data());
+                                          std::copy(idStore[q].closest.begin(),
+                                                    idStore[q].closest.end(), cl.data());
                                   }
                               }
                           });
         TVL::throwIfJobCancelled();
-        std::deque<ChildBlock<Traits>>().swap(store);
+        std::deque<ChildBlock<Traits>>().swap(stores.first);
+        std::deque<ChildIds<Traits>>().swap(stores.second);
     }
 }
 
