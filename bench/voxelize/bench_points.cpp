@@ -5,7 +5,10 @@
 //   0: 1,000,000 uniform points in the unit cube, radius 1.5 voxels, voxel 1/512
 //   1: 1,000,000 points on armadillo.obj scaled to the unit cube, radius 1.5 voxels, voxel 1/512
 //   2: 100,000 uniform points, radius 4 voxels, voxel 1/512
-// HEXMOLD_BENCH_REPEATS sets the repeats (default 3).
+// HEXMOLD_BENCH_REPEATS sets the repeats (default 3); HEXMOLD_BENCH_POINT_SCALE scales the point
+// counts (e.g. 0.2 for quick profiling runs); HEXMOLD_BENCH_ROUTES picks what runs, a subset of
+// the letters a (ours, adaptive), s (ours, non-adaptive) and p (the OpenVDB peers); default all;
+// HEXMOLD_BENCH_STAGES=1 prints our stage timers to standard error.
 #include <benchmark/benchmark.h>
 
 #include "bench/support/timing.h"
@@ -14,6 +17,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <hexmold/diagnostics/logger.h>
 #include <hexmold/io/read_mesh.h>
 #include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/platform/tavrel/geometry.h>
@@ -37,8 +41,12 @@
 #endif
 
 using namespace TVL::TileTree3D;
-using benchtiming::median;
 using benchtiming::msSince;
+
+namespace {
+/// The median, 0 for a run that was not selected.
+double median(std::vector<double> const& v) { return v.empty() ? 0.0 : benchtiming::median(v); }
+} // namespace
 using Tavrel::Math::float3;
 namespace Geo = Tavrel::Geometry;
 
@@ -120,6 +128,11 @@ struct Result {
     double megabytes = 0.0;
 };
 
+void printStage(Quillon::StringView name, double ms)
+{
+    std::fprintf(stderr, "    %-70s %9.1f ms\n", std::string(name).c_str(), ms);
+}
+
 template <typename Tr>
 Result runOurs(Quillon::Array<float3> const& p, float h, float radius, bool sparse)
 {
@@ -133,6 +146,8 @@ Result runOurs(Quillon::Array<float3> const& p, float h, float radius, bool spar
             kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
     }
     Quiet quiet;
+    if (std::getenv("HEXMOLD_BENCH_STAGES"))
+        CoreGL::Logger::setTimerObserver(&printStage);
     auto const t0 = std::chrono::steady_clock::now();
     VolumeGL::TileTree3D::voxelizePoints<Tr>(
         *cloud, p, radius, nullptr,
@@ -142,6 +157,7 @@ Result runOurs(Quillon::Array<float3> const& p, float h, float radius, bool spar
         VolumeGL::TileTree3D::TopologyTypeBuildTiles, quiet);
     Result r;
     r.ms = msSince(t0);
+    CoreGL::Logger::setTimerObserver(nullptr);
     auto const tree = object->template component<Container<Tr>>("tree");
     r.voxels = tree->voxelDataCount(Tr::kMaxDepth);
     std::size_t used = 0, reserved = 0;
@@ -208,6 +224,20 @@ Result runRasterizeSpheres(Quillon::Array<float3> const& p, float h, float radiu
 }
 #endif
 
+/// Whether the run selected by letter @p c is wanted (HEXMOLD_BENCH_ROUTES).
+bool wanted(char c)
+{
+    char const* r = std::getenv("HEXMOLD_BENCH_ROUTES");
+    return !r || std::string(r).find(c) != std::string::npos;
+}
+
+double pointScale()
+{
+    char const* s = std::getenv("HEXMOLD_BENCH_POINT_SCALE");
+    double const x = s ? std::atof(s) : 1.0;
+    return x > 0.0 ? x : 1.0;
+}
+
 template <typename Tr>
 void compare(char const* label, Quillon::Array<float3> const& p, float h, float radiusVoxels,
              int repeats)
@@ -221,15 +251,21 @@ void compare(char const* label, Quillon::Array<float3> const& p, float h, float 
     openvdb::initialize();
 #endif
     for (int n = 0; n < repeats; ++n) {
-        ra = runOurs<Tr>(p, h, radius, false);
-        adaptive.push_back(ra.ms);
-        rs = runOurs<Tr>(p, h, radius, true);
-        sparse.push_back(rs.ms);
+        if (wanted('a')) {
+            ra = runOurs<Tr>(p, h, radius, false);
+            adaptive.push_back(ra.ms);
+        }
+        if (wanted('s')) {
+            rs = runOurs<Tr>(p, h, radius, true);
+            sparse.push_back(rs.ms);
+        }
 #if HEXMOLD_HAVE_OPENVDB
-        rp = runParticlesToLevelSet(p, h, radius);
-        ptls.push_back(rp.ms);
-        rr = runRasterizeSpheres(p, h, radius);
-        spheres.push_back(rr.ms);
+        if (wanted('p')) {
+            rp = runParticlesToLevelSet(p, h, radius);
+            ptls.push_back(rp.ms);
+            rr = runRasterizeSpheres(p, h, radius);
+            spheres.push_back(rr.ms);
+        }
 #endif
     }
     std::printf("\n%s, %zu points, radius %.2f voxels, voxel %.6g, %s, %d interleaved repeats, "
@@ -262,8 +298,9 @@ template <typename Tr> void BM_VoxelizePoints(benchmark::State& state)
 {
     int const which = int(state.range(0));
     float const h = 1.0f / 512;
-    Quillon::Array<float3> const p = which == 1 ? surfacePoints("armadillo.obj", 1000000)
-                                                : uniformPoints(which == 0 ? 1000000 : 100000);
+    std::size_t const n = std::size_t(double(which == 2 ? 100000 : 1000000) * pointScale());
+    Quillon::Array<float3> const p =
+        which == 1 ? surfacePoints("armadillo.obj", n) : uniformPoints(n);
     if (p.empty()) {
         state.SkipWithError("armadillo.obj is not in the shared data folder");
         return;

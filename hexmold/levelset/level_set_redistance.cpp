@@ -66,6 +66,32 @@ template <typename Traits> bool countsAsLeaf(Tile<Traits> const& tile, int i, in
     return tile.depth() == maxDepth || tile.isLeaf(i, j, k);
 }
 
+/// The six same-depth face neighbours of one tile and their blocks (empty where there is none),
+/// looked up once per tile instead of once per voxel on the tile's faces.
+template <typename Traits> struct FaceNeighbourBlocks {
+    ConstTileData<float, Traits::kTileWidth, 0, 0> block[6];
+    Tile<Traits> const* tile[6] = {};
+
+    FaceNeighbourBlocks(Tile<Traits> const& t, FloatChannel<Traits> const& distance,
+                        typename Container<Traits>::ConstTileAccessor& accessor)
+    {
+        for (int f = 0; f < 6; ++f) {
+            int const axis = f / 2, side = f % 2 == 0 ? -1 : 1;
+            Tile<Traits> const& beside = accessor.tileNeighbor(t, 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1));
+            if (!beside.valid() || beside.depth() != t.depth()) continue;
+            tile[f] = &beside;
+            block[f] = distance.tileData(beside.treeIndex());
+        }
+    }
+    /// All six neighbours exist at the tile's depth with blocks of @p n voxels.
+    bool complete(std::size_t n) const
+    {
+        for (int f = 0; f < 6; ++f)
+            if (!tile[f] || block[f].size() != n) return false;
+        return true;
+    }
+};
+
 /// The face neighbour of voxel (i, j, k) of @p tile on side @p side (-1 or +1) of @p axis, read
 /// across tile borders and resolution jumps: within the tile from a leaf voxel directly,
 /// otherwise from the deepest voxel that touches the shared face in its middle. NaN where no
@@ -73,14 +99,22 @@ template <typename Traits> bool countsAsLeaf(Tile<Traits> const& tile, int i, in
 template <typename Traits>
 float faceNeighbour(Tile<Traits> const& tile, ConstTileData<float, Traits::kTileWidth, 0, 0> const& block,
                     FloatChannel<Traits> const& distance, typename Container<Traits>::ConstTileAccessor& accessor,
-                    int i, int j, int k, int axis, int side, int maxDepth)
+                    int i, int j, int k, int axis, int side, int maxDepth,
+                    FaceNeighbourBlocks<Traits> const* faces = nullptr)
 {
     constexpr int W = Traits::kTileWidth;
     int n[3] = {i, j, k};
     n[axis] += side;
     bool const inside = n[0] >= 0 && n[0] < W && n[1] >= 0 && n[1] < W && n[2] >= 0 && n[2] < W;
     if (inside && countsAsLeaf(tile, n[0], n[1], n[2], maxDepth)) return block(n[0], n[1], n[2]);
-    if (!inside) {
+    if (!inside && faces) {
+        int const f = 2 * axis + (side < 0 ? 0 : 1);
+        if (Tile<Traits> const* beside = faces->tile[f]) {
+            n[axis] = side < 0 ? W - 1 : 0;
+            if (countsAsLeaf(*beside, n[0], n[1], n[2], maxDepth) && faces->block[f].size() == block.size())
+                return faces->block[f](n[0], n[1], n[2]);
+        }
+    } else if (!inside) {
         // The same-depth tile beside, from the neighbour table, when it holds a leaf voxel there.
         int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
         Tile<Traits> const& beside = accessor.tileNeighbor(tile, direction);
@@ -164,6 +198,34 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                     auto typeBlock = types.tileData(tile.treeIndex());
                     if (values.size() != N || typeBlock.size() != N) continue;
                     auto const maskBlock = mask ? mask->tileData(tile.treeIndex()) : ConstTileData<float, W, 0, 0>();
+                    FaceNeighbourBlocks<Traits> const faces(tile, distance, accessor);
+                    if (!local && !mask && !hasValueTypes && depth == maxDepth && faces.complete(N)) {
+                        // Only the crossing test runs, and every face neighbour is a leaf voxel
+                        // of this tile or of a same-depth tile beside it.
+                        auto const at = [&](int i, int j, int k) -> float {
+                            if (i < 0) return faces.block[0](W - 1, j, k);
+                            if (i >= W) return faces.block[1](0, j, k);
+                            if (j < 0) return faces.block[2](i, W - 1, k);
+                            if (j >= W) return faces.block[3](i, 0, k);
+                            if (k < 0) return faces.block[4](i, j, W - 1);
+                            if (k >= W) return faces.block[5](i, j, 0);
+                            return values(i, j, k);
+                        };
+                        for (int k = 0; k < W; ++k)
+                            for (int j = 0; j < W; ++j)
+                                for (int i = 0; i < W; ++i) {
+                                    if (typeBlock(i, j, k) != kValueTypeUnknown) continue;
+                                    float const v = values(i, j, k);
+                                    if (v <= 0.0f ? !redistanceInterior : !redistanceExterior) continue;
+                                    bool const inside = 0.0f > v;
+                                    float const n[6] = {at(i - 1, j, k), at(i + 1, j, k), at(i, j - 1, k),
+                                                        at(i, j + 1, k), at(i, j, k - 1), at(i, j, k + 1)};
+                                    bool crossing = false;
+                                    for (float x : n) crossing |= !std::isnan(x) && (0.0f > x) != inside;
+                                    if (crossing) typeBlock(i, j, k) = kValueTypeKnown;
+                                }
+                        continue;
+                    }
                     auto zcBlock = zeroCrossing ? zeroCrossing->tileData(tile.treeIndex()) : TileData<float, W, 0, 0>();
                     auto out = zeroCrossing ? zcBlock : distance.tileData(tile.treeIndex());
                     // 2 x 2 x 2 blocks of the tile's voxels.
@@ -188,7 +250,8 @@ void redistanceClassical(Container<Traits> const& container, VoxelTopology<Trait
                                             for (int axis = 0; axis < 3; ++axis)
                                                 for (int side = -1; side <= 1; side += 2) {
                                                     float const n = faceNeighbour(tile, values, distance, accessor,
-                                                                                  i, j, k, axis, side, maxDepth);
+                                                                                  i, j, k, axis, side, maxDepth,
+                                                                                  &faces);
                                                     if (std::isnan(n) || (0.0f > n) == inside) continue;
                                                     crossing = true;
                                                     float const d = std::fabs(v / (v - n)) * h;

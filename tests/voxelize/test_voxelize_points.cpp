@@ -358,6 +358,24 @@ TYPED_TEST(VoxelizePoints, TwoOverlappingPointsMatchTheUnionOfSpheres)
     }
 }
 
+TYPED_TEST(VoxelizePoints, TwoClustersFarApartMatchTheUnionOfSpheres)
+{
+    // The clusters' common box holds too many tiles for the dense grid of the non-adaptive
+    // route, which then collects its tiles in hash sets.
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    Cloud c = randomCloud(300, 0.5 * h, 2.5 * h, 13);
+    Cloud const far = randomCloud(300, 0.5 * h, 2.5 * h, 17);
+    for (std::size_t i = 0; i < far.positions.size(); ++i) {
+        auto const& p = far.positions[i];
+        c.positions.push_back(f3(p.x + 500.0, p.y - 300.0, p.z + 400.0));
+        c.radii.push_back(far.radii[i]);
+    }
+    PointVolume<Tr> v(h);
+    v.build(c, nonAdaptive());
+    expectAccurate(measure(v, c, "non-adaptive"), "non-adaptive");
+}
+
 TYPED_TEST(VoxelizePoints, RandomCloudWithRandomRadiiMatchesTheUnionOfSpheres)
 {
     using Tr = TypeParam;
@@ -541,6 +559,43 @@ TYPED_TEST(VoxelizePoints, SameTilesAndBitsOnOneThreadAndOnAll)
                 ASSERT_EQ(std::memcmp(x.data(), y.data(), x.size() * sizeof(float)), 0)
                     << name << " depth " << d;
             }
+    }
+}
+
+TYPED_TEST(VoxelizePoints, NonAdaptiveLevelSetIsTheSameWithAndWithoutProperties)
+{
+    // Without properties the non-adaptive route stamps the level set alone and leaves out the
+    // closest points; with one it carries the closest points across the band. The redistanced
+    // level sets must not tell the two apart.
+    using Tr = TypeParam;
+    float const h = 1.0f / 64;
+    for (double grading : {1.0, 0.5}) {
+        Cloud const c = randomCloud(1500, 0.5 * h, 3.0 * h, 11);
+        auto cloud = c.object();
+        Quillon::Array<float> id(c.positions.size());
+        for (std::size_t i = 0; i < id.size(); ++i)
+            id[i] = float(i);
+        ASSERT_TRUE(Geo::setDataGeoProperty<float>(*cloud, "id", Geo::sPointComp, id, -1.0f));
+        Options o = nonAdaptive();
+        o.grading = float(grading);
+        PointVolume<Tr> plain(h), with(h);
+        plain.build(c, o, 0, cloud.get());
+        o.properties = "id";
+        with.build(c, o, 0, cloud.get());
+        auto const& a = plain.container();
+        auto const& b = with.container();
+        ASSERT_EQ(a.tileCount(-1), b.tileCount(-1));
+        std::int64_t differ = 0;
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            for (std::int64_t t = 0; t < a.tileCount(d); ++t) {
+                ASSERT_EQ(a.tile(t, d).tijk(), b.tile(t, d).tijk());
+                auto const x = plain.level().tileData(t, d);
+                auto const y = with.level().tileData(t, d);
+                ASSERT_EQ(x.size(), y.size());
+                for (std::size_t n = 0; n < x.size(); ++n)
+                    differ += x[n] == y[n] ? 0 : 1;
+            }
+        EXPECT_EQ(differ, 0) << "grading " << grading;
     }
 }
 

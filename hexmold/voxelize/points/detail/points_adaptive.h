@@ -185,10 +185,16 @@ template <typename Traits> struct TileKernel {
         }
         if (!sweep || remaining < 1)
             return flag;
-        // Nodes that no point reached take their upwind neighbours' points.
+        // Nodes that no point reached take their upwind neighbours' points. Without a node that
+        // has a point there is nothing to carry.
         std::array<unsigned char, kMaxNodes> marked;
-        for (int n = 0; n < nx * ny * nz; ++n)
+        bool anyPoint = false;
+        for (int n = 0; n < nx * ny * nz; ++n) {
             marked[std::size_t(n)] = closest[std::size_t(n)] == kNone && !inherited[std::size_t(n)];
+            anyPoint |= closest[std::size_t(n)] != kNone;
+        }
+        if (!anyPoint)
+            return flag;
         for (int s = 0; s < 8 && remaining >= 1; ++s) {
             int const dx = (s & 1) ? -1 : 1, dy = (s & 2) ? -1 : 1, dz = (s & 4) ? -1 : 1;
             for (int kk = 0; kk < nz; ++kk)
@@ -202,13 +208,18 @@ template <typename Traits> struct TileKernel {
                         int const i1 = std::clamp(i - dx, 0, nx - 1),
                                   j1 = std::clamp(j - dy, 0, ny - 1),
                                   k1 = std::clamp(k - dz, 0, nz - 1);
+                        // Neighbours mostly share a point: a point offered once and refused is
+                        // refused again, since the node's value only decreases.
+                        std::int64_t refused = kNone;
                         for (int c = 0; c < 8; ++c) {
                             int const wi = (c & 1) ? i1 : i, wj = (c & 2) ? j1 : j,
                                       wk = (c & 4) ? k1 : k;
                             std::int64_t const q = closest[std::size_t(wi + nx * (wj + ny * wk))];
-                            if (q == kNone || q == closest[std::size_t(n)])
+                            if (q == kNone || q == closest[std::size_t(n)] || q == refused)
                                 continue;
                             offer(n, q);
+                            if (closest[std::size_t(n)] != q)
+                                refused = q;
                         }
                     }
         }
@@ -701,6 +712,11 @@ template <typename Traits> struct SharedData {
 template <typename Traits> struct ChildBlock {
     VoxelCoord coord;
     std::array<float, Traits::kTileSize> level;
+};
+
+/// The closest points of a child tile, kept next to its `ChildBlock` (same thread, same place in
+/// the thread's store) only when the closest-point channel exists.
+template <typename Traits> struct ChildIds {
     std::array<std::int64_t, Traits::kTileSize> closest;
 };
 
@@ -718,7 +734,7 @@ template <typename Traits> struct SurfaceRefiner {
 
     PointsDriver<Traits>& m;
     TileKernel<Traits> kernel{m};
-    Par::enumerable_thread_specific<std::deque<ChildBlock<Traits>>> out;
+    Par::enumerable_thread_specific<std::pair<std::deque<ChildBlock<Traits>>, std::deque<ChildIds<Traits>>>> out;
 
     explicit SurfaceRefiner(PointsDriver<Traits>& driver) : m(driver) {}
 
@@ -799,7 +815,9 @@ template <typename Traits> struct SurfaceRefiner {
         }
         std::array<bool, Traits::kChildCount> computed{};
         std::vector<std::pair<int3, std::unique_ptr<SharedData<Traits>>>> accepted;
-        auto& store = out.local();
+        auto& stores = out.local();
+        auto& store = stores.first;
+        auto& idStore = stores.second;
         for (int slot = 0; slot < Traits::kChildCount; ++slot) {
             int3 const child = Tile<Traits>::slotCoordinates(slot);
             int3 const co{int(corner.x + child.x * cT), int(corner.y + child.y * cT),
@@ -942,10 +960,15 @@ template <typename Traits> struct SurfaceRefiner {
             blk.coord = VoxelCoord{co.x, co.y, co.z, cd};
             for (int k = 0, n = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i, ++n) {
+                    for (int i = 0; i < W; ++i, ++n)
                         blk.level[std::size_t(n)] = shared->level[lat(i, j, k)];
-                        blk.closest[std::size_t(n)] = shared->closest[lat(i, j, k)];
-                    }
+            if (m.closest) {
+                ChildIds<Traits>& ids = idStore.emplace_back();
+                for (int k = 0, n = 0; k < W; ++k)
+                    for (int j = 0; j < W; ++j)
+                        for (int i = 0; i < W; ++i, ++n)
+                            ids.closest[std::size_t(n)] = shared->closest[lat(i, j, k)];
+            }
             if (cd < kMax)
                 accepted.emplace_back(co, std::move(shared));
         }
@@ -1048,8 +1071,8 @@ template <typename Traits> void refineAdaptively(PointsDriver<Traits>& m, Partit
     {
         Container<Traits> scratch("", m.voxelSize);
         auto acc = scratch.tileAccessor();
-        for (auto const& store : refiner.out)
-            for (auto const& b : store)
+        for (auto const& stores : refiner.out)
+            for (auto const& b : stores.first)
                 acc.addTile(b.coord);
         Container<Traits> ordered("", m.voxelSize);
         addTilesInCanonicalOrder(scratch, ordered);
@@ -1065,7 +1088,9 @@ template <typename Traits> void refineAdaptively(PointsDriver<Traits>& m, Partit
         m.closest->disableAllocateEmptyTileData();
     }
     m.container.buildAccessorAccelerationStructure(-1);
-    for (auto& store : refiner.out) {
+    for (auto& stores : refiner.out) {
+        auto const& store = stores.first;
+        auto const& idStore = stores.second;
         Par::parallel_for(Par::blocked_range<std::size_t>(0, store.size(), 256),
                           [&](Par::blocked_range<std::size_t> const& r) {
                               if (TVL::bodyCancelled())
@@ -1079,15 +1104,17 @@ template <typename Traits> void refineAdaptively(PointsDriver<Traits>& m, Partit
                                   auto lv = m.level.tileData(tile.treeIndex());
                                   if (!lv.empty())
                                       std::copy(b.level.begin(), b.level.end(), lv.data());
-                                  if (m.closest) {
+                                  if (m.closest && q < idStore.size()) {
                                       auto cl = m.closest->tileData(tile.treeIndex());
                                       if (!cl.empty())
-                                          std::copy(b.closest.begin(), b.closest.end(), cl.data());
+                                          std::copy(idStore[q].closest.begin(),
+                                                    idStore[q].closest.end(), cl.data());
                                   }
                               }
                           });
         TVL::throwIfJobCancelled();
-        std::deque<ChildBlock<Traits>>().swap(store);
+        std::deque<ChildBlock<Traits>>().swap(stores.first);
+        std::deque<ChildIds<Traits>>().swap(stores.second);
     }
 }
 

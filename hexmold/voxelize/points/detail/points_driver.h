@@ -10,6 +10,7 @@
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
+#include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/voxelize_types.h>
 #include <limits>
@@ -94,9 +95,34 @@ private:
     std::size_t mCount = 0;
 };
 
-/// Adds the tiles of all the workers' sets to @p container through a scratch tree filled in sorted
-/// order, so that the tile order of the tree does not depend on the threads. @p newTiles as for
-/// `Container::refine`.
+/// Adds the tiles of @p keys, sorted and unique, to @p container through a scratch tree filled
+/// in that order, so that the tile order of the tree does not depend on the threads.
+/// @p newTiles as for `Container::refine`.
+template <typename Traits>
+void addSortedTiles(std::vector<CornerSet::Key> const& keys,
+                    TVL::TileTree3D::Container<Traits>& container,
+                    TVL::TileTree3D::TileCornerLists<Traits>* newTiles = nullptr)
+{
+    // A tree holding at most its root takes the tiles directly: merging a scratch tree into it
+    // would copy that tree tile by tile in the same order.
+    bool direct = newTiles == nullptr;
+    for (int d = 1; d <= Traits::kMaxDepth && direct; ++d)
+        direct = container.tileCount(d) == 0;
+    if (direct) {
+        auto acc = container.tileAccessor();
+        for (CornerSet::Key const& c : keys)
+            acc.addTile(c);
+        return;
+    }
+    TVL::TileTree3D::Container<Traits> work("", container.voxelSize());
+    auto acc = work.tileAccessor();
+    for (CornerSet::Key const& c : keys)
+        acc.addTile(c);
+    container.refine(work, newTiles, true);
+}
+
+/// Adds the tiles of all the workers' sets to @p container, in sorted order (see
+/// `addSortedTiles`).
 template <typename Traits, typename Sets>
 void addCollectedTiles(Sets& sets, TVL::TileTree3D::Container<Traits>& container,
                        TVL::TileTree3D::TileCornerLists<Traits>* newTiles = nullptr)
@@ -105,13 +131,9 @@ void addCollectedTiles(Sets& sets, TVL::TileTree3D::Container<Traits>& container
     for (CornerSet const& s : sets)
         s.forEach([&](CornerSet::Key const& c) { keys.push_back(c); });
     sets.clear();
-    std::sort(keys.begin(), keys.end());
+    TVL::Parallel::parallel_sort(keys.begin(), keys.end());
     keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-    TVL::TileTree3D::Container<Traits> work("", container.voxelSize());
-    auto acc = work.tileAccessor();
-    for (CornerSet::Key const& c : keys)
-        acc.addTile(c);
-    container.refine(work, newTiles, true);
+    addSortedTiles(keys, container, newTiles);
 }
 
 /// What every stage of one call reads: the cleaned cloud, the tree and its channels, and the

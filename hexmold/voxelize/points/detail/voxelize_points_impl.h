@@ -370,15 +370,34 @@ bool voxelizePoints(Tavrel::Object const& geometry,
     // 6. The route.
     if (!m.isAdaptive) {
         auto const timer = Logger::timer(PointStageNames::name("non_adaptive"), &runtime);
-        PointLists const lists = insertPoints(m);
+        BandTiles const band = selectBandTiles(m);
         container.precomputeTileNeighbors();
-        TVL::TileTree3D::Int64 const none = -1;
-        m.closest = Quillon::makePtr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>(
-            "voxelClosestPointChannel", &none, kDataElementInitializerDefaultValue, false, true, 0,
-            kMax);
-        m.closest->update(topology);
-        stampSpheres(m, lists);
-        propagateClosestPoints(m);
+        auto const createClosest = [&] {
+            TVL::TileTree3D::Int64 const none = -1;
+            m.closest = Quillon::makePtr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>(
+                "voxelClosestPointChannel", &none, kDataElementInitializerDefaultValue, false,
+                true, 0, kMax);
+            m.closest->update(topology);
+        };
+        // Redistancing keeps only the signs and the zero-crossing values of the stamped level
+        // set. Stamped with a reach of at least one voxel beyond each sphere, every voxel inside
+        // the union and every outside voxel next to one holds its exact union distance, so that
+        // without properties the closest points and their propagation change nothing that is
+        // kept. They are still computed when a property needs them, when no voxel is inside
+        // (nothing is redistanced then) and for the debug hashes, which see the propagated values.
+        // Without them the points stamp the level set directly and need no lists.
+        bool const mayShortcut = !m.hasProperties && verbose == 0;
+        bool inside = false;
+        if (mayShortcut) {
+            double const pad = std::max(1.0, double(m.grading));
+            inside = stampPointsDirectly(m, band, pad);
+        }
+        if (!(mayShortcut && inside)) {
+            PointLists const lists = binPoints(m, band);
+            createClosest();
+            stampSpheres(m, lists, double(m.grading), true);
+            propagateClosestPoints(m);
+        }
         setNonLeafValueToChildValue(level, container, topology.offsetType(), 0, kMax);
     } else {
         auto const timer = Logger::timer(PointStageNames::name("adaptive"), &runtime);
@@ -467,7 +486,10 @@ bool voxelizePoints(Tavrel::Object const& geometry,
     if (m.buildTiles) {
         auto const timer =
             Logger::timer(PointStageNames::name("adaptive.precompute_tile_neighbors"), &runtime);
-        container.precomputeTileNeighbors();
+        // Every change of the tree drops the tables, so tables still present are those of the
+        // final tree.
+        if (!container.hasPrecomputedTileNeighbors())
+            container.precomputeTileNeighbors();
     }
     // The components go back in the order container, topology, channel.
     containerGuard.restore();
