@@ -17,7 +17,7 @@
 #include <hexmold/api/voxelize_mesh.h>
 #include <hexmold/api/voxelize_points.h>
 #include <hexmold/diagnostics/channel_check.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/object_info.h>
 #include <hexmold/diagnostics/version.h>
 #include <hexmold/diagnostics/voxel_hash.h>

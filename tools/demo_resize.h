@@ -5,7 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/resize.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/channel.h>

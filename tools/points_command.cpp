@@ -7,7 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <hexmold/api/voxelize_points.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/io/read_points.h>
 #include <hexmold/io/volume_file.h>
 #include <hexmold/platform/tavrel/geometry.h>

@@ -3,7 +3,7 @@
 #include "stage_times.h"
 
 #include <cstdio>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <mutex>
 #include <unistd.h>
 #include <utility>

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 #include <hexmold/analysis/analyze.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/object.h>

@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/extrapolate_channel.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/object.h>

@@ -11,7 +11,7 @@
 #include <map>
 #include <string>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/resize.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/object.h>

@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <string>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/io/read_mesh.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/channel.h>

@@ -17,7 +17,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/io/read_mesh.h>
 #include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/platform/tavrel/geometry.h>

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <iostream>
 #include <hexmold/analysis/detail/channel_coarsen_typed.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/platform/tavrel/object.h>
 #include <hexmold/substrate/container.h>

@@ -7,7 +7,7 @@
 #include <span>
 #include <sstream>
 #include <utility>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>
 #include <hexmold/substrate/channel_update.h>

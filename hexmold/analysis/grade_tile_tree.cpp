@@ -8,7 +8,7 @@
 #include <iostream>
 #include <sstream>
 #include <utility>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>
 #include <hexmold/substrate/type_lists.h>

@@ -5,7 +5,7 @@
 #include <span>
 #include <utility>
 #include <hexmold/api/detail/volume_access.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/dilate_erode.h>
 #include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/object.h>

@@ -2,7 +2,7 @@
 /// @brief `hexmold::resize`: checks, then one call of `resize`.
 #include <hexmold/api/resize.h>
 #include <hexmold/api/detail/volume_access.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/resize.h>
 
 namespace hexmold {

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <iostream>
 #include <string>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>

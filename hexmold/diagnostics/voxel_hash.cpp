@@ -5,7 +5,7 @@
 #include <iomanip>
 #include <ios>
 #include <ostream>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 
 namespace CoreGL {
 

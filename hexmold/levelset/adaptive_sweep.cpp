@@ -5,7 +5,7 @@
 ///        interpolation on the way back.
 #include <atomic>
 #include <memory>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/levelset/detail/zero_crossing.h>
 #include <hexmold/levelset/dof_classification.h>

@@ -10,7 +10,7 @@
 #include <string>
 #include <utility>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>
 #include <hexmold/substrate/parallel.h>

@@ -8,7 +8,7 @@
 #include <limits>
 #include <memory>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/sampling/linear_sampler.h>

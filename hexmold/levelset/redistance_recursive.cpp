@@ -2,7 +2,7 @@
 /// @brief The classical multilevel recursion of redistancing: a V-cycle over the depths in
 ///        which every depth is pre-smoothed, hands its values to the coarser depth, and after the
 ///        coarser depths are done is post-smoothed and filled from them where still unreached.
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/substrate/type_lists.h>
 #include <iostream>

@@ -7,7 +7,7 @@
 #include <iostream>
 #include <span>
 #include <utility>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/detail/zero_crossing.h>
 #include <hexmold/levelset/dilate_erode.h>
 #include <hexmold/levelset/level_set_redistance.h>

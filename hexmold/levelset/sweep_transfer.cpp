@@ -2,7 +2,7 @@
 /// @brief The transfers of the multilevel solve between depths: restriction of covered voxels
 ///        from their children and interpolation of hanging voxels from the coarser lattice.
 #include <limits>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/substrate/type_lists.h>

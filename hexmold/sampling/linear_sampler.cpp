@@ -3,7 +3,7 @@
 #include <hexmold/sampling/linear_sampler.h>
 
 #include <cstdint>
-#include <hexmold/sampling/detail/deterministic_reduce.h>
+#include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/scope_guard.h>
 #include <hexmold/substrate/type_lists.h>

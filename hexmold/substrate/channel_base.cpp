@@ -3,7 +3,7 @@
 #include <hexmold/substrate/channel_base.h>
 
 #include <iostream>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/detail/substrate_log.h>
 
 namespace TVL::TileTree3D {

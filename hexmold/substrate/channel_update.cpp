@@ -4,7 +4,7 @@
 
 #include <iostream>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/topology.h>
 
 namespace TVL::TileTree3D {

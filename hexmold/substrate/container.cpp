@@ -8,7 +8,7 @@
 #include <iostream>
 #include <limits>
 #include <numeric>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/parallel_ranges.h>
 

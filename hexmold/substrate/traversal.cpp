@@ -13,7 +13,7 @@
 #include <iostream>
 #include <memory>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/parallel.h>

@@ -2,19 +2,19 @@
 /// @brief The instantiation sets, written once as X-macros: the two tree instances and the 18
 ///        channel element types. Aliases keep commas out of macro arguments.
 #pragma once
-#include <hexmold/platform/tavrel/math.h>
+#include <hexmold/platform/tavrel/element_types.h>
 #include <hexmold/substrate/traits.h>
 
 namespace TVL::TileTree3D {
 
-using Int8 = signed char;
-using UInt8 = unsigned char;
-using Int16 = short;
-using UInt16 = unsigned short;
-using Int32 = int;
-using UInt32 = unsigned int;
-using Int64 = long long;
-using UInt64 = unsigned long long;
+using Tavrel::Geometry::Int16;
+using Tavrel::Geometry::Int32;
+using Tavrel::Geometry::Int64;
+using Tavrel::Geometry::Int8;
+using Tavrel::Geometry::UInt16;
+using Tavrel::Geometry::UInt32;
+using Tavrel::Geometry::UInt64;
+using Tavrel::Geometry::UInt8;
 using Tavrel::Math::double3;
 using Tavrel::Math::float2;
 using Tavrel::Math::float3;

@@ -3,7 +3,7 @@
 #include <hexmold/substrate/verify_object.h>
 
 #include <iostream>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 
 namespace CoreGL {
 

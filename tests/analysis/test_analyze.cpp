@@ -9,7 +9,7 @@
 #include <set>
 #include <stdexcept>
 #include <hexmold/analysis/analyze.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/platform/tavrel/math_support.h>

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 #include <hexmold/analysis/channel_coarsen.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/platform/tavrel/math_support.h>

@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 #include <hexmold/analysis/coarsen_refine.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/sampling/linear_sampler.h>
 #include <hexmold/substrate/object.h>

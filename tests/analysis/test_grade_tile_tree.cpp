@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 #include <hexmold/analysis/grade_tile_tree.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/substrate/parallel.h>
 #include "support/random_trees.h"

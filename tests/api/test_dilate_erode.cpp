@@ -9,7 +9,7 @@
 #include <hexmold/api/create_level_set.h>
 #include <hexmold/api/dilate_erode.h>
 #include <hexmold/api/error.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/dilate_erode.h>
 #include <hexmold/substrate/channel_update.h>
 #include "support/api_volumes.h"

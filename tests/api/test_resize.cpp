@@ -6,7 +6,7 @@
 #include <hexmold/api/create_level_set.h>
 #include <hexmold/api/error.h>
 #include <hexmold/api/resize.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/resize.h>
 #include "support/api_volumes.h"
 

@@ -4,7 +4,7 @@
 #include <sstream>
 #include <string>
 #include <hexmold/diagnostics/channel_check.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include "support/linked.h"

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <sstream>
 #include <string>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/object_info.h>
 #include <hexmold/diagnostics/voxel_hash.h>
 #include <hexmold/platform/tavrel/geometry.h>

@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/substrate/channel.h>

@@ -15,7 +15,7 @@
 #include <tuple>
 #include <utility>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/dilate_erode.h>
 #include <hexmold/platform/testing/recording_services.h>
 #include <hexmold/substrate/channel_update.h>

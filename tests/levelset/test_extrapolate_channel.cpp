@@ -14,7 +14,7 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/extrapolate_channel.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/math_support.h>

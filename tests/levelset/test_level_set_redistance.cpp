@@ -11,7 +11,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/levelset/redistance_tiles.h>
 #include <hexmold/platform/quillon/job.h>

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <sstream>
 #include <string>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include "support/level_set_scenes.h"
 

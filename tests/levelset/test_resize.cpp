@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/levelset/resize.h>

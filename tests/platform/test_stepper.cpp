@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <limits>
 #include <gtest/gtest.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/stepper.h>
 #include <hexmold/platform/testing/recording_services.h>
 

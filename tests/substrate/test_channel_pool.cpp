@@ -3,7 +3,7 @@
 
 #include <set>
 #include <sstream>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/channel_pool.h>
 #include <hexmold/substrate/channel_temporary.h>
 #include <hexmold/substrate/topology.h>

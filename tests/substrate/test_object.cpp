@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <stdexcept>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/container.h>

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/verify_object.h>

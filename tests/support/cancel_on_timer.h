@@ -3,7 +3,7 @@
 #pragma once
 #include <atomic>
 #include <string>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 
 namespace testcancel {

@@ -17,7 +17,7 @@
 #include <tuple>
 #include <vector>
 #include <gtest/gtest.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/math_support.h>
 #include <hexmold/substrate/cancel.h>

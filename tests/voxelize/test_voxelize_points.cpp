@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/platform/tavrel/math_support.h>

@@ -9,7 +9,7 @@
 #include <vector>
 #include <hexmold/analysis/analyze.h>
 #include <hexmold/analysis/detail/stencil_ops.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/channel_parser.h>

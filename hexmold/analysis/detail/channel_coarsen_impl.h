@@ -15,7 +15,7 @@
 #include <vector>
 #include <hexmold/analysis/channel_coarsen.h>
 #include <hexmold/analysis/detail/channel_coarsen_typed.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/cancel.h>

@@ -24,14 +24,11 @@ void fail(std::string_view entry, std::string const& what)
 std::string elementTypeName(std::type_info const& type)
 {
     using namespace TVL::TileTree3D;
-    // The names of the runtime's data properties (platform/tavrel/geometry.h).
+    // The names of the runtime's data properties (platform/tavrel/element_types.h).
+#define HEXMOLD_NAMED_ELEMENT(T, text) named<T>(text),
     static std::pair<std::type_info const*, char const*> const kNames[] = {
-        named<Int8>("int8"),         named<UInt8>("uint8"),       named<Int16>("int16"),
-        named<UInt16>("uint16"),     named<Int32>("int32"),       named<UInt32>("uint32"),
-        named<float>("float"),       named<double>("double"),     named<Int64>("int64"),
-        named<UInt64>("uint64"),     named<float2>("float2"),     named<float3>("float3"),
-        named<float4>("float4"),     named<float3x3>("float3x3"), named<float4x2>("float4x2"),
-        named<float4x4>("float4x4"), named<double3>("double3"),   named<int3>("int3")};
+        HEXMOLD_FOR_EACH_NAMED_ELEMENT_TYPE(HEXMOLD_NAMED_ELEMENT)};
+#undef HEXMOLD_NAMED_ELEMENT
     for (auto const& [info, name] : kNames)
         if (*info == type) return name;
     return "unknown";

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <type_traits>
 #include <hexmold/diagnostics/channel_check.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/visitor.h>
 

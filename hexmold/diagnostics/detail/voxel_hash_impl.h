@@ -3,7 +3,7 @@
 #pragma once
 #include <algorithm>
 #include <cstddef>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/visitor.h>

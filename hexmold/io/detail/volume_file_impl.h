@@ -59,25 +59,7 @@ inline std::string channelKey(int n, char const* field)
     return "hexmold.channel." + std::to_string(n) + "." + field;
 }
 
-template <typename T> inline constexpr char const* kElementName = nullptr;
-template <> inline constexpr char const* kElementName<Int8> = "int8";
-template <> inline constexpr char const* kElementName<UInt8> = "uint8";
-template <> inline constexpr char const* kElementName<Int16> = "int16";
-template <> inline constexpr char const* kElementName<UInt16> = "uint16";
-template <> inline constexpr char const* kElementName<Int32> = "int32";
-template <> inline constexpr char const* kElementName<UInt32> = "uint32";
-template <> inline constexpr char const* kElementName<float> = "float";
-template <> inline constexpr char const* kElementName<double> = "double";
-template <> inline constexpr char const* kElementName<Int64> = "int64";
-template <> inline constexpr char const* kElementName<UInt64> = "uint64";
-template <> inline constexpr char const* kElementName<float2> = "float2";
-template <> inline constexpr char const* kElementName<float3> = "float3";
-template <> inline constexpr char const* kElementName<float4> = "float4";
-template <> inline constexpr char const* kElementName<float3x3> = "float3x3";
-template <> inline constexpr char const* kElementName<float4x2> = "float4x2";
-template <> inline constexpr char const* kElementName<float4x4> = "float4x4";
-template <> inline constexpr char const* kElementName<double3> = "double3";
-template <> inline constexpr char const* kElementName<int3> = "int3";
+template <typename T> inline constexpr char const* kElementName = Tavrel::Geometry::kElementTypeName<T>;
 
 template <typename Traits> std::string traitsName()
 {

@@ -19,7 +19,7 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/extrapolate_channel.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/halo.h>

@@ -5,7 +5,7 @@
 
 #include <memory>
 #include <utility>
-#include <hexmold/substrate/type_lists.h>
+#include <hexmold/platform/tavrel/element_types.h>
 
 namespace Tavrel::Geometry {
 
@@ -29,44 +29,11 @@ Quillon::String const sFaceOffset = "face_offset";
 
 namespace {
 
-using TVL::TileTree3D::Int16;
-using TVL::TileTree3D::Int32;
-using TVL::TileTree3D::Int64;
-using TVL::TileTree3D::Int8;
-using TVL::TileTree3D::UInt16;
-using TVL::TileTree3D::UInt32;
-using TVL::TileTree3D::UInt64;
-using TVL::TileTree3D::UInt8;
 using namespace Tavrel::Math;
 
 using IndexArray = Quillon::Array<unsigned int>;
 using PropertyPtr = Quillon::Ptr<Object const>;
 
-/// Name of each element type, as the prototypes carry it.
-template <typename T> struct TypeName;
-#define HEXMOLD_TYPE_NAME(T, text)                                                                 \
-    template <> struct TypeName<T> {                                                               \
-        static constexpr char const* value = text;                                                 \
-    };
-HEXMOLD_TYPE_NAME(Int8, "int8")
-HEXMOLD_TYPE_NAME(UInt8, "uint8")
-HEXMOLD_TYPE_NAME(Int16, "int16")
-HEXMOLD_TYPE_NAME(UInt16, "uint16")
-HEXMOLD_TYPE_NAME(Int32, "int32")
-HEXMOLD_TYPE_NAME(UInt32, "uint32")
-HEXMOLD_TYPE_NAME(float, "float")
-HEXMOLD_TYPE_NAME(double, "double")
-HEXMOLD_TYPE_NAME(Int64, "int64")
-HEXMOLD_TYPE_NAME(UInt64, "uint64")
-HEXMOLD_TYPE_NAME(float2, "float2")
-HEXMOLD_TYPE_NAME(float3, "float3")
-HEXMOLD_TYPE_NAME(float4, "float4")
-HEXMOLD_TYPE_NAME(float3x3, "float3x3")
-HEXMOLD_TYPE_NAME(float4x2, "float4x2")
-HEXMOLD_TYPE_NAME(float4x4, "float4x4")
-HEXMOLD_TYPE_NAME(double3, "double3")
-HEXMOLD_TYPE_NAME(int3, "int3")
-#undef HEXMOLD_TYPE_NAME
 
 /// True when @p property is a well-formed data property of element type T for @p object.
 template <typename T> bool isValidProperty(Object const& object, Object const& property)
@@ -103,10 +70,9 @@ Registry makeRegistry()
 {
     Registry r;
     r.generic = makePrototype(nullptr, Quillon::String());
-#define HEXMOLD_ADD_ELEMENT_TYPE(T)                                                                \
-    r.elementTypes.push_back(                                                                      \
-        {TypeName<T>::value, makePrototype(r.generic, TypeName<T>::value), &isValidProperty<T>});
-    HEXMOLD_FOR_EACH_ELEMENT_TYPE(HEXMOLD_ADD_ELEMENT_TYPE)
+#define HEXMOLD_ADD_ELEMENT_TYPE(T, name)                                                          \
+    r.elementTypes.push_back({name, makePrototype(r.generic, name), &isValidProperty<T>});
+    HEXMOLD_FOR_EACH_NAMED_ELEMENT_TYPE(HEXMOLD_ADD_ELEMENT_TYPE)
 #undef HEXMOLD_ADD_ELEMENT_TYPE
     r.pointCloud = Quillon::makePtr<Object const>();
     r.mesh = Quillon::makePtr<Object const>();
@@ -180,7 +146,7 @@ Quillon::Ptr<Object const> getGenericDataGeoPropPrototype() { return registry().
 
 template <typename T> Quillon::Ptr<Object const> getDataGeoPropPrototype()
 {
-    static PropertyPtr const prototype = getDataGeoPropPrototype(TypeName<T>::value);
+    static PropertyPtr const prototype = getDataGeoPropPrototype(kElementTypeName<T>);
     return prototype;
 }
 
@@ -341,14 +307,14 @@ IndexArray const* getMeshFaceOffsets(Object const& object) { return meshFaceArra
 // HEXMOLD_API is repeated on each instantiation: the math value types are not exported, and an
 // instantiation over a hidden type would otherwise be hidden too.
 
-#define HEXMOLD_INSTANTIATE(T)                                                                     \
+#define HEXMOLD_INSTANTIATE(T, name)                                                               \
     template HEXMOLD_API decltype(getDataGeoPropPrototype<T>) getDataGeoPropPrototype<T>;          \
     template HEXMOLD_API decltype(setDataGeoProperty<T>) setDataGeoProperty<T>;                    \
     template HEXMOLD_API decltype(setDataGeoPropertyShared<T>) setDataGeoPropertyShared<T>;        \
     template HEXMOLD_API decltype(getDataGeoPropertyValues<T>) getDataGeoPropertyValues<T>;        \
     template HEXMOLD_API decltype(getDataGeoPropertyValuesPtr<T>) getDataGeoPropertyValuesPtr<T>;  \
     template HEXMOLD_API decltype(getDataGeoPropertyDefault<T>) getDataGeoPropertyDefault<T>;
-HEXMOLD_FOR_EACH_ELEMENT_TYPE(HEXMOLD_INSTANTIATE)
+HEXMOLD_FOR_EACH_NAMED_ELEMENT_TYPE(HEXMOLD_INSTANTIATE)
 #undef HEXMOLD_INSTANTIATE
 
 } // namespace Tavrel::Geometry

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <sstream>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/platform/quillon/debug_settings.h>
 
 namespace Tavrel::Math {
 
@@ -34,7 +34,10 @@ bool Stepper::advance()
     return true;
 }
 
-bool Stepper::isStepLogged() { return CoreGL::Logger::verboseLevel() > 2; }
+bool Stepper::isStepLogged()
+{
+    return Quillon::DebugSettings::verboseLevel.load(std::memory_order_relaxed) > 2;
+}
 
 Quillon::String Stepper::describeLastStep() const
 {

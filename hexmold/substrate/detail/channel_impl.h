@@ -7,7 +7,7 @@
 #include <ostream>
 #include <sstream>
 #include <string>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/array.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/channel_pool.h>

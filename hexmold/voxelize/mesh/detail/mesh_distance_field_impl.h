@@ -18,7 +18,7 @@
 #include <unordered_set>
 #include <vector>
 #include <hexmold/analysis/grade_tile_tree.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
 #include <hexmold/platform/tavrel/spatial_query.h>
 #include <hexmold/substrate/cancel.h>

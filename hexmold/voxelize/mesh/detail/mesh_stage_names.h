@@ -5,7 +5,7 @@
 #include <mutex>
 #include <sstream>
 #include <vector>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/string.h>
 
 namespace VolumeGL::TileTree3D::detail {

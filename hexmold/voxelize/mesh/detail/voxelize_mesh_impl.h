@@ -17,7 +17,7 @@
 #include <type_traits>
 #include <vector>
 #include <hexmold/analysis/channel_coarsen.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/extrapolate_channel.h>

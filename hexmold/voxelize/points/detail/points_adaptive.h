@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <deque>
 #include <hexmold/analysis/grade_tile_tree.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>

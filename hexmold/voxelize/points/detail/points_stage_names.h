@@ -1,7 +1,7 @@
 /// @file  voxelize/points/detail/points_stage_names.h
 /// @brief Timer names and the debug-line prefix shared by the stages of the point voxelizer.
 #pragma once
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/string.h>
 #include <memory>
 #include <mutex>

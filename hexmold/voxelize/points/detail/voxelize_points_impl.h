@@ -9,7 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <hexmold/analysis/grade_tile_tree.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/extrapolate_channel.h>

@@ -1,6 +1,6 @@
-/// @file  diagnostics/logger.cpp
+/// @file  logging/logger.cpp
 /// @brief Process-wide logging switches, the debug stream and timers.
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 
 #include <iostream>
 #include <mutex>
@@ -9,9 +9,8 @@ namespace CoreGL {
 
 Quillon::String const sceneUnitsInMeters = "scene_units_in_meters";
 
-std::atomic<int> Logger::sVerbose{Logger::kDefaultVerboseLevel};
-std::atomic<int> Logger::sErrorVerbose{Logger::kDefaultErrorVerboseLevel};
-std::atomic<float> Logger::sFrame{0.0f};
+static_assert(Logger::kDefaultVerboseLevel == 0 && Logger::kDefaultErrorVerboseLevel == 1,
+              "the defaults are the initial values of Quillon::DebugSettings");
 
 namespace {
 std::mutex& debugMutex()

@@ -4,7 +4,7 @@
 #include <type_traits>
 #include <vector>
 #include <gtest/gtest.h>
-#include <hexmold/diagnostics/logger.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/testing/recording_services.h>
 
 using Quillon::RuntimeMessageCategory;

@@ -1,4 +1,4 @@
-/// @file  diagnostics/logger.h
+/// @file  logging/logger.h
 /// @brief Loggers, verbose levels, the debug stream and stage timers.
 /// @details Algorithms take a logger type as a template parameter: `QuillonLogger` reports to the
 ///          graph runtime, `ConsoleLogger` to the console, `NOPLogger` compiles to nothing.
@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <hexmold/export.h>
+#include <hexmold/platform/quillon/debug_settings.h>
 #include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/platform/quillon/string.h>
 
@@ -20,21 +21,30 @@ namespace CoreGL {
 /// Property name for the scale of the scene.
 HEXMOLD_API extern Quillon::String const sceneUnitsInMeters;
 
-/// Process-wide logging switches and the stage timer.
+/// Process-wide logging switches (the host's debug settings) and the stage timer.
 class HEXMOLD_API Logger {
 public:
     static constexpr int kDefaultVerboseLevel = 0;
     static constexpr int kDefaultErrorVerboseLevel = 1;
 
     /// Level of debug output: above 0 begin/end lines, above 1 parameters, above 2 stage numbers.
-    static int verboseLevel() { return sVerbose.load(std::memory_order_relaxed); }
+    static int verboseLevel() { return Quillon::DebugSettings::verboseLevel.load(std::memory_order_relaxed); }
     /// Level of error output: above 0 errors, 2 or more also warnings.
-    static int errorVerboseLevel() { return sErrorVerbose.load(std::memory_order_relaxed); }
+    static int errorVerboseLevel()
+    {
+        return Quillon::DebugSettings::errorVerboseLevel.load(std::memory_order_relaxed);
+    }
     /// Frame number that tags debug lines.
-    static float frame() { return sFrame.load(std::memory_order_relaxed); }
-    static void setVerboseLevel(int level) { sVerbose.store(level, std::memory_order_relaxed); }
-    static void setErrorVerboseLevel(int level) { sErrorVerbose.store(level, std::memory_order_relaxed); }
-    static void setFrame(float f) { sFrame.store(f, std::memory_order_relaxed); }
+    static float frame() { return Quillon::DebugSettings::frame.load(std::memory_order_relaxed); }
+    static void setVerboseLevel(int level)
+    {
+        Quillon::DebugSettings::verboseLevel.store(level, std::memory_order_relaxed);
+    }
+    static void setErrorVerboseLevel(int level)
+    {
+        Quillon::DebugSettings::errorVerboseLevel.store(level, std::memory_order_relaxed);
+    }
+    static void setFrame(float f) { Quillon::DebugSettings::frame.store(f, std::memory_order_relaxed); }
 
     /// Shared stream of debug lines; write to it only under a `DebugFileStreamScopedLock`.
     static std::ostream& debugFileStream();
@@ -79,11 +89,6 @@ public:
     /// Called for every timer report (for tests and profilers); null removes it.
     using TimerObserver = void (*)(Quillon::StringView name, double milliseconds);
     static void setTimerObserver(TimerObserver observer);
-
-private:
-    static std::atomic<int> sVerbose;
-    static std::atomic<int> sErrorVerbose;
-    static std::atomic<float> sFrame;
 };
 
 /// Reports through the graph runtime's log.
