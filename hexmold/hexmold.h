@@ -17,7 +17,6 @@
 #include <hexmold/api/voxelize_mesh.h>
 #include <hexmold/api/voxelize_points.h>
 #include <hexmold/diagnostics/channel_check.h>
-#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/object_info.h>
 #include <hexmold/diagnostics/version.h>
 #include <hexmold/diagnostics/voxel_hash.h>
@@ -28,6 +27,7 @@
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/levelset/redistance_tiles.h>
 #include <hexmold/levelset/resize.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/numerics/fem_generators.h>
 #include <hexmold/numerics/fem_tables.h>
 #include <hexmold/numerics/galerkin_laplacian.h>
@@ -53,4 +53,3 @@
 #include <hexmold/voxelize/mesh/voxelize_mesh.h>
 #include <hexmold/voxelize/points/voxelize_points.h>
 #include <hexmold/voxelize/voxelize_types.h>
-

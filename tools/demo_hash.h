@@ -15,19 +15,22 @@ namespace demo {
 /// significant digits.
 template <typename Traits, typename T>
 void printVoxelHash(TVL::TileTree3D::Container<Traits> const& tree,
-                    TVL::TileTree3D::VoxelChannel<Traits, T> const& channel, char const* indent = "  ")
+                    TVL::TileTree3D::VoxelChannel<Traits, T> const& channel,
+                    char const* indent = "  ")
 {
-    std::printf("%s%s.voxel_hash = %.17g\n", indent, channel.name().c_str(), CoreGL::voxelHash(tree, channel));
+    std::printf("%s%s.voxel_hash = %.17g\n", indent, channel.name().c_str(),
+                CoreGL::voxelHash(tree, channel));
 }
 
 /// Prints the same line for every voxel channel of @p object (a volume with the standard tree and
 /// topology names), in name order.
 inline void printVoxelHashes(TVL::Object const& object, char const* indent = "  ")
 {
-    CoreGL::ObjectInfo const info =
-        CoreGL::computeObjectInfo(object, Tavrel::Geometry::sVoxelComp, Tavrel::Geometry::sVoxelTileTree);
+    CoreGL::ObjectInfo const info = CoreGL::computeObjectInfo(object, Tavrel::Geometry::sVoxelComp,
+                                                              Tavrel::Geometry::sVoxelTileTree);
     for (auto const& [name, record] : info.components) {
-        if (name == Tavrel::Geometry::sVoxelComp || name == Tavrel::Geometry::sVoxelTileTree) continue;
+        if (name == Tavrel::Geometry::sVoxelComp || name == Tavrel::Geometry::sVoxelTileTree)
+            continue;
         std::printf("%s%s.voxel_hash = %.17g\n", indent, name.c_str(), record.hash);
     }
 }

@@ -7,13 +7,13 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <memory>
-#include <utility>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
+#include <memory>
+#include <utility>
 
 #include "demo_sphere.h"
 
@@ -35,12 +35,14 @@ template <typename Traits> void runRedistanceDemo(char const* label, double radi
     topology.update(tree);
 
     float const background = 1e30f;
-    VoxelChannel<Traits, float> distance("distance", &background, kDataElementInitializerDefaultValue, false, true,
-                                         0, Traits::kMaxDepth);
+    VoxelChannel<Traits, float> distance("distance", &background,
+                                         kDataElementInitializerDefaultValue, false, true, 0,
+                                         Traits::kMaxDepth);
     distance.update(topology);
     auto centre = [&](Tile<Traits> const& tile, int i, int j, int k) {
         double const w = double(tile.voxelDataWidth());
-        double const x = (tile.ti() + (i + 0.5) * w) * voxelSize, y = (tile.tj() + (j + 0.5) * w) * voxelSize,
+        double const x = (tile.ti() + (i + 0.5) * w) * voxelSize,
+                     y = (tile.tj() + (j + 0.5) * w) * voxelSize,
                      z = (tile.tk() + (k + 0.5) * w) * voxelSize;
         return std::sqrt(x * x + y * y + z * z);
     };
@@ -60,14 +62,15 @@ template <typename Traits> void runRedistanceDemo(char const* label, double radi
 
     short const zero = 0;
     auto const t0 = Clock::now();
-    VoxelChannel<Traits, short> dof("dof", &zero, kDataElementInitializerDefaultValue, false, true, 0,
-                                    Traits::kMaxDepth);
+    VoxelChannel<Traits, short> dof("dof", &zero, kDataElementInitializerDefaultValue, false, true,
+                                    0, Traits::kMaxDepth);
     dof.update(topology);
     VolumeGL::TileTree3D::LevelSet::classifyDegreesOfFreedom<Traits>(tree, dof);
     auto const t1 = Clock::now();
     VolumeGL::TileTree3D::LevelSet::levelSetRedistance<Traits>(
-        tree, topology, distance, true, true, true, 0, Traits::kMaxDepth, nullptr, nullptr, 0.01f, FLT_MAX, FLT_MAX,
-        10, 10, false, false, &dof, "demo", VolumeGL::TileTree3D::LevelSet::kRedistanceSweeping);
+        tree, topology, distance, true, true, true, 0, Traits::kMaxDepth, nullptr, nullptr, 0.01f,
+        FLT_MAX, FLT_MAX, 10, 10, false, false, &dof, "demo",
+        VolumeGL::TileTree3D::LevelSet::kRedistanceSweeping);
     auto const t2 = Clock::now();
 
     double nearMax = 0, nearSum = 0, bandMax = 0;
@@ -103,12 +106,14 @@ template <typename Traits> void runRedistanceDemo(char const* label, double radi
     auto ms = [](Clock::time_point a, Clock::time_point b) {
         return std::chrono::duration<double, std::milli>(b - a).count();
     };
-    std::printf("== %s: redistancing (|x|^2 - 1) / 2 on an adaptive sphere tree (%lld voxels)\n", label, voxels);
+    std::printf("== %s: redistancing (|x|^2 - 1) / 2 on an adaptive sphere tree (%lld voxels)\n",
+                label, voxels);
     std::printf("  near the surface (%lld voxels): mean error %.4f h, max %.4f h\n", nearCount,
                 nearCount ? nearSum / double(nearCount) : 0.0, nearMax);
-    std::printf("  all depths: max error %.3f h(d) (depth %d), %lld voxels unreached\n", bandMax, bandWorstDepth,
-                unreached);
-    std::printf("  time: DOF classification %.1f ms, redistance %.1f ms\n\n", ms(t0, t1), ms(t1, t2));
+    std::printf("  all depths: max error %.3f h(d) (depth %d), %lld voxels unreached\n", bandMax,
+                bandWorstDepth, unreached);
+    std::printf("  time: DOF classification %.1f ms, redistance %.1f ms\n\n", ms(t0, t1),
+                ms(t1, t2));
 }
 
 } // namespace demo

@@ -5,8 +5,8 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/resize.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/commands.h>
@@ -18,7 +18,8 @@ namespace demo {
 
 /// A band of @p halfWidth finest voxels around a sphere of @p radius finest voxels (deepest tiles
 /// and their ancestors), with the exact distance in every voxel; voxel size 1 / @p radius.
-template <typename Traits> Quillon::Ptr<TVL::Object> sphereBandVolume(double radius, double halfWidth)
+template <typename Traits>
+Quillon::Ptr<TVL::Object> sphereBandVolume(double radius, double halfWidth)
 {
     using namespace TVL::TileTree3D;
     using Tavrel::Geometry::sVoxelComp;
@@ -26,7 +27,8 @@ template <typename Traits> Quillon::Ptr<TVL::Object> sphereBandVolume(double rad
     using Tavrel::Geometry::sVoxelTileTree;
     constexpr int W = Traits::kTileWidth;
     float const h = float(1.0 / radius);
-    auto volume = Command::createVoxelTVL<Traits>(sVoxelTileTree, sVoxelComp, h, kVoxelOffsetCenter);
+    auto volume =
+        Command::createVoxelTVL<Traits>(sVoxelTileTree, sVoxelComp, h, kVoxelOffsetCenter);
     {
         TVL::ComponentGuard<Container<Traits>> tree(*volume, sVoxelTileTree);
         TVL::ComponentGuard<VoxelTopology<Traits>> topology(*volume, sVoxelComp);
@@ -40,20 +42,23 @@ template <typename Traits> Quillon::Ptr<TVL::Object> sphereBandVolume(double rad
                     double lo2 = 0, hi2 = 0;
                     std::int64_t const c[3] = {i, j, k};
                     for (int a = 0; a < 3; ++a) {
-                        std::int64_t const mn = c[a] - ((c[a] + Traits::kCentreOffset) % t), mx = mn + t;
+                        std::int64_t const mn = c[a] - ((c[a] + Traits::kCentreOffset) % t),
+                                           mx = mn + t;
                         double const nearest = mn > 0 ? double(mn) : (mx < 0 ? double(mx) : 0.0);
                         double const farthest = double(std::max(std::abs(mn), std::abs(mx)));
                         lo2 += nearest * nearest;
                         hi2 += farthest * farthest;
                     }
-                    if (std::sqrt(lo2) - radius <= halfWidth && radius - std::sqrt(hi2) <= halfWidth)
+                    if (std::sqrt(lo2) - radius <= halfWidth &&
+                        radius - std::sqrt(hi2) <= halfWidth)
                         acc.addTile(i, j, k, Traits::kMaxDepth);
                 }
         topology->update(*tree);
     }
     auto const& topology = *volume->template component<VoxelTopology<Traits>>(sVoxelComp);
     auto distance = Command::createChannel<float, Traits::kRatio, W, W, 0>(
-        sVoxelSignedDistance, topology, *volume, 1e30f, kDataElementInitializerDefaultValue, 0, Traits::kMaxDepth);
+        sVoxelSignedDistance, topology, *volume, 1e30f, kDataElementInitializerDefaultValue, 0,
+        Traits::kMaxDepth);
     auto const& tree = *volume->template component<Container<Traits>>(sVoxelTileTree);
     for (int d = 0; d <= Traits::kMaxDepth; ++d)
         for (std::int64_t n = 0; n < tree.tileCount(d); ++n) {
@@ -82,7 +87,8 @@ struct BandErrors {
     void add(double exact, double error, double band)
     {
         ++finestVoxels;
-        if (std::abs(exact) <= band) bandMax = std::max(bandMax, error);
+        if (std::abs(exact) <= band)
+            bandMax = std::max(bandMax, error);
         if (std::abs(exact) <= 3.0) {
             nearMean += error;
             nearMax = std::max(nearMax, error);
@@ -92,16 +98,19 @@ struct BandErrors {
     /// Turns the sum of the near errors into their mean, once all voxels are counted.
     void finish()
     {
-        if (nearVoxels) nearMean /= double(nearVoxels);
+        if (nearVoxels)
+            nearMean /= double(nearVoxels);
     }
 };
 
-template <typename Traits> BandErrors bandErrors(TVL::Object const& volume, double radius, double band)
+template <typename Traits>
+BandErrors bandErrors(TVL::Object const& volume, double radius, double band)
 {
     using namespace TVL::TileTree3D;
     constexpr int W = Traits::kTileWidth;
     auto const& tree = *volume.component<Container<Traits>>(Tavrel::Geometry::sVoxelTileTree);
-    auto const& phi = *volume.component<VoxelChannel<Traits, float>>(Tavrel::Geometry::sVoxelSignedDistance);
+    auto const& phi =
+        *volume.component<VoxelChannel<Traits, float>>(Tavrel::Geometry::sVoxelSignedDistance);
     double const h = 1.0 / radius;
     BandErrors e;
     int const d = Traits::kMaxDepth;
@@ -111,7 +120,8 @@ template <typename Traits> BandErrors bandErrors(TVL::Object const& volume, doub
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) {
-                    double const x = tile.ti() + i + 0.5, y = tile.tj() + j + 0.5, z = tile.tk() + k + 0.5;
+                    double const x = tile.ti() + i + 0.5, y = tile.tj() + j + 0.5,
+                                 z = tile.tk() + k + 0.5;
                     double const exact = std::sqrt(x * x + y * y + z * z) - radius;
                     e.add(exact, std::abs(double(data(i, j, k)) / h - exact), band);
                 }
@@ -127,21 +137,25 @@ template <typename Traits> void runResizeDemo(char const* label, double radius)
     using TVL::TileTree3D::Container;
     auto volume = sphereBandVolume<Traits>(radius, 3.0);
     auto print = [&](char const* when, double band, double ms) {
-        auto const& tree = *volume->template component<Container<Traits>>(Tavrel::Geometry::sVoxelTileTree);
+        auto const& tree =
+            *volume->template component<Container<Traits>>(Tavrel::Geometry::sVoxelTileTree);
         BandErrors const e = bandErrors<Traits>(*volume, radius, band);
-        std::printf("  %-6s band %4.1f voxels: %8lld tiles, %9ld finest voxels, error near surface mean %.4f "
+        std::printf("  %-6s band %4.1f voxels: %8lld tiles, %9ld finest voxels, error near surface "
+                    "mean %.4f "
                     "max %.4f, whole band max %.3f voxels%s",
-                    when, band, (long long)tree.tileCount(-1), e.finestVoxels, e.nearMean, e.nearMax, e.bandMax,
-                    ms >= 0 ? "" : "\n");
-        if (ms >= 0) std::printf(", %.0f ms\n", ms);
+                    when, band, (long long)tree.tileCount(-1), e.finestVoxels, e.nearMean,
+                    e.nearMax, e.bandMax, ms >= 0 ? "" : "\n");
+        if (ms >= 0)
+            std::printf(", %.0f ms\n", ms);
     };
     std::printf("== resize of a sphere band, %s, radius %g finest voxels\n", label, radius);
     print("before", 3.0, -1);
     auto const t0 = std::chrono::steady_clock::now();
-    VolumeGL::TileTree3D::LevelSet::resize(float(10.0 / radius), *volume, Tavrel::Geometry::sVoxelTileTree,
-                                           Tavrel::Geometry::sVoxelComp, Tavrel::Geometry::sVoxelSignedDistance,
-                                           CoreGL::NOPLogger{});
-    double const ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    VolumeGL::TileTree3D::LevelSet::resize(
+        float(10.0 / radius), *volume, Tavrel::Geometry::sVoxelTileTree,
+        Tavrel::Geometry::sVoxelComp, Tavrel::Geometry::sVoxelSignedDistance, CoreGL::NOPLogger{});
+    double const ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     print("after", 10.0, ms);
 }
 

@@ -3,9 +3,9 @@
 #pragma once
 #include <cmath>
 #include <cstdint>
+#include <hexmold/substrate/container.h>
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
-#include <hexmold/substrate/container.h>
 
 namespace demo {
 
@@ -47,15 +47,18 @@ void buildAdaptiveSphere(TVL::TileTree3D::Container<Traits>& tree, double radius
                                       double const cy = (double(corner.y) + 0.5 * double(cw)) * h;
                                       double const cz = (double(corner.z) + 0.5 * double(cw)) * h;
                                       double const lower =
-                                          std::abs(sphereDistance(cx, cy, cz, radius)) - halfDiagonal;
-                                      if (lower < reach) acc.addTile(corner, d + 1);
+                                          std::abs(sphereDistance(cx, cy, cz, radius)) -
+                                          halfDiagonal;
+                                      if (lower < reach)
+                                          acc.addTile(corner, d + 1);
                                   }
                               }
                           });
         TileCornerLists<Traits> created;
         tree.refine(*scratch, &created, true);
         tree.clearThreadLocalData(created);
-        if (tree.tileCount(d + 1) == 0) break;
+        if (tree.tileCount(d + 1) == 0)
+            break;
     }
     tree.sortIntoMortonOrder();
 }

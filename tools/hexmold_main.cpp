@@ -25,7 +25,8 @@ int main(int argc, char** argv)
     int threads = 0;
     app.add_option("--threads", threads, "Worker threads (default: all cores)")
         ->check(CLI::PositiveNumber);
-    // Options of the program are taken after the command's name too: hexmold voxelize m.obj --threads 1.
+    // Options of the program are taken after the command's name too: hexmold voxelize m.obj
+    // --threads 1.
     app.fallthrough();
     app.add_subcommand("version", "Print the version banner")->callback([] {
         std::printf("%s\n", CoreGL::versionText().c_str());

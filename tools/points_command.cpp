@@ -7,9 +7,9 @@
 #include <cmath>
 #include <cstdio>
 #include <hexmold/api/voxelize_points.h>
-#include <hexmold/logging/logger.h>
 #include <hexmold/io/read_points.h>
 #include <hexmold/io/volume_file.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/object.h>

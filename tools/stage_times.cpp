@@ -30,15 +30,18 @@ void observe(Quillon::StringView name, double ms)
     Recording& r = recording();
     std::lock_guard<std::mutex> g(r.lock);
     std::string n(name);
-    if (n.rfind(r.prefix, 0) != 0) return; // only the command's own stages
+    if (n.rfind(r.prefix, 0) != 0)
+        return; // only the command's own stages
     n = n.substr(r.prefix.size());
     r.stages.push_back({n, ms});
-    if (isatty(2)) std::fprintf(stderr, "\r  %-50s %9.1f ms\033[K", n.c_str(), ms);
+    if (isatty(2))
+        std::fprintf(stderr, "\r  %-50s %9.1f ms\033[K", n.c_str(), ms);
 }
 
 } // namespace
 
-StageTimes::StageTimes(std::string prefix, int verbose) : mSavedVerbose(CoreGL::Logger::verboseLevel())
+StageTimes::StageTimes(std::string prefix, int verbose)
+    : mSavedVerbose(CoreGL::Logger::verboseLevel())
 {
     {
         Recording& r = recording();
@@ -54,14 +57,16 @@ StageTimes::~StageTimes()
 {
     CoreGL::Logger::setTimerObserver(nullptr);
     CoreGL::Logger::setVerboseLevel(mSavedVerbose);
-    if (isatty(2)) std::fprintf(stderr, "\r\033[K");
+    if (isatty(2))
+        std::fprintf(stderr, "\r\033[K");
 }
 
 void StageTimes::print()
 {
     Recording& r = recording();
     std::lock_guard<std::mutex> g(r.lock);
-    for (auto const& [stage, ms] : r.stages) std::printf("  %-52s %9.1f ms\n", stage.c_str(), ms);
+    for (auto const& [stage, ms] : r.stages)
+        std::printf("  %-52s %9.1f ms\n", stage.c_str(), ms);
 }
 
 } // namespace hexmoldtool

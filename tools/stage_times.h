@@ -24,6 +24,9 @@ private:
 };
 
 /// Bytes in MiB.
-inline double mib(std::size_t bytes) { return double(bytes) / (1024.0 * 1024.0); }
+inline double mib(std::size_t bytes)
+{
+    return double(bytes) / (1024.0 * 1024.0);
+}
 
 } // namespace hexmoldtool

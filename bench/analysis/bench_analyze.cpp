@@ -7,6 +7,7 @@
 // pairs whose name contains TEXT ("--only='Traits24 gradient'"), --stages adds our timers.
 #include <benchmark/benchmark.h>
 
+#include "../../tests/support/trees.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -15,16 +16,15 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
-#include <map>
-#include <string>
-#include <vector>
 #include <hexmold/analysis/analyze.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
-#include "../../tests/support/trees.h"
+#include <map>
+#include <string>
+#include <vector>
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -50,8 +50,9 @@ template <typename Tr> struct Input {
 
     Input()
     {
-        object = Command::createVoxelTVL<Tr>(Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, kVoxel,
-                                             kVoxelOffsetCenter);
+        object =
+            Command::createVoxelTVL<Tr>(Tavrel::Geometry::sVoxelTileTree,
+                                        Tavrel::Geometry::sVoxelComp, kVoxel, kVoxelOffsetCenter);
         {
             TVL::ComponentGuard<Container<Tr>> tree(*object, Tavrel::Geometry::sVoxelTileTree);
             TVL::ComponentGuard<VoxelTopology<Tr>> topology(*object, Tavrel::Geometry::sVoxelComp);
@@ -61,10 +62,13 @@ template <typename Tr> struct Input {
             tree->sortIntoMortonOrder();
             topology->update(*tree);
         }
-        auto const& tree = *object->template component<Container<Tr>>(Tavrel::Geometry::sVoxelTileTree);
-        auto const& topology = *object->template component<VoxelTopology<Tr>>(Tavrel::Geometry::sVoxelComp);
+        auto const& tree =
+            *object->template component<Container<Tr>>(Tavrel::Geometry::sVoxelTileTree);
+        auto const& topology =
+            *object->template component<VoxelTopology<Tr>>(Tavrel::Geometry::sVoxelComp);
         auto ch = Command::createChannel<float, Tr::kRatio, Tr::kTileWidth, Tr::kTileWidth, 0>(
-            "distance", topology, *object, 0.0f, kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
+            "distance", topology, *object, 0.0f, kDataElementInitializerDefaultValue, 0,
+            Tr::kMaxDepth);
         constexpr int W = Tr::kTileWidth;
         for (int d = 0; d <= Tr::kMaxDepth; ++d)
             for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
@@ -74,9 +78,11 @@ template <typename Tr> struct Input {
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
                         for (int i = 0; i < W; ++i) {
-                            double const x = tile.ti() + (i + 0.5) * w, y = tile.tj() + (j + 0.5) * w,
+                            double const x = tile.ti() + (i + 0.5) * w,
+                                         y = tile.tj() + (j + 0.5) * w,
                                          z = tile.tk() + (k + 0.5) * w;
-                            td(i, j, k) = float((std::sqrt(x * x + y * y + z * z) - kRadius) * kVoxel);
+                            td(i, j, k) =
+                                float((std::sqrt(x * x + y * y + z * z) - kRadius) * kVoxel);
                         }
             }
         voxels = tree.tileCount(-1) * Tr::kTileSize;
@@ -90,16 +96,21 @@ template <typename Tr> Input<Tr>& input()
     return in;
 }
 
-template <typename Tr> char const* traitsName() { return std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55"; }
+template <typename Tr> char const* traitsName()
+{
+    return std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55";
+}
 
 template <typename Op, typename Tr> void BM_Ours(benchmark::State& state)
 {
-    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism, 2);
+    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism,
+                                          2);
     auto& in = input<Tr>();
-    for (auto _ : state) benchmark::DoNotOptimize(analyze<Op>("distance", "", false, *in.object));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(analyze<Op>("distance", "", false, *in.object));
     state.counters["voxels"] = double(in.voxels);
-    state.counters["voxels_per_second"] =
-        benchmark::Counter(double(in.voxels) * double(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["voxels_per_second"] = benchmark::Counter(
+        double(in.voxels) * double(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 #if HEXMOLD_HAVE_OPENVDB
@@ -109,8 +120,10 @@ template <typename Tr> openvdb::FloatGrid::Ptr& peerGrid()
     static openvdb::FloatGrid::Ptr grid = [] {
         openvdb::initialize();
         auto& in = input<Tr>();
-        auto const& tree = *in.object->template component<Container<Tr>>(Tavrel::Geometry::sVoxelTileTree);
-        auto const& ch = *in.object->template component<Channel<Tr, float, Tr::kTileWidth, 0, 0>>("distance");
+        auto const& tree =
+            *in.object->template component<Container<Tr>>(Tavrel::Geometry::sVoxelTileTree);
+        auto const& ch =
+            *in.object->template component<Channel<Tr, float, Tr::kTileWidth, 0, 0>>("distance");
         auto g = openvdb::FloatGrid::create(float(kBand * kVoxel));
         g->setTransform(openvdb::math::Transform::createLinearTransform(kVoxel));
         g->setGridClass(openvdb::GRID_LEVEL_SET);
@@ -123,7 +136,8 @@ template <typename Tr> openvdb::FloatGrid::Ptr& peerGrid()
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i)
-                        acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k), td(i, j, k));
+                        acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k),
+                                       td(i, j, k));
         }
         return g;
     }();
@@ -132,12 +146,15 @@ template <typename Tr> openvdb::FloatGrid::Ptr& peerGrid()
 
 template <typename Tr, typename F> void BM_Peer(benchmark::State& state, F const& run)
 {
-    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism, 2);
+    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism,
+                                          2);
     auto grid = peerGrid<Tr>();
-    for (auto _ : state) benchmark::DoNotOptimize(run(*grid));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(run(*grid));
     double const n = double(grid->activeVoxelCount());
     state.counters["voxels"] = n;
-    state.counters["voxels_per_second"] = benchmark::Counter(n * double(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["voxels_per_second"] =
+        benchmark::Counter(n * double(state.iterations()), benchmark::Counter::kIsRate);
 }
 #endif
 
@@ -148,14 +165,15 @@ public:
     {
         for (Run const& r : runs) {
             auto const it = r.counters.find("voxels");
-            if (it == r.counters.end() || r.iterations == 0) continue;
-            double const seconds = r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit);
+            if (it == r.counters.end() || r.iterations == 0)
+                continue;
+            double const seconds =
+                r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit);
             gSecondsPerVoxel[r.benchmark_name()] = seconds / double(it->second);
         }
         ConsoleReporter::ReportRuns(runs);
     }
 };
-
 
 /// Milliseconds per timer name of our calls, by pair, and the pair being timed (for --stages).
 std::map<std::string, std::map<std::string, double>> gStageMs;
@@ -165,7 +183,8 @@ std::string gCurrentPair;
 
 void observeTimer(Quillon::StringView name, double ms)
 {
-    if (!gCurrentPair.empty()) gStageMs[gCurrentPair][std::string(name.data(), name.size())] += ms;
+    if (!gCurrentPair.empty())
+        gStageMs[gCurrentPair][std::string(name.data(), name.size())] += ms;
 }
 
 /// CPU seconds used by all threads of the process so far.
@@ -205,7 +224,8 @@ double median(std::vector<double> v)
 /// @p stages our timers' mean times per call are printed too.
 void interleaved(int rounds, std::string const& only, bool stages)
 {
-    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism, 2);
+    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism,
+                                          2);
     struct Pair {
         std::string name;
         std::function<double()> ours, peer; ///< seconds per voxel of one timed stretch
@@ -239,10 +259,12 @@ void interleaved(int rounds, std::string const& only, bool stages)
                     ++gPeerCalls[full];
                 },
                 0.5);
-            gStageMs[full]["(OpenVDB: process CPU time, all threads)"] += 1e3 * (processCpuSeconds() - cpu0);
+            gStageMs[full]["(OpenVDB: process CPU time, all threads)"] +=
+                1e3 * (processCpuSeconds() - cpu0);
             return s / double(grid->activeVoxelCount());
         };
-        if (full.find(only) != std::string::npos) pairs.push_back({full, ours, peer, {}, {}, {}});
+        if (full.find(only) != std::string::npos)
+            pairs.push_back({full, ours, peer, {}, {}, {}});
     };
     auto grad = [](openvdb::FloatGrid const& g) { return openvdb::tools::gradient(g); };
     auto lap = [](openvdb::FloatGrid const& g) { return openvdb::tools::laplacian(g); };
@@ -257,7 +279,8 @@ void interleaved(int rounds, std::string const& only, bool stages)
         q.ours();
         q.peer();
     }
-    if (stages) CoreGL::Logger::setTimerObserver(observeTimer);
+    if (stages)
+        CoreGL::Logger::setTimerObserver(observeTimer);
     gStageMs.clear();
     gStageCalls.clear();
     gPeerCalls.clear();
@@ -274,26 +297,31 @@ void interleaved(int rounds, std::string const& only, bool stages)
             q.o.push_back(o);
             q.p.push_back(p);
             q.r.push_back(o / p);
-            std::printf("  round %d %-24s ours %7.1f  OpenVDB %7.1f Mvoxel/s  ratio %.2f\n", round + 1,
-                        q.name.c_str(), 1e-6 / o, 1e-6 / p, o / p);
+            std::printf("  round %d %-24s ours %7.1f  OpenVDB %7.1f Mvoxel/s  ratio %.2f\n",
+                        round + 1, q.name.c_str(), 1e-6 / o, 1e-6 / p, o / p);
             std::fflush(stdout);
         }
-    std::printf("\nMedians over %d interleaved rounds, ours (analyze, all tiles of all depths) / OpenVDB "
-                "(active voxels), 2 threads:\n",
-                rounds);
+    std::printf(
+        "\nMedians over %d interleaved rounds, ours (analyze, all tiles of all depths) / OpenVDB "
+        "(active voxels), 2 threads:\n",
+        rounds);
     for (Pair const& q : pairs) {
         std::vector<double> const& r = q.r;
-        std::printf("  %-24s ours %7.1f Mvoxel/s  OpenVDB %7.1f Mvoxel/s  ratio %.2f (min %.2f, max %.2f)\n",
+        std::printf("  %-24s ours %7.1f Mvoxel/s  OpenVDB %7.1f Mvoxel/s  ratio %.2f (min %.2f, "
+                    "max %.2f)\n",
                     q.name.c_str(), 1e-6 / median(q.o), 1e-6 / median(q.p), median(r),
                     *std::min_element(r.begin(), r.end()), *std::max_element(r.begin(), r.end()));
     }
-    if (!stages) return;
+    if (!stages)
+        return;
     CoreGL::Logger::setTimerObserver(nullptr);
-    std::printf("\nOur stages, mean milliseconds per call (wall time), and the CPU time per call of both:\n");
+    std::printf("\nOur stages, mean milliseconds per call (wall time), and the CPU time per call "
+                "of both:\n");
     for (auto const& [pair, stageMs] : gStageMs)
         for (auto const& [stage, ms] : stageMs)
-            std::printf("  %-24s %-50s %9.2f\n", pair.c_str(), stage.c_str(),
-                        ms / (stage.rfind("(OpenVDB", 0) == 0 ? gPeerCalls[pair] : gStageCalls[pair]));
+            std::printf(
+                "  %-24s %-50s %9.2f\n", pair.c_str(), stage.c_str(),
+                ms / (stage.rfind("(OpenVDB", 0) == 0 ? gPeerCalls[pair] : gStageCalls[pair]));
 }
 #endif
 
@@ -304,8 +332,10 @@ int main(int argc, char** argv)
     std::string only;
     bool stages = false;
     for (int a = 1; a < argc; ++a) {
-        if (std::strncmp(argv[a], "--only=", 7) == 0) only = argv[a] + 7;
-        if (std::strcmp(argv[a], "--stages") == 0) stages = true;
+        if (std::strncmp(argv[a], "--only=", 7) == 0)
+            only = argv[a] + 7;
+        if (std::strcmp(argv[a], "--stages") == 0)
+            stages = true;
     }
     for (int a = 1; a < argc; ++a)
         if (std::strncmp(argv[a], "--interleave=", 13) == 0) {
@@ -318,9 +348,13 @@ int main(int argc, char** argv)
 #endif
         }
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
     auto reg = [](std::string const& name, auto fn) {
-        benchmark::RegisterBenchmark(name.c_str(), fn)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
+        benchmark::RegisterBenchmark(name.c_str(), fn)
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond)
+            ->MinTime(1.0);
     };
     reg("ours/gradient_Traits24", BM_Ours<Analyze::GradientOperator, Traits24>);
     reg("ours/laplacian_Traits24", BM_Ours<Analyze::LaplacianOperator, Traits24>);
@@ -331,31 +365,41 @@ int main(int argc, char** argv)
 #if HEXMOLD_HAVE_OPENVDB
     auto peer = [&](std::string const& name, auto tr, auto run) {
         using Tr = decltype(tr);
-        reg("openvdb/" + name + "_" + traitsName<Tr>(), [run](benchmark::State& st) { BM_Peer<Tr>(st, run); });
+        reg("openvdb/" + name + "_" + traitsName<Tr>(),
+            [run](benchmark::State& st) { BM_Peer<Tr>(st, run); });
     };
     for (int t = 0; t < 2; ++t) {
         auto each = [&](auto tr) {
-            peer("gradient", tr, [](openvdb::FloatGrid const& g) { return openvdb::tools::gradient(g); });
-            peer("laplacian", tr, [](openvdb::FloatGrid const& g) { return openvdb::tools::laplacian(g); });
-            peer("mean_curvature", tr, [](openvdb::FloatGrid const& g) { return openvdb::tools::meanCurvature(g); });
+            peer("gradient", tr,
+                 [](openvdb::FloatGrid const& g) { return openvdb::tools::gradient(g); });
+            peer("laplacian", tr,
+                 [](openvdb::FloatGrid const& g) { return openvdb::tools::laplacian(g); });
+            peer("mean_curvature", tr,
+                 [](openvdb::FloatGrid const& g) { return openvdb::tools::meanCurvature(g); });
         };
-        if (t == 0) each(Traits24{});
-        else each(Traits55{});
+        if (t == 0)
+            each(Traits24{});
+        else
+            each(Traits55{});
     }
 #endif
     Recorder reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nPer-voxel time, ours (analyze, all tiles of all depths) / OpenVDB (active voxels), 2 threads:\n");
+    std::printf("\nPer-voxel time, ours (analyze, all tiles of all depths) / OpenVDB (active "
+                "voxels), 2 threads:\n");
     for (char const* tr : {"Traits24", "Traits55"})
         for (char const* op : {"gradient", "laplacian", "mean_curvature"}) {
             double o = 0, p = 0;
             for (auto const& [name, spv] : gSecondsPerVoxel) {
-                if (name.rfind(std::string("ours/") + op + "_" + tr, 0) == 0) o = spv;
-                if (name.rfind(std::string("openvdb/") + op + "_" + tr, 0) == 0) p = spv;
+                if (name.rfind(std::string("ours/") + op + "_" + tr, 0) == 0)
+                    o = spv;
+                if (name.rfind(std::string("openvdb/") + op + "_" + tr, 0) == 0)
+                    p = spv;
             }
             if (o > 0 && p > 0)
-                std::printf("  %-8s %-15s ours %7.1f Mvoxel/s  OpenVDB %7.1f Mvoxel/s  ratio %.2f\n", tr, op,
-                            1e-6 / o, 1e-6 / p, o / p);
+                std::printf(
+                    "  %-8s %-15s ours %7.1f Mvoxel/s  OpenVDB %7.1f Mvoxel/s  ratio %.2f\n", tr,
+                    op, 1e-6 / o, 1e-6 / p, o / p);
         }
     benchmark::Shutdown();
     return 0;

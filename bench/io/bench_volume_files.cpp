@@ -24,13 +24,13 @@
 #include <vector>
 
 #if HEXMOLD_HAVE_OPENVDB
+#include <hexmold/api/voxelize_mesh.h>
+#include <hexmold/io/read_mesh.h>
+#include <hexmold/platform/tavrel/geometry.h>
 #include <openvdb/io/File.h>
 #include <openvdb/openvdb.h>
 #include <openvdb/tools/LevelSetSphere.h>
 #include <openvdb/tools/MeshToVolume.h>
-#include <hexmold/api/voxelize_mesh.h>
-#include <hexmold/io/read_mesh.h>
-#include <hexmold/platform/tavrel/geometry.h>
 #endif
 
 namespace {
@@ -52,7 +52,8 @@ void row(char const* what, double mb, double seconds)
 
 #if HEXMOLD_HAVE_OPENVDB
 template <typename Traits>
-void measure(TVL::Object const* volume, fs::path const& folder, openvdb::FloatGrid::Ptr const& grid, int repeats);
+void measure(TVL::Object const* volume, fs::path const& folder, openvdb::FloatGrid::Ptr const& grid,
+             int repeats);
 
 template <typename Traits>
 void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& folder,
@@ -73,7 +74,8 @@ void runTree(char const* label, hexmold::io::TreeKind kind, fs::path const& fold
 
 /// Writes and reads @p volume both ways and OpenVDB's @p grid with io::File, and prints the rows.
 template <typename Traits>
-void measure(TVL::Object const* volume, fs::path const& folder, openvdb::FloatGrid::Ptr const& grid, int repeats)
+void measure(TVL::Object const* volume, fs::path const& folder, openvdb::FloatGrid::Ptr const& grid,
+             int repeats)
 {
     fs::path const ours = folder / "volume.vdb", plain = folder / "levelset.vdb",
                    peer = folder / "peer.vdb";
@@ -132,9 +134,11 @@ void measure(TVL::Object const* volume, fs::path const& folder, openvdb::FloatGr
         file.close();
     }
     double const mbHalf = megabytes(half), mbPeerHalf = megabytes(peerHalf);
-    std::printf("  volume file with 16-bit floats: %.2f MB; OpenVDB's grid with 16-bit floats: %.2f MB\n", mbHalf,
-                mbPeerHalf);
-    std::printf("  volume file / OpenVDB file: %.2f; level-set file / OpenVDB file: %.2f; 16-bit volume file / "
+    std::printf(
+        "  volume file with 16-bit floats: %.2f MB; OpenVDB's grid with 16-bit floats: %.2f MB\n",
+        mbHalf, mbPeerHalf);
+    std::printf("  volume file / OpenVDB file: %.2f; level-set file / OpenVDB file: %.2f; 16-bit "
+                "volume file / "
                 "OpenVDB file: %.2f; both 16-bit: %.2f\n",
                 mbOurs / mbPeer, mbPlain / mbPeer, mbHalf / mbPeer, mbHalf / mbPeerHalf);
     std::printf("  write time ours / OpenVDB: %.2f; read time ours / OpenVDB: %.2f\n\n",
@@ -154,11 +158,13 @@ int runArmadillo(int repeats)
         std::printf("bench_io: %s is not there\n", path.c_str());
         return 0;
     }
-    fs::path const folder = fs::temp_directory_path() / ("hexmold_bench_io_" + std::to_string(::getpid()));
+    fs::path const folder =
+        fs::temp_directory_path() / ("hexmold_bench_io_" + std::to_string(::getpid()));
     fs::create_directories(folder);
     openvdb::initialize();
     auto const mesh = hexmold::io::readMesh(path);
-    auto const* positions = Geo::getDataGeoPropertyValues<Tavrel::Math::float3>(*mesh, Geo::sPointPosition);
+    auto const* positions =
+        Geo::getDataGeoPropertyValues<Tavrel::Math::float3>(*mesh, Geo::sPointPosition);
     auto const* faceVertex = Geo::getMeshFaceVertices(*mesh);
     auto const* faceOffset = Geo::getMeshFaceOffsets(*mesh);
     float lo[3] = {1e30f, 1e30f, 1e30f}, hi[3] = {-1e30f, -1e30f, -1e30f};
@@ -166,23 +172,27 @@ int runArmadillo(int repeats)
     std::vector<openvdb::Vec3I> triangles;
     for (auto const& p : *positions) {
         points.emplace_back(p.x, p.y, p.z);
-        for (int a = 0; a < 3; ++a) lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
+        for (int a = 0; a < 3; ++a)
+            lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
     }
     for (std::size_t f = 0; f + 1 < faceOffset->size(); ++f)
         for (unsigned k = (*faceOffset)[f] + 2; k < (*faceOffset)[f + 1]; ++k)
-            triangles.emplace_back((*faceVertex)[(*faceOffset)[f]], (*faceVertex)[k - 1], (*faceVertex)[k]);
+            triangles.emplace_back((*faceVertex)[(*faceOffset)[f]], (*faceVertex)[k - 1],
+                                   (*faceVertex)[k]);
     double const h = std::max({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]}) / 512.0;
-    auto grid = openvdb::tools::meshToLevelSet<openvdb::FloatGrid>(*openvdb::math::Transform::createLinearTransform(h),
-                                                                   points, triangles, 3.0f);
+    auto grid = openvdb::tools::meshToLevelSet<openvdb::FloatGrid>(
+        *openvdb::math::Transform::createLinearTransform(h), points, triangles, 3.0f);
     grid->setName("armadillo");
-    std::printf("armadillo.obj, 512 across (voxel %g): OpenVDB meshToLevelSet band %llu active voxels, %d repeats\n\n",
+    std::printf("armadillo.obj, 512 across (voxel %g): OpenVDB meshToLevelSet band %llu active "
+                "voxels, %d repeats\n\n",
                 h, (unsigned long long)grid->activeVoxelCount(), repeats);
     for (auto kind : {hexmold::TraitsKind::kTraits24, hexmold::TraitsKind::kTraits55}) {
         hexmold::VoxelizeMeshOptions o;
         o.traits = kind;
         o.voxelSize = h;
         hexmold::Volume const v = hexmold::voxelizeMesh(*mesh, o);
-        std::printf("%s, voxelizeMesh: %llu voxels\n", hexmold::traitsName(kind), (unsigned long long)v.voxelCount());
+        std::printf("%s, voxelizeMesh: %llu voxels\n", hexmold::traitsName(kind),
+                    (unsigned long long)v.voxelCount());
         if (kind == hexmold::TraitsKind::kTraits24)
             measure<TVL::TileTree3D::Traits24>(&v.object(), folder, grid, repeats);
         else
@@ -196,7 +206,8 @@ int runArmadillo(int repeats)
 int main(int argc, char** argv)
 {
 #if HEXMOLD_HAVE_OPENVDB
-    if (argc > 1 && std::string(argv[1]) == "armadillo") return runArmadillo(argc > 2 ? std::max(1, std::atoi(argv[2])) : 3);
+    if (argc > 1 && std::string(argv[1]) == "armadillo")
+        return runArmadillo(argc > 2 ? std::max(1, std::atoi(argv[2])) : 3);
     float const radius = argc > 1 ? float(std::atof(argv[1])) : 256.0f;
     int const repeats = argc > 2 ? std::max(1, std::atoi(argv[2])) : 3;
     if (!(radius >= 8 && radius <= 4096)) {

@@ -42,8 +42,8 @@ Inputs const& inputs()
 
 void setRate(benchmark::State& state)
 {
-    state.counters["updates"] = benchmark::Counter(
-        double(state.iterations()) * kInputCount, benchmark::Counter::kIsRate);
+    state.counters["updates"] =
+        benchmark::Counter(double(state.iterations()) * kInputCount, benchmark::Counter::kIsRate);
 }
 
 void BM_SolveEikonalIsotropic(benchmark::State& state)

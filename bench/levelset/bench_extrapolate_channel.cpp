@@ -4,20 +4,20 @@
 // run; medians, their ratio, and the errors against the analytic extension.
 #include <benchmark/benchmark.h>
 
+#include "bench/support/timing.h"
+#include "tools/demo_resize.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
-#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/extrapolate_channel.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
-#include "tools/demo_resize.h"
-#include "bench/support/timing.h"
+#include <vector>
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -59,7 +59,8 @@ struct Errors {
 /// surface) and the data there.
 struct Scene {
     Quillon::Ptr<TVL::Object> volume = demo::sphereBandVolume<Traits24>(kRadius, kHalfWidth);
-    Container<Traits24> const& tree = *volume->component<Container<Traits24>>(Tavrel::Geometry::sVoxelTileTree);
+    Container<Traits24> const& tree =
+        *volume->component<Container<Traits24>>(Tavrel::Geometry::sVoxelTileTree);
     VoxelTopology<Traits24> const& topology =
         *volume->component<VoxelTopology<Traits24>>(Tavrel::Geometry::sVoxelComp);
     VoxelChannel<Traits24, float> const& distance =
@@ -71,17 +72,21 @@ struct Scene {
     {
         unsigned char const zero = 0;
         float const none = 0.0f;
-        known = std::make_unique<VoxelChannel<Traits24, unsigned char>>("known", &zero, kDataElementInitializerDefaultValue,
-                                                                       false, true, 0, Traits24::kMaxDepth);
-        value = std::make_unique<VoxelChannel<Traits24, float>>("value", &none, kDataElementInitializerDefaultValue,
-                                                               false, true, 0, Traits24::kMaxDepth);
+        known = std::make_unique<VoxelChannel<Traits24, unsigned char>>(
+            "known", &zero, kDataElementInitializerDefaultValue, false, true, 0,
+            Traits24::kMaxDepth);
+        value = std::make_unique<VoxelChannel<Traits24, float>>(
+            "value", &none, kDataElementInitializerDefaultValue, false, true, 0,
+            Traits24::kMaxDepth);
         known->update(topology);
         value->update(topology);
-        forEachFinest([&](std::int64_t n, int i, int j, int k, double x, double y, double z, double d) {
-            if (std::abs(d) > 1.0) return;
-            known->tileData(n, Traits24::kMaxDepth)(i, j, k) = 1;
-            value->tileData(n, Traits24::kMaxDepth)(i, j, k) = float(direction(x, y, z));
-        });
+        forEachFinest(
+            [&](std::int64_t n, int i, int j, int k, double x, double y, double z, double d) {
+                if (std::abs(d) > 1.0)
+                    return;
+                known->tileData(n, Traits24::kMaxDepth)(i, j, k) = 1;
+                value->tileData(n, Traits24::kMaxDepth)(i, j, k) = float(direction(x, y, z));
+            });
     }
 
     /// @p fn(tile, i, j, k, centre x, y, z, distance) over the finest voxels, finest-voxel units.
@@ -93,7 +98,8 @@ struct Scene {
             for (int k = 0; k < 4; ++k)
                 for (int j = 0; j < 4; ++j)
                     for (int i = 0; i < 4; ++i) {
-                        double const x = tile.ti() + i + 0.5, y = tile.tj() + j + 0.5, z = tile.tk() + k + 0.5;
+                        double const x = tile.ti() + i + 0.5, y = tile.tj() + j + 0.5,
+                                     z = tile.tk() + k + 0.5;
                         fn(n, i, j, k, x, y, z, std::sqrt(x * x + y * y + z * z) - kRadius);
                     }
         }
@@ -102,10 +108,12 @@ struct Scene {
     Errors errors(VoxelChannel<Traits24, float> const& out) const
     {
         Errors e;
-        forEachFinest([&](std::int64_t n, int i, int j, int k, double x, double y, double z, double d) {
-            if (std::abs(d) <= kHalfWidth)
-                e.add(std::abs(double(out.tileData(n, Traits24::kMaxDepth)(i, j, k)) - direction(x, y, z)));
-        });
+        forEachFinest(
+            [&](std::int64_t n, int i, int j, int k, double x, double y, double z, double d) {
+                if (std::abs(d) <= kHalfWidth)
+                    e.add(std::abs(double(out.tileData(n, Traits24::kMaxDepth)(i, j, k)) -
+                                   direction(x, y, z)));
+            });
         return e;
     }
 
@@ -123,11 +131,14 @@ struct Scene {
         grid->setGridClass(openvdb::GRID_LEVEL_SET);
         auto acc = grid->getAccessor();
         int const d = Traits24::kMaxDepth;
-        forEachFinest([&](std::int64_t n, int i, int j, int k, double, double, double, double dist) {
-            if (std::abs(dist) > kHalfWidth) return;
-            auto const& tile = tree.tile(n, d);
-            acc.setValue(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k), distance.tileData(n, d)(i, j, k));
-        });
+        forEachFinest(
+            [&](std::int64_t n, int i, int j, int k, double, double, double, double dist) {
+                if (std::abs(dist) > kHalfWidth)
+                    return;
+                auto const& tile = tree.tile(n, d);
+                acc.setValue(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k),
+                             distance.tileData(n, d)(i, j, k));
+            });
         return grid;
     }
 
@@ -147,7 +158,8 @@ struct Scene {
 
 void BM_ExtrapolateFloatFromSphereSurface(benchmark::State& state)
 {
-    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism, 2);
+    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism,
+                                          2);
     static Scene const scene;
     std::vector<double> ours, peer;
     Errors ourErrors, peerErr;
@@ -155,7 +167,9 @@ void BM_ExtrapolateFloatFromSphereSurface(benchmark::State& state)
 #if HEXMOLD_HAVE_OPENVDB
     static auto const grid = scene.peerGrid();
     double const h = scene.tree.voxelSize();
-    auto const op = [h](openvdb::Vec3R const& xyz) { return float(direction(xyz[0] / h, xyz[1] / h, xyz[2] / h)); };
+    auto const op = [h](openvdb::Vec3R const& xyz) {
+        return float(direction(xyz[0] / h, xyz[1] / h, xyz[2] / h));
+    };
 #endif
     char const* repeatsText = std::getenv("HEXMOLD_BENCH_REPEATS");
     int const repeats = repeatsText ? std::max(1, std::atoi(repeatsText)) : kRepeats;
@@ -163,15 +177,17 @@ void BM_ExtrapolateFloatFromSphereSurface(benchmark::State& state)
     bool const verbose = std::getenv("HEXMOLD_BENCH_VERBOSE") != nullptr;
     for (auto _ : state) {
         for (int r = 0; r < repeats; ++r) {
-            if (verbose) CoreGL::Logger::setVerboseLevel(r == 0 ? 1 : 0);
+            if (verbose)
+                CoreGL::Logger::setVerboseLevel(r == 0 ? 1 : 0);
             VoxelChannel<Traits24, float> out(*scene.value);
             VoxelChannel<Traits24, unsigned char> known(*scene.known);
             auto const t0 = std::chrono::steady_clock::now();
             VolumeGL::TileTree3D::LevelSet::extrapolateChannel<Traits24, float>(
-                VolumeGL::TileTree3D::LevelSet::kExtrapolateFSM, scene.tree, scene.topology, known, out,
-                &scene.distance, nullptr, 0, Traits24::kMaxDepth, true);
+                VolumeGL::TileTree3D::LevelSet::kExtrapolateFSM, scene.tree, scene.topology, known,
+                out, &scene.distance, nullptr, 0, Traits24::kMaxDepth, true);
             ours.push_back(msSince(t0));
-            if (r == 0) ourErrors = scene.errors(out);
+            if (r == 0)
+                ourErrors = scene.errors(out);
 #if HEXMOLD_HAVE_OPENVDB
             auto const t1 = std::chrono::steady_clock::now();
             auto ext = openvdb::tools::sdfToExt(*grid, op, 0.0f);
@@ -184,15 +200,17 @@ void BM_ExtrapolateFloatFromSphereSurface(benchmark::State& state)
         }
     }
     state.counters["ours_ms"] = median(ours);
-    std::printf("\nExtension of a float from the zero crossing of a sphere band (radius %g, half-width %g finest "
+    std::printf("\nExtension of a float from the zero crossing of a sphere band (radius %g, "
+                "half-width %g finest "
                 "voxels) over the band, 2 threads, medians of %zu interleaved runs:\n",
                 kRadius, kHalfWidth, ours.size());
-    std::printf("  ours     %8.1f ms  %9ld band voxels  error mean %.5f max %.5f\n", median(ours), ourErrors.n,
-                ourErrors.mean(), ourErrors.max);
+    std::printf("  ours     %8.1f ms  %9ld band voxels  error mean %.5f max %.5f\n", median(ours),
+                ourErrors.n, ourErrors.mean(), ourErrors.max);
 #if HEXMOLD_HAVE_OPENVDB
     state.counters["openvdb_ms"] = median(peer);
     state.counters["ratio"] = median(ours) / median(peer);
-    std::printf("  OpenVDB  %8.1f ms  %9ld active voxels  error mean %.5f max %.5f (sdfToExt, one iteration)\n",
+    std::printf("  OpenVDB  %8.1f ms  %9ld active voxels  error mean %.5f max %.5f (sdfToExt, one "
+                "iteration)\n",
                 median(peer), peerVoxels, peerErr.mean(), peerErr.max);
     std::printf("  ratio ours / OpenVDB: %.2f\n", median(ours) / median(peer));
 #else
@@ -200,6 +218,9 @@ void BM_ExtrapolateFloatFromSphereSurface(benchmark::State& state)
 #endif
 }
 
-BENCHMARK(BM_ExtrapolateFloatFromSphereSurface)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_ExtrapolateFloatFromSphereSurface)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
 
 } // namespace

@@ -10,16 +10,16 @@
 // therefore cover the redistancing alone.
 #include <benchmark/benchmark.h>
 
+#include "../../tests/support/level_set_scenes.h"
+#include "bench/support/timing.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <memory>
-#include <vector>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/substrate/parallel.h>
-#include "bench/support/timing.h"
-#include "../../tests/support/level_set_scenes.h"
+#include <memory>
+#include <vector>
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -33,15 +33,18 @@ namespace {
 
 using benchtiming::median;
 
-constexpr double kRadius = 256.0;   ///< finest voxels
-constexpr double kInputBand = 3.0;  ///< finest voxels each side where the field is given
+constexpr double kRadius = 256.0;    ///< finest voxels
+constexpr double kInputBand = 3.0;   ///< finest voxels each side where the field is given
 constexpr double kOutputBand = 10.0; ///< finest voxels each side of the redistanced band
 constexpr float kVoxel = float(1.0 / kRadius);
 constexpr int kRepeats = 3;
 constexpr int kThreads = 2;
 
 using Clock = std::chrono::steady_clock;
-double secondsSince(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
+double secondsSince(Clock::time_point t0)
+{
+    return std::chrono::duration<double>(Clock::now() - t0).count();
+}
 
 /// The tree of the 10-voxel band and the input channel: the field on the voxels of the tiles of
 /// the 3-voxel band, the background of their side on the others.
@@ -69,7 +72,8 @@ template <typename Tr> struct Input {
         int const d = Tr::kMaxDepth;
         for (std::int64_t t = 0; t < scene.tree.tileCount(d); ++t) {
             Tile<Tr> const& tile = scene.tree.tile(t, d);
-            if (tileLowerBound<Tr>(shape, tile.tijk(), d, s) > kInputBand * s) continue;
+            if (tileLowerBound<Tr>(shape, tile.tijk(), d, s) > kInputBand * s)
+                continue;
             auto td = distance->tileData(t, d);
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
@@ -95,7 +99,8 @@ template <typename Tr> struct Input {
                     for (int i = 0; i < W; ++i) {
                         auto const p = voxelCentre(tile, i, j, k, double(kVoxel));
                         double const exact = shape.distance(p[0], p[1], p[2]);
-                        if (std::abs(exact) > 3.0 * kVoxel) continue;
+                        if (std::abs(exact) > 3.0 * kVoxel)
+                            continue;
                         e.add(std::abs(double(value(tile, i, j, k)) - exact) / kVoxel);
                     }
         }
@@ -109,16 +114,21 @@ template <typename Tr> Input<Tr>& input()
     return in;
 }
 
-template <typename Tr> char const* traitsName() { return std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55"; }
+template <typename Tr> char const* traitsName()
+{
+    return std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55";
+}
 
 /// One of our runs on a fresh copy of the input; returns seconds and leaves the result in @p out.
 template <typename Tr>
-double runOurs(Input<Tr>& in, bool useDOF, std::unique_ptr<VoxelChannel<Tr, float>>& out, bool coalesced = false)
+double runOurs(Input<Tr>& in, bool useDOF, std::unique_ptr<VoxelChannel<Tr, float>>& out,
+               bool coalesced = false)
 {
     out = std::make_unique<VoxelChannel<Tr, float>>(*in.distance);
     auto const t0 = Clock::now();
     std::unique_ptr<VoxelChannel<Tr, short>> dof;
-    if (useDOF) dof = in.scene.makeDOF();
+    if (useDOF)
+        dof = in.scene.makeDOF();
     RedistanceCall<Tr> call;
     call.dof = dof.get();
     call.coalesced = coalesced;
@@ -147,7 +157,8 @@ template <typename Tr> openvdb::FloatGrid::Ptr peerInput(Input<Tr>& in)
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) {
                     float v = td(i, j, k);
-                    if (std::abs(v) >= background) v = v < 0 ? -background : background;
+                    if (std::abs(v) >= background)
+                        v = v < 0 ? -background : background;
                     acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k), v);
                 }
     }
@@ -178,7 +189,8 @@ template <typename Tr> void BM_RedistanceVersusOpenVDB(benchmark::State& state)
             if (r == kRepeats - 1) {
                 auto acc = peer->getConstAccessor();
                 ePeer = in.nearSurfaceError([&](Tile<Tr> const& tile, int i, int j, int k) {
-                    return acc.getValue(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k));
+                    return acc.getValue(
+                        openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k));
                 });
             }
 #endif
@@ -193,25 +205,30 @@ template <typename Tr> void BM_RedistanceVersusOpenVDB(benchmark::State& state)
     eRecursion = in.nearSurfaceError(valueOf(*oursRecursion));
     eCoalesced = in.nearSurfaceError(valueOf(*oursCoalesced));
 
-    double const tDOF = median(dofTimes), tRecursion = median(recursionTimes), tCoalesced = median(coalescedTimes);
-    std::printf("\n%s, sphere of radius %.0f voxels, %lld threads, median of %d alternating runs:\n",
-                traitsName<Tr>(), kRadius, (long long)state.range(0), kRepeats);
+    double const tDOF = median(dofTimes), tRecursion = median(recursionTimes),
+                 tCoalesced = median(coalescedTimes);
+    std::printf(
+        "\n%s, sphere of radius %.0f voxels, %lld threads, median of %d alternating runs:\n",
+        traitsName<Tr>(), kRadius, (long long)state.range(0), kRepeats);
     std::printf("  voxels: %lld deepest (the peer's active voxels), %lld over all depths\n",
                 (long long)in.finestVoxels, (long long)in.allVoxels);
     std::printf("  %-32s %10s %16s %16s\n", "", "time ms", "mean err (h)", "max err (h)");
-    std::printf("  %-32s %10.1f %16.4f %16.4f\n", "ours, DOF sweep (+ classify)", 1e3 * tDOF, eDOF.mean(), eDOF.max);
-    std::printf("  %-32s %10.1f %16.4f %16.4f\n", "ours, recursion", 1e3 * tRecursion, eRecursion.mean(),
-                eRecursion.max);
-    std::printf("  %-32s %10.1f %16.4f %16.4f\n", "ours, recursion, coalesced blocks", 1e3 * tCoalesced,
-                eCoalesced.mean(), eCoalesced.max);
+    std::printf("  %-32s %10.1f %16.4f %16.4f\n", "ours, DOF sweep (+ classify)", 1e3 * tDOF,
+                eDOF.mean(), eDOF.max);
+    std::printf("  %-32s %10.1f %16.4f %16.4f\n", "ours, recursion", 1e3 * tRecursion,
+                eRecursion.mean(), eRecursion.max);
+    std::printf("  %-32s %10.1f %16.4f %16.4f\n", "ours, recursion, coalesced blocks",
+                1e3 * tCoalesced, eCoalesced.mean(), eCoalesced.max);
     state.counters["voxels"] = double(in.finestVoxels);
     state.counters["ours_dof_ms"] = 1e3 * tDOF;
     state.counters["ours_recursion_ms"] = 1e3 * tRecursion;
     state.counters["ours_dof_mean_err_h"] = eDOF.mean();
 #if HEXMOLD_HAVE_OPENVDB
     double const tPeer = median(peerTimes);
-    std::printf("  %-32s %10.1f %16.4f %16.4f\n", "OpenVDB sdfToSdf", 1e3 * tPeer, ePeer.mean(), ePeer.max);
-    std::printf("  time ratio ours / OpenVDB: DOF sweep %.2f, recursion %.2f, coalesced %.2f (errors near the "
+    std::printf("  %-32s %10.1f %16.4f %16.4f\n", "OpenVDB sdfToSdf", 1e3 * tPeer, ePeer.mean(),
+                ePeer.max);
+    std::printf("  time ratio ours / OpenVDB: DOF sweep %.2f, recursion %.2f, coalesced %.2f "
+                "(errors near the "
                 "surface: %d voxels each side, %lld voxels)\n",
                 tDOF / tPeer, tRecursion / tPeer, tCoalesced / tPeer, 3, ePeer.n);
     state.counters["ratio_coalesced"] = tCoalesced / tPeer;

@@ -3,22 +3,22 @@
 // 2 threads, repeats interleaved in one run; medians, their ratio, voxel counts and errors.
 #include <benchmark/benchmark.h>
 
+#include "bench/support/timing.h"
+#include "tools/demo_resize.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
-#include <string>
-#include <vector>
-#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/resize.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
-#include "tools/demo_resize.h"
-#include "bench/support/timing.h"
+#include <map>
+#include <string>
+#include <vector>
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -53,7 +53,8 @@ openvdb::FloatGrid::Ptr peerGrid(TVL::Object const& volume)
 {
     openvdb::initialize();
     auto const& tree = *volume.component<Container<Traits24>>(Tavrel::Geometry::sVoxelTileTree);
-    auto const& phi = *volume.component<VoxelChannel<Traits24, float>>(Tavrel::Geometry::sVoxelSignedDistance);
+    auto const& phi =
+        *volume.component<VoxelChannel<Traits24, float>>(Tavrel::Geometry::sVoxelSignedDistance);
     double const h = tree.voxelSize();
     auto grid = openvdb::FloatGrid::create(float(3.0 * h));
     auto transform = openvdb::math::Transform::createLinearTransform(h);
@@ -70,7 +71,8 @@ openvdb::FloatGrid::Ptr peerGrid(TVL::Object const& volume)
                 for (int i = 0; i < 4; ++i) {
                     float const v = data(i, j, k);
                     if (std::abs(v) < float(3.0 * h))
-                        acc.setValue(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k), v);
+                        acc.setValue(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k),
+                                     v);
                 }
     }
     openvdb::tools::pruneLevelSet(grid->tree());
@@ -109,7 +111,8 @@ void observeStage(Quillon::StringView name, double milliseconds)
 void BM_ResizeSphereBand3To10(benchmark::State& state)
 {
     bool const stages = std::getenv("HEXMOLD_BENCH_STAGES") != nullptr;
-    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism, 2);
+    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism,
+                                          2);
     static auto const source = demo::sphereBandVolume<Traits24>(kRadius, 3.0);
     float const bandwidth = float(10.0 / kRadius);
     std::vector<double> ours, peer;
@@ -120,31 +123,37 @@ void BM_ResizeSphereBand3To10(benchmark::State& state)
     for (auto _ : state) {
         for (int r = 0; r < kRepeats; ++r) {
             auto volume = deepCopy(*source);
-            if (stages) CoreGL::Logger::setTimerObserver(observeStage);
+            if (stages)
+                CoreGL::Logger::setTimerObserver(observeStage);
             auto const t0 = std::chrono::steady_clock::now();
-            VolumeGL::TileTree3D::LevelSet::resize(bandwidth, *volume, Tavrel::Geometry::sVoxelTileTree,
-                                                   Tavrel::Geometry::sVoxelComp,
-                                                   Tavrel::Geometry::sVoxelSignedDistance, CoreGL::NOPLogger{});
+            VolumeGL::TileTree3D::LevelSet::resize(
+                bandwidth, *volume, Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp,
+                Tavrel::Geometry::sVoxelSignedDistance, CoreGL::NOPLogger{});
             ours.push_back(msSince(t0));
             CoreGL::Logger::setTimerObserver(nullptr);
-            if (r == 0) ourErrors = demo::bandErrors<Traits24>(*volume, kRadius, 10.0);
+            if (r == 0)
+                ourErrors = demo::bandErrors<Traits24>(*volume, kRadius, 10.0);
 #if HEXMOLD_HAVE_OPENVDB
             auto grid = peerSource->deepCopy();
             auto const t1 = std::chrono::steady_clock::now();
             openvdb::tools::LevelSetTracker<openvdb::FloatGrid> tracker(*grid);
             tracker.resize(10);
             peer.push_back(msSince(t1));
-            if (r == 0) peerErr = peerErrors(*grid);
+            if (r == 0)
+                peerErr = peerErrors(*grid);
 #endif
         }
     }
     state.counters["ours_ms"] = median(ours);
     state.counters["ours_voxels"] = double(ourErrors.finestVoxels);
-    std::printf("\nResize of a sphere band (radius %g finest voxels) from 3 to 10 voxels, 2 threads, "
-                "medians of %zu interleaved runs:\n",
-                kRadius, ours.size());
-    std::printf("  ours     %8.1f ms  %9ld finest voxels  near-surface error mean %.4f max %.4f, band max %.3f voxels\n",
-                median(ours), ourErrors.finestVoxels, ourErrors.nearMean, ourErrors.nearMax, ourErrors.bandMax);
+    std::printf(
+        "\nResize of a sphere band (radius %g finest voxels) from 3 to 10 voxels, 2 threads, "
+        "medians of %zu interleaved runs:\n",
+        kRadius, ours.size());
+    std::printf("  ours     %8.1f ms  %9ld finest voxels  near-surface error mean %.4f max %.4f, "
+                "band max %.3f voxels\n",
+                median(ours), ourErrors.finestVoxels, ourErrors.nearMean, ourErrors.nearMax,
+                ourErrors.bandMax);
     if (stages) {
         std::printf("  our stages, mean milliseconds per call:\n");
         for (auto const& [name, ms] : stageTotals())
@@ -153,8 +162,10 @@ void BM_ResizeSphereBand3To10(benchmark::State& state)
 #if HEXMOLD_HAVE_OPENVDB
     state.counters["openvdb_ms"] = median(peer);
     state.counters["ratio"] = median(ours) / median(peer);
-    std::printf("  OpenVDB  %8.1f ms  %9ld active voxels  near-surface error mean %.4f max %.4f, band max %.3f voxels\n",
-                median(peer), peerErr.finestVoxels, peerErr.nearMean, peerErr.nearMax, peerErr.bandMax);
+    std::printf("  OpenVDB  %8.1f ms  %9ld active voxels  near-surface error mean %.4f max %.4f, "
+                "band max %.3f voxels\n",
+                median(peer), peerErr.finestVoxels, peerErr.nearMean, peerErr.nearMax,
+                peerErr.bandMax);
     std::printf("  ratio ours / OpenVDB: %.2f\n", median(ours) / median(peer));
 #else
     std::printf("  OpenVDB not available in this build: no peer run\n");

@@ -4,20 +4,20 @@
 // voxels, one thread each, same positions, in one run. The last benchmark prints the ratio.
 #include <benchmark/benchmark.h>
 
+#include "../../tests/support/trees.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <map>
-#include <random>
-#include <string>
-#include <vector>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/sampling/linear_sampler.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
-#include "../../tests/support/trees.h"
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
 
 #if HEXMOLD_HAVE_OPENVDB
 // OpenVDB keeps registries in inline templates: its symbols must stay visible to the library's
@@ -41,16 +41,22 @@ constexpr std::size_t kSamples = 1 << 20; ///< positions per iteration
 /// Samples per second by benchmark name, for the ratio report.
 std::map<std::string, double> gRate;
 
-template <typename Tr> char const* traitsName() { return std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55"; }
+template <typename Tr> char const* traitsName()
+{
+    return std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55";
+}
 
 /// Signed distance to the sphere of a tile-space point, in world units.
-double sphere(double x, double y, double z) { return (std::sqrt(x * x + y * y + z * z) - kRadius) * kVoxel; }
+double sphere(double x, double y, double z)
+{
+    return (std::sqrt(x * x + y * y + z * z) - kRadius) * kVoxel;
+}
 
 template <typename Tr> struct Input {
     Container<Tr> tree{"voxel_tile_tree", kVoxel};
     VoxelTopology<Tr> topology{"voxel_topology", "voxel_tile_tree", kVoxel, kVoxelOffsetCenter};
-    VoxelChannel<Tr, float> distance{"distance", nullptr, kDataElementInitializerDefaultValue, false, true, 0,
-                                     Tr::kMaxDepth};
+    VoxelChannel<Tr, float> distance{
+        "distance", nullptr, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth};
     std::vector<float3> world; ///< sample positions, world units
     std::int64_t finestVoxels = 0;
 
@@ -72,8 +78,9 @@ template <typename Tr> struct Input {
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
                         for (int i = 0; i < W; ++i)
-                            b(i, j, k) = float(sphere(tile.ti() + i * w + 0.5, tile.tj() + j * w + 0.5,
-                                                      tile.tk() + k * w + 0.5));
+                            b(i, j, k) =
+                                float(sphere(tile.ti() + i * w + 0.5, tile.tj() + j * w + 0.5,
+                                             tile.tk() + k * w + 0.5));
             }
         finestVoxels = tree.tileCount(Tr::kMaxDepth) * Tr::kTileSize;
         std::mt19937 rng(7);
@@ -83,7 +90,8 @@ template <typename Tr> struct Input {
         while (world.size() < kSamples) {
             double const x = g(rng), y = g(rng), z = g(rng);
             double const n = std::sqrt(x * x + y * y + z * z);
-            if (n == 0) continue;
+            if (n == 0)
+                continue;
             double const r = (kRadius + band(rng)) * kVoxel / n;
             world.push_back(float3{float(x * r), float(y * r), float(z * r)});
         }
@@ -100,11 +108,14 @@ template <typename Tr> Input<Tr>& input()
 }
 
 /// Runs @p sampleAll (one pass over all positions, returning a checksum) and records the rate.
-template <typename F> void timed(benchmark::State& state, std::string const& name, F const& sampleAll)
+template <typename F>
+void timed(benchmark::State& state, std::string const& name, F const& sampleAll)
 {
     auto const t0 = std::chrono::steady_clock::now();
-    for (auto _ : state) benchmark::DoNotOptimize(sampleAll());
-    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(sampleAll());
+    double const seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     double const samples = double(kSamples) * double(state.iterations());
     state.counters["samples_per_second"] = benchmark::Counter(samples, benchmark::Counter::kIsRate);
     gRate[name] = samples / seconds;
@@ -118,7 +129,8 @@ template <typename Tr> void BM_Ours(benchmark::State& state)
     state.counters["finest_voxels"] = double(in.finestVoxels);
     timed(state, std::string("ours_") + traitsName<Tr>(), [&] {
         double sum = 0;
-        for (float3 const& p : in.world) sum += sampler.value(p);
+        for (float3 const& p : in.world)
+            sum += sampler.value(p);
         return sum;
     });
 }
@@ -144,7 +156,8 @@ template <typename Tr> openvdb::FloatGrid::Ptr const& peerGrid()
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i)
-                        acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k), b(i, j, k));
+                        acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k),
+                                       b(i, j, k));
         }
         return g;
     }();
@@ -159,7 +172,8 @@ template <typename Tr> void BM_OpenVDB(benchmark::State& state)
     state.counters["active_voxels"] = double(grid.activeVoxelCount());
     timed(state, std::string("openvdb_") + traitsName<Tr>(), [&] {
         double sum = 0;
-        for (float3 const& p : in.world) sum += sampler.wsSample(openvdb::Vec3d(p.x, p.y, p.z));
+        for (float3 const& p : in.world)
+            sum += sampler.wsSample(openvdb::Vec3d(p.x, p.y, p.z));
         return sum;
     });
 }
@@ -170,11 +184,12 @@ template <typename Tr> void BM_OpenVDBAccessor(benchmark::State& state)
     auto& in = input<Tr>();
     auto const& grid = *peerGrid<Tr>();
     auto accessor = grid.getConstAccessor();
-    openvdb::tools::GridSampler<openvdb::FloatGrid::ConstAccessor, openvdb::tools::BoxSampler> sampler(
-        accessor, grid.transform());
+    openvdb::tools::GridSampler<openvdb::FloatGrid::ConstAccessor, openvdb::tools::BoxSampler>
+        sampler(accessor, grid.transform());
     timed(state, std::string("openvdb_accessor_") + traitsName<Tr>(), [&] {
         double sum = 0;
-        for (float3 const& p : in.world) sum += sampler.wsSample(openvdb::Vec3d(p.x, p.y, p.z));
+        for (float3 const& p : in.world)
+            sum += sampler.wsSample(openvdb::Vec3d(p.x, p.y, p.z));
         return sum;
     });
 }
@@ -185,11 +200,13 @@ template <typename Tr> double largestDifference()
 {
     auto& in = input<Tr>();
     VoxelSamplerLinear<Tr, float> ours(in.tree, in.topology, in.distance);
-    openvdb::tools::GridSampler<openvdb::FloatGrid, openvdb::tools::BoxSampler> peer(*peerGrid<Tr>());
+    openvdb::tools::GridSampler<openvdb::FloatGrid, openvdb::tools::BoxSampler> peer(
+        *peerGrid<Tr>());
     double worst = 0;
     for (std::size_t n = 0; n < 100000; ++n) {
         float3 const& p = in.world[n];
-        worst = std::max(worst, std::abs(double(ours.value(p)) - double(peer.wsSample(openvdb::Vec3d(p.x, p.y, p.z)))));
+        worst = std::max(worst, std::abs(double(ours.value(p)) -
+                                         double(peer.wsSample(openvdb::Vec3d(p.x, p.y, p.z)))));
     }
     return worst;
 }
@@ -202,7 +219,8 @@ template <typename F> double fastestPass(F const& sampleAll, int rounds)
     for (int r = 0; r < rounds; ++r) {
         auto const t0 = std::chrono::steady_clock::now();
         benchmark::DoNotOptimize(sampleAll());
-        best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+        best = std::min(
+            best, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
     }
     return best;
 }
@@ -215,15 +233,18 @@ template <typename Tr> void interleavedRatio()
     VoxelSamplerLinear<Tr, float> ours(in.tree, in.topology, in.distance);
     auto const runOurs = [&] {
         double sum = 0;
-        for (float3 const& p : in.world) sum += ours.value(p);
+        for (float3 const& p : in.world)
+            sum += ours.value(p);
         return sum;
     };
     double bestOurs = 1e30;
 #if HEXMOLD_HAVE_OPENVDB
-    openvdb::tools::GridSampler<openvdb::FloatGrid, openvdb::tools::BoxSampler> peer(*peerGrid<Tr>());
+    openvdb::tools::GridSampler<openvdb::FloatGrid, openvdb::tools::BoxSampler> peer(
+        *peerGrid<Tr>());
     auto const runPeer = [&] {
         double sum = 0;
-        for (float3 const& p : in.world) sum += peer.wsSample(openvdb::Vec3d(p.x, p.y, p.z));
+        for (float3 const& p : in.world)
+            sum += peer.wsSample(openvdb::Vec3d(p.x, p.y, p.z));
         return sum;
     };
     double bestPeer = 1e30;
@@ -237,8 +258,8 @@ template <typename Tr> void interleavedRatio()
     std::printf("  %s, fastest of 5 alternating passes: ours %.2f Msamples/s", traitsName<Tr>(),
                 double(kSamples) / bestOurs * 1e-6);
 #if HEXMOLD_HAVE_OPENVDB
-    std::printf(", OpenVDB %.2f Msamples/s, time ratio ours/OpenVDB %.2f", double(kSamples) / bestPeer * 1e-6,
-                bestOurs / bestPeer);
+    std::printf(", OpenVDB %.2f Msamples/s, time ratio ours/OpenVDB %.2f",
+                double(kSamples) / bestPeer * 1e-6, bestOurs / bestPeer);
 #endif
     std::printf("\n");
 }
@@ -248,24 +269,30 @@ void BM_Report(benchmark::State& state)
 {
     for (auto _ : state) {
     }
-    std::printf("\nRandom-position linear sampling of a sphere band (radius %g finest voxels), one thread:\n", kRadius);
+    std::printf("\nRandom-position linear sampling of a sphere band (radius %g finest voxels), one "
+                "thread:\n",
+                kRadius);
     for (char const* tr : {"Traits24", "Traits55"}) {
         double const ours = gRate[std::string("ours_") + tr];
         double const peer = gRate[std::string("openvdb_") + tr];
         double const peerAccessor = gRate[std::string("openvdb_accessor_") + tr];
-        if (ours <= 0) continue;
+        if (ours <= 0)
+            continue;
         std::printf("  %s: ours %.2f Msamples/s", tr, ours * 1e-6);
         if (peer > 0)
-            std::printf(", OpenVDB GridSampler<FloatGrid, BoxSampler> %.2f Msamples/s, time ratio ours/OpenVDB %.2f",
+            std::printf(", OpenVDB GridSampler<FloatGrid, BoxSampler> %.2f Msamples/s, time ratio "
+                        "ours/OpenVDB %.2f",
                         peer * 1e-6, peer / ours);
         if (peerAccessor > 0)
-            std::printf("; through an accessor %.2f Msamples/s, ratio %.2f", peerAccessor * 1e-6, peerAccessor / ours);
+            std::printf("; through an accessor %.2f Msamples/s, ratio %.2f", peerAccessor * 1e-6,
+                        peerAccessor / ours);
         std::printf("\n");
     }
     interleavedRatio<Traits24>();
     interleavedRatio<Traits55>();
 #if HEXMOLD_HAVE_OPENVDB
-    std::printf("  largest difference ours - OpenVDB over 100000 samples: Traits24 %.3g, Traits55 %.3g (world units)\n",
+    std::printf("  largest difference ours - OpenVDB over 100000 samples: Traits24 %.3g, Traits55 "
+                "%.3g (world units)\n",
                 largestDifference<Traits24>(), largestDifference<Traits55>());
 #endif
 }
@@ -275,10 +302,22 @@ void BM_Report(benchmark::State& state)
 BENCHMARK_TEMPLATE(BM_Ours, Traits24)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
 BENCHMARK_TEMPLATE(BM_Ours, Traits55)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
 #if HEXMOLD_HAVE_OPENVDB
-BENCHMARK_TEMPLATE(BM_OpenVDB, Traits24)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
-BENCHMARK_TEMPLATE(BM_OpenVDB, Traits55)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
-BENCHMARK_TEMPLATE(BM_OpenVDBAccessor, Traits24)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
-BENCHMARK_TEMPLATE(BM_OpenVDBAccessor, Traits55)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK_TEMPLATE(BM_OpenVDB, Traits24)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(1.0);
+BENCHMARK_TEMPLATE(BM_OpenVDB, Traits55)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(1.0);
+BENCHMARK_TEMPLATE(BM_OpenVDBAccessor, Traits24)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(1.0);
+BENCHMARK_TEMPLATE(BM_OpenVDBAccessor, Traits55)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(1.0);
 #endif
 BENCHMARK(BM_Report)->Iterations(1);
 

@@ -2,12 +2,12 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <hexmold/substrate/container.h>
 #include <map>
 #include <memory>
 #include <random>
 #include <thread>
 #include <vector>
-#include <hexmold/substrate/container.h>
 
 using namespace TVL::TileTree3D;
 
@@ -18,7 +18,8 @@ template <typename Tr> Container<Tr> const& shellTree(std::int64_t n)
 {
     static std::map<std::int64_t, std::unique_ptr<Container<Tr>>> cache;
     auto& slot = cache[n];
-    if (slot) return *slot;
+    if (slot)
+        return *slot;
     slot = std::make_unique<Container<Tr>>("bench", 1.0f);
     int const d = Tr::kMaxDepth;
     std::int64_t const w = Tr::tileVoxelWidth(d);
@@ -30,13 +31,15 @@ template <typename Tr> Container<Tr> const& shellTree(std::int64_t n)
         for (int j = -R; j <= R; ++j)
             for (int i = -R; i <= R; ++i) {
                 double const dist = std::sqrt(double(i) * i + double(j) * j + double(k) * k);
-                if (std::abs(dist - r) < 0.5) acc.addTile(i * w, j * w, k * w, d);
+                if (std::abs(dist - r) < 0.5)
+                    acc.addTile(i * w, j * w, k * w, d);
             }
     slot->sortIntoMortonOrder();
     return *slot;
 }
 
-template <typename Tr> std::vector<std::array<std::int64_t, 3>> randomPoints(Container<Tr> const& c, std::size_t n)
+template <typename Tr>
+std::vector<std::array<std::int64_t, 3>> randomPoints(Container<Tr> const& c, std::size_t n)
 {
     int const d = Tr::kMaxDepth;
     std::mt19937_64 rng(1);
@@ -66,7 +69,8 @@ template <typename Tr> void BM_LookupCacheHit(benchmark::State& state)
         }
         n += 1024;
     }
-    state.counters["ns_per_lookup"] = benchmark::Counter(double(n), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_lookup"] =
+        benchmark::Counter(double(n), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
     state.counters["tiles"] = double(c.tileCount(-1));
 }
 
@@ -74,8 +78,10 @@ template <typename Tr> void BM_LookupRandom(benchmark::State& state)
 {
     auto& c = const_cast<Container<Tr>&>(shellTree<Tr>(1 << 20));
     bool const accel = state.range(0) != 0;
-    if (accel) c.buildAccessorAccelerationStructure(-1);
-    else c.clearAccessorAccelerationStructure();
+    if (accel)
+        c.buildAccessorAccelerationStructure(-1);
+    else
+        c.clearAccessorAccelerationStructure();
     auto const pts = randomPoints(c, 1 << 20);
     auto acc = std::as_const(c).tileAccessor();
     std::size_t q = 0;
@@ -88,7 +94,8 @@ template <typename Tr> void BM_LookupRandom(benchmark::State& state)
         }
         n += 1024;
     }
-    state.counters["ns_per_lookup"] = benchmark::Counter(double(n), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_lookup"] =
+        benchmark::Counter(double(n), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
     state.counters["tiles"] = double(c.tileCount(-1));
 }
 
@@ -97,24 +104,28 @@ template <typename Tr> void BM_AddTileTwoThreads(benchmark::State& state)
     auto const& src = shellTree<Tr>(1 << 20);
     int const d = Tr::kMaxDepth;
     std::vector<std::array<std::int64_t, 3>> corners;
-    for (std::int64_t t = 0; t < src.tileCount(d); ++t) corners.push_back({src.tile(t, d).ti(), src.tile(t, d).tj(), src.tile(t, d).tk()});
+    for (std::int64_t t = 0; t < src.tileCount(d); ++t)
+        corners.push_back({src.tile(t, d).ti(), src.tile(t, d).tj(), src.tile(t, d).tk()});
     for (auto _ : state) {
         Container<Tr> real("bench", 1.0f);
         Container<Tr>* scratch = real.threadLocalContainer(0);
         std::thread a([&] {
             auto acc = scratch->tileAccessor();
-            for (std::size_t q = 0; q < corners.size(); q += 2) acc.addTile(corners[q][0], corners[q][1], corners[q][2], d);
+            for (std::size_t q = 0; q < corners.size(); q += 2)
+                acc.addTile(corners[q][0], corners[q][1], corners[q][2], d);
         });
         std::thread b([&] {
             auto acc = scratch->tileAccessor();
-            for (std::size_t q = 1; q < corners.size(); q += 2) acc.addTile(corners[q][0], corners[q][1], corners[q][2], d);
+            for (std::size_t q = 1; q < corners.size(); q += 2)
+                acc.addTile(corners[q][0], corners[q][1], corners[q][2], d);
         });
         a.join();
         b.join();
         benchmark::DoNotOptimize(scratch->tileCount(-1));
     }
-    state.counters["ns_per_tile"] = benchmark::Counter(double(corners.size()) * state.iterations(),
-                                                       benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_tile"] =
+        benchmark::Counter(double(corners.size()) * state.iterations(),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 template <typename Tr> void BM_Refine(benchmark::State& state)
@@ -126,8 +137,9 @@ template <typename Tr> void BM_Refine(benchmark::State& state)
         real.refine(src, &created, true);
         benchmark::DoNotOptimize(real.tileCount(-1));
     }
-    state.counters["ns_per_tile"] = benchmark::Counter(double(src.tileCount(-1)) * state.iterations(),
-                                                       benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_tile"] =
+        benchmark::Counter(double(src.tileCount(-1)) * state.iterations(),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 template <typename Tr> void BM_RemoveHalf(benchmark::State& state)
@@ -135,7 +147,8 @@ template <typename Tr> void BM_RemoveHalf(benchmark::State& state)
     auto const& src = shellTree<Tr>(1 << 20);
     int const d = Tr::kMaxDepth;
     TileIndexLists<Tr> rm;
-    for (std::int64_t t = 0; t < src.tileCount(d); t += 2) rm[d].push_back(t);
+    for (std::int64_t t = 0; t < src.tileCount(d); t += 2)
+        rm[d].push_back(t);
     for (auto _ : state) {
         state.PauseTiming();
         Container<Tr> c(src);
@@ -144,8 +157,9 @@ template <typename Tr> void BM_RemoveHalf(benchmark::State& state)
         c.removeTiles(rm, moved, true);
         benchmark::DoNotOptimize(moved[d].size());
     }
-    state.counters["ns_per_removed_tile"] = benchmark::Counter(double(rm[d].size()) * state.iterations(),
-                                                               benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_removed_tile"] =
+        benchmark::Counter(double(rm[d].size()) * state.iterations(),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 } // namespace

@@ -6,22 +6,22 @@
 // stage against OpenVDB's meshToLevelSet.
 #include <benchmark/benchmark.h>
 
+#include "bench/support/timing.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-#include <vector>
-#include <hexmold/logging/logger.h>
 #include <hexmold/io/read_mesh.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/mesh/mesh_distance_field.h>
-#include "bench/support/timing.h"
+#include <string>
+#include <vector>
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -62,21 +62,24 @@ Mesh loadMesh(std::string const& path)
     Mesh m;
     try {
         auto const object = hexmold::io::readMesh(path);
-        auto const* positions =
-            Tavrel::Geometry::getDataGeoPropertyValues<float3>(*object, Tavrel::Geometry::sPointPosition);
+        auto const* positions = Tavrel::Geometry::getDataGeoPropertyValues<float3>(
+            *object, Tavrel::Geometry::sPointPosition);
         auto const* faceVertex = Tavrel::Geometry::getMeshFaceVertices(*object);
         auto const* faceOffset = Tavrel::Geometry::getMeshFaceOffsets(*object);
-        if (!positions || !faceVertex || !faceOffset) return m;
+        if (!positions || !faceVertex || !faceOffset)
+            return m;
         m.positions = *positions;
         for (std::size_t f = 0; f + 1 < faceOffset->size(); ++f)
             for (unsigned k = (*faceOffset)[f] + 2; k < (*faceOffset)[f + 1]; ++k)
-                m.triangles.push_back({(*faceVertex)[(*faceOffset)[f]], (*faceVertex)[k - 1], (*faceVertex)[k]});
+                m.triangles.push_back(
+                    {(*faceVertex)[(*faceOffset)[f]], (*faceVertex)[k - 1], (*faceVertex)[k]});
     } catch (hexmold::io::IoError const&) {
         return m;
     }
     float lo[3] = {1e30f, 1e30f, 1e30f}, hi[3] = {-1e30f, -1e30f, -1e30f};
     for (auto const& p : m.positions)
-        for (int a = 0; a < 3; ++a) lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
+        for (int a = 0; a < 3; ++a)
+            lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
     m.maxSide = std::max({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]});
     return m;
 }
@@ -93,15 +96,16 @@ template <typename Tr> Result runOurs(Mesh const& m, float h, bool adaptive)
     float const far = 3.0f * h;
     Container<Tr> container("tree", h);
     VoxelTopology<Tr> topology("topology", "tree", h);
-    VoxelChannel<Tr, float> distance("distance", &far, kDataElementInitializerDefaultValue, false, false, 0,
-                                     Tr::kMaxDepth);
+    VoxelChannel<Tr, float> distance("distance", &far, kDataElementInitializerDefaultValue, false,
+                                     false, 0, Tr::kMaxDepth);
     Quillon::Ptr<VoxelChannel<Tr, TriangleId>> closest;
     int minDepth = 0;
     float side = 0;
     auto const t0 = std::chrono::steady_clock::now();
-    createMeshDistanceField<Tr>(container, topology, distance, adaptive ? nullptr : &closest, m.triangles, m.positions,
-                                nullptr, signedRun(), 0.0f, 0.0f, false, 3, 0, 0, adaptive, AdaptivityMaxRelativeError, 0.0f,
-                                nullptr, &minDepth, &side);
+    createMeshDistanceField<Tr>(container, topology, distance, adaptive ? nullptr : &closest,
+                                m.triangles, m.positions, nullptr, signedRun(), 0.0f, 0.0f, false,
+                                3, 0, 0, adaptive, AdaptivityMaxRelativeError, 0.0f, nullptr,
+                                &minDepth, &side);
     Result r;
     r.ms = msSince(t0);
     r.finestVoxels = container.voxelDataCount(Tr::kMaxDepth);
@@ -120,12 +124,15 @@ Result runPeer(Mesh const& m, float h)
     std::vector<openvdb::Vec3I> triangles;
     std::vector<openvdb::Vec4I> quads;
     auto const xform = openvdb::math::Transform::createLinearTransform(h);
-    for (auto const& p : m.positions) points.emplace_back(p.x, p.y, p.z); // world space
-    for (auto const& t : m.triangles) triangles.emplace_back(unsigned(t.x), unsigned(t.y), unsigned(t.z));
+    for (auto const& p : m.positions)
+        points.emplace_back(p.x, p.y, p.z); // world space
+    for (auto const& t : m.triangles)
+        triangles.emplace_back(unsigned(t.x), unsigned(t.y), unsigned(t.z));
     auto const t0 = std::chrono::steady_clock::now();
-    auto grid = signedRun()
-                    ? openvdb::tools::meshToLevelSet<openvdb::FloatGrid>(*xform, points, triangles, quads, 3.0f)
-                    : openvdb::tools::meshToUnsignedDistanceField<openvdb::FloatGrid>(*xform, points, triangles, quads, 3.0f);
+    auto grid = signedRun() ? openvdb::tools::meshToLevelSet<openvdb::FloatGrid>(
+                                  *xform, points, triangles, quads, 3.0f)
+                            : openvdb::tools::meshToUnsignedDistanceField<openvdb::FloatGrid>(
+                                  *xform, points, triangles, quads, 3.0f);
     Result r;
     r.ms = msSince(t0);
     r.finestVoxels = grid->activeVoxelCount();
@@ -145,7 +152,8 @@ template <typename Tr> void BM_UnsignedDistanceArmadillo(benchmark::State& state
         return;
     }
     float const h = m.maxSide / float(across);
-    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism, 2);
+    TVL::Parallel::global_control threads(TVL::Parallel::global_control::max_allowed_parallelism,
+                                          2);
 #if HEXMOLD_HAVE_OPENVDB
     openvdb::initialize();
 #endif
@@ -154,7 +162,8 @@ template <typename Tr> void BM_UnsignedDistanceArmadillo(benchmark::State& state
     char const* sparseVar = std::getenv("HEXMOLD_BENCH_SPARSE");
     bool const withSparse = !(sparseVar && sparseVar[0] == '0');
     char const* stages = std::getenv("HEXMOLD_BENCH_STAGES");
-    if (stages && stages[0] == '1') CoreGL::Logger::setTimerObserver(&printStage);
+    if (stages && stages[0] == '1')
+        CoreGL::Logger::setTimerObserver(&printStage);
     for (auto _ : state) {
         std::vector<double> adaptive, sparse, peer;
         Result ra, rs, rp;
@@ -173,13 +182,17 @@ template <typename Tr> void BM_UnsignedDistanceArmadillo(benchmark::State& state
 #endif
         }
         double const ta = median(adaptive), ts = median(sparse);
-        std::printf("\n%s distances, %s, %d across (voxel %.6g), %zu triangles, %d interleaved repeats, medians:\n",
-                    signedRun() ? "signed" : "unsigned", Tr::kRatio == 2 ? "Traits<2,4,1>" : "Traits<5,5,1>", across,
-                    double(h), m.triangles.size(), repeats);
+        std::printf("\n%s distances, %s, %d across (voxel %.6g), %zu triangles, %d interleaved "
+                    "repeats, medians:\n",
+                    signedRun() ? "signed" : "unsigned",
+                    Tr::kRatio == 2 ? "Traits<2,4,1>" : "Traits<5,5,1>", across, double(h),
+                    m.triangles.size(), repeats);
         std::printf("  ours adaptive: %8.1f ms, %10llu finest voxels (%llu in all), %7.1f MB\n", ta,
-                    (unsigned long long)ra.finestVoxels, (unsigned long long)ra.allVoxels, ra.megabytes);
+                    (unsigned long long)ra.finestVoxels, (unsigned long long)ra.allVoxels,
+                    ra.megabytes);
         std::printf("  ours sparse:   %8.1f ms, %10llu finest voxels (%llu in all), %7.1f MB\n", ts,
-                    (unsigned long long)rs.finestVoxels, (unsigned long long)rs.allVoxels, rs.megabytes);
+                    (unsigned long long)rs.finestVoxels, (unsigned long long)rs.allVoxels,
+                    rs.megabytes);
         state.counters["ours_adaptive_ms"] = ta;
         state.counters["ours_sparse_ms"] = ts;
 #if HEXMOLD_HAVE_OPENVDB
@@ -195,9 +208,17 @@ template <typename Tr> void BM_UnsignedDistanceArmadillo(benchmark::State& state
 }
 
 BENCHMARK_TEMPLATE(BM_UnsignedDistanceArmadillo, Traits24)
-    ->Arg(512)->Arg(1024)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+    ->Arg(512)
+    ->Arg(1024)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
 BENCHMARK_TEMPLATE(BM_UnsignedDistanceArmadillo, Traits55)
-    ->Arg(512)->Arg(1024)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+    ->Arg(512)
+    ->Arg(1024)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
 
 } // namespace
 

@@ -17,8 +17,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <hexmold/logging/logger.h>
 #include <hexmold/io/read_mesh.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/channel.h>
@@ -45,7 +45,10 @@ using benchtiming::msSince;
 
 namespace {
 /// The median, 0 for a run that was not selected.
-double median(std::vector<double> const& v) { return v.empty() ? 0.0 : benchtiming::median(v); }
+double median(std::vector<double> const& v)
+{
+    return v.empty() ? 0.0 : benchtiming::median(v);
+}
 } // namespace
 using Tavrel::Math::float3;
 namespace Geo = Tavrel::Geometry;

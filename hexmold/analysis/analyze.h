@@ -58,7 +58,7 @@ namespace VolumeGL::TileTree3D {
 /// Threading: parallel over tiles inside; the object must not be used by others meanwhile.
 /// Instantiated for the eight operator tags.
 template <typename Op>
-HEXMOLD_API bool analyze(Quillon::String const& channels, Quillon::String const& maskName, bool replaceInput,
-                         TVL::Object& io_object);
+HEXMOLD_API bool analyze(Quillon::String const& channels, Quillon::String const& maskName,
+                         bool replaceInput, TVL::Object& io_object);
 
 } // namespace VolumeGL::TileTree3D

@@ -4,7 +4,6 @@
 #include <hexmold/analysis/channel_coarsen.h>
 
 #include <cmath>
-#include <iostream>
 #include <hexmold/analysis/detail/channel_coarsen_typed.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
@@ -15,6 +14,7 @@
 #include <hexmold/substrate/scope_guard.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/type_lists.h>
+#include <iostream>
 
 namespace VolumeGL::TileTree3D {
 
@@ -28,22 +28,26 @@ enum class Outcome { kNoTree, kNoChannel, kEmptyTree, kFailed, kDone };
 
 void reportError(char const* what, Quillon::String const& name)
 {
-    if (Logger::errorVerboseLevel() > 0) std::cerr << "channelCoarsen: " << what << " '" << name << "'\n";
+    if (Logger::errorVerboseLevel() > 0)
+        std::cerr << "channelCoarsen: " << what << " '" << name << "'\n";
 }
 
 /// The object's tree of type Traits, if any, and the typed stages on the channel @p name.
 template <typename Traits>
-Outcome coarsenTraits(Quillon::String const& name, detail::CoarsenSettings const& settings, TVL::Object& object)
+Outcome coarsenTraits(Quillon::String const& name, detail::CoarsenSettings const& settings,
+                      TVL::Object& object)
 {
     auto const container = object.component<Container<Traits>>(Tavrel::Geometry::sVoxelTileTree);
-    if (!container || !object.hasComponentFromName<VoxelTopology<Traits>>(Tavrel::Geometry::sVoxelComp))
+    if (!container ||
+        !object.hasComponentFromName<VoxelTopology<Traits>>(Tavrel::Geometry::sVoxelComp))
         return Outcome::kNoTree;
     bool const empty = container->tileCount(-1) == 0;
 #define HEXMOLD_COARSEN_IF_TYPE(TR, T)                                                             \
     if (object.hasComponentFromName<VoxelChannel<TR, T>>(name)) {                                  \
-        if (empty) return Outcome::kEmptyTree;                                                     \
-        return detail::typedChannelCoarsen<TR, T>(name, settings, object) ? Outcome::kDone          \
-                                                                           : Outcome::kFailed;     \
+        if (empty)                                                                                 \
+            return Outcome::kEmptyTree;                                                            \
+        return detail::typedChannelCoarsen<TR, T>(name, settings, object) ? Outcome::kDone         \
+                                                                          : Outcome::kFailed;      \
     }
     HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_COARSEN_IF_TYPE, Traits)
 #undef HEXMOLD_COARSEN_IF_TYPE
@@ -52,8 +56,9 @@ Outcome coarsenTraits(Quillon::String const& name, detail::CoarsenSettings const
 
 } // namespace
 
-bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, float maxRelativeError, bool storeError,
-                    float bandWidth, TVL::Object& io_volume, Quillon::String const& timerPrefix)
+bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, float maxRelativeError,
+                    bool storeError, float bandWidth, TVL::Object& io_volume,
+                    Quillon::String const& timerPrefix)
 {
     auto const timer = Logger::timer(timerPrefix + "coarsen", nullptr);
     if (Logger::verboseLevel() > 1)
@@ -70,22 +75,32 @@ bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, flo
     Outcome outcome = coarsenTraits<Traits24>(channelName, settings, io_volume);
     if (outcome == Outcome::kNoTree || outcome == Outcome::kNoChannel) {
         Outcome const other = coarsenTraits<Traits55>(channelName, settings, io_volume);
-        if (other != Outcome::kNoTree) outcome = other;
+        if (other != Outcome::kNoTree)
+            outcome = other;
     }
     switch (outcome) {
-    case Outcome::kDone: return true;
+    case Outcome::kDone:
+        return true;
     case Outcome::kNoTree:
-        reportError("no tile tree with a voxel topology; nothing done for the channel", channelName);
+        reportError("no tile tree with a voxel topology; nothing done for the channel",
+                    channelName);
         break;
-    case Outcome::kNoChannel: reportError("no voxel channel of the tile tree is named", channelName); break;
-    case Outcome::kEmptyTree: reportError("the tile tree is empty; nothing done for the channel", channelName); break;
-    case Outcome::kFailed: break; // reported where it failed
+    case Outcome::kNoChannel:
+        reportError("no voxel channel of the tile tree is named", channelName);
+        break;
+    case Outcome::kEmptyTree:
+        reportError("the tile tree is empty; nothing done for the channel", channelName);
+        break;
+    case Outcome::kFailed:
+        break; // reported where it failed
     }
     return false;
 }
 
-bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, float maxRelativeError, bool storeError,
-                    float bandWidth, Quillon::MutablePtr<Tavrel::Object>& io_object, Quillon::String const& timerPrefix)
+bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, float maxRelativeError,
+                    bool storeError, float bandWidth,
+                    Quillon::MutablePtr<Tavrel::Object>& io_object,
+                    Quillon::String const& timerPrefix)
 {
     if (!io_object) {
         reportError("no object; nothing done for the channel", channelName);
@@ -99,7 +114,8 @@ bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, flo
         for (Quillon::String const& name : moved.propertyNames())
             geometry.setProperty(name, moved.extractProperty(name));
     });
-    return channelCoarsen(channelName, minDetailSize, maxRelativeError, storeError, bandWidth, volume, timerPrefix);
+    return channelCoarsen(channelName, minDetailSize, maxRelativeError, storeError, bandWidth,
+                          volume, timerPrefix);
 }
 
 } // namespace VolumeGL::TileTree3D

@@ -17,13 +17,13 @@
 ///          error fails).
 #pragma once
 #include <cstdint>
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/platform/quillon/string.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
+#include <vector>
 
 namespace TVL {
 class Object;
@@ -72,14 +72,15 @@ namespace VolumeGL::TileTree3D {
 ///         empty tree, a channel out of step with the tree, or a NaN argument.
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only; the components
 ///         return to the object, whole.
-HEXMOLD_API bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, float maxRelativeError,
-                                bool storeError, float bandWidth, TVL::Object& io_volume,
-                                Quillon::String const& timerPrefix);
+HEXMOLD_API bool channelCoarsen(Quillon::String const& channelName, float minDetailSize,
+                                float maxRelativeError, bool storeError, float bandWidth,
+                                TVL::Object& io_volume, Quillon::String const& timerPrefix);
 
 /// @brief The same on the runtime's geometry object: its volume components move into a volume,
 ///        are coarsened, and move back. A null @p io_object gives false.
-HEXMOLD_API bool channelCoarsen(Quillon::String const& channelName, float minDetailSize, float maxRelativeError,
-                                bool storeError, float bandWidth, Quillon::MutablePtr<Tavrel::Object>& io_object,
+HEXMOLD_API bool channelCoarsen(Quillon::String const& channelName, float minDetailSize,
+                                float maxRelativeError, bool storeError, float bandWidth,
+                                Quillon::MutablePtr<Tavrel::Object>& io_object,
                                 Quillon::String const& timerPrefix);
 
 } // namespace VolumeGL::TileTree3D
@@ -113,7 +114,8 @@ inline constexpr int kCoarsenListCount = 29;
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
 HEXMOLD_API std::vector<std::vector<std::int64_t>>
-levelSetCoarsen(float voxelSize, float maxRelativeError, TVL::TileTree3D::Container<Traits>& container,
+levelSetCoarsen(float voxelSize, float maxRelativeError,
+                TVL::TileTree3D::Container<Traits>& container,
                 TVL::TileTree3D::VoxelTopology<Traits> const& topology,
                 TVL::TileTree3D::VoxelChannel<Traits, float>& distance,
                 TVL::TileTree3D::VoxelChannel<Traits, float>* error, float bboxMaxSideLength);

@@ -4,7 +4,8 @@
 #include <hexmold/analysis/detail/channel_coarsen_impl.h>
 
 namespace VolumeGL::TileTree3D::LevelSet {
-template HEXMOLD_API decltype(levelSetCoarsen<TVL::TileTree3D::Traits24>) levelSetCoarsen<TVL::TileTree3D::Traits24>;
+template HEXMOLD_API decltype(levelSetCoarsen<TVL::TileTree3D::Traits24>)
+    levelSetCoarsen<TVL::TileTree3D::Traits24>;
 } // namespace VolumeGL::TileTree3D::LevelSet
 
 namespace VolumeGL::TileTree3D::detail {

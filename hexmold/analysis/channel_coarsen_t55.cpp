@@ -4,7 +4,8 @@
 #include <hexmold/analysis/detail/channel_coarsen_impl.h>
 
 namespace VolumeGL::TileTree3D::LevelSet {
-template HEXMOLD_API decltype(levelSetCoarsen<TVL::TileTree3D::Traits55>) levelSetCoarsen<TVL::TileTree3D::Traits55>;
+template HEXMOLD_API decltype(levelSetCoarsen<TVL::TileTree3D::Traits55>)
+    levelSetCoarsen<TVL::TileTree3D::Traits55>;
 } // namespace VolumeGL::TileTree3D::LevelSet
 
 namespace VolumeGL::TileTree3D::detail {

@@ -3,10 +3,6 @@
 #include <hexmold/analysis/coarsen_refine.h>
 
 #include <algorithm>
-#include <iostream>
-#include <span>
-#include <sstream>
-#include <utility>
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>
@@ -15,6 +11,10 @@
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
+#include <iostream>
+#include <span>
+#include <sstream>
+#include <utility>
 
 namespace CoreGL::TileTree3D {
 
@@ -31,10 +31,10 @@ template <typename Traits> class RefineVisitor final : public Visitor<Container<
     using Base = Visitor<Container<Traits>>;
 
 public:
-    RefineVisitor(Container<Traits>& scratch, LevelSetSamplerReader<Traits> const& reader, float band,
-                  float coarsenBand, int flags, bool collectRemovals, int deepestParent)
-        : mScratch(scratch.tileAccessor()), mReader(reader), mBand(band), mCoarsenBand(coarsenBand), mFlags(flags),
-          mCollectRemovals(collectRemovals), mDeepestParent(deepestParent)
+    RefineVisitor(Container<Traits>& scratch, LevelSetSamplerReader<Traits> const& reader,
+                  float band, float coarsenBand, int flags, bool collectRemovals, int deepestParent)
+        : mScratch(scratch.tileAccessor()), mReader(reader), mBand(band), mCoarsenBand(coarsenBand),
+          mFlags(flags), mCollectRemovals(collectRemovals), mDeepestParent(deepestParent)
     {
     }
     using Base::beginTile;
@@ -43,20 +43,26 @@ public:
 
     void beginTile(Tile<Traits> const& tile) override
     {
-        if (TVL::bodyCancelled()) return;
+        if (TVL::bodyCancelled())
+            return;
         int const d = tile.depth();
-        if (d > mDeepestParent) return;
+        if (d > mDeepestParent)
+            return;
         for (int s = 0; s < Traits::kChildCount; ++s) {
             int3 const corner = tile.childTIJK(Tile<Traits>::slotCoordinates(s));
             std::int64_t const child = tile.childIndex(s);
             if (mReader.wantsTile(corner, d + 1, mBand)) {
-                if (child < 0) mScratch.addTile(corner, d + 1);
+                if (child < 0)
+                    mScratch.addTile(corner, d + 1);
                 continue;
             }
-            if (child < 0 || !mCollectRemovals || mReader.outsideBox(corner, d + 1)) continue;
+            if (child < 0 || !mCollectRemovals || mReader.outsideBox(corner, d + 1))
+                continue;
             // Hysteresis: a child goes only when it is not wanted under the wider band either.
-            if (mReader.wantsTile(corner, d + 1, mBand + mCoarsenBand)) continue;
-            if ((mFlags & kCoarsenRefineLeavesOnly) && !isLeafChild(tile, child)) continue;
+            if (mReader.wantsTile(corner, d + 1, mBand + mCoarsenBand))
+                continue;
+            if ((mFlags & kCoarsenRefineLeavesOnly) && !isLeafChild(tile, child))
+                continue;
             mRemovals[d + 1].push_back(child);
         }
     }
@@ -87,7 +93,8 @@ private:
     TileIndexLists<Traits> mRemovals;
 };
 
-template <typename Traits> void printTileCounts(char const* what, Container<Traits> const& container)
+template <typename Traits>
+void printTileCounts(char const* what, Container<Traits> const& container)
 {
     std::ostringstream out;
     for (int d = 0; d <= Traits::kMaxDepth; ++d)
@@ -96,13 +103,15 @@ template <typename Traits> void printTileCounts(char const* what, Container<Trai
 }
 
 /// Calls @p update on each channel of @p object named in @p names (space separated).
-template <typename F> void forChannels(Quillon::String const& names, TVL::Object& object, F const& update)
+template <typename F>
+void forChannels(Quillon::String const& names, TVL::Object& object, F const& update)
 {
     std::istringstream in{std::string(names)};
     std::string name;
     while (in >> name) {
         Quillon::String const key(name);
-        if (!object.hasComponentFromName<ChannelBase>(key)) continue;
+        if (!object.hasComponentFromName<ChannelBase>(key))
+            continue;
         update(*static_cast<ChannelBase*>(object.mutableComponent(key)));
     }
 }
@@ -111,32 +120,39 @@ template <typename F> void forChannels(Quillon::String const& names, TVL::Object
 
 template <typename Traits>
 void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler const& sampler,
-                   Quillon::String const& containerName, Quillon::String const& topologyName, TVL::Object& io_object,
-                   Quillon::String const& channelNames, bbox<float3, float> const* box,
-                   std::vector<TileColor>* io_colors)
+                   Quillon::String const& containerName, Quillon::String const& topologyName,
+                   TVL::Object& io_object, Quillon::String const& channelNames,
+                   bbox<float3, float> const* box, std::vector<TileColor>* io_colors)
 {
     static Quillon::String const propagateName("Numerics::coarsenRefine.propagate_colored_tiles");
     int const verbose = Logger::verboseLevel();
-    if (verbose > 0) std::cout << "coarsenRefine.start\n";
+    if (verbose > 0)
+        std::cout << "coarsenRefine.start\n";
     TVL::ComponentGuard<Container<Traits>> container(io_object, containerName);
     if (!container) {
-        if (Logger::errorVerboseLevel() > 0) std::cerr << "coarsenRefine: unable to retrieve container\n";
-        if (verbose > 0) std::cout << "coarsenRefine.end\n";
+        if (Logger::errorVerboseLevel() > 0)
+            std::cerr << "coarsenRefine: unable to retrieve container\n";
+        if (verbose > 0)
+            std::cout << "coarsenRefine.end\n";
         return;
     }
     constexpr int kMaxDepth = Traits::kMaxDepth;
     if (verbose > 2)
-        std::cout << "Tile tree graded before coarsen refine = " << checkGraded(*container, 0, kMaxDepth) << '\n';
+        std::cout << "Tile tree graded before coarsen refine = "
+                  << checkGraded(*container, 0, kMaxDepth) << '\n';
 
     // Defaults of the two bands, in voxels of the finest depth.
     float const h = container->voxelSize();
     float const defaultBand = 3.0f * h;
     float const defaultCoarsenBand = 0.91349995f * h;
-    if (band < 0.0f) band = defaultBand;
-    if (coarsenBand < 0.0f) coarsenBand = defaultCoarsenBand;
+    if (band < 0.0f)
+        band = defaultBand;
+    if (coarsenBand < 0.0f)
+        coarsenBand = defaultCoarsenBand;
     bool const collectRemovals = (flags & kCoarsenRefineCoarsen) && io_colors == nullptr;
 
-    if (verbose > 1) printTileCounts("Before refine", *container);
+    if (verbose > 1)
+        printTileCounts("Before refine", *container);
 
     TVL::ComponentGuard<VoxelTopology<Traits>> topology(io_object, topologyName);
     TileIndexLists<Traits> removals;
@@ -149,22 +165,27 @@ void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler con
             try {
                 LevelSetSamplerReader<Traits> reader(sampler, *container, *topology, *channel, box);
                 int const deepestParent = std::min(kMaxDepth - 1, 27);
-                RefineVisitor<Traits> visitor(*scratch, reader, band, coarsenBand, flags, collectRemovals,
-                                              deepestParent);
+                RefineVisitor<Traits> visitor(*scratch, reader, band, coarsenBand, flags,
+                                              collectRemovals, deepestParent);
                 visitor.setContainer(*container);
-                std::as_const(*container).reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, 0, deepestParent, 26, 0,
-                                                    Traits::kRatio, kVisitInteriorVoxelNone);
+                std::as_const(*container)
+                    .reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, 0,
+                                              deepestParent, 26, 0, Traits::kRatio,
+                                              kVisitInteriorVoxelNone);
                 removals = std::move(visitor.removals());
-                for (auto& list : removals) std::sort(list.begin(), list.end());
+                for (auto& list : removals)
+                    std::sort(list.begin(), list.end());
                 added = scratch->tileCount(-1) > 1;
-                if (added) addTilesInCanonicalOrder(*scratch, ordered);
+                if (added)
+                    addTilesInCanonicalOrder(*scratch, ordered);
             } catch (...) {
                 container->freeThreadLocalContainer(scratch);
                 throw;
             }
             container->freeThreadLocalContainer(scratch);
             channel = nullptr; // the channels are updated below: no second owner may hold one
-            if (added) container->refine(ordered, nullptr, true);
+            if (added)
+                container->refine(ordered, nullptr, true);
         }
     }
 
@@ -183,12 +204,14 @@ void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler con
                                     }
                                 }
                             },
-                            [](Tile<Traits> const&) {}, NoVoxelVisit{}, kTraversalChildrenFirst, kNoTile, 0,
-                            std::min(kMaxDepth - 1, 27), 1, true, 0, Traits::kRatio, false, kMaxDepth - 3);
+                            [](Tile<Traits> const&) {}, NoVoxelVisit{}, kTraversalChildrenFirst,
+                            kNoTile, 0, std::min(kMaxDepth - 1, 27), 1, true, 0, Traits::kRatio,
+                            false, kMaxDepth - 3);
     }
 
     auto keepInStep = [&](auto const& update) {
-        if (!topology) return;
+        if (!topology)
+            return;
         if (channelNames.empty())
             update(io_object, nullptr);
         else
@@ -204,8 +227,10 @@ void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler con
                 updateTilesAdded(*topology, object);
         });
     };
-    if (added && topology) followAddedTiles();
-    if (verbose > 1) printTileCounts("After refine", *container);
+    if (added && topology)
+        followAddedTiles();
+    if (verbose > 1)
+        printTileCounts("After refine", *container);
 
     if (collectRemovals) {
         TileMoveLists<Traits> moved;
@@ -220,9 +245,11 @@ void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler con
                     updateTilesRemoved(movedSpan, *topology, object);
             });
         }
-        if (verbose > 1) printTileCounts("After coarsen", *container);
+        if (verbose > 1)
+            printTileCounts("After coarsen", *container);
         if (verbose > 2)
-            std::cout << "Tile tree graded after coarsen refine = " << checkGraded(*container, 0, kMaxDepth) << '\n';
+            std::cout << "Tile tree graded after coarsen refine = "
+                      << checkGraded(*container, 0, kMaxDepth) << '\n';
     }
 
     int coarsestDepth = 0;
@@ -230,12 +257,16 @@ void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler con
         float3 const bounds[2] = {box->min, box->max};
         coarsestDepth = coarsestDepthFromDimensions(bounds, container->voxelSize());
     }
-    if (verbose > 1) std::cout << "coarsenRefine.coarsestDepth = " << coarsestDepth << '\n';
+    if (verbose > 1)
+        std::cout << "coarsenRefine.coarsestDepth = " << coarsestDepth << '\n';
     gradeTileTree(*container, nullptr, io_colors, coarsestDepth, 28);
-    if (topology) followAddedTiles();
+    if (topology)
+        followAddedTiles();
     if (verbose > 2)
-        std::cout << "Tile tree graded after grade call = " << checkGraded(*container, 0, kMaxDepth) << '\n';
-    if (verbose > 0) std::cout << "coarsenRefine.end\n";
+        std::cout << "Tile tree graded after grade call = " << checkGraded(*container, 0, kMaxDepth)
+                  << '\n';
+    if (verbose > 0)
+        std::cout << "coarsenRefine.end\n";
 }
 
 #define HEXMOLD_INSTANTIATE_COARSEN_REFINE(TR)                                                     \

@@ -2,12 +2,12 @@
 /// @brief The adaptive step of the point voxelizer: refine the tiles near the zero crossing of a
 ///        level set, coarsen the tiles away from it, and grade the tree.
 #pragma once
-#include <vector>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/analysis/level_set_sampler.h>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/string.h>
 #include <hexmold/substrate/bbox.h>
+#include <vector>
 
 namespace TVL {
 class Object;
@@ -29,10 +29,11 @@ enum CoarsenRefineFlag : int {
 ///          one parallel pass over the tiles of depths 0 to the deepest depth - 1, where each
 ///          child slot is wanted or not by `LevelSetSamplerReader::wantsTile` with @p band as its
 ///          offset; a wanted child that is missing is added (one level per call: the children
-///          of new tiles are asked by the next call); with colours, "Numerics::coarsenRefine.propagate_colored_
-///          tiles" colours every tile with a coloured child; the channels follow the added tiles;
-///          "After refine: ..." [>1]; the coarsening (bit 0 set, no colours): the unwanted
-///          children go, "After coarsen: ..." [>1], "Tile tree graded after coarsen refine = "
+///          of new tiles are asked by the next call); with colours,
+///          "Numerics::coarsenRefine.propagate_colored_ tiles" colours every tile with a coloured
+///          child; the channels follow the added tiles; "After refine: ..." [>1]; the coarsening
+///          (bit 0 set, no colours): the unwanted children go, "After coarsen: ..." [>1], "Tile
+///          tree graded after coarsen refine = "
 ///          [>2]; then "coarsenRefine.coarsestDepth = " [>1] and `gradeTileTree` from that depth
 ///          (0 without a box, else `coarsestDepthFromDimensions` of the box) to the deepest
 ///          depth, "Tile tree graded after grade call = " [>2]; "coarsenRefine.end" [>0].
@@ -59,9 +60,10 @@ enum CoarsenRefineFlag : int {
 ///         return to the object.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API void coarsenRefine(float band, float coarsenBand, int flags, LevelSetSampler const& sampler,
-                               Quillon::String const& containerName, Quillon::String const& topologyName,
-                               TVL::Object& io_object, Quillon::String const& channelNames,
+HEXMOLD_API void coarsenRefine(float band, float coarsenBand, int flags,
+                               LevelSetSampler const& sampler, Quillon::String const& containerName,
+                               Quillon::String const& topologyName, TVL::Object& io_object,
+                               Quillon::String const& channelNames,
                                TVL::TileTree3D::bbox<Tavrel::Math::float3, float> const* box,
                                std::vector<TileColor>* io_colors);
 

@@ -5,14 +5,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <iostream>
-#include <sstream>
-#include <utility>
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
+#include <iostream>
+#include <sstream>
+#include <utility>
 
 namespace CoreGL::TileTree3D {
 
@@ -52,15 +52,19 @@ public:
     void beginTile(Tile<Traits> const& tile) override
     {
         int const d = tile.depth();
-        if (mUseColors && (*mLocalColors)[tile.index()].colored == 0) return;
+        if (mUseColors && (*mLocalColors)[tile.index()].colored == 0)
+            return;
         std::int64_t const w = tile.tileVoxelWidth();
         for (int direction = 0; direction < 27; ++direction) {
-            if (direction == 13) continue;
+            if (direction == 13)
+                continue;
             Tile<Traits> const& n = mAccessor.tileNeighbor(tile, direction);
-            if (!n.valid()) continue;
+            if (!n.valid())
+                continue;
             if (n.depth() < d - 1) {
                 int3 const o = directionOffset(direction);
-                mScratchAccessor.addTile(tile.ti() + o.x * w, tile.tj() + o.y * w, tile.tk() + o.z * w, d - 1);
+                mScratchAccessor.addTile(tile.ti() + o.x * w, tile.tj() + o.y * w,
+                                         tile.tk() + o.z * w, d - 1);
             } else if (mUseColors) {
                 // The tiles next to a coloured tile take part in grading the next depth up.
                 if (n.depth() == d && (*mLocalColors)[n.index()].colored == 0 && n.parent() >= 0)
@@ -98,20 +102,26 @@ public:
     void beginTile(Tile<Traits> const& tile) override
     {
         for (int direction = 0; direction < 27 && mGraded; ++direction) {
-            if (direction == 13) continue;
+            if (direction == 13)
+                continue;
             Tile<Traits> const& n = mAccessor.tileNeighbor(tile, direction);
-            if (!n.valid() || n.depth() >= tile.depth() - 1 || n.depth() < mMinDepth) continue;
+            if (!n.valid() || n.depth() >= tile.depth() - 1 || n.depth() < mMinDepth)
+                continue;
             if (Logger::errorVerboseLevel() > 0) {
                 std::ostringstream line;
-                line << "tile " << tile.ti() << ", " << tile.tj() << ", " << tile.tk() << " at depth " << tile.depth()
-                     << " is not graded in direction " << direction << " - The neighbor " << n.ti() << ", "
-                     << n.tj() << ", " << n.tk() << " is at depth " << n.depth() << '\n';
+                line << "tile " << tile.ti() << ", " << tile.tj() << ", " << tile.tk()
+                     << " at depth " << tile.depth() << " is not graded in direction " << direction
+                     << " - The neighbor " << n.ti() << ", " << n.tj() << ", " << n.tk()
+                     << " is at depth " << n.depth() << '\n';
                 std::cerr << line.str();
             }
             mGraded = false;
         }
     }
-    void join(Base const& other) override { mGraded = mGraded && static_cast<GradedCheckVisitor const&>(other).mGraded; }
+    void join(Base const& other) override
+    {
+        mGraded = mGraded && static_cast<GradedCheckVisitor const&>(other).mGraded;
+    }
     Base* copy() const override { return new GradedCheckVisitor(*this); }
     bool graded() const { return mGraded; }
 
@@ -132,12 +142,14 @@ void gradeTileTree(Container<Traits>& io_container, TileCornerLists<Traits>* io_
     // Depths 0 and 1 are never graded.
     int const lowest = std::max(coarsestDepth + 1, 2);
     finestDepth = std::min(finestDepth, Traits::kMaxDepth);
-    if (finestDepth < lowest) return;
+    if (finestDepth < lowest)
+        return;
 
     bool changed = false;
     std::vector<TileColor> localColors;
     for (int d = finestDepth; d >= lowest; --d) {
-        if (io_container.tileCount(d) == 0) continue;
+        if (io_container.tileCount(d) == 0)
+            continue;
         Container<Traits>* scratch = io_container.threadLocalContainer(0);
         if (io_colors) {
             localColors = io_colors[d];
@@ -145,10 +157,12 @@ void gradeTileTree(Container<Traits>& io_container, TileCornerLists<Traits>* io_
             for (int q = 0; q <= Traits::kMaxDepth; ++q)
                 io_colors[q].resize(static_cast<std::size_t>(io_container.tileCount(q)));
         }
-        GradingVisitor<Traits> visitor(*scratch, io_container, io_colors ? &localColors : nullptr, io_colors);
+        GradingVisitor<Traits> visitor(*scratch, io_container, io_colors ? &localColors : nullptr,
+                                       io_colors);
         try {
-            std::as_const(io_container).reduceInternalNonInlined(&visitor, kTraversalClampedRange, kNoTile, d, d, 50, 0,
-                                                  Traits::kRatio, kVisitInteriorVoxelNone);
+            std::as_const(io_container)
+                .reduceInternalNonInlined(&visitor, kTraversalClampedRange, kNoTile, d, d, 50, 0,
+                                          Traits::kRatio, kVisitInteriorVoxelNone);
         } catch (...) {
             io_container.freeThreadLocalContainer(scratch);
             throw;
@@ -170,7 +184,8 @@ void gradeTileTree(Container<Traits>& io_container, TileCornerLists<Traits>* io_
                 }
             if (io_colors)
                 for (int q = 0; q <= Traits::kMaxDepth; ++q)
-                    io_colors[q].resize(static_cast<std::size_t>(io_container.tileCount(q)), TileColor{1, 0});
+                    io_colors[q].resize(static_cast<std::size_t>(io_container.tileCount(q)),
+                                        TileColor{1, 0});
         }
         io_container.freeThreadLocalContainer(scratch);
     }
@@ -188,28 +203,30 @@ int coarsestDepthFromDimensions(Tavrel::Math::float3 const bounds[2], float voxe
         lo[a] = std::floor(bounds[0][a] / voxelSize);
         hi[a] = std::ceil(bounds[1][a] / voxelSize);
     }
-    if (!(voxelSize > 0.0f) || lo[0] > hi[0] || lo[1] > hi[1] || lo[2] > hi[2] || std::isnan(lo[0] + lo[1] + lo[2]) ||
-        std::isnan(hi[0] + hi[1] + hi[2])) {
+    if (!(voxelSize > 0.0f) || lo[0] > hi[0] || lo[1] > hi[1] || lo[2] > hi[2] ||
+        std::isnan(lo[0] + lo[1] + lo[2]) || std::isnan(hi[0] + hi[1] + hi[2])) {
         if (Logger::verboseLevel() > 0) {
             std::ostringstream line;
-            line << "Invalid user-input tile domain dimensions: (" << lo[0] << ", " << lo[1] << ", " << lo[2]
-                 << ") to (" << hi[0] << ", " << hi[1] << ", " << hi[2] << ")\n";
+            line << "Invalid user-input tile domain dimensions: (" << lo[0] << ", " << lo[1] << ", "
+                 << lo[2] << ") to (" << hi[0] << ", " << hi[1] << ", " << hi[2] << ")\n";
             std::cout << line.str();
         }
         return -1;
     }
     double const extent = std::min({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]});
     // A flat box (extent 0) has no coarsest depth above the root: log2 would be minus infinity.
-    if (!(extent >= 1.0)) return 28;
+    if (!(extent >= 1.0))
+        return 28;
     return std::max(0, 28 - static_cast<int>(std::floor(std::log2(extent))));
 }
 
-template <typename Traits> bool checkGraded(Container<Traits> const& container, int minDepth, int maxDepth)
+template <typename Traits>
+bool checkGraded(Container<Traits> const& container, int minDepth, int maxDepth)
 {
     GradedCheckVisitor<Traits> visitor(container, minDepth);
-    container.reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, std::max(minDepth, 0),
-                                       std::min(maxDepth, Traits::kMaxDepth), 50, 0, Traits::kRatio,
-                                       kVisitInteriorVoxelNone);
+    container.reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile,
+                                       std::max(minDepth, 0), std::min(maxDepth, Traits::kMaxDepth),
+                                       50, 0, Traits::kRatio, kVisitInteriorVoxelNone);
     return visitor.graded();
 }
 

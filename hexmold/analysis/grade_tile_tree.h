@@ -9,10 +9,10 @@
 ///          between depths.
 #pragma once
 #include <cstdint>
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/container.h>
+#include <vector>
 
 namespace CoreGL::TileTree3D {
 
@@ -44,7 +44,8 @@ static_assert(sizeof(TileColor) == 2, "a tile colour is two bytes");
 template <typename Traits>
 HEXMOLD_API void gradeTileTree(TVL::TileTree3D::Container<Traits>& io_container,
                                TVL::TileTree3D::TileCornerLists<Traits>* io_newTiles,
-                               std::vector<TileColor>* io_colors, int coarsestDepth, int finestDepth);
+                               std::vector<TileColor>* io_colors, int coarsestDepth,
+                               int finestDepth);
 
 /// @brief The coarsest depth worth grading for a domain box: max(0, 28 - floor(log2(e))), e
 ///        being the smallest extent of the box in finest voxels (minimums floored, maximums
@@ -63,6 +64,7 @@ HEXMOLD_API int coarsestDepthFromDimensions(Tavrel::Math::float3 const bounds[2]
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API bool checkGraded(TVL::TileTree3D::Container<Traits> const& container, int minDepth, int maxDepth);
+HEXMOLD_API bool checkGraded(TVL::TileTree3D::Container<Traits> const& container, int minDepth,
+                             int maxDepth);
 
 } // namespace CoreGL::TileTree3D

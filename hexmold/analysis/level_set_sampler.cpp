@@ -10,12 +10,14 @@ namespace CoreGL::TileTree3D {
 using namespace TVL::TileTree3D;
 
 template <typename Traits>
-LevelSetSamplerReader<Traits>::LevelSetSamplerReader(LevelSetSampler const& description, Container<Traits> const& container,
+LevelSetSamplerReader<Traits>::LevelSetSamplerReader(LevelSetSampler const& description,
+                                                     Container<Traits> const& container,
                                                      VoxelTopology<Traits> const& topology,
                                                      VoxelChannel<Traits, float> const& channel,
                                                      bbox<float3, float> const* box)
-    : mDescription(description), mBox(box ? *box : bbox<float3, float>{}), mHasBox(box != nullptr && !box->empty()),
-      mVoxelSize(container.voxelSize()), mLinear(container, topology, channel)
+    : mDescription(description), mBox(box ? *box : bbox<float3, float>{}),
+      mHasBox(box != nullptr && !box->empty()), mVoxelSize(container.voxelSize()),
+      mLinear(container, topology, channel)
 {
 }
 
@@ -24,7 +26,8 @@ template <typename Traits> float LevelSetSamplerReader<Traits>::distance(double3
     return mLinear.value(world);
 }
 
-template <typename Traits> bool LevelSetSamplerReader<Traits>::outsideBox(int3 const& corner, int depth) const
+template <typename Traits>
+bool LevelSetSamplerReader<Traits>::outsideBox(int3 const& corner, int depth) const
 {
     double const w = double(Traits::tileVoxelWidth(depth));
     auto outside = [&](bbox<float3, float> const& b) {
@@ -36,12 +39,15 @@ template <typename Traits> bool LevelSetSamplerReader<Traits>::outsideBox(int3 c
         }
         return false;
     };
-    return (mHasBox && outside(mBox)) || (!mDescription.bounds.empty() && outside(mDescription.bounds));
+    return (mHasBox && outside(mBox)) ||
+           (!mDescription.bounds.empty() && outside(mDescription.bounds));
 }
 
-template <typename Traits> bool LevelSetSamplerReader<Traits>::wantsTile(int3 const& corner, int depth, float offset)
+template <typename Traits>
+bool LevelSetSamplerReader<Traits>::wantsTile(int3 const& corner, int depth, float offset)
 {
-    if (outsideBox(corner, depth)) return false;
+    if (outsideBox(corner, depth))
+        return false;
     double const w = double(Traits::tileVoxelWidth(depth));
     double3 const centre{(corner.x + 0.5 * w) * mVoxelSize, (corner.y + 0.5 * w) * mVoxelSize,
                          (corner.z + 0.5 * w) * mVoxelSize};

@@ -29,7 +29,8 @@ struct LevelSetSampler {
     float bandFactor = 2.0f;         ///< band factor of the depths above the local level
     int const* localLevel = nullptr; ///< depth of the local level; null: every depth is above it
     /// World box; empty (the default: min above max) for no limit.
-    TVL::TileTree3D::bbox<Tavrel::Math::float3, float> bounds{{1.0f, 1.0f, 1.0f}, {-1.0f, -1.0f, -1.0f}};
+    TVL::TileTree3D::bbox<Tavrel::Math::float3, float> bounds{{1.0f, 1.0f, 1.0f},
+                                                              {-1.0f, -1.0f, -1.0f}};
 
     /// The band factor for children of a tile of @p parentDepth.
     float bandFactorAt(int parentDepth) const
@@ -43,14 +44,16 @@ struct LevelSetSampler {
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits> class HEXMOLD_API LevelSetSamplerReader {
 public:
-    using Linear = TVL::TileTree3D::VoxelSamplerLinear<Traits, float, Traits::kTileWidth, 2, Tavrel::Math::double3>;
+    using Linear = TVL::TileTree3D::VoxelSamplerLinear<Traits, float, Traits::kTileWidth, 2,
+                                                       Tavrel::Math::double3>;
 
     /// @param description      the description; copied
     /// @param channel   the level set named by @p description, bound to @p topology
     /// @param box       an extra world box (null: none), applied like `description.bounds`
     /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only (building the
     ///         sampler runs parallel passes).
-    LevelSetSamplerReader(LevelSetSampler const& description, TVL::TileTree3D::Container<Traits> const& container,
+    LevelSetSamplerReader(LevelSetSampler const& description,
+                          TVL::TileTree3D::Container<Traits> const& container,
                           TVL::TileTree3D::VoxelTopology<Traits> const& topology,
                           TVL::TileTree3D::VoxelChannel<Traits, float> const& channel,
                           TVL::TileTree3D::bbox<Tavrel::Math::float3, float> const* box);

@@ -3,10 +3,10 @@
 ///        to channels of a volume, each result a new channel (`analyze<Operator>` of
 ///        analysis/analyze.h with named options).
 #pragma once
-#include <string>
-#include <vector>
 #include <hexmold/api/volume.h>
 #include <hexmold/export.h>
+#include <string>
+#include <vector>
 
 namespace hexmold {
 

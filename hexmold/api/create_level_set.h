@@ -17,10 +17,10 @@
 ///          Values are clamped to plus or minus the channel's background, its default value.
 #pragma once
 #include <cstdint>
-#include <string>
 #include <hexmold/api/volume.h>
 #include <hexmold/export.h>
 #include <hexmold/platform/tavrel/math.h>
+#include <string>
 
 namespace hexmold {
 
@@ -64,14 +64,15 @@ HEXMOLD_API Volume createLevelSetSphere(Tavrel::Math::double3 const& centre, dou
 /// @brief The level set of an axis-aligned box with sharp edges and corners.
 /// @param min, max  world corners; each coordinate of @p max above that of @p min
 /// @throws Error as `createLevelSetSphere`, and for a box with an extent that is not positive.
-HEXMOLD_API Volume createLevelSetBox(Tavrel::Math::double3 const& min, Tavrel::Math::double3 const& max,
+HEXMOLD_API Volume createLevelSetBox(Tavrel::Math::double3 const& min,
+                                     Tavrel::Math::double3 const& max,
                                      LevelSetOptions const& options = {});
 
 /// @brief The level set of a ring torus around the z axis through @p centre: a tube of radius
 ///        @p minorRadius around a circle of radius @p majorRadius.
 /// @param majorRadius, minorRadius  world units, 0 < minorRadius < majorRadius
 /// @throws Error as `createLevelSetSphere`, and for radii out of that order.
-HEXMOLD_API Volume createLevelSetTorus(Tavrel::Math::double3 const& centre, double majorRadius, double minorRadius,
-                                       LevelSetOptions const& options = {});
+HEXMOLD_API Volume createLevelSetTorus(Tavrel::Math::double3 const& centre, double majorRadius,
+                                       double minorRadius, LevelSetOptions const& options = {});
 
 } // namespace hexmold

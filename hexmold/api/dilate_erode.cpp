@@ -1,14 +1,14 @@
 /// @file  api/dilate_erode.cpp
 /// @brief `hexmold::dilate` and `hexmold::erode`: checks, the operator, then the topology and
 ///        channels brought in step with the tree in the order the substrate prescribes.
-#include <hexmold/api/dilate_erode.h>
-#include <span>
-#include <utility>
 #include <hexmold/api/detail/volume_access.h>
-#include <hexmold/logging/logger.h>
+#include <hexmold/api/dilate_erode.h>
 #include <hexmold/levelset/dilate_erode.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/object.h>
+#include <span>
+#include <utility>
 
 namespace hexmold {
 
@@ -19,12 +19,14 @@ using namespace TVL::TileTree3D;
 float checkedBandwidth(Volume const& volume, double bandVoxels, std::string_view entry)
 {
     detail::requireFinite(bandVoxels, "bandVoxels", entry);
-    if (bandVoxels < 0.0) detail::fail(entry, "bandVoxels must not be negative, not " + std::to_string(bandVoxels));
+    if (bandVoxels < 0.0)
+        detail::fail(entry, "bandVoxels must not be negative, not " + std::to_string(bandVoxels));
     return float(bandVoxels * double(volume.voxelSize()));
 }
 
 template <typename Traits>
-std::int64_t dilateIn(Volume& io_volume, DilateOptions const& o, float bandwidth, int minDepth, int maxDepth)
+std::int64_t dilateIn(Volume& io_volume, DilateOptions const& o, float bandwidth, int minDepth,
+                      int maxDepth)
 {
     TVL::Object& object = io_volume.object();
     TVL::ComponentGuard<Container<Traits>> tree(object, io_volume.names().tree);
@@ -32,8 +34,8 @@ std::int64_t dilateIn(Volume& io_volume, DilateOptions const& o, float bandwidth
     TVL::ComponentGuard<VoxelChannel<Traits, float>> distance(object, o.channel);
     std::int64_t const before = tree->tileCount(-1);
     TileCornerLists<Traits> newTiles;
-    VolumeGL::TileTree3D::LevelSet::dilate(bandwidth, *tree, *distance, newTiles, CoreGL::NOPLogger{}, minDepth,
-                                           maxDepth);
+    VolumeGL::TileTree3D::LevelSet::dilate(bandwidth, *tree, *distance, newTiles,
+                                           CoreGL::NOPLogger{}, minDepth, maxDepth);
     topology->update(*tree);
     distance->update(*topology);
     VoxelTopology<Traits> const& topologyInObject = *topology;
@@ -45,7 +47,8 @@ std::int64_t dilateIn(Volume& io_volume, DilateOptions const& o, float bandwidth
     return tree->tileCount(-1) - before;
 }
 
-template <typename Traits> std::int64_t erodeIn(Volume& io_volume, ErodeOptions const& o, float bandwidth)
+template <typename Traits>
+std::int64_t erodeIn(Volume& io_volume, ErodeOptions const& o, float bandwidth)
 {
     TVL::Object& object = io_volume.object();
     TVL::ComponentGuard<Container<Traits>> tree(object, io_volume.names().tree);
@@ -70,7 +73,8 @@ std::int64_t dilate(Volume& io_volume, DilateOptions const& options)
     constexpr std::string_view kEntry = "hexmold::dilate";
     detail::requireTiles(io_volume, kEntry);
     float const bandwidth = checkedBandwidth(io_volume, options.bandVoxels, kEntry);
-    auto const [minDepth, maxDepth] = detail::depthRange(options.minDepth, options.maxDepth, io_volume.traits(), kEntry);
+    auto const [minDepth, maxDepth] =
+        detail::depthRange(options.minDepth, options.maxDepth, io_volume.traits(), kEntry);
     return detail::withTraits(io_volume.traits(), [&](auto tag) {
         using Tr = typename decltype(tag)::type;
         detail::requireChannel<Tr, float>(io_volume, options.channel, "a float channel", kEntry);

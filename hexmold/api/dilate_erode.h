@@ -4,9 +4,9 @@
 ///        topology and every channel kept in step.
 #pragma once
 #include <cstdint>
-#include <string>
 #include <hexmold/api/volume.h>
 #include <hexmold/export.h>
+#include <string>
 
 namespace hexmold {
 
@@ -16,7 +16,7 @@ struct DilateOptions {
     /// world units.
     double bandVoxels = 1.0;
     std::string channel = kDistanceChannel; ///< the float level set that finds the surface
-    int minDepth = 0;  ///< shallowest depth of the surface tiles grown from
+    int minDepth = 0;                       ///< shallowest depth of the surface tiles grown from
     int maxDepth = -1; ///< deepest such depth; -1: the deepest depth of the tree type
 };
 

@@ -6,9 +6,9 @@
 ///          learns at once what was wrong. Job cancellation still arrives as the
 ///          `std::runtime_error` of the operators, which `Error` derives from as well.
 #pragma once
+#include <hexmold/export.h>
 #include <stdexcept>
 #include <string>
-#include <hexmold/export.h>
 
 namespace hexmold {
 

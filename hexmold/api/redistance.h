@@ -3,9 +3,9 @@
 ///        (`levelSetRedistance` of levelset/level_set_redistance.h with named options).
 #pragma once
 #include <cfloat>
-#include <string>
 #include <hexmold/api/volume.h>
 #include <hexmold/export.h>
+#include <string>
 
 namespace hexmold {
 
@@ -36,8 +36,8 @@ struct RedistanceOptions {
     /// Distances (world units, > 0) beyond which inside / outside voxels need not be accurate.
     float interiorBand = FLT_MAX;
     float exteriorBand = FLT_MAX;
-    int preSmoothingPasses = 10;  ///< sweeps per depth on the way to the coarsest depth (>= 0)
-    int postSmoothingPasses = 10; ///< sweeps per depth on the way back (>= 0)
+    int preSmoothingPasses = 10;      ///< sweeps per depth on the way to the coarsest depth (>= 0)
+    int postSmoothingPasses = 10;     ///< sweeps per depth on the way back (>= 0)
     bool haloByExtrapolation = false; ///< the general halo mode instead of the redistance mode
     bool coalesced = false;           ///< `Traits<2,4,1>`: sweep the 8^3 block of a tile's children
     /// Classify the degrees of freedom of the tree first (levelset/dof_classification.h) and pass

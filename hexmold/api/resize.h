@@ -2,9 +2,9 @@
 /// @brief `hexmold::resize`: the narrow band of a level set set to a width (`resize` of
 ///        levelset/resize.h with named options).
 #pragma once
-#include <string>
 #include <hexmold/api/volume.h>
 #include <hexmold/export.h>
+#include <string>
 
 namespace hexmold {
 

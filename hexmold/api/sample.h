@@ -2,12 +2,12 @@
 /// @brief `hexmold::sample`: a float channel read at world positions by trilinear interpolation
 ///        across tiles and depths (`VoxelSamplerLinear` of sampling/linear_sampler.h).
 #pragma once
-#include <span>
-#include <string>
-#include <vector>
 #include <hexmold/api/volume.h>
 #include <hexmold/export.h>
 #include <hexmold/platform/tavrel/math.h>
+#include <span>
+#include <string>
+#include <vector>
 
 namespace hexmold {
 
@@ -23,7 +23,8 @@ struct SampleOptions {
 /// @return one value per position, in order.
 /// @throws Error for an empty volume, a channel that is not a float voxel channel of the volume,
 ///         and a position that is not finite (the message gives its index).
-HEXMOLD_API std::vector<float> sample(Volume const& volume, std::span<Tavrel::Math::double3 const> positions,
+HEXMOLD_API std::vector<float> sample(Volume const& volume,
+                                      std::span<Tavrel::Math::double3 const> positions,
                                       SampleOptions const& options = {});
 
 /// @brief The value of @p options.channel at one world position; as above.

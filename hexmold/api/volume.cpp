@@ -1,7 +1,7 @@
 /// @file  api/volume.cpp
 /// @brief `hexmold::Volume`: the queries, each a read of the tree, topology or channels.
-#include <hexmold/api/volume.h>
 #include <hexmold/api/detail/volume_access.h>
+#include <hexmold/api/volume.h>
 #include <hexmold/diagnostics/voxel_hash.h>
 #include <hexmold/substrate/bbox.h>
 #include <hexmold/substrate/channel_base.h>
@@ -31,7 +31,8 @@ Volume::Volume(TVL::Object object, VolumeNames names) : mNames(std::move(names))
     else if (object.component<Container<Traits55>>(mNames.tree))
         mTraits = TraitsKind::kTraits55;
     else if (object.component(mNames.tree))
-        detail::fail(kEntry, "component \"" + mNames.tree + "\" is not a Traits24 or Traits55 tile tree");
+        detail::fail(kEntry,
+                     "component \"" + mNames.tree + "\" is not a Traits24 or Traits55 tile tree");
     else
         detail::fail(kEntry, "the object holds no tile tree named \"" + mNames.tree + "\"");
     bool const hasTopology = detail::withTraits(mTraits, [&](auto tag) {
@@ -39,14 +40,15 @@ Volume::Volume(TVL::Object object, VolumeNames names) : mNames(std::move(names))
         return static_cast<bool>(object.component<VoxelTopology<Tr>>(mNames.topology));
     });
     if (!hasTopology)
-        detail::fail(kEntry, "the object holds no " + std::string(traitsName(mTraits)) + " voxel topology named \"" +
-                                 mNames.topology + "\"");
+        detail::fail(kEntry, "the object holds no " + std::string(traitsName(mTraits)) +
+                                 " voxel topology named \"" + mNames.topology + "\"");
     mObject.emplace(std::move(object));
 }
 
 Volume Volume::adopt(Quillon::Ptr<TVL::Object> const& object, VolumeNames names)
 {
-    if (!object) detail::fail("hexmold::Volume::adopt", "the object pointer is null");
+    if (!object)
+        detail::fail("hexmold::Volume::adopt", "the object pointer is null");
     return Volume(*object, std::move(names));
 }
 
@@ -69,13 +71,15 @@ Volume::~Volume() = default;
 
 TVL::Object const& Volume::object() const
 {
-    if (!mObject) detail::fail("hexmold::Volume", "the volume is empty (it holds no tile tree)");
+    if (!mObject)
+        detail::fail("hexmold::Volume", "the volume is empty (it holds no tile tree)");
     return *mObject;
 }
 
 TVL::Object& Volume::object()
 {
-    if (!mObject) detail::fail("hexmold::Volume", "the volume is empty (it holds no tile tree)");
+    if (!mObject)
+        detail::fail("hexmold::Volume", "the volume is empty (it holds no tile tree)");
     return *mObject;
 }
 
@@ -99,7 +103,8 @@ std::vector<std::int64_t> Volume::tilesPerDepth() const
         using Tr = typename decltype(tag)::type;
         auto const& tree = detail::treeOf<Tr>(*this);
         std::vector<std::int64_t> out(Tr::kDepthCount);
-        for (int d = 0; d < Tr::kDepthCount; ++d) out[std::size_t(d)] = tree.tileCount(d);
+        for (int d = 0; d < Tr::kDepthCount; ++d)
+            out[std::size_t(d)] = tree.tileCount(d);
         return out;
     });
 }
@@ -118,7 +123,8 @@ WorldBox Volume::bbox() const
         using Tr = typename decltype(tag)::type;
         auto const& tree = detail::treeOf<Tr>(*this);
         WorldBox out;
-        if (tree.tileCount(-1) == 0) return out;
+        if (tree.tileCount(-1) == 0)
+            return out;
         TVL::TileTree3D::bbox<double3, double> box;
         tree.worldSpaceBounds(box);
         out.min = box.min;
@@ -133,7 +139,8 @@ std::vector<ChannelInfo> Volume::channels() const
     std::vector<ChannelInfo> out;
     for (auto const& name : obj.componentRange()) {
         auto const channel = obj.component<ChannelBase>(name);
-        if (!channel) continue;
+        if (!channel)
+            continue;
         ChannelInfo info;
         info.name = name;
         info.elementType = detail::elementTypeName(channel->elementType());
@@ -142,7 +149,8 @@ std::vector<ChannelInfo> Volume::channels() const
         info.voxelForm = detail::withTraits(mTraits, [&](auto tag) {
             using Tr = typename decltype(tag)::type;
             bool found = false;
-#define HEXMOLD_API_IS_VOXEL_CHANNEL(TR, T) found = found || obj.component<VoxelChannel<TR, T>>(name);
+#define HEXMOLD_API_IS_VOXEL_CHANNEL(TR, T)                                                        \
+    found = found || obj.component<VoxelChannel<TR, T>>(name);
             HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_API_IS_VOXEL_CHANNEL, Tr)
 #undef HEXMOLD_API_IS_VOXEL_CHANNEL
             return found;
@@ -173,13 +181,16 @@ double Volume::voxelHash(std::string_view channel) const
         using Tr = typename decltype(tag)::type;
         auto const& tree = detail::treeOf<Tr>(*this);
 #define HEXMOLD_API_HASH_CHANNEL(TR, T)                                                            \
-    if (auto ch = obj.component<VoxelChannel<TR, T>>(name)) return CoreGL::voxelHash(tree, *ch);
+    if (auto ch = obj.component<VoxelChannel<TR, T>>(name))                                        \
+        return CoreGL::voxelHash(tree, *ch);
         HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_API_HASH_CHANNEL, Tr)
 #undef HEXMOLD_API_HASH_CHANNEL
         if (!obj.component(name))
             detail::fail(kEntry, "channel \"" + name + "\" is not in the volume (channels: " +
                                      detail::channelNames(obj) + ")");
-        detail::fail(kEntry, "\"" + name + "\" is not a channel with one element per voxel of the volume's tree type");
+        detail::fail(
+            kEntry, "\"" + name +
+                        "\" is not a channel with one element per voxel of the volume's tree type");
     });
 }
 

@@ -4,8 +4,8 @@
 /// @details A `Volume` owns a volume object (`TVL::Object`: one tile tree, its voxel topology and
 ///          any number of channels) and knows which of the two tree types it holds. Copies are
 ///          cheap and independent: the object's components are shared until an operation writes
-///          one, and writing operations take a private copy first (`TVL::Object::extractComponent`),
-///          so a change to one copy never shows in another.
+///          one, and writing operations take a private copy first
+///          (`TVL::Object::extractComponent`), so a change to one copy never shows in another.
 ///
 ///          Operators of the library that work on objects directly are reached through
 ///          `object()`; a volume object made elsewhere becomes a `Volume` through the constructor
@@ -15,15 +15,15 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/object.h>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace hexmold {
 

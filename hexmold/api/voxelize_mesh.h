@@ -3,10 +3,10 @@
 ///        becomes a signed distance volume, with the mesh's point properties as voxel channels.
 #pragma once
 #include <cstdint>
-#include <string>
 #include <hexmold/api/volume.h>
 #include <hexmold/export.h>
 #include <hexmold/platform/tavrel/object.h>
+#include <string>
 
 namespace hexmold {
 
@@ -42,6 +42,7 @@ struct VoxelizeMeshOptions {
 ///         resolution that is not positive, a mesh with no extent, negative hole radius or
 ///         thickening, or an empty channel name; cancellation arrives as the operators'
 ///         `std::runtime_error`.
-HEXMOLD_API Volume voxelizeMesh(Tavrel::Object const& mesh, VoxelizeMeshOptions const& options = {});
+HEXMOLD_API Volume voxelizeMesh(Tavrel::Object const& mesh,
+                                VoxelizeMeshOptions const& options = {});
 
 } // namespace hexmold

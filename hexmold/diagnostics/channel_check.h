@@ -15,9 +15,9 @@ namespace CoreGL {
 /// @details The range is clamped to the channel's depths and to the tree's. One reduction over
 ///          the tiles of the range (grain 50) finds the extremes; the smallest starts at the
 ///          channel's default value and the largest at its negation, so a channel whose voxels
-///          all lie between a non-positive default and its negation reports those two. Vectors and matrices are ordered by the sum
-///          of their components (as the voxel hash reduces them); ties keep the place found
-///          first in the reduction's order. The line reads
+///          all lie between a non-positive default and its negation reports those two. Vectors and
+///          matrices are ordered by the sum of their components (as the voxel hash reduces them);
+///          ties keep the place found first in the reduction's order. The line reads
 ///          "<label>: <name>[<size>] : <min depth>, <max depth> : <smallest>, <largest> at
 ///          (x, y, z, d) and (x, y, z, d)", a place being the voxel's tile-space corner and its
 ///          depth; vectors and matrices print as their components in parentheses. With no voxel
@@ -28,7 +28,7 @@ namespace CoreGL {
 /// Instantiated for both trees and the 18 element types, voxel form.
 template <typename Traits, typename T>
 HEXMOLD_API void checkChannel(TVL::TileTree3D::Container<Traits> const& container,
-                              TVL::TileTree3D::VoxelChannel<Traits, T> const& channel, int minDepth, int maxDepth,
-                              Quillon::StringView label, int level);
+                              TVL::TileTree3D::VoxelChannel<Traits, T> const& channel, int minDepth,
+                              int maxDepth, Quillon::StringView label, int level);
 
 } // namespace CoreGL

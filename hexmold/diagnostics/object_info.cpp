@@ -5,14 +5,14 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <iostream>
-#include <string>
-#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/type_lists.h>
+#include <iostream>
+#include <string>
 
 namespace CoreGL {
 
@@ -34,7 +34,8 @@ void debugLine(Quillon::StringView text)
 
 void errorLine(Quillon::StringView text)
 {
-    if (Logger::errorVerboseLevel() > 0) std::cerr << text << '\n';
+    if (Logger::errorVerboseLevel() > 0)
+        std::cerr << text << '\n';
 }
 
 template <typename Traits> std::string traitsArguments()
@@ -50,7 +51,8 @@ template <typename T> std::uint64_t otherOwners(Quillon::Ptr<T> const& p)
 }
 
 /// The record of a tree or a topology: hashed by its tile count.
-template <typename C> ComponentInfo structureRecord(Quillon::Ptr<C> const& c, void const* firstElement)
+template <typename C>
+ComponentInfo structureRecord(Quillon::Ptr<C> const& c, void const* firstElement)
 {
     ComponentInfo r;
     r.hash = std::bit_cast<double>(static_cast<std::int64_t>(c->tileCount(-1)));
@@ -64,12 +66,14 @@ template <typename C> ComponentInfo structureRecord(Quillon::Ptr<C> const& c, vo
 
 /// Records the channel @p name if it is a voxel channel of element type T; true when it is.
 template <typename Traits, typename T>
-bool recordChannel(TVL::Object const& object, String const& name, Container<Traits> const& container,
-                   ObjectInfo& info)
+bool recordChannel(TVL::Object const& object, String const& name,
+                   Container<Traits> const& container, ObjectInfo& info)
 {
     auto const channel = object.component<VoxelChannel<Traits, T>>(name);
-    if (!channel) return false;
-    if (Logger::verboseLevel() > 2) debugLine("found channel for '" + name + "'");
+    if (!channel)
+        return false;
+    if (Logger::verboseLevel() > 2)
+        debugLine("found channel for '" + name + "'");
     ComponentInfo r;
     r.hash = voxelHash(container, *channel);
     r.size = channel->size();
@@ -84,13 +88,15 @@ bool recordChannel(TVL::Object const& object, String const& name, Container<Trai
 
 /// The step of one tree type; false when the object holds no tree of that type.
 template <typename Traits>
-bool objectInfoStep(TVL::Object const& object, String const& topologyName, String const& containerName,
-                    ObjectInfo& info)
+bool objectInfoStep(TVL::Object const& object, String const& topologyName,
+                    String const& containerName, ObjectInfo& info)
 {
-    if (Logger::verboseLevel() > 2) debugLine("computeObjectInfo<" + traitsArguments<Traits>() + ">");
+    if (Logger::verboseLevel() > 2)
+        debugLine("computeObjectInfo<" + traitsArguments<Traits>() + ">");
     auto const container = object.component<Container<Traits>>(containerName);
     if (!container) {
-        if (Logger::verboseLevel() > 2) debugLine("Found no container with this type. Exiting.");
+        if (Logger::verboseLevel() > 2)
+            debugLine("Found no container with this type. Exiting.");
         return false;
     }
     info.componentsUseCount = object.componentsUseCount();
@@ -100,10 +106,12 @@ bool objectInfoStep(TVL::Object const& object, String const& topologyName, Strin
         info.components[topologyName] = structureRecord(topology, nullptr);
 
     for (String const& name : object.componentRange()) {
-        if (name == containerName || name == topologyName) continue;
+        if (name == containerName || name == topologyName)
+            continue;
         bool found = false;
 #define HEXMOLD_TRY_CHANNEL(TR, T)                                                                 \
-    if (!found) found = recordChannel<TR, T>(object, name, *container, info);
+    if (!found)                                                                                    \
+        found = recordChannel<TR, T>(object, name, *container, info);
         HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_TRY_CHANNEL, Traits)
 #undef HEXMOLD_TRY_CHANNEL
     }
@@ -113,7 +121,8 @@ bool objectInfoStep(TVL::Object const& object, String const& topologyName, Strin
 bool hashesAgree(double a, double b)
 {
     double const difference = std::abs(a - b);
-    return difference <= std::abs(a + b) * kHashRelativeTolerance || difference < kHashAbsoluteTolerance;
+    return difference <= std::abs(a + b) * kHashRelativeTolerance ||
+           difference < kHashAbsoluteTolerance;
 }
 
 } // namespace
@@ -125,7 +134,8 @@ ObjectInfo computeObjectInfo(TVL::Object const& object, Quillon::String const& t
     bool const found24 = objectInfoStep<Traits24>(object, topologyName, containerName, info);
     bool const found55 = objectInfoStep<Traits55>(object, topologyName, containerName, info);
     if (!found24 && !found55) {
-        errorLine("computeObjectInfoHelper.error: unable to compute info about object, it has an unsupported "
+        errorLine("computeObjectInfoHelper.error: unable to compute info about object, it has an "
+                  "unsupported "
                   "traits type");
         return ObjectInfo{};
     }
@@ -139,12 +149,14 @@ bool verifyObjectInfo(ObjectInfo const& before, ObjectInfo const& after)
         auto const it = before.components.find(name);
         if (it == before.components.end()) {
             if (Logger::errorVerboseLevel() >= 2)
-                std::cerr << "verifyObjectInfo.warning: Component " << name << " does not exist in objectInfo struct\n";
+                std::cerr << "verifyObjectInfo.warning: Component " << name
+                          << " does not exist in objectInfo struct\n";
             continue;
         }
         ComponentInfo const& b = it->second;
         if (b.size == a.size && hashesAgree(b.hash, a.hash)) {
-            if (Logger::verboseLevel() >= 3) debugLine("verifyObjectInfo: component '" + name + "' ok");
+            if (Logger::verboseLevel() >= 3)
+                debugLine("verifyObjectInfo: component '" + name + "' ok");
             continue;
         }
         bool const shared = b.useCount > 1 || b.dataUseCount > 1 || before.componentsUseCount > 1;
@@ -160,7 +172,8 @@ bool verifyObjectInfo(ObjectInfo const& before, ObjectInfo const& after)
                 ok = false;
             }
         } else if (b.firstElement && b.firstElement != a.firstElement) {
-            errorLine("verifyObjectInfo.error: ref count for component " + name + " before is one, but data was cloned");
+            errorLine("verifyObjectInfo.error: ref count for component " + name +
+                      " before is one, but data was cloned");
             ok = false;
         }
     }

@@ -10,9 +10,9 @@
 ///          different storage, afterwards) or not (then it must have been written in place).
 #pragma once
 #include <cstdint>
-#include <map>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/string.h>
+#include <map>
 
 namespace TVL {
 class Object;
@@ -59,7 +59,8 @@ struct ObjectInfo {
 /// @return the fingerprint; no records when no tree was found.
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only (the hashes are
 ///         parallel reductions).
-HEXMOLD_API ObjectInfo computeObjectInfo(TVL::Object const& object, Quillon::String const& topologyName,
+HEXMOLD_API ObjectInfo computeObjectInfo(TVL::Object const& object,
+                                         Quillon::String const& topologyName,
                                          Quillon::String const& containerName);
 
 /// @brief Compares the fingerprints of an object before and after an operation.

@@ -3,22 +3,52 @@
 #include <hexmold/diagnostics/version.h>
 
 #include <cstdlib>
-#include <string>
 #include <fcntl.h>
 #include <hexmold/build_info.h>
+#include <string>
 
 namespace CoreGL {
 
-char const* versionProductName() { return "Hexmold"; }
-char const* versionModuleName() { return "Hexmold"; }
-int versionMajor() { return HEXMOLD_VERSION_MAJOR; }
-int versionMinor() { return HEXMOLD_VERSION_MINOR; }
-int versionPatch() { return HEXMOLD_VERSION_PATCH; }
-int versionTweak() { return HEXMOLD_VERSION_TWEAK; }
-char const* versionBuildDate() { return HEXMOLD_BUILD_DATE; }
-char const* versionBuildNumber() { return HEXMOLD_BUILD_NUMBER; }
-char const* versionCommit() { return HEXMOLD_GIT_COMMIT; }
-char const* versionBranch() { return HEXMOLD_GIT_BRANCH; }
+char const* versionProductName()
+{
+    return "Hexmold";
+}
+char const* versionModuleName()
+{
+    return "Hexmold";
+}
+int versionMajor()
+{
+    return HEXMOLD_VERSION_MAJOR;
+}
+int versionMinor()
+{
+    return HEXMOLD_VERSION_MINOR;
+}
+int versionPatch()
+{
+    return HEXMOLD_VERSION_PATCH;
+}
+int versionTweak()
+{
+    return HEXMOLD_VERSION_TWEAK;
+}
+char const* versionBuildDate()
+{
+    return HEXMOLD_BUILD_DATE;
+}
+char const* versionBuildNumber()
+{
+    return HEXMOLD_BUILD_NUMBER;
+}
+char const* versionCommit()
+{
+    return HEXMOLD_GIT_COMMIT;
+}
+char const* versionBranch()
+{
+    return HEXMOLD_GIT_BRANCH;
+}
 
 Quillon::String versionText()
 {
@@ -32,18 +62,21 @@ Quillon::String versionText()
 Quillon::String versionBannerLine()
 {
     Quillon::String module = versionModuleName();
-    if (module.size() < 16) module.insert(0, 16 - module.size(), ' ');
+    if (module.size() < 16)
+        module.insert(0, 16 - module.size(), ' ');
     return module + ": " + versionText() + "\n";
 }
 
 bool dumpVersionInfo(std::FILE* stream)
 {
     char const* value = std::getenv(kDumpVersionInfoVariable);
-    if (!value || std::atoi(value) == 0 || !stream) return false;
+    if (!value || std::atoi(value) == 0 || !stream)
+        return false;
     // A negative descriptor: a stream without a file (e.g. stderr of a program without a
     // console). A closed descriptor: the host closed standard error.
     int const fd = fileno(stream);
-    if (fd < 0 || fcntl(fd, F_GETFD) == -1) return false;
+    if (fd < 0 || fcntl(fd, F_GETFD) == -1)
+        return false;
     Quillon::String const line = versionBannerLine();
     bool const written = std::fwrite(line.data(), 1, line.size(), stream) == line.size();
     return std::fflush(stream) == 0 && written;

@@ -2,16 +2,18 @@
 /// @brief The voxel hash debug line.
 #include <hexmold/diagnostics/voxel_hash.h>
 
+#include <hexmold/logging/logger.h>
 #include <iomanip>
 #include <ios>
 #include <ostream>
-#include <hexmold/logging/logger.h>
 
 namespace CoreGL {
 
-void writeVoxelHashLine(Quillon::StringView prefix, Quillon::StringView suffix, double hash, int aboveLevel)
+void writeVoxelHashLine(Quillon::StringView prefix, Quillon::StringView suffix, double hash,
+                        int aboveLevel)
 {
-    if (Logger::verboseLevel() <= aboveLevel) return;
+    if (Logger::verboseLevel() <= aboveLevel)
+        return;
     Logger::DebugFileStreamScopedLock lock;
     std::ostream& out = Logger::debugFileStream();
     std::streamsize const precision = out.precision(17);

@@ -30,11 +30,13 @@ inline constexpr double kVoxelHashScale = 5.421010862427522e-20;
 ///          a = (rotr(seed, 21) ^ counter) * M; b = rotl(a ^ (a >> 28), 12);
 ///          d = (b ^ (b >> 32) ^ seed) * M; e = d ^ (d >> 28); r = e ^ (e >> 23);
 ///          weight = r * 2^-64. All arithmetic is unsigned 64-bit, wrapping.
-constexpr double voxelHashWeight(std::int32_t ti, std::int32_t tj, std::int32_t tk, std::uint64_t counter)
+constexpr double voxelHashWeight(std::int32_t ti, std::int32_t tj, std::int32_t tk,
+                                 std::uint64_t counter)
 {
     std::uint32_t const sum32 = static_cast<std::uint32_t>(ti) + static_cast<std::uint32_t>(tj) +
                                 static_cast<std::uint32_t>(tk);
-    std::uint64_t const seed = static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(sum32)));
+    std::uint64_t const seed =
+        static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(sum32)));
     std::uint64_t const a = (((seed >> 21) | (seed << 43)) ^ counter) * kVoxelHashMultiplier;
     std::uint64_t const a2 = a ^ (a >> 28);
     std::uint64_t const b = (a2 << 12) | (a2 >> 52);
@@ -61,14 +63,15 @@ HEXMOLD_API double voxelHash(TVL::TileTree3D::Container<Traits> const& container
 ///        `Logger::debugFileStream()` under its lock, when `Logger::verboseLevel()` is above
 ///        @p aboveLevel. The hash is printed with 17 significant digits.
 /// @param suffix  such as ".voxel_hash.after_pruning = "
-HEXMOLD_API void writeVoxelHashLine(Quillon::StringView prefix, Quillon::StringView suffix, double hash,
-                                    int aboveLevel = 2);
+HEXMOLD_API void writeVoxelHashLine(Quillon::StringView prefix, Quillon::StringView suffix,
+                                    double hash, int aboveLevel = 2);
 
 /// @brief As above, hashing @p channel first; nothing is computed when the line is not written.
 /// Instantiated as `voxelHash`.
 template <typename Traits, typename T>
 HEXMOLD_API void writeVoxelHashLine(Quillon::StringView prefix, Quillon::StringView suffix,
                                     TVL::TileTree3D::Container<Traits> const& container,
-                                    TVL::TileTree3D::VoxelChannel<Traits, T> const& channel, int aboveLevel = 2);
+                                    TVL::TileTree3D::VoxelChannel<Traits, T> const& channel,
+                                    int aboveLevel = 2);
 
 } // namespace CoreGL

@@ -5,11 +5,11 @@
 #pragma once
 
 #if defined(_WIN32)
-#  if defined(HEXMOLD_BUILDING_IO_LIBRARY)
-#    define HEXMOLD_IO_API __declspec(dllexport)
-#  else
-#    define HEXMOLD_IO_API __declspec(dllimport)
-#  endif
+#if defined(HEXMOLD_BUILDING_IO_LIBRARY)
+#define HEXMOLD_IO_API __declspec(dllexport)
 #else
-#  define HEXMOLD_IO_API __attribute__((visibility("default")))
+#define HEXMOLD_IO_API __declspec(dllimport)
+#endif
+#else
+#define HEXMOLD_IO_API __attribute__((visibility("default")))
 #endif

@@ -14,7 +14,13 @@ IoError::IoError(std::string const& file, std::string const& reason)
 // callers catch the error by type across the library boundary.
 IoError::~IoError() = default;
 
-std::string const& IoError::file() const noexcept { return mParts->file; }
-std::string const& IoError::reason() const noexcept { return mParts->reason; }
+std::string const& IoError::file() const noexcept
+{
+    return mParts->file;
+}
+std::string const& IoError::reason() const noexcept
+{
+    return mParts->reason;
+}
 
 } // namespace hexmold::io

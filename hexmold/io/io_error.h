@@ -1,10 +1,10 @@
 /// @file  io/io_error.h
 /// @brief `hexmold::io::IoError`: the one error of the file readers.
 #pragma once
+#include <hexmold/io/export.h>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <hexmold/io/export.h>
 
 namespace hexmold::io {
 

@@ -40,12 +40,18 @@ enum class Format { kObj, kPly, kStl, kOff, kGltf, kGlb };
 char const* formatName(Format format)
 {
     switch (format) {
-    case Format::kObj: return "OBJ";
-    case Format::kPly: return "PLY";
-    case Format::kStl: return "STL";
-    case Format::kOff: return "OFF";
-    case Format::kGltf: return "glTF";
-    case Format::kGlb: return "GLB";
+    case Format::kObj:
+        return "OBJ";
+    case Format::kPly:
+        return "PLY";
+    case Format::kStl:
+        return "STL";
+    case Format::kOff:
+        return "OFF";
+    case Format::kGltf:
+        return "glTF";
+    case Format::kGlb:
+        return "GLB";
     }
     return "";
 }
@@ -60,12 +66,18 @@ Format formatOf(std::filesystem::path const& path)
     std::string extension = path.extension().string();
     std::transform(extension.begin(), extension.end(), extension.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    if (extension == ".obj") return Format::kObj;
-    if (extension == ".ply") return Format::kPly;
-    if (extension == ".stl") return Format::kStl;
-    if (extension == ".off") return Format::kOff;
-    if (extension == ".gltf") return Format::kGltf;
-    if (extension == ".glb") return Format::kGlb;
+    if (extension == ".obj")
+        return Format::kObj;
+    if (extension == ".ply")
+        return Format::kPly;
+    if (extension == ".stl")
+        return Format::kStl;
+    if (extension == ".off")
+        return Format::kOff;
+    if (extension == ".gltf")
+        return Format::kGltf;
+    if (extension == ".glb")
+        return Format::kGlb;
     fail(path, (extension.empty() ? std::string("no file extension")
                                   : "unknown extension '" + path.extension().string() + "'") +
                    " (mesh files are .obj, .ply, .stl, .off, .gltf or .glb)");
@@ -77,19 +89,24 @@ std::uint64_t readableFileSize(std::filesystem::path const& path)
 {
     std::error_code error;
     auto const status = std::filesystem::status(path, error);
-    if (status.type() == std::filesystem::file_type::not_found) fail(path, "no such file");
-    if (error) fail(path, "cannot access the file: " + error.message());
+    if (status.type() == std::filesystem::file_type::not_found)
+        fail(path, "no such file");
+    if (error)
+        fail(path, "cannot access the file: " + error.message());
     if (status.type() == std::filesystem::file_type::directory)
         fail(path, "is a folder, not a file");
-    if (status.type() != std::filesystem::file_type::regular) fail(path, "not a regular file");
+    if (status.type() != std::filesystem::file_type::regular)
+        fail(path, "not a regular file");
     std::uint64_t const size = std::filesystem::file_size(path, error);
-    if (error) fail(path, "cannot access the file: " + error.message());
+    if (error)
+        fail(path, "cannot access the file: " + error.message());
     errno = 0;
     std::ifstream probe(path, std::ios::binary);
     if (!probe)
         fail(path, "cannot open the file for reading" +
                        (errno ? ": " + std::generic_category().message(errno) : std::string()));
-    if (size == 0) fail(path, "the file is empty");
+    if (size == 0)
+        fail(path, "the file is empty");
     return size;
 }
 
@@ -120,7 +137,8 @@ void checkStructure(std::filesystem::path const& path, Format format, std::uint6
         problem = detail::stlProblem(readBytes(path, 0, std::min(size, kHeadBytes)),
                                      readBytes(path, size - tailBytes, tailBytes), size);
     }
-    if (!problem.empty()) fail(path, problem);
+    if (!problem.empty())
+        fail(path, problem);
 }
 
 // ---- gathering: the faces of every node's meshes, with their points -----------------------------
@@ -134,11 +152,11 @@ struct Instance {
 /// A per-point attribute while the points are gathered, one value of `width` floats per point.
 struct Attribute {
     std::string name;
-    int width = 0;             ///< 2, 3 or 4
+    int width = 0; ///< 2, 3 or 4
     enum Kind { kNormal, kColor, kUv } kind = kNormal;
-    unsigned set = 0;          ///< Assimp's colour or texture coordinate set
+    unsigned set = 0; ///< Assimp's colour or texture coordinate set
     std::vector<float> values;
-    bool perFace = false;      ///< one value over each whole face
+    bool perFace = false; ///< one value over each whole face
 };
 
 /// The gathered faces: every point every face uses, one per (mesh instance, mesh vertex), not
@@ -150,13 +168,18 @@ struct Gathered {
     std::vector<std::uint32_t> faceOffset{0};
 };
 
-bool isPolygon(aiFace const& face) { return face.mNumIndices >= 3 && face.mIndices; }
+bool isPolygon(aiFace const& face)
+{
+    return face.mNumIndices >= 3 && face.mIndices;
+}
 
 bool hasPolygon(aiMesh const& mesh)
 {
-    if (!mesh.mVertices || !mesh.mFaces) return false;
+    if (!mesh.mVertices || !mesh.mFaces)
+        return false;
     for (unsigned f = 0; f < mesh.mNumFaces; ++f)
-        if (isPolygon(mesh.mFaces[f])) return true;
+        if (isPolygon(mesh.mFaces[f]))
+            return true;
     return false;
 }
 
@@ -165,7 +188,8 @@ bool hasPolygon(aiMesh const& mesh)
 std::vector<Instance> instancesOf(aiScene const& scene, std::filesystem::path const& path)
 {
     std::vector<Instance> instances;
-    if (!scene.mRootNode) return instances;
+    if (!scene.mRootNode)
+        return instances;
     std::vector<std::pair<aiNode const*, aiMatrix4x4>> stack{
         {scene.mRootNode, scene.mRootNode->mTransformation}};
     while (!stack.empty()) {
@@ -174,9 +198,10 @@ std::vector<Instance> instancesOf(aiScene const& scene, std::filesystem::path co
         for (unsigned i = 0; i < node->mNumMeshes; ++i) {
             unsigned const m = node->mMeshes[i];
             if (m >= scene.mNumMeshes || !scene.mMeshes[m])
-                fail(path, "malformed file: a node refers to mesh " + std::to_string(m) +
-                               " of " + std::to_string(scene.mNumMeshes));
-            if (hasPolygon(*scene.mMeshes[m])) instances.push_back({scene.mMeshes[m], transform});
+                fail(path, "malformed file: a node refers to mesh " + std::to_string(m) + " of " +
+                               std::to_string(scene.mNumMeshes));
+            if (hasPolygon(*scene.mMeshes[m]))
+                instances.push_back({scene.mMeshes[m], transform});
         }
         for (unsigned c = node->mNumChildren; c-- > 0;)
             if (node->mChildren[c])
@@ -199,15 +224,24 @@ std::vector<Attribute> commonAttributes(std::vector<Instance> const& instances, 
         attributes.push_back({sPointNormal, 3, Attribute::kNormal, 0, {}, false});
     for (unsigned set = 0; set < AI_MAX_NUMBER_OF_COLOR_SETS; ++set)
         if (all([set](aiMesh const& mesh) { return mesh.HasVertexColors(set); }))
-            attributes.push_back({sPointColor + (set ? std::to_string(set) : ""), 4,
-                                  Attribute::kColor, set, {}, false});
+            attributes.push_back({sPointColor + (set ? std::to_string(set) : ""),
+                                  4,
+                                  Attribute::kColor,
+                                  set,
+                                  {},
+                                  false});
     for (unsigned set = 0; set < AI_MAX_NUMBER_OF_TEXTURECOORDS; ++set) {
-        if (!all([set](aiMesh const& mesh) { return mesh.HasTextureCoords(set); })) continue;
+        if (!all([set](aiMesh const& mesh) { return mesh.HasTextureCoords(set); }))
+            continue;
         unsigned components = 0;
         for (auto const& instance : instances)
             components = std::max(components, instance.mesh->mNumUVComponents[set]);
         attributes.push_back({sPointUv + (set ? std::to_string(set) : ""),
-                              components > 2 ? 3 : 2, Attribute::kUv, set, {}, false});
+                              components > 2 ? 3 : 2,
+                              Attribute::kUv,
+                              set,
+                              {},
+                              false});
     }
     return attributes;
 }
@@ -216,7 +250,8 @@ bool isExactIdentity(aiMatrix4x4 const& m)
 {
     for (unsigned r = 0; r < 4; ++r)
         for (unsigned c = 0; c < 4; ++c)
-            if (m[r][c] != (r == c ? 1.0f : 0.0f)) return false;
+            if (m[r][c] != (r == c ? 1.0f : 0.0f))
+                return false;
     return true;
 }
 
@@ -229,7 +264,8 @@ public:
     explicit Placement(aiMatrix4x4 const& m) : mIdentity(isExactIdentity(m))
     {
         for (int r = 0; r < 3; ++r)
-            for (int c = 0; c < 4; ++c) mAffine[r][c] = m[r][c];
+            for (int c = 0; c < 4; ++c)
+                mAffine[r][c] = m[r][c];
         auto const& a = mAffine;
         for (int r = 0; r < 3; ++r)
             for (int c = 0; c < 3; ++c) {
@@ -241,7 +277,8 @@ public:
         mMirrors = det < 0;
         if (mMirrors)
             for (auto& row : mCofactor)
-                for (double& v : row) v = -v;
+                for (double& v : row)
+                    v = -v;
     }
 
     /// True when the transform turns the space inside out (negative determinant).
@@ -249,7 +286,8 @@ public:
 
     float3 position(aiVector3D const& p) const
     {
-        if (mIdentity) return {p.x, p.y, p.z};
+        if (mIdentity)
+            return {p.x, p.y, p.z};
         float3 out;
         for (int r = 0; r < 3; ++r)
             out[r] = static_cast<float>(mAffine[r][0] * p.x + mAffine[r][1] * p.y +
@@ -259,14 +297,16 @@ public:
 
     float3 normal(aiVector3D const& n) const
     {
-        if (mIdentity) return {n.x, n.y, n.z};
+        if (mIdentity)
+            return {n.x, n.y, n.z};
         double v[3];
         for (int r = 0; r < 3; ++r)
             v[r] = mCofactor[r][0] * n.x + mCofactor[r][1] * n.y + mCofactor[r][2] * n.z;
         double const length = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
-        double const scale = length > 0 ? std::sqrt(double(n.x) * n.x + double(n.y) * n.y +
-                                                    double(n.z) * n.z) / length
-                                        : 0.0;
+        double const scale =
+            length > 0
+                ? std::sqrt(double(n.x) * n.x + double(n.y) * n.y + double(n.z) * n.z) / length
+                : 0.0;
         return {float(v[0] * scale), float(v[1] * scale), float(v[2] * scale)};
     }
 
@@ -302,13 +342,13 @@ void gatherInstance(Instance const& instance, std::filesystem::path const& path,
     std::vector<std::uint32_t> local(mesh.mNumVertices, kUnused);
     for (unsigned f = 0; f < mesh.mNumFaces; ++f) {
         aiFace const& face = mesh.mFaces[f];
-        if (!isPolygon(face)) continue;
+        if (!isPolygon(face))
+            continue;
         for (unsigned i = 0; i < face.mNumIndices; ++i) {
             if (face.mIndices[i] >= mesh.mNumVertices)
                 fail(path, "face index out of range: face " + std::to_string(f) +
                                " refers to vertex " + std::to_string(face.mIndices[i]) +
-                               ", the mesh has " + std::to_string(mesh.mNumVertices) +
-                               " vertices");
+                               ", the mesh has " + std::to_string(mesh.mNumVertices) + " vertices");
             local[face.mIndices[i]] = 0;
         }
     }
@@ -316,7 +356,8 @@ void gatherInstance(Instance const& instance, std::filesystem::path const& path,
     Placement const placement(instance.transform);
     auto& positions = io_gathered.positions;
     for (unsigned v = 0; v < mesh.mNumVertices; ++v) {
-        if (local[v] == kUnused) continue;
+        if (local[v] == kUnused)
+            continue;
         if (positions.size() >= kMaxIndex)
             fail(path, "too large: more points than 32-bit indices hold");
         float3 const p = placement.position(mesh.mVertices[v]);
@@ -337,14 +378,16 @@ void gatherInstance(Instance const& instance, std::filesystem::path const& path,
             } else {
                 aiVector3D const& t = mesh.mTextureCoords[attribute.set][v];
                 values.insert(values.end(), {t.x, t.y});
-                if (attribute.width == 3) values.push_back(t.z);
+                if (attribute.width == 3)
+                    values.push_back(t.z);
             }
         }
     }
 
     for (unsigned f = 0; f < mesh.mNumFaces; ++f) {
         aiFace const& face = mesh.mFaces[f];
-        if (!isPolygon(face)) continue;
+        if (!isPolygon(face))
+            continue;
         if (io_gathered.faceVertex.size() + face.mNumIndices > kMaxIndex)
             fail(path, "too large: more face corners than 32-bit indices hold");
         // Under a mirror the corners go the other way round, so that the face keeps facing
@@ -361,10 +404,12 @@ void gatherInstance(Instance const& instance, std::filesystem::path const& path,
 Gathered gather(aiScene const& scene, std::filesystem::path const& path, Format format)
 {
     std::vector<Instance> const instances = instancesOf(scene, path);
-    if (instances.empty()) fail(path, "no faces: the file has no face of three or more points");
+    if (instances.empty())
+        fail(path, "no faces: the file has no face of three or more points");
     Gathered gathered;
     gathered.attributes = commonAttributes(instances, format);
-    for (auto const& instance : instances) gatherInstance(instance, path, gathered);
+    for (auto const& instance : instances)
+        gatherInstance(instance, path, gathered);
 
     // COFF colours are 0 to 255 or 0 to 1, and Assimp hands them on as they are written.
     if (format == Format::kOff)
@@ -372,7 +417,8 @@ Gathered gather(aiScene const& scene, std::filesystem::path const& path, Format 
             if (attribute.kind == Attribute::kColor &&
                 std::any_of(attribute.values.begin(), attribute.values.end(),
                             [](float v) { return v > 1.0f; }))
-                for (float& v : attribute.values) v /= 255.0f;
+                for (float& v : attribute.values)
+                    v /= 255.0f;
     return gathered;
 }
 
@@ -381,7 +427,8 @@ Gathered gather(aiScene const& scene, std::filesystem::path const& path, Format 
 /// The bits of @p v with -0 taken as +0: equal keys are equal values.
 std::uint32_t keyBits(float v)
 {
-    if (v == 0.0f) v = 0.0f;
+    if (v == 0.0f)
+        v = 0.0f;
     std::uint32_t bits;
     std::memcpy(&bits, &v, sizeof(bits));
     return bits;
@@ -411,7 +458,8 @@ public:
     PointTable(std::size_t keyWords, std::size_t expectedKeys) : mKeyWords(keyWords)
     {
         std::size_t capacity = 16;
-        while (capacity < 2 * expectedKeys) capacity *= 2;
+        while (capacity < 2 * expectedKeys)
+            capacity *= 2;
         mSlots.assign(capacity, 0);
         mKeys.reserve(expectedKeys * keyWords);
     }
@@ -462,8 +510,8 @@ void setPointProperty(Tavrel::Object& io_mesh, Attribute const& attribute,
 {
     static_assert(sizeof(T) == sizeof(float) * T::kSize);
     if (!Tavrel::Geometry::setDataGeoProperty<T>(io_mesh, attribute.name,
-                                                  Tavrel::Geometry::sPointComp,
-                                                  pointValues<T>(attribute, firstOf), defaultValue))
+                                                 Tavrel::Geometry::sPointComp,
+                                                 pointValues<T>(attribute, firstOf), defaultValue))
         fail(path, "internal error: point property '" + attribute.name + "' was refused");
 }
 
@@ -473,7 +521,8 @@ Quillon::MutablePtr<Tavrel::Object> buildMesh(Gathered& gathered, std::filesyste
     std::size_t keyWords = 3;
     for (auto& attribute : gathered.attributes) {
         attribute.perFace = isPerFace(attribute, gathered);
-        if (!attribute.perFace) keyWords += attribute.width;
+        if (!attribute.perFace)
+            keyWords += attribute.width;
     }
 
     std::size_t const rawCount = gathered.positions.size();
@@ -492,7 +541,8 @@ Quillon::MutablePtr<Tavrel::Object> buildMesh(Gathered& gathered, std::filesyste
                 for (int i = 0; i < attribute.width; ++i)
                     key[k++] = keyBits(attribute.values[r * attribute.width + i]);
         pointOf[r] = table.insert(key.data());
-        if (pointOf[r] == firstOf.size()) firstOf.push_back(static_cast<std::uint32_t>(r));
+        if (pointOf[r] == firstOf.size())
+            firstOf.push_back(static_cast<std::uint32_t>(r));
     }
 
     // A per-face attribute stays only where each joined point has a single value of it.
@@ -504,11 +554,13 @@ Quillon::MutablePtr<Tavrel::Object> buildMesh(Gathered& gathered, std::filesyste
             for (std::size_t i = 0; i < w; ++i)
                 single = single && keyBits(attribute.values[r * w + i]) ==
                                        keyBits(attribute.values[firstOf[pointOf[r]] * w + i]);
-        if (single) kept.push_back(&attribute);
+        if (single)
+            kept.push_back(&attribute);
     }
 
     Quillon::Array<float3> positions(firstOf.size());
-    for (std::size_t p = 0; p < firstOf.size(); ++p) positions[p] = gathered.positions[firstOf[p]];
+    for (std::size_t p = 0; p < firstOf.size(); ++p)
+        positions[p] = gathered.positions[firstOf[p]];
     Quillon::Array<unsigned int> faceVertex(gathered.faceVertex.size());
     for (std::size_t c = 0; c < faceVertex.size(); ++c)
         faceVertex[c] = pointOf[gathered.faceVertex[c]];
@@ -516,7 +568,8 @@ Quillon::MutablePtr<Tavrel::Object> buildMesh(Gathered& gathered, std::filesyste
 
     auto mesh = Tavrel::Geometry::createMesh(std::move(positions), std::move(faceVertex),
                                              std::move(faceOffset));
-    if (!mesh) fail(path, "internal error: the mesh arrays were refused");
+    if (!mesh)
+        fail(path, "internal error: the mesh arrays were refused");
     for (Attribute const* attribute : kept) {
         if (attribute->kind == Attribute::kNormal)
             setPointProperty(*mesh, *attribute, firstOf, float3{0, 0, 0}, path);
@@ -542,15 +595,16 @@ Quillon::MutablePtr<Tavrel::Object> readMesh(std::filesystem::path const& path)
     // identical vertices compares every attribute, facet normals included, which keeps an STL
     // solid in loose triangles. Assimp logs nothing unless a logger is created, and none is.
     Assimp::Importer importer;
-    std::string const failed = std::string("Assimp could not read the file as ") +
-                               formatName(format) + ": ";
+    std::string const failed =
+        std::string("Assimp could not read the file as ") + formatName(format) + ": ";
     aiScene const* scene = nullptr;
     try {
         scene = importer.ReadFile(path.string(), 0u);
     } catch (std::exception const& e) {
         fail(path, failed + e.what());
     }
-    if (!scene) fail(path, failed + importer.GetErrorString());
+    if (!scene)
+        fail(path, failed + importer.GetErrorString());
 
     Gathered gathered = gather(*scene, path, format);
     importer.FreeScene();

@@ -385,7 +385,8 @@ Quillon::MutablePtr<Tavrel::Object> readText(std::filesystem::path const& path)
                 fail(path, "line " + std::to_string(lineNumber) + " has fewer than three numbers");
             char const* names[] = {"x", "y", "z", "radius"};
             for (std::size_t q = 0; q < words.size(); ++q)
-                columns.push_back(Column{q < 4 ? names[q] : std::string("c").append(std::to_string(q)), {}, 0.0});
+                columns.push_back(
+                    Column{q < 4 ? names[q] : std::string("c").append(std::to_string(q)), {}, 0.0});
         }
         if (words.size() != columns.size())
             fail(path, "line " + std::to_string(lineNumber) + " has " +

@@ -5,11 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <iostream>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/canonical_order.h>
@@ -17,6 +12,11 @@
 #include <hexmold/substrate/parallel_ranges.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace VolumeGL::TileTree3D::LevelSet {
 
@@ -32,7 +32,8 @@ constexpr float kSafety = 1.01f;     ///< widens every radius and threshold by 1
 inline bool anyBelow(float const* values, std::size_t n, float threshold)
 {
     for (std::size_t v = 0; v < n; ++v)
-        if (std::abs(values[v]) < threshold) return true;
+        if (std::abs(values[v]) < threshold)
+            return true;
     return false;
 }
 
@@ -78,8 +79,10 @@ template <typename Traits> struct Ball {
         for (std::int64_t k = lo[2]; k <= hi[2]; k += t)
             for (std::int64_t j = lo[1]; j <= hi[1]; j += t)
                 for (std::int64_t i = lo[0]; i <= hi[0]; i += t) {
-                    double const dx = c[0] - (i + half), dy = c[1] - (j + half), dz = c[2] - (k + half);
-                    if (double(radius) > std::sqrt(dx * dx + dy * dy + dz * dz)) add(i, j, k);
+                    double const dx = c[0] - (i + half), dy = c[1] - (j + half),
+                                 dz = c[2] - (k + half);
+                    if (double(radius) > std::sqrt(dx * dx + dy * dy + dz * dz))
+                        add(i, j, k);
                 }
     }
 };
@@ -93,8 +96,9 @@ template <typename Traits> struct Ball {
 ///          the first tile in that order every surface tile's whole ball is added. (Relying on
 ///          both sides would let two neighbours each leave a tile to the other.)
 struct BallStencil {
-    std::vector<std::array<std::int64_t, 3>> offsets;                      ///< the whole ball
-    std::array<std::vector<std::array<std::int64_t, 3>>, 8> partByFaces;   ///< by lower-neighbour mask
+    std::vector<std::array<std::int64_t, 3>> offsets; ///< the whole ball
+    std::array<std::vector<std::array<std::int64_t, 3>>, 8>
+        partByFaces; ///< by lower-neighbour mask
 };
 
 /// The stencil of @p ball, or null when the ball is too large to list (the tiles are then
@@ -106,7 +110,8 @@ template <typename Traits> std::unique_ptr<BallStencil> makeStencil(Ball<Traits>
     // A corner on the lattice of the depth: the one at the origin's cell.
     std::int64_t const origin = snapDown<Traits>(0, t);
     std::int64_t const corner[3] = {origin, origin, origin};
-    if (2.0 * double(ball.radius) / double(t) + 3.0 > double(kMaxAcross)) return nullptr;
+    if (2.0 * double(ball.radius) / double(t) + 3.0 > double(kMaxAcross))
+        return nullptr;
     auto stencil = std::make_unique<BallStencil>();
     ball.forEach(corner, [&](std::int64_t i, std::int64_t j, std::int64_t k) {
         stencil->offsets.push_back({(i - origin) / t, (j - origin) / t, (k - origin) / t});
@@ -114,21 +119,25 @@ template <typename Traits> std::unique_ptr<BallStencil> makeStencil(Ball<Traits>
     // Membership in the ball, on a box with a margin of one for the shifted lookups.
     std::int64_t reach = 0;
     for (auto const& o : stencil->offsets)
-        for (std::int64_t v : o) reach = std::max(reach, v < 0 ? -v : v);
+        for (std::int64_t v : o)
+            reach = std::max(reach, v < 0 ? -v : v);
     std::int64_t const side = 2 * reach + 3;
     std::vector<unsigned char> inside(std::size_t(side * side * side), 0);
     auto cell = [&](std::int64_t x, std::int64_t y, std::int64_t z) {
         return std::size_t((x + reach + 1) + side * ((y + reach + 1) + side * (z + reach + 1)));
     };
-    for (auto const& o : stencil->offsets) inside[cell(o[0], o[1], o[2])] = 1;
+    for (auto const& o : stencil->offsets)
+        inside[cell(o[0], o[1], o[2])] = 1;
     for (int mask = 0; mask < 8; ++mask)
         for (auto const& o : stencil->offsets) {
             bool needed = true;
             for (int f = 0; f < 3 && needed; ++f)
                 if (mask & (1 << f))
-                    needed = !inside[cell(o[0] - kLowerFaceOffsets[f][0], o[1] - kLowerFaceOffsets[f][1],
-                                          o[2] - kLowerFaceOffsets[f][2])];
-            if (needed) stencil->partByFaces[std::size_t(mask)].push_back({o[0] * t, o[1] * t, o[2] * t});
+                    needed =
+                        !inside[cell(o[0] - kLowerFaceOffsets[f][0], o[1] - kLowerFaceOffsets[f][1],
+                                     o[2] - kLowerFaceOffsets[f][2])];
+            if (needed)
+                stencil->partByFaces[std::size_t(mask)].push_back({o[0] * t, o[1] * t, o[2] * t});
         }
     return stencil;
 }
@@ -137,14 +146,15 @@ template <typename Traits> std::unique_ptr<BallStencil> makeStencil(Ball<Traits>
 /// scan in storage order.
 template <typename Traits>
 std::vector<std::vector<unsigned char>> surfaceTiles(Container<Traits> const& container,
-                                                     VoxelChannel<Traits, float> const& distance, float voxelSize,
-                                                     int minDepth, int maxDepth)
+                                                     VoxelChannel<Traits, float> const& distance,
+                                                     float voxelSize, int minDepth, int maxDepth)
 {
     std::vector<std::vector<unsigned char>> out(std::size_t(Traits::kMaxDepth + 1));
     for (int d = minDepth; d <= maxDepth; ++d) {
         std::int64_t const n = container.tileCount(d);
         out[std::size_t(d)].assign(std::size_t(n), 0);
-        float const threshold = float(Container<Traits>::voxelDataWidth(d)) * voxelSize * kSqrt3 * kSafety;
+        float const threshold =
+            float(Container<Traits>::voxelDataWidth(d)) * voxelSize * kSqrt3 * kSafety;
         unsigned char* const flags = out[std::size_t(d)].data();
         TVL::Parallel::cancellableRanges(
             n,
@@ -172,14 +182,16 @@ public:
                   std::vector<std::vector<unsigned char>> const& surface,
                   std::vector<std::unique_ptr<Ball<Traits>>> const& balls,
                   std::vector<std::unique_ptr<BallStencil>> const& stencils)
-        : mContainer(&container), mVoxelSize(voxelSize), mSurface(&surface), mBalls(&balls), mStencils(&stencils),
-          mScratch(freshTree(voxelSize)), mAccessor(mScratch->tileAccessor()), mNeighbours(container.tileAccessor())
+        : mContainer(&container), mVoxelSize(voxelSize), mSurface(&surface), mBalls(&balls),
+          mStencils(&stencils), mScratch(freshTree(voxelSize)), mAccessor(mScratch->tileAccessor()),
+          mNeighbours(container.tileAccessor())
     {
     }
     DilateVisitor(DilateVisitor const& other)
-        : Base(other), mContainer(other.mContainer), mVoxelSize(other.mVoxelSize), mSurface(other.mSurface),
-          mBalls(other.mBalls), mStencils(other.mStencils), mScratch(freshTree(other.mVoxelSize)),
-          mAccessor(mScratch->tileAccessor()), mNeighbours(other.mContainer->tileAccessor())
+        : Base(other), mContainer(other.mContainer), mVoxelSize(other.mVoxelSize),
+          mSurface(other.mSurface), mBalls(other.mBalls), mStencils(other.mStencils),
+          mScratch(freshTree(other.mVoxelSize)), mAccessor(mScratch->tileAccessor()),
+          mNeighbours(other.mContainer->tileAccessor())
     {
     }
     using Base::beginTile;
@@ -188,13 +200,16 @@ public:
 
     void beginTile(Tile<Traits> const& tile) override
     {
-        if (TVL::bodyCancelled()) return;
+        if (TVL::bodyCancelled())
+            return;
         int const d = tile.depth();
         auto const& surface = (*mSurface)[std::size_t(d)];
-        if (!surface[std::size_t(tile.index())]) return;
+        if (!surface[std::size_t(tile.index())])
+            return;
         std::int64_t const corner[3] = {tile.ti(), tile.tj(), tile.tk()};
         auto add = [&](std::int64_t i, std::int64_t j, std::int64_t k) {
-            if (Container<Traits>::inDomain(i, j, k)) mAccessor.addTile(i, j, k, d);
+            if (Container<Traits>::inDomain(i, j, k))
+                mAccessor.addTile(i, j, k, d);
         };
         BallStencil const* stencil = (*mStencils)[std::size_t(d)].get();
         if (!stencil) {
@@ -204,14 +219,17 @@ public:
         int mask = 0;
         for (int f = 0; f < 3; ++f) {
             Tile<Traits> const& n = mNeighbours.tileNeighbor(tile, kLowerFaceDirections[f]);
-            if (n.valid() && n.depth() == d && surface[std::size_t(n.index())]) mask |= 1 << f;
+            if (n.valid() && n.depth() == d && surface[std::size_t(n.index())])
+                mask |= 1 << f;
         }
-        for (auto const& o : stencil->partByFaces[std::size_t(mask)]) add(corner[0] + o[0], corner[1] + o[1], corner[2] + o[2]);
+        for (auto const& o : stencil->partByFaces[std::size_t(mask)])
+            add(corner[0] + o[0], corner[1] + o[1], corner[2] + o[2]);
     }
     void join(Base const& other) override
     {
         auto const& o = static_cast<DilateVisitor const&>(other);
-        if (o.mScratch->tileCount(-1) > 1) mScratch->refine(*o.mScratch, nullptr, true);
+        if (o.mScratch->tileCount(-1) > 1)
+            mScratch->refine(*o.mScratch, nullptr, true);
         mAccessor = mScratch->tileAccessor();
     }
     Base* copy() const override { return new DilateVisitor(*this); }
@@ -251,18 +269,21 @@ public:
 
     void beginTile(Tile<Traits> const& tile) override
     {
-        if (TVL::bodyCancelled()) return;
+        if (TVL::bodyCancelled())
+            return;
         // A tile without a block has no voxel below the threshold: it goes too.
         auto const block = mDistance->tileData(tile.treeIndex());
         // The tile's whole diagonal, not a voxel's: kept in this order of multiplication.
-        float const threshold = mVoxelSize * kSafety * kSqrt3 * float(tile.tileVoxelWidth()) + mBandwidth;
+        float const threshold =
+            mVoxelSize * kSafety * kSqrt3 * float(tile.tileVoxelWidth()) + mBandwidth;
         if (block.empty() || !anyBelow(block.data(), block.size(), threshold))
             mFar[tile.depth()].push_back(tile.index());
     }
     void join(Base const& other) override
     {
         auto const& o = static_cast<ErodeVisitor const&>(other);
-        for (int d = 0; d <= Traits::kMaxDepth; ++d) mFar[d].insert(mFar[d].end(), o.mFar[d].begin(), o.mFar[d].end());
+        for (int d = 0; d <= Traits::kMaxDepth; ++d)
+            mFar[d].insert(mFar[d].end(), o.mFar[d].begin(), o.mFar[d].end());
     }
     Base* copy() const override { return new ErodeVisitor(*this); }
 
@@ -283,33 +304,40 @@ void dilate(float bandwidth, Container<Traits>& io_container, VoxelChannel<Trait
 {
     static Quillon::String const reduceName("Volume::resize_level_set.dilate.reduce");
     static Quillon::String const refineName("Volume::resize_level_set.dilate.refine");
-    static Quillon::String const neighborsName("Volume::resize_level_set.dilate.precompute_neighbors");
-    if (CoreGL::Logger::verboseLevel() > 0) std::cout << "levelset_dilate.begin\n";
+    static Quillon::String const neighborsName(
+        "Volume::resize_level_set.dilate.precompute_neighbors");
+    if (CoreGL::Logger::verboseLevel() > 0)
+        std::cout << "levelset_dilate.begin\n";
     minDepth = std::max(minDepth, 0);
     maxDepth = std::min(maxDepth, Traits::kMaxDepth);
     Container<Traits> ordered("", io_container.voxelSize());
     {
         auto const timer = CoreGL::Logger::timer(reduceName, logger.services());
         float const voxelSize = io_container.voxelSize();
-        auto const surface = surfaceTiles(std::as_const(io_container), std::as_const(distance), voxelSize, minDepth,
-                                          maxDepth);
+        auto const surface = surfaceTiles(std::as_const(io_container), std::as_const(distance),
+                                          voxelSize, minDepth, maxDepth);
         std::vector<std::unique_ptr<Ball<Traits>>> balls(std::size_t(Traits::kMaxDepth + 1));
         std::vector<std::unique_ptr<BallStencil>> stencils(std::size_t(Traits::kMaxDepth + 1));
         for (int d = minDepth; d <= maxDepth; ++d) {
             auto const& flags = surface[std::size_t(d)];
-            if (std::find(flags.begin(), flags.end(), 1) == flags.end()) continue;
+            if (std::find(flags.begin(), flags.end(), 1) == flags.end())
+                continue;
             balls[std::size_t(d)] = std::make_unique<Ball<Traits>>(bandwidth, voxelSize, d);
             stencils[std::size_t(d)] = makeStencil(*balls[std::size_t(d)]);
         }
-        DilateVisitor<Traits> visitor(std::as_const(io_container), voxelSize, surface, balls, stencils);
-        std::as_const(io_container).reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, minDepth, maxDepth, 50, 0,
-                                              Traits::kRatio, kVisitInteriorVoxelNone);
-        if (visitor.scratch().tileCount(-1) > 1) addTilesInCanonicalOrder(visitor.scratch(), ordered);
+        DilateVisitor<Traits> visitor(std::as_const(io_container), voxelSize, surface, balls,
+                                      stencils);
+        std::as_const(io_container)
+            .reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, minDepth, maxDepth,
+                                      50, 0, Traits::kRatio, kVisitInteriorVoxelNone);
+        if (visitor.scratch().tileCount(-1) > 1)
+            addTilesInCanonicalOrder(visitor.scratch(), ordered);
     }
     std::int64_t const before = io_container.tileCount(-1);
     {
         auto const timer = CoreGL::Logger::timer(refineName, logger.services());
-        if (ordered.tileCount(-1) > 0) io_container.refine(ordered, &out_newTiles, true);
+        if (ordered.tileCount(-1) > 0)
+            io_container.refine(ordered, &out_newTiles, true);
     }
     logger.info("Added " + std::to_string(io_container.tileCount(-1) - before) + " tiles.");
     {
@@ -317,7 +345,8 @@ void dilate(float bandwidth, Container<Traits>& io_container, VoxelChannel<Trait
         io_container.clearPrecomputedTileNeighbors();
         io_container.precomputeTileNeighbors();
     }
-    if (CoreGL::Logger::verboseLevel() > 0) std::cout << "levelset_dilate.end\n";
+    if (CoreGL::Logger::verboseLevel() > 0)
+        std::cout << "levelset_dilate.end\n";
 }
 
 template <typename Traits, typename Logger>
@@ -325,8 +354,9 @@ void erode(float bandwidth, Container<Traits>& io_container, VoxelChannel<Traits
            Logger const& logger)
 {
     ErodeVisitor<Traits> visitor(bandwidth, io_container.voxelSize(), std::as_const(distance));
-    std::as_const(io_container).reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, 0, Traits::kMaxDepth, 50, 0,
-                                          Traits::kRatio, kVisitInteriorVoxelNone);
+    std::as_const(io_container)
+        .reduceInternalNonInlined(&visitor, kTraversalUnordered, kNoTile, 0, Traits::kMaxDepth, 50,
+                                  0, Traits::kRatio, kVisitInteriorVoxelNone);
     std::int64_t const before = io_container.tileCount(-1);
     // The pairs are the caller's to recover (tileMovesSince); channels follow as after any removal.
     TileMoveLists<Traits> moved;

@@ -38,8 +38,8 @@ namespace VolumeGL::TileTree3D::LevelSet {
 template <typename Traits, typename Logger>
 HEXMOLD_API void dilate(float bandwidth, TVL::TileTree3D::Container<Traits>& io_container,
                         TVL::TileTree3D::VoxelChannel<Traits, float>& distance,
-                        TVL::TileTree3D::TileCornerLists<Traits>& out_newTiles, Logger const& logger, int minDepth,
-                        int maxDepth);
+                        TVL::TileTree3D::TileCornerLists<Traits>& out_newTiles,
+                        Logger const& logger, int minDepth, int maxDepth);
 
 /// @brief Removes every tile none of whose voxels has |value| < s * 1.01 * 1.7320508 * t +
 ///        bandwidth, t being the tile's width in finest voxels and s the finest voxel size.

@@ -20,9 +20,9 @@ using namespace TVL::TileTree3D;
 /// `voxel` classifies the voxels in the order k outer, j, i inner.
 template <typename Traits> class TileClassifier {
 public:
-    static constexpr int W = Traits::kTileWidth;       ///< voxels across a tile
-    static constexpr int S = Traits::kVoxelsPerSlot;   ///< voxels per child slot along an axis
-    static constexpr int C = Traits::kRatio;           ///< child voxels per voxel along an axis
+    static constexpr int W = Traits::kTileWidth;     ///< voxels across a tile
+    static constexpr int S = Traits::kVoxelsPerSlot; ///< voxels per child slot along an axis
+    static constexpr int C = Traits::kRatio;         ///< child voxels per voxel along an axis
     static constexpr std::size_t kBlockSize = std::size_t(W) * W * W;
     using Accessor = typename Container<Traits>::ConstTileAccessor;
     using DOFChannel = VoxelChannel<Traits, short>;
@@ -44,19 +44,25 @@ public:
         };
         if (hangs(4)) // -x: the face i = 0
             for (int k = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j) mBlock(0, j, k) = kDOFHanging;
+                for (int j = 0; j < W; ++j)
+                    mBlock(0, j, k) = kDOFHanging;
         if (hangs(10)) // -y: the face j = 0
             for (int k = 0; k < W; ++k)
-                for (int i = 0; i < W; ++i) mBlock(i, 0, k) = kDOFHanging;
+                for (int i = 0; i < W; ++i)
+                    mBlock(i, 0, k) = kDOFHanging;
         if (hangs(12)) // -z: the face k = 0
             for (int j = 0; j < W; ++j)
-                for (int i = 0; i < W; ++i) mBlock(i, j, 0) = kDOFHanging;
+                for (int i = 0; i < W; ++i)
+                    mBlock(i, j, 0) = kDOFHanging;
         if (hangs(1)) // (-x, -y): the edge i = 0, j = 0
-            for (int k = 0; k < W; ++k) mBlock(0, 0, k) = kDOFHanging;
+            for (int k = 0; k < W; ++k)
+                mBlock(0, 0, k) = kDOFHanging;
         if (hangs(3)) // (-x, -z): the edge i = 0, k = 0
-            for (int j = 0; j < W; ++j) mBlock(0, j, 0) = kDOFHanging;
+            for (int j = 0; j < W; ++j)
+                mBlock(0, j, 0) = kDOFHanging;
         if (hangs(9)) // (-y, -z): the edge j = 0, k = 0
-            for (int i = 0; i < W; ++i) mBlock(i, 0, 0) = kDOFHanging;
+            for (int i = 0; i < W; ++i)
+                mBlock(i, 0, 0) = kDOFHanging;
         if (hangs(0)) // (-x, -y, -z): the corner voxel
             mBlock(0, 0, 0) = kDOFHanging;
         return true;
@@ -70,11 +76,14 @@ public:
         bool const deepest = tile.depth() == Traits::kMaxDepth;
         bool const leaf = deepest || tile.isLeaf(i, j, k);
         if (leaf) {
-            if (!hanging) flags = kDOFSolved;
-            if (deepest || !refinedCellBelow(tile, accessor, i, j, k)) flags = short(flags | kDOFUnrefinedBlock);
+            if (!hanging)
+                flags = kDOFSolved;
+            if (deepest || !refinedCellBelow(tile, accessor, i, j, k))
+                flags = short(flags | kDOFUnrefinedBlock);
             return;
         }
-        if (hanging) return;
+        if (hanging)
+            return;
         // The child voxel at the low corner of the region this voxel covers.
         std::int64_t const child = tile.childIndex(i / S, j / S, k / S);
         auto const childBlock = mDOF->tileData(child, tile.depth() + 1);
@@ -94,20 +103,25 @@ private:
         for (int kk = k - 1; kk <= k; ++kk)
             for (int jj = j - 1; jj <= j; ++jj)
                 for (int ii = i - 1; ii <= i; ++ii) {
-                    if (ii == i && jj == j && kk == k) continue;
+                    if (ii == i && jj == j && kk == k)
+                        continue;
                     if (ii >= 0 && jj >= 0 && kk >= 0) {
-                        if (!tile.isLeaf(ii, jj, kk)) return true;
+                        if (!tile.isLeaf(ii, jj, kk))
+                            return true;
                         continue;
                     }
                     int const direction = 13 - 9 * (ii < 0) - 3 * (jj < 0) - (kk < 0);
                     Tile<Traits> const& neighbour = accessor.tileNeighbor(tile, direction);
-                    if (!neighbour.valid() || neighbour.depth() != tile.depth()) continue;
+                    if (!neighbour.valid() || neighbour.depth() != tile.depth())
+                        continue;
                     // A tile-space point inside voxel (ii, jj, kk), which lies in the neighbour.
                     std::int64_t const w = tile.voxelDataWidth();
-                    int3 const point{int((w - 1) * i + tile.ti() + ii), int((w - 1) * j + tile.tj() + jj),
+                    int3 const point{int((w - 1) * i + tile.ti() + ii),
+                                     int((w - 1) * j + tile.tj() + jj),
                                      int((w - 1) * k + tile.tk() + kk)};
                     int3 const slot = neighbour.childIJK(point);
-                    if (!neighbour.isLeaf(Tile<Traits>::slotNumber(slot.x, slot.y, slot.z))) return true;
+                    if (!neighbour.isLeaf(Tile<Traits>::slotNumber(slot.x, slot.y, slot.z)))
+                        return true;
                 }
         return false;
     }
@@ -129,10 +143,14 @@ public:
     using Base::endTile;
     using Base::visitInteriorVoxel;
 
-    void beginTile(Tile<Traits> const& tile) override { mActive = mClassifier.begin(tile, mAccessor); }
+    void beginTile(Tile<Traits> const& tile) override
+    {
+        mActive = mClassifier.begin(tile, mAccessor);
+    }
     bool visitInteriorVoxel(Tile<Traits> const& tile, int3 const& ijk) override
     {
-        if (!mActive) return false;
+        if (!mActive)
+            return false;
         mClassifier.voxel(tile, mAccessor, ijk.x, ijk.y, ijk.z);
         return true;
     }
@@ -148,44 +166,55 @@ private:
 } // namespace
 
 template <typename Traits>
-void classifyTileDegreesOfFreedom(Tile<Traits> const& tile, typename Container<Traits>::ConstTileAccessor& accessor,
+void classifyTileDegreesOfFreedom(Tile<Traits> const& tile,
+                                  typename Container<Traits>::ConstTileAccessor& accessor,
                                   VoxelChannel<Traits, short>& io_dof)
 {
     constexpr int W = Traits::kTileWidth;
     TileClassifier<Traits> classifier(io_dof);
-    if (!classifier.begin(tile, accessor)) return;
+    if (!classifier.begin(tile, accessor))
+        return;
     for (int k = 0; k < W; ++k)
         for (int j = 0; j < W; ++j)
-            for (int i = 0; i < W; ++i) classifier.voxel(tile, accessor, i, j, k);
+            for (int i = 0; i < W; ++i)
+                classifier.voxel(tile, accessor, i, j, k);
 }
 
 template <typename Traits>
-void classifyDegreesOfFreedom(Container<Traits> const& container, VoxelChannel<Traits, short>& io_dof)
+void classifyDegreesOfFreedom(Container<Traits> const& container,
+                              VoxelChannel<Traits, short>& io_dof)
 {
     ClassificationVisitor<Traits> visitor(container, io_dof);
     // Children first: a covered voxel reads the finished flags of its child.
-    container.traverseInternalNonInlined(&visitor, kTraversalChildrenFirst, kNoTile, 0, Traits::kMaxDepth, 1, true,
-                                         0, Traits::kRatio, kVisitInteriorVoxelAll, Traits::kMaxDepth - 3);
+    container.traverseInternalNonInlined(&visitor, kTraversalChildrenFirst, kNoTile, 0,
+                                         Traits::kMaxDepth, 1, true, 0, Traits::kRatio,
+                                         kVisitInteriorVoxelAll, Traits::kMaxDepth - 3);
 }
 
-template <typename Traits> void classifyDegreesOfFreedom(Quillon::String const& channelName, TVL::Object& io_object)
+template <typename Traits>
+void classifyDegreesOfFreedom(Quillon::String const& channelName, TVL::Object& io_object)
 {
     // Put back in the reverse order, also while an exception unwinds.
     TVL::ComponentGuard<Container<Traits>> container(io_object, Tavrel::Geometry::sVoxelTileTree);
     TVL::ComponentGuard<VoxelTopology<Traits>> topology(io_object, Tavrel::Geometry::sVoxelComp);
-    if (!container || !topology) return;
+    if (!container || !topology)
+        return;
     if (!io_object.hasComponentFromName(channelName))
         Command::createChannel<short, Traits::kRatio, Traits::kTileWidth, Traits::kTileWidth, 0>(
-            channelName, *topology, io_object, short(0), kDataElementInitializerDefaultValue, 0, Traits::kMaxDepth);
+            channelName, *topology, io_object, short(0), kDataElementInitializerDefaultValue, 0,
+            Traits::kMaxDepth);
     TVL::ComponentGuard<VoxelChannel<Traits, short>> dof(io_object, channelName);
-    if (!dof) return;
+    if (!dof)
+        return;
     classifyDegreesOfFreedom(*container, *dof);
 }
 
 #define HEXMOLD_INSTANTIATE_DOF(TR)                                                                \
-    template HEXMOLD_API void classifyDegreesOfFreedom<TR>(Container<TR> const&, VoxelChannel<TR, short>&);        \
-    template HEXMOLD_API void classifyDegreesOfFreedom<TR>(Quillon::String const&, TVL::Object&);                 \
-    template HEXMOLD_API decltype(classifyTileDegreesOfFreedom<TR>) classifyTileDegreesOfFreedom<TR>;
+    template HEXMOLD_API void classifyDegreesOfFreedom<TR>(Container<TR> const&,                   \
+                                                           VoxelChannel<TR, short>&);              \
+    template HEXMOLD_API void classifyDegreesOfFreedom<TR>(Quillon::String const&, TVL::Object&);  \
+    template HEXMOLD_API decltype(classifyTileDegreesOfFreedom<TR>)                                \
+        classifyTileDegreesOfFreedom<TR>;
 HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_DOF)
 #undef HEXMOLD_INSTANTIATE_DOF
 

@@ -33,11 +33,12 @@ namespace VolumeGL::TileTree3D::LevelSet {
 
 /// Bit values of the DOF channel, a `short` per voxel. The numbers are part of the interface.
 enum DOFFlag : short {
-    kDOFSolved = 1,          ///< a degree of freedom at its own depth
-    kDOFFromChild = 2,       ///< covered by a child tile: takes the covering child voxel's value
-    kDOFHanging = 4,         ///< on a low side of the tile with no same-depth tile beside it
-    kDOFUnrefinedBlock = 8,  ///< leaf voxel with no covered voxel in the 2x2x2 block ending at it
-    kDOFNotInterpolated = 32 ///< read by the interpolation of the adaptive sweep; never written here
+    kDOFSolved = 1,         ///< a degree of freedom at its own depth
+    kDOFFromChild = 2,      ///< covered by a child tile: takes the covering child voxel's value
+    kDOFHanging = 4,        ///< on a low side of the tile with no same-depth tile beside it
+    kDOFUnrefinedBlock = 8, ///< leaf voxel with no covered voxel in the 2x2x2 block ending at it
+    kDOFNotInterpolated =
+        32 ///< read by the interpolation of the adaptive sweep; never written here
 };
 
 /// @brief Classifies every voxel of every tile of @p container into @p io_dof.
@@ -64,7 +65,8 @@ HEXMOLD_API void classifyDegreesOfFreedom(TVL::TileTree3D::Container<Traits> con
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API void classifyDegreesOfFreedom(Quillon::String const& channelName, TVL::Object& io_object);
+HEXMOLD_API void classifyDegreesOfFreedom(Quillon::String const& channelName,
+                                          TVL::Object& io_object);
 
 /// @brief Classifies the voxels of one tile (steps 1 to 4 above), for drivers that run the
 ///        classification inside a walk of their own. The children of @p tile must be classified
@@ -73,8 +75,9 @@ HEXMOLD_API void classifyDegreesOfFreedom(Quillon::String const& channelName, TV
 /// @param io_dof    as for the whole-tree form; only the block of @p tile is written
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API void classifyTileDegreesOfFreedom(TVL::TileTree3D::Tile<Traits> const& tile,
-                                              typename TVL::TileTree3D::Container<Traits>::ConstTileAccessor& accessor,
-                                              TVL::TileTree3D::VoxelChannel<Traits, short>& io_dof);
+HEXMOLD_API void classifyTileDegreesOfFreedom(
+    TVL::TileTree3D::Tile<Traits> const& tile,
+    typename TVL::TileTree3D::Container<Traits>::ConstTileAccessor& accessor,
+    TVL::TileTree3D::VoxelChannel<Traits, short>& io_dof);
 
 } // namespace VolumeGL::TileTree3D::LevelSet

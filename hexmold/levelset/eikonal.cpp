@@ -17,14 +17,19 @@ namespace {
 /// Square root of the discriminants. No clamp on purpose: a negative operand (possible only
 /// through rounding in the three-neighbour case) yields the C library's sqrtf result, NaN, and
 /// that NaN passes the bound and floor tests unchanged.
-inline float guardedSqrt(float value) { return std::sqrt(value); }
+inline float guardedSqrt(float value)
+{
+    return std::sqrt(value);
+}
 
 /// Bound and floor shared by both updates: a solution above @p limit is clamped to it, a
 /// non-positive one becomes the floor. The clamp is not applied again to the floor.
 inline float boundAndFloor(float x, float limit, float spacing)
 {
-    if (x > limit) return limit;
-    if (0.0f >= x) return detail::kEikonalFloorFactor * spacing;
+    if (x > limit)
+        return limit;
+    if (0.0f >= x)
+        return detail::kEikonalFloorFactor * spacing;
     return x;
 }
 
@@ -72,7 +77,8 @@ float solveOutside(float hx, float hy, float hz, float a, float b, float c, floa
                 float const B3 = B - 2.0f * s2 / h2Sq;
                 float const C3 = s2 * s2 / h2Sq + C;
                 float const D3 = B3 * B3 - 4.0f * A3 * (C3 - 1.0f);
-                if (!(D3 < 0.0f)) x = (guardedSqrt(D3) - B3) / (A3 + A3);
+                if (!(D3 < 0.0f))
+                    x = (guardedSqrt(D3) - B3) / (A3 + A3);
             }
         }
     }
@@ -84,15 +90,18 @@ float solveOutside(float hx, float hy, float hz, float a, float b, float c, floa
 float solveEikonal(float h, float a, float b, float c, float limit)
 {
     // Strict test: zero and NaN take the outside path. The inside is the mirror image.
-    if (0.0f > limit) return -solveOutside(h, -a, -b, -c, -limit);
+    if (0.0f > limit)
+        return -solveOutside(h, -a, -b, -c, -limit);
     return solveOutside(h, a, b, c, limit);
 }
 
 float solveEikonal(float hx, float hy, float hz, float a, float b, float c, float limit)
 {
     // Exactly equal spacings take the isotropic path, before the sign test.
-    if (hx == hy && hx == hz) return solveEikonal(hx, a, b, c, limit);
-    if (0.0f > limit) return -solveOutside(hx, hy, hz, -a, -b, -c, -limit);
+    if (hx == hy && hx == hz)
+        return solveEikonal(hx, a, b, c, limit);
+    if (0.0f > limit)
+        return -solveOutside(hx, hy, hz, -a, -b, -c, -limit);
     return solveOutside(hx, hy, hz, a, b, c, limit);
 }
 

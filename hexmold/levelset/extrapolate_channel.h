@@ -55,12 +55,13 @@ enum ExtrapolationType : int {
 /// Threading: parallel over tiles; the same input gives the same bits on any number of threads.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>` and the 18 channel element types.
 template <typename Traits, typename T>
-HEXMOLD_API void extrapolateChannel(ExtrapolationType type, TVL::TileTree3D::Container<Traits> const& container,
+HEXMOLD_API void extrapolateChannel(ExtrapolationType type,
+                                    TVL::TileTree3D::Container<Traits> const& container,
                                     TVL::TileTree3D::VoxelTopology<Traits> const& topology,
                                     TVL::TileTree3D::VoxelChannel<Traits, unsigned char>& io_known,
                                     TVL::TileTree3D::VoxelChannel<Traits, T>& io_value,
                                     TVL::TileTree3D::VoxelChannel<Traits, float> const* distance,
-                                    TVL::TileTree3D::VoxelChannel<Traits, short> const* dof, int minDepth,
-                                    int maxDepth, bool flipInterior);
+                                    TVL::TileTree3D::VoxelChannel<Traits, short> const* dof,
+                                    int minDepth, int maxDepth, bool flipInterior);
 
 } // namespace VolumeGL::TileTree3D::LevelSet

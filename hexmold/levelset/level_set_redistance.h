@@ -70,18 +70,17 @@ enum RedistancingScheme : int {
 ///         released, the distance channel holds the state reached.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API void levelSetRedistance(TVL::TileTree3D::Container<Traits> const& container,
-                                    TVL::TileTree3D::VoxelTopology<Traits> const& topology,
-                                    TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance,
-                                    bool redistanceInterior, bool redistanceExterior, bool overwriteSurface,
-                                    int minDepth, int maxDepth,
-                                    TVL::TileTree3D::VoxelChannel<Traits, float> const* mask,
-                                    TVL::TileTree3D::VoxelChannel<Traits, unsigned char>* io_valueType,
-                                    float tolerance, float interiorBand, float exteriorBand,
-                                    int maxNumPreSmoothingPasses, int maxNumPostSmoothingPasses,
-                                    bool haloByExtrapolation, bool performCoalescedRedistance,
-                                    TVL::TileTree3D::VoxelChannel<Traits, short> const* dof,
-                                    Quillon::String const& name, RedistancingScheme scheme);
+HEXMOLD_API void levelSetRedistance(
+    TVL::TileTree3D::Container<Traits> const& container,
+    TVL::TileTree3D::VoxelTopology<Traits> const& topology,
+    TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance, bool redistanceInterior,
+    bool redistanceExterior, bool overwriteSurface, int minDepth, int maxDepth,
+    TVL::TileTree3D::VoxelChannel<Traits, float> const* mask,
+    TVL::TileTree3D::VoxelChannel<Traits, unsigned char>* io_valueType, float tolerance,
+    float interiorBand, float exteriorBand, int maxNumPreSmoothingPasses,
+    int maxNumPostSmoothingPasses, bool haloByExtrapolation, bool performCoalescedRedistance,
+    TVL::TileTree3D::VoxelChannel<Traits, short> const* dof, Quillon::String const& name,
+    RedistancingScheme scheme);
 
 /// @brief Gives the voxels that are not degrees of freedom their values from the DOFs, as
 ///        `levelSetRedistance` ends with a DOF channel: covered voxels (flag 2) take the child
@@ -92,9 +91,10 @@ HEXMOLD_API void levelSetRedistance(TVL::TileTree3D::Container<Traits> const& co
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API void setNonDOFValues(int minDepth, int maxDepth, TVL::TileTree3D::Container<Traits> const& container,
-                                 TVL::TileTree3D::VoxelChannel<Traits, short> const& dof,
-                                 TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance, int haloMode);
+HEXMOLD_API void
+setNonDOFValues(int minDepth, int maxDepth, TVL::TileTree3D::Container<Traits> const& container,
+                TVL::TileTree3D::VoxelChannel<Traits, short> const& dof,
+                TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance, int haloMode);
 
 /// @brief Re-initialization: @p passes explicit first-order steps of
 ///        phi_t + S(phi)(|grad phi| - 1) = 0 on the DOF voxels (flag 1) of depths
@@ -108,9 +108,9 @@ HEXMOLD_API void setNonDOFValues(int minDepth, int maxDepth, TVL::TileTree3D::Co
 template <typename Traits>
 HEXMOLD_API void levelSetReInitialize(TVL::TileTree3D::Container<Traits> const& container,
                                       TVL::TileTree3D::VoxelTopology<Traits> const& topology,
-                                      TVL::TileTree3D::VoxelChannel<Traits, short> const* dof, int minDepth,
-                                      int maxDepth, float interiorBand, float exteriorBand, int passes,
-                                      Quillon::String const& name,
+                                      TVL::TileTree3D::VoxelChannel<Traits, short> const* dof,
+                                      int minDepth, int maxDepth, float interiorBand,
+                                      float exteriorBand, int passes, Quillon::String const& name,
                                       TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance);
 
 } // namespace VolumeGL::TileTree3D::LevelSet

@@ -2,8 +2,8 @@
 /// @brief The classical multilevel recursion of redistancing: a V-cycle over the depths in
 ///        which every depth is pre-smoothed, hands its values to the coarser depth, and after the
 ///        coarser depths are done is post-smoothed and filled from them where still unreached.
-#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/type_lists.h>
 #include <iostream>
 #include <limits>
@@ -14,17 +14,19 @@ namespace {
 
 /// Smallest and largest value at @p depth, for the diagnostic lines.
 template <typename Traits>
-void printRange(VoxelChannel<Traits, float> const& distance, Container<Traits> const& container, char const* stage,
-                int depth)
+void printRange(VoxelChannel<Traits, float> const& distance, Container<Traits> const& container,
+                char const* stage, int depth)
 {
-    if (CoreGL::Logger::verboseLevel() <= 2) return;
+    if (CoreGL::Logger::verboseLevel() <= 2)
+        return;
     float lo = std::numeric_limits<float>::max(), hi = std::numeric_limits<float>::lowest();
     for (std::int64_t t = 0; t < container.tileCount(depth); ++t) {
         auto const block = distance.tileData(t, depth);
-        for (float v : block) lo = std::min(lo, v), hi = std::max(hi, v);
+        for (float v : block)
+            lo = std::min(lo, v), hi = std::max(hi, v);
     }
-    CoreGL::Logger::debugFileStream() << "Min, max " << stage << " at depth " << depth << " : " << lo << " and " << hi
-                                      << '\n';
+    CoreGL::Logger::debugFileStream()
+        << "Min, max " << stage << " at depth " << depth << " : " << lo << " and " << hi << '\n';
 }
 
 /// Non-leaf voxels of @p depth take the value of the child voxel that holds their sample; where
@@ -33,14 +35,16 @@ void printRange(VoxelChannel<Traits, float> const& distance, Container<Traits> c
 /// magnitude, and takes the value's sign.
 template <typename Traits>
 void injectFromChildren(VoxelChannel<Traits, float>& distance, Container<Traits> const& container,
-                        VoxelChannel<Traits, unsigned char> const* valueType, int depth, float3 const& offset)
+                        VoxelChannel<Traits, unsigned char> const* valueType, int depth,
+                        float3 const& offset)
 {
     constexpr int W = Traits::kTileWidth;
     constexpr int S = Traits::kVoxelsPerSlot;
     constexpr int R = Traits::kRatio;
     constexpr std::size_t N = std::size_t(W) * W * W;
     float const background = std::fabs(distance.defaultValue());
-    float const childSpacing = float(Container<Traits>::voxelDataWidth(depth + 1)) * container.voxelSize();
+    float const childSpacing =
+        float(Container<Traits>::voxelDataWidth(depth + 1)) * container.voxelSize();
     // The child voxel at the voxel's position: the low corner of the covered region, moved by
     // the sample offset as it falls at the child's resolution (within the child voxel for every
     // offset, since a voxel sits at its corner at every depth).
@@ -52,17 +56,22 @@ void injectFromChildren(VoxelChannel<Traits, float>& distance, Container<Traits>
     parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
         for (std::int64_t t = begin; t < end; ++t) {
             Tile<Traits> const& tile = container.tile(t, depth);
-            if (tile.isLeaf()) continue;
+            if (tile.isLeaf())
+                continue;
             auto values = distance.tileData(tile.treeIndex());
-            if (values.size() != N) continue;
+            if (values.size() != N)
+                continue;
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) {
                         std::int64_t const child = tile.childIndex(i / S, j / S, k / S);
-                        if (child < 0) continue;
+                        if (child < 0)
+                            continue;
                         auto const childValues = distance.tileData(child, depth + 1);
-                        if (childValues.size() != N) continue;
-                        int const ci = (i % S) * R + oi, cj = (j % S) * R + oj, ck = (k % S) * R + ok;
+                        if (childValues.size() != N)
+                            continue;
+                        int const ci = (i % S) * R + oi, cj = (j % S) * R + oj,
+                                  ck = (k % S) * R + ok;
                         float candidate = childValues(ci, cj, ck);
                         float& value = values(i, j, k);
                         if (!valueType || std::fabs(std::fabs(candidate) - background) > kEpsilon) {
@@ -70,23 +79,29 @@ void injectFromChildren(VoxelChannel<Traits, float>& distance, Container<Traits>
                             continue;
                         }
                         auto const childTypes = valueType->tileData(child, depth + 1);
-                        if (childTypes.size() != N) continue;
+                        if (childTypes.size() != N)
+                            continue;
                         int bestD2 = std::numeric_limits<int>::max();
                         float best = 0.0f;
                         for (int kk = 0; kk < W; ++kk)
                             for (int jj = 0; jj < W; ++jj)
                                 for (int ii = 0; ii < W; ++ii) {
-                                    if (childTypes(ii, jj, kk) != kValueTypeKnown) continue;
+                                    if (childTypes(ii, jj, kk) != kValueTypeKnown)
+                                        continue;
                                     int const d2 = (ii - ci) * (ii - ci) + (jj - cj) * (jj - cj) +
                                                    (kk - ck) * (kk - ck);
-                                    if (d2 >= bestD2) continue;
+                                    if (d2 >= bestD2)
+                                        continue;
                                     bestD2 = d2;
                                     best = childValues(ii, jj, kk);
                                 }
-                        if (bestD2 == std::numeric_limits<int>::max()) continue;
-                        float const grown = best > 0.0f ? best + childSpacing * std::sqrt(float(bestD2))
-                                                        : best - childSpacing * std::sqrt(float(bestD2));
-                        if (std::fabs(grown) < std::fabs(value)) value = std::copysign(std::fabs(grown), value);
+                        if (bestD2 == std::numeric_limits<int>::max())
+                            continue;
+                        float const grown = best > 0.0f
+                                                ? best + childSpacing * std::sqrt(float(bestD2))
+                                                : best - childSpacing * std::sqrt(float(bestD2));
+                        if (std::fabs(grown) < std::fabs(value))
+                            value = std::copysign(std::fabs(grown), value);
                     }
         }
     });
@@ -98,7 +113,8 @@ void injectFromChildren(VoxelChannel<Traits, float>& distance, Container<Traits>
 /// distance from the parent voxel's place (at most the background), an upper bound of their
 /// distance. The parent's value alone could be far too small for a voxel a coarse diagonal away.
 template <typename Traits>
-void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Traits> const& container,
+void initializeFromParents(VoxelChannel<Traits, float>& distance,
+                           Container<Traits> const& container,
                            VoxelChannel<Traits, unsigned char> const* valueType, int depth)
 {
     constexpr int W = Traits::kTileWidth;
@@ -114,49 +130,64 @@ void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Trai
         // The value at coarse lattice point q, or NaN where it is unreached or missing.
         auto coarse = [&](std::int64_t x, std::int64_t y, std::int64_t z) -> float {
             Tile<Traits> const& c = accessor.tile(x, y, z, depth - 1);
-            if (!c.valid()) return std::numeric_limits<float>::quiet_NaN();
+            if (!c.valid())
+                return std::numeric_limits<float>::quiet_NaN();
             auto const cv = distance.tileData(c.treeIndex());
-            if (cv.size() != N) return std::numeric_limits<float>::quiet_NaN();
+            if (cv.size() != N)
+                return std::numeric_limits<float>::quiet_NaN();
             std::int64_t const cw = c.voxelDataWidth();
-            float const v = cv(int((x - c.ti()) / cw), int((y - c.tj()) / cw), int((z - c.tk()) / cw));
-            return std::fabs(v) < background - kEpsilon ? v : std::numeric_limits<float>::quiet_NaN();
+            float const v =
+                cv(int((x - c.ti()) / cw), int((y - c.tj()) / cw), int((z - c.tk()) / cw));
+            return std::fabs(v) < background - kEpsilon ? v
+                                                        : std::numeric_limits<float>::quiet_NaN();
         };
         for (std::int64_t t = begin; t < end; ++t) {
             Tile<Traits> const& tile = container.tile(t, depth);
-            if (tile.parent() < 0) continue;
+            if (tile.parent() < 0)
+                continue;
             Tile<Traits> const& parent = container.tile(tile.parent(), depth - 1);
             auto const parentValues = distance.tileData(parent.treeIndex());
             auto values = distance.tileData(tile.treeIndex());
-            if (parentValues.size() != N || values.size() != N) continue;
+            if (parentValues.size() != N || values.size() != N)
+                continue;
             auto const types = valueType ? valueType->tileData(tile.treeIndex())
                                          : ConstTileData<unsigned char, W, 0, 0>();
             int3 const slot = parent.childIJK(tile);
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) {
-                        if (types.size() == N && types(i, j, k) != kValueTypeUnknown) continue;
-                        float const c = parentValues(slot.x * S + i / R, slot.y * S + j / R, slot.z * S + k / R);
+                        if (types.size() == N && types(i, j, k) != kValueTypeUnknown)
+                            continue;
+                        float const c = parentValues(slot.x * S + i / R, slot.y * S + j / R,
+                                                     slot.z * S + k / R);
                         float const reset = 0.0f > c ? -background : background;
                         float& v = values(i, j, k);
-                        if (std::fabs(v - reset) > kEpsilon) continue;
+                        if (std::fabs(v - reset) > kEpsilon)
+                            continue;
                         // The trilinear mix of the coarse lattice, where all of it is reached on
                         // this voxel's side.
-                        std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
-                        double const mix = latticeMix<Traits>(p, pw, [&](std::int64_t x, std::int64_t y, std::int64_t z) {
-                            float const value = coarse(x, y, z);
-                            return std::isnan(value) || (0.0f > value) != (0.0f > c)
-                                       ? std::numeric_limits<double>::quiet_NaN()
-                                       : double(value);
-                        });
+                        std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w,
+                                                   tile.tk() + k * w};
+                        double const mix = latticeMix<Traits>(
+                            p, pw, [&](std::int64_t x, std::int64_t y, std::int64_t z) {
+                                float const value = coarse(x, y, z);
+                                return std::isnan(value) || (0.0f > value) != (0.0f > c)
+                                           ? std::numeric_limits<double>::quiet_NaN()
+                                           : double(value);
+                            });
                         bool const reached = !std::isnan(mix);
                         if (reached) {
                             float const mixed = float(mix);
-                            v = 0.0f > c ? std::min(mixed, -kTinyDistance) : std::max(mixed, kTinyDistance);
+                            v = 0.0f > c ? std::min(mixed, -kTinyDistance)
+                                         : std::max(mixed, kTinyDistance);
                             continue;
                         }
-                        // The offset of this voxel from the parent voxel's corner, in finest voxels.
-                        double const di = double((i % R) * w), dj = double((j % R) * w), dk = double((k % R) * w);
-                        float const grow = float(std::sqrt(di * di + dj * dj + dk * dk)) * voxelSize;
+                        // The offset of this voxel from the parent voxel's corner, in finest
+                        // voxels.
+                        double const di = double((i % R) * w), dj = double((j % R) * w),
+                                     dk = double((k % R) * w);
+                        float const grow =
+                            float(std::sqrt(di * di + dj * dj + dk * dk)) * voxelSize;
                         float const magnitude = std::min(std::fabs(c) + grow, background);
                         v = 0.0f > c ? -magnitude : magnitude;
                     }
@@ -168,23 +199,26 @@ void initializeFromParents(VoxelChannel<Traits, float>& distance, Container<Trai
 /// times.
 template <typename Traits>
 void smooth(VoxelChannel<Traits, float>& distance, VoxelChannel<Traits, float> const* mask,
-            Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const* valueType, int depth,
-            float interiorBand, float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation, bool coalesced,
-            int passes, float threshold, char const* redLabel, char const* blackLabel, TileActivity& activity)
+            Container<Traits> const& container,
+            VoxelChannel<Traits, unsigned char> const* valueType, int depth, float interiorBand,
+            float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation, bool coalesced,
+            int passes, float threshold, char const* redLabel, char const* blackLabel,
+            TileActivity& activity)
 {
-    if (passes <= 0) return;
+    if (passes <= 0)
+        return;
     // Tiles that are fixed points of the sweep are left out until a neighbour changes.
-    bool const blocks = coalescedForm<Traits>(mask, depth, interiorBand, exteriorBand, useBandAtTiles,
-                                              haloByExtrapolation, coalesced);
+    bool const blocks = coalescedForm<Traits>(mask, depth, interiorBand, exteriorBand,
+                                              useBandAtTiles, haloByExtrapolation, coalesced);
     activity.reset(container, blocks ? depth - 1 : depth);
     float maxChange = FLT_MAX;
     for (int pass = 0; pass < passes && maxChange > threshold; ++pass) {
-        float const red = redistanceTilesTracked<Traits>(kRed, distance, mask, container, valueType, depth,
-                                                         interiorBand, exteriorBand, useBandAtTiles,
-                                                         haloByExtrapolation, coalesced, &activity);
-        float const black = redistanceTilesTracked<Traits>(kBlack, distance, mask, container, valueType, depth,
-                                                           interiorBand, exteriorBand, useBandAtTiles,
-                                                           haloByExtrapolation, coalesced, &activity);
+        float const red = redistanceTilesTracked<Traits>(
+            kRed, distance, mask, container, valueType, depth, interiorBand, exteriorBand,
+            useBandAtTiles, haloByExtrapolation, coalesced, &activity);
+        float const black = redistanceTilesTracked<Traits>(
+            kBlack, distance, mask, container, valueType, depth, interiorBand, exteriorBand,
+            useBandAtTiles, haloByExtrapolation, coalesced, &activity);
         maxChange = std::max(red, black);
         if (CoreGL::Logger::verboseLevel() > 2) {
             CoreGL::Logger::debugFileStream() << "Depth " << depth << redLabel << red << '\n';
@@ -196,17 +230,22 @@ void smooth(VoxelChannel<Traits, float>& distance, VoxelChannel<Traits, float> c
 } // namespace
 
 template <typename Traits>
-void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChannel<Traits, float> const* mask,
-                           Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const* valueType,
-                           float tolerance, int depth, int minDepth, int maxDepth, float interiorBand,
-                           float exteriorBand, int pre, int post, float3 const& offset, bool haloByExtrapolation,
-                           bool performCoalescedRedistance, VoxelChannel<Traits, short> const* dof,
-                           Quillon::String const& name)
+void redistanceRecursively(VoxelChannel<Traits, float>& io_distance,
+                           VoxelChannel<Traits, float> const* mask,
+                           Container<Traits> const& container,
+                           VoxelChannel<Traits, unsigned char> const* valueType, float tolerance,
+                           int depth, int minDepth, int maxDepth, float interiorBand,
+                           float exteriorBand, int pre, int post, float3 const& offset,
+                           bool haloByExtrapolation, bool performCoalescedRedistance,
+                           VoxelChannel<Traits, short> const* dof, Quillon::String const& name)
 {
     // Depths without tiles are passed through on the way down.
-    while (depth > minDepth && container.tileCount(depth) == 0) --depth;
-    if (depth < 0) return;
-    float const threshold = container.voxelSize() * tolerance * float(Container<Traits>::voxelDataWidth(depth));
+    while (depth > minDepth && container.tileCount(depth) == 0)
+        --depth;
+    if (depth < 0)
+        return;
+    float const threshold =
+        container.voxelSize() * tolerance * float(Container<Traits>::voxelDataWidth(depth));
     TileActivity activity;
     printRange(io_distance, container, "before injecting values", depth);
     if (depth != maxDepth) {
@@ -216,20 +255,21 @@ void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChanne
             injectFromChildren(io_distance, container, valueType, depth, offset);
     }
     printRange(io_distance, container, "after injecting values", depth);
-    smooth(io_distance, mask, container, valueType, depth, FLT_MAX, FLT_MAX, true, haloByExtrapolation,
-           performCoalescedRedistance, pre, threshold, ": maxLocalChange red = ", ": maxLocalChange black = ",
-           activity);
+    smooth(io_distance, mask, container, valueType, depth, FLT_MAX, FLT_MAX, true,
+           haloByExtrapolation, performCoalescedRedistance, pre, threshold,
+           ": maxLocalChange red = ", ": maxLocalChange black = ", activity);
     printRange(io_distance, container, "after pre-smooth", depth);
     if (depth > minDepth) {
-        redistanceRecursively(io_distance, mask, container, valueType, tolerance, depth - 1, minDepth, maxDepth,
-                              interiorBand, exteriorBand, pre, post, offset, haloByExtrapolation,
-                              performCoalescedRedistance, dof, name);
-        if (dof) interpolateHanging(container, *dof, io_distance, depth, depth, name);
+        redistanceRecursively(io_distance, mask, container, valueType, tolerance, depth - 1,
+                              minDepth, maxDepth, interiorBand, exteriorBand, pre, post, offset,
+                              haloByExtrapolation, performCoalescedRedistance, dof, name);
+        if (dof)
+            interpolateHanging(container, *dof, io_distance, depth, depth, name);
     }
     printRange(io_distance, container, "after recursive call", depth);
-    smooth(io_distance, mask, container, valueType, depth, interiorBand, exteriorBand, false, haloByExtrapolation,
-           performCoalescedRedistance, post, threshold, ": maxLocalChange red2 = ", ": maxLocalChange black2 = ",
-           activity);
+    smooth(io_distance, mask, container, valueType, depth, interiorBand, exteriorBand, false,
+           haloByExtrapolation, performCoalescedRedistance, post, threshold,
+           ": maxLocalChange red2 = ", ": maxLocalChange black2 = ", activity);
     printRange(io_distance, container, "after post-smooth", depth);
     if (depth != minDepth) {
         initializeFromParents(io_distance, container, valueType, depth);
@@ -237,10 +277,10 @@ void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChanne
     }
 }
 
-#define HEXMOLD_INSTANTIATE_RECURSION(TR)                                                           \
-    template void redistanceRecursively<TR>(                                                        \
-        VoxelChannel<TR, float>&, VoxelChannel<TR, float> const*, Container<TR> const&,             \
-        VoxelChannel<TR, unsigned char> const*, float, int, int, int, float, float, int, int,       \
+#define HEXMOLD_INSTANTIATE_RECURSION(TR)                                                          \
+    template void redistanceRecursively<TR>(                                                       \
+        VoxelChannel<TR, float>&, VoxelChannel<TR, float> const*, Container<TR> const&,            \
+        VoxelChannel<TR, unsigned char> const*, float, int, int, int, float, float, int, int,      \
         float3 const&, bool, bool, VoxelChannel<TR, short> const*, Quillon::String const&);
 HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_RECURSION)
 #undef HEXMOLD_INSTANTIATE_RECURSION

@@ -4,12 +4,12 @@
 #include <hexmold/levelset/redistance_tiles.h>
 
 #include <array>
-#include <memory>
-#include <vector>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/levelset/detail/sweep_batch.h>
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/type_lists.h>
+#include <memory>
+#include <vector>
 
 namespace VolumeGL::TileTree3D::LevelSet {
 
@@ -30,7 +30,10 @@ using detail::DepthNumbers;
 using detail::kEpsilon;
 
 /// Whether a band is in use: it differs from FLT_MAX by more than the tolerance.
-inline bool bandInUse(float band) { return std::fabs(band - FLT_MAX) > kEpsilon; }
+inline bool bandInUse(float band)
+{
+    return std::fabs(band - FLT_MAX) > kEpsilon;
+}
 
 /// Per-worker scratch of the tile-by-tile form.
 template <typename Traits> struct TileScratch {
@@ -38,7 +41,7 @@ template <typename Traits> struct TileScratch {
     TileData<float, W, 1, 0> values{TileData<float, W, 1, 0>::kVoxelCount, 0.0f};
     TileData<unsigned char, W, 1, 0> typesWithHalo{TileData<unsigned char, W, 1, 0>::kVoxelCount,
                                                    (unsigned char)kValueTypeExcluded};
-    std::array<unsigned char, std::size_t(W) * W * W> allUnknown = [] {
+    std::array<unsigned char, std::size_t(W)* W* W> allUnknown = [] {
         std::array<unsigned char, std::size_t(W) * W * W> a;
         a.fill((unsigned char)kValueTypeUnknown);
         return a;
@@ -64,18 +67,24 @@ bool fillFromSameDepthFaces(VoxelChannel<Traits, float> const& distance, std::in
     constexpr std::size_t N = std::size_t(W) * W * W;
     float const* blocks[7];
     for (int f = 0; f < 6; ++f) {
-        if (faces[std::size_t(f)] < 0) return false;
+        if (faces[std::size_t(f)] < 0)
+            return false;
         auto const block = distance.tileData(faces[std::size_t(f)], depth);
-        if (block.size() != N) return false;
+        if (block.size() != N)
+            return false;
         blocks[f] = block.data();
     }
     auto const own = distance.tileData(tile, depth);
-    if (own.size() != N) return false;
+    if (own.size() != N)
+        return false;
     blocks[6] = own.data();
-    auto at = [](int i, int j, int k) { return std::size_t(i) + std::size_t(W) * (std::size_t(j) + std::size_t(W) * std::size_t(k)); };
+    auto at = [](int i, int j, int k) {
+        return std::size_t(i) + std::size_t(W) * (std::size_t(j) + std::size_t(W) * std::size_t(k));
+    };
     for (int k = 0; k < W; ++k)
         for (int j = 0; j < W; ++j)
-            for (int i = 0; i < W; ++i) u(i, j, k) = blocks[6][at(i, j, k)];
+            for (int i = 0; i < W; ++i)
+                u(i, j, k) = blocks[6][at(i, j, k)];
     for (int b = 0; b < W; ++b)
         for (int a = 0; a < W; ++a) {
             u(-1, a, b) = blocks[0][at(W - 1, a, b)];
@@ -90,10 +99,12 @@ bool fillFromSameDepthFaces(VoxelChannel<Traits, float> const& distance, std::in
 
 /// The tile-by-tile form over tiles [begin, end) of @p depth.
 template <typename Traits>
-float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, VoxelChannel<Traits, float>& distance,
-                     VoxelChannel<Traits, float> const* mask, Container<Traits> const& container,
-                     VoxelChannel<Traits, unsigned char> const* valueType, int depth, float interiorBand,
-                     float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation, DepthNumbers const& numbers,
+float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour,
+                     VoxelChannel<Traits, float>& distance, VoxelChannel<Traits, float> const* mask,
+                     Container<Traits> const& container,
+                     VoxelChannel<Traits, unsigned char> const* valueType, int depth,
+                     float interiorBand, float exteriorBand, bool useBandAtTiles,
+                     bool haloByExtrapolation, DepthNumbers const& numbers,
                      detail::TileActivity* activity)
 {
     constexpr int W = Traits::kTileWidth;
@@ -102,7 +113,8 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
     TileScratch<Traits> scratch;
     auto accessor = container.tileAccessor();
     HaloMode const mode = haloByExtrapolation ? kHaloModeGeneral : kHaloModeRedistance;
-    HaloMode const typeMode = haloByExtrapolation ? kHaloModeRedistanceFirstPass : kHaloModeRedistance;
+    HaloMode const typeMode =
+        haloByExtrapolation ? kHaloModeRedistanceFirstPass : kHaloModeRedistance;
     bool const bands = bandInUse(interiorBand) || bandInUse(exteriorBand);
     float const voxelSize = container.voxelSize();
     float const halfTile = float(Container<Traits>::tileVoxelWidth(depth)) * voxelSize * 0.5f;
@@ -114,12 +126,14 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
     bool const batched = !(mask && valueType);
     auto flush = [&] {
         auto& batch = scratch.batch;
-        if (batch.size() == 0) return;
+        if (batch.size() == 0)
+            return;
         float changes[detail::SweepBatch<W>::kLanes];
         batch.sweep(numbers, changes);
         for (int lane = 0; lane < batch.size(); ++lane) {
             maxChange = std::max(maxChange, changes[lane]);
-            if (activity) activity->record(scratch.batchIndices[lane], changes[lane] > 0.0f);
+            if (activity)
+                activity->record(scratch.batchIndices[lane], changes[lane] > 0.0f);
             auto block = distance.tileData(scratch.batchTiles[lane]);
             batch.interior(lane, block.data());
         }
@@ -135,84 +149,101 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
             int const pj = int((tile.tj() - parent.tj()) / tw) * S;
             int const pk = int((tile.tk() - parent.tk()) / tw) * S;
             auto const parentTypes = valueType->tileData(parent.treeIndex());
-            unsigned char vp = parentTypes.size() == N ? parentTypes(pi, pj, pk) : (unsigned char)kValueTypeUnknown;
+            unsigned char vp = parentTypes.size() == N ? parentTypes(pi, pj, pk)
+                                                       : (unsigned char)kValueTypeUnknown;
             if (vp == kValueTypeUnknown && !useBandAtTiles) {
                 // On the way back from the coarser depths a parent voxel that their solve has
                 // reached holds a value: it counts as known, so that the tiles below it are
                 // smoothed again with the coarse solution around them.
                 auto const parentValues = distance.tileData(parent.treeIndex());
-                if (parentValues.size() == N && std::fabs(parentValues(pi, pj, pk)) < std::fabs(background) - kEpsilon)
+                if (parentValues.size() == N &&
+                    std::fabs(parentValues(pi, pj, pk)) < std::fabs(background) - kEpsilon)
                     vp = kValueTypeKnown;
             }
             if (!useBandAtTiles || mask) {
-                if (vp == kValueTypeExcluded) continue;
-                if (vp == kValueTypeUnknown && !useBandAtTiles) continue;
+                if (vp == kValueTypeExcluded)
+                    continue;
+                if (vp == kValueTypeUnknown && !useBandAtTiles)
+                    continue;
             }
             if (bands && vp == kValueTypeUnknown) {
                 auto const parentValues = distance.tileData(parent.treeIndex());
                 if (parentValues.size() == N) {
                     float const c = parentValues(pi, pj, pk);
-                    if (c - tileRadius > exteriorBand || c + tileRadius < -interiorBand) continue;
+                    if (c - tileRadius > exteriorBand || c + tileRadius < -interiorBand)
+                        continue;
                 }
             }
         }
-        if (tileColor<Traits>(tile.tijk(), depth) != colour) continue;
-        if (activity && activity->skippable(t)) continue;
+        if (tileColor<Traits>(tile.tijk(), depth) != colour)
+            continue;
+        if (activity && activity->skippable(t))
+            continue;
         auto block = distance.tileData(tile.treeIndex());
-        if (block.size() != N) continue;
+        if (block.size() != N)
+            continue;
         // Without value types every voxel is unknown; with them, the tile's own block is read.
         unsigned char const* types = scratch.allUnknown.data();
         if (valueType) {
             auto const typeBlock = valueType->tileData(tile.treeIndex());
-            if (typeBlock.size() != N) continue;
+            if (typeBlock.size() != N)
+                continue;
             types = typeBlock.data();
             if (!detail::hasUnknown<N>(types)) {
-                if (activity) activity->record(t, false);
+                if (activity)
+                    activity->record(t, false);
                 continue;
             }
         }
         // The sweep reads the face rim only.
         if (!activity || activity->depth != depth ||
-            !fillFromSameDepthFaces<Traits>(distance, t, activity->faces[std::size_t(t)], depth, scratch.values)) {
+            !fillFromSameDepthFaces<Traits>(distance, t, activity->faces[std::size_t(t)], depth,
+                                            scratch.values)) {
             // The covering coarse voxel at a jump, not the interpolated rim: an upwind update
             // may only take values the coarser depth holds (a blend of a coarse voxel near the
             // front and one across it sits nearer zero than either and would pull the front),
             // and the coarse-fine border is handled by the restriction and interpolation between
             // depths, which the DOF flags steer.
-            setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), distance, mode, kHaloTypeBase, accessor,
-                                                scratch.values, background, 1.0f, kVoxelOffsetCenter);
+            setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), distance, mode, kHaloTypeBase,
+                                                accessor, scratch.values, background, 1.0f,
+                                                kVoxelOffsetCenter);
             detail::boundCoarseRim(tile, accessor, voxelSize, scratch.values);
         }
         if (batched) {
-            if (detail::beyondBands(interiorBand, exteriorBand, scratch.values, detail::kVoxelsPerTile<Traits>)) {
-                if (activity) activity->record(t, false);
+            if (detail::beyondBands(interiorBand, exteriorBand, scratch.values,
+                                    detail::kVoxelsPerTile<Traits>)) {
+                if (activity)
+                    activity->record(t, false);
                 continue;
             }
             int const lane = scratch.batch.add(scratch.values.data(), types);
             scratch.batchTiles[lane] = tile.treeIndex();
             scratch.batchIndices[lane] = t;
-            if (scratch.batch.full()) flush();
+            if (scratch.batch.full())
+                flush();
             continue;
         }
         float change;
         if (mask && valueType) {
-            setHaloTile<Traits, unsigned char, 0, 1, 0>(tile.treeIndex(), *valueType, typeMode,
-                                                        kHaloTypeFacesAndEdges, accessor, scratch.typesWithHalo,
-                                                        (unsigned char)kValueTypeExcluded, 1.0f,
-                                                        kVoxelOffsetCenter);
-            change = detail::sweepTile<W>(interiorBand, exteriorBand, numbers, types, scratch.values,
-                                          detail::kSweepEightDirections, true, detail::kVoxelsPerTile<Traits>,
+            setHaloTile<Traits, unsigned char, 0, 1, 0>(
+                tile.treeIndex(), *valueType, typeMode, kHaloTypeFacesAndEdges, accessor,
+                scratch.typesWithHalo, (unsigned char)kValueTypeExcluded, 1.0f, kVoxelOffsetCenter);
+            change = detail::sweepTile<W>(interiorBand, exteriorBand, numbers, types,
+                                          scratch.values, detail::kSweepEightDirections, true,
+                                          detail::kVoxelsPerTile<Traits>,
                                           detail::MaskedNeighbour{scratch.typesWithHalo.data()});
         } else {
-            change = detail::sweepTile<W>(interiorBand, exteriorBand, numbers, types, scratch.values,
-                                          detail::kSweepEightDirections, true, detail::kVoxelsPerTile<Traits>,
-                                          detail::PlainNeighbour{});
+            change = detail::sweepTile<W>(interiorBand, exteriorBand, numbers, types,
+                                          scratch.values, detail::kSweepEightDirections, true,
+                                          detail::kVoxelsPerTile<Traits>, detail::PlainNeighbour{});
         }
         maxChange = std::max(maxChange, change);
-        if (activity) activity->record(t, change > 0.0f);
+        if (activity)
+            activity->record(t, change > 0.0f);
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
-                for (int i = 0; i < W; ++i) block(i, j, k) = scratch.values(i, j, k);
+                for (int i = 0; i < W; ++i)
+                    block(i, j, k) = scratch.values(i, j, k);
     }
     flush();
     return maxChange;
@@ -222,7 +253,8 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour, 
 /// up to eight children gathered into one 8^3 block with a one-voxel halo, so that one sweep
 /// carries information across eight voxels instead of four.
 float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType colour,
-                          VoxelChannel<Traits24, float>& distance, Container<Traits24> const& container,
+                          VoxelChannel<Traits24, float>& distance,
+                          Container<Traits24> const& container,
                           VoxelChannel<Traits24, unsigned char> const* valueType, int depth,
                           DepthNumbers const& numbers, detail::TileActivity* activity)
 {
@@ -241,43 +273,53 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
     std::int64_t parents[Batch::kLanes];
     std::vector<float> interior(std::size_t(B) * B * B);
     auto flush = [&] {
-        if (batch->size() == 0) return;
+        if (batch->size() == 0)
+            return;
         float changes[Batch::kLanes];
         batch->sweep(numbers, changes);
         for (int lane = 0; lane < batch->size(); ++lane) {
             maxChange = std::max(maxChange, changes[lane]);
-            if (activity) activity->record(parents[lane], changes[lane] > 0.0f);
+            if (activity)
+                activity->record(parents[lane], changes[lane] > 0.0f);
             batch->interior(lane, interior.data());
             // Scatter back into the children that exist.
             Tile<Traits24> const& parent = container.tile(parents[lane], depth - 1);
             for (int slot = 0; slot < Traits24::kChildCount; ++slot) {
                 std::int64_t const child = parent.childIndex(slot);
-                if (child < 0) continue;
+                if (child < 0)
+                    continue;
                 auto childValues = distance.tileData(child, depth);
-                if (childValues.size() != N) continue;
+                if (childValues.size() != N)
+                    continue;
                 int3 const s = Tile<Traits24>::slotCoordinates(slot);
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
                         for (int i = 0; i < W; ++i)
-                            childValues(i, j, k) = interior[detail::voxelIndex<B>(s.x * W + i, s.y * W + j, s.z * W + k)];
+                            childValues(i, j, k) = interior[detail::voxelIndex<B>(
+                                s.x * W + i, s.y * W + j, s.z * W + k)];
             }
         }
         batch->clear();
     };
     for (std::int64_t t = begin; t < end; ++t) {
         Tile<Traits24> const& parent = container.tile(t, depth - 1);
-        if (tileColor<Traits24>(parent.tijk(), depth - 1) != colour) continue;
-        if (parent.isLeaf()) continue;
-        if (activity && activity->skippable(t)) continue;
+        if (tileColor<Traits24>(parent.tijk(), depth - 1) != colour)
+            continue;
+        if (parent.isLeaf())
+            continue;
+        if (activity && activity->skippable(t))
+            continue;
         auto const parentValues = distance.tileData(parent.treeIndex());
         bool anyUnknown = false;
         // Gather: children where they exist, else the parent's side at the background, known.
         for (int slot = 0; slot < Traits24::kChildCount; ++slot) {
             int3 const s = Tile<Traits24>::slotCoordinates(slot);
             std::int64_t const child = parent.childIndex(slot);
-            auto const childValues = child >= 0 ? distance.tileData(child, depth) : ConstTileData<float, W, 0, 0>();
-            auto const childTypes = (child >= 0 && valueType) ? valueType->tileData(child, depth)
-                                                              : ConstTileData<unsigned char, W, 0, 0>();
+            auto const childValues =
+                child >= 0 ? distance.tileData(child, depth) : ConstTileData<float, W, 0, 0>();
+            auto const childTypes = (child >= 0 && valueType)
+                                        ? valueType->tileData(child, depth)
+                                        : ConstTileData<unsigned char, W, 0, 0>();
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) {
@@ -289,14 +331,17 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
                                                               : (unsigned char)kValueTypeUnknown;
                             anyUnknown |= types[n] == kValueTypeUnknown;
                         } else {
-                            float const p = parentValues.size() == N ? parentValues(bi / 2, bj / 2, bk / 2) : 0.0f;
+                            float const p = parentValues.size() == N
+                                                ? parentValues(bi / 2, bj / 2, bk / 2)
+                                                : 0.0f;
                             values(bi, bj, bk) = 0.0f > p ? -background : background;
                             types[n] = kValueTypeKnown;
                         }
                     }
         }
         if (!anyUnknown) {
-            if (activity) activity->record(t, false);
+            if (activity)
+                activity->record(t, false);
             continue;
         }
         // Halo faces: the tile of this depth beyond the face (a child of the parent's neighbour),
@@ -336,7 +381,8 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
             }
         // No band is in use here, so the band check of the sweep would keep every block.
         parents[batch->add(values.data(), types.data())] = t;
-        if (batch->full()) flush();
+        if (batch->full())
+            flush();
     }
     flush();
     return maxChange;
@@ -348,29 +394,37 @@ namespace detail {
 
 template <typename Traits>
 float redistanceTilesTracked(RedBlackType colour, VoxelChannel<Traits, float>& io_distance,
-                             VoxelChannel<Traits, float> const* mask, Container<Traits> const& container,
-                             VoxelChannel<Traits, unsigned char> const* valueType, int depth, float interiorBand,
-                             float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation,
-                             bool performCoalescedRedistance, TileActivity* activity)
+                             VoxelChannel<Traits, float> const* mask,
+                             Container<Traits> const& container,
+                             VoxelChannel<Traits, unsigned char> const* valueType, int depth,
+                             float interiorBand, float exteriorBand, bool useBandAtTiles,
+                             bool haloByExtrapolation, bool performCoalescedRedistance,
+                             TileActivity* activity)
 {
-    if (depth < 0 || depth > Traits::kMaxDepth) return 0.0f;
+    if (depth < 0 || depth > Traits::kMaxDepth)
+        return 0.0f;
     DepthNumbers const numbers = depthNumbers<Traits>(container.voxelSize(), depth, 0.0f);
     float result;
     if constexpr (std::is_same_v<Traits, Traits24>) {
-        if (coalescedForm<Traits>(mask, depth, interiorBand, exteriorBand, useBandAtTiles, haloByExtrapolation,
-                                  performCoalescedRedistance)) {
-            result = parallelMaximum(container.tileCount(depth - 1), [&](std::int64_t b, std::int64_t e) {
-                return sweepCoalescedRange(b, e, colour, io_distance, container, valueType, depth, numbers, activity);
-            });
-            if (activity) ++activity->pass;
+        if (coalescedForm<Traits>(mask, depth, interiorBand, exteriorBand, useBandAtTiles,
+                                  haloByExtrapolation, performCoalescedRedistance)) {
+            result = parallelMaximum(
+                container.tileCount(depth - 1), [&](std::int64_t b, std::int64_t e) {
+                    return sweepCoalescedRange(b, e, colour, io_distance, container, valueType,
+                                               depth, numbers, activity);
+                });
+            if (activity)
+                ++activity->pass;
             return result;
         }
     }
     result = parallelMaximum(container.tileCount(depth), [&](std::int64_t b, std::int64_t e) {
-        return sweepTileRange<Traits>(b, e, colour, io_distance, mask, container, valueType, depth, interiorBand,
-                                      exteriorBand, useBandAtTiles, haloByExtrapolation, numbers, activity);
+        return sweepTileRange<Traits>(b, e, colour, io_distance, mask, container, valueType, depth,
+                                      interiorBand, exteriorBand, useBandAtTiles,
+                                      haloByExtrapolation, numbers, activity);
     });
-    if (activity) ++activity->pass;
+    if (activity)
+        ++activity->pass;
     return result;
 }
 
@@ -379,18 +433,18 @@ float redistanceTilesTracked(RedBlackType colour, VoxelChannel<Traits, float>& i
 template <typename Traits>
 float redistanceTiles(RedBlackType colour, VoxelChannel<Traits, float>& io_distance,
                       VoxelChannel<Traits, float> const* mask, Container<Traits> const& container,
-                      VoxelChannel<Traits, unsigned char> const* valueType, int depth, float interiorBand,
-                      float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation,
-                      bool performCoalescedRedistance)
+                      VoxelChannel<Traits, unsigned char> const* valueType, int depth,
+                      float interiorBand, float exteriorBand, bool useBandAtTiles,
+                      bool haloByExtrapolation, bool performCoalescedRedistance)
 {
-    return detail::redistanceTilesTracked<Traits>(colour, io_distance, mask, container, valueType, depth,
-                                                  interiorBand, exteriorBand, useBandAtTiles, haloByExtrapolation,
-                                                  performCoalescedRedistance, nullptr);
+    return detail::redistanceTilesTracked<Traits>(
+        colour, io_distance, mask, container, valueType, depth, interiorBand, exteriorBand,
+        useBandAtTiles, haloByExtrapolation, performCoalescedRedistance, nullptr);
 }
 
-#define HEXMOLD_INSTANTIATE_REDISTANCE_TILES(TR)                                                    \
-    template HEXMOLD_API decltype(tileColor<TR>) tileColor<TR>;                                      \
-    template HEXMOLD_API decltype(redistanceTiles<TR>) redistanceTiles<TR>;                          \
+#define HEXMOLD_INSTANTIATE_REDISTANCE_TILES(TR)                                                   \
+    template HEXMOLD_API decltype(tileColor<TR>) tileColor<TR>;                                    \
+    template HEXMOLD_API decltype(redistanceTiles<TR>) redistanceTiles<TR>;                        \
     template decltype(detail::redistanceTilesTracked<TR>) detail::redistanceTilesTracked<TR>;
 HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_REDISTANCE_TILES)
 #undef HEXMOLD_INSTANTIATE_REDISTANCE_TILES

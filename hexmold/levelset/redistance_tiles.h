@@ -43,11 +43,12 @@ HEXMOLD_API RedBlackType tileColor(Tavrel::Math::int3 const& corner, int depth);
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API float redistanceTiles(RedBlackType colour, TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance,
-                                  TVL::TileTree3D::VoxelChannel<Traits, float> const* mask,
-                                  TVL::TileTree3D::Container<Traits> const& container,
-                                  TVL::TileTree3D::VoxelChannel<Traits, unsigned char> const* valueType, int depth,
-                                  float interiorBand, float exteriorBand, bool useBandAtTiles,
-                                  bool haloByExtrapolation, bool performCoalescedRedistance);
+HEXMOLD_API float
+redistanceTiles(RedBlackType colour, TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance,
+                TVL::TileTree3D::VoxelChannel<Traits, float> const* mask,
+                TVL::TileTree3D::Container<Traits> const& container,
+                TVL::TileTree3D::VoxelChannel<Traits, unsigned char> const* valueType, int depth,
+                float interiorBand, float exteriorBand, bool useBandAtTiles,
+                bool haloByExtrapolation, bool performCoalescedRedistance);
 
 } // namespace VolumeGL::TileTree3D::LevelSet

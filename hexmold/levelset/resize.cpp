@@ -4,13 +4,10 @@
 
 #include <cfloat>
 #include <cmath>
-#include <iostream>
-#include <span>
-#include <utility>
-#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/detail/zero_crossing.h>
 #include <hexmold/levelset/dilate_erode.h>
 #include <hexmold/levelset/level_set_redistance.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/channel_update.h>
@@ -19,6 +16,9 @@
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
+#include <iostream>
+#include <span>
+#include <utility>
 
 namespace VolumeGL::TileTree3D::LevelSet {
 
@@ -43,17 +43,20 @@ struct Stages {
 /// The resize of one tree type; does nothing when the object holds no such tree.
 template <typename Traits, typename Logger>
 void resizeBody(float bandwidth, TVL::Object& object, Quillon::String const& tileTreeName,
-                Quillon::String const& topologyName, Quillon::String const& distanceChannelName, Logger const& logger,
-                Stages const& stages)
+                Quillon::String const& topologyName, Quillon::String const& distanceChannelName,
+                Logger const& logger, Stages const& stages)
 {
     using Distance = VoxelChannel<Traits, float>;
     // Taken in this order; whatever was taken returns when a later one is missing.
     TVL::ComponentGuard<Container<Traits>> container(object, tileTreeName);
-    if (!container) return;
+    if (!container)
+        return;
     TVL::ComponentGuard<VoxelTopology<Traits>> topology(object, topologyName);
-    if (!topology) return;
+    if (!topology)
+        return;
     auto distance = std::make_unique<TVL::ComponentGuard<Distance>>(object, distanceChannelName);
-    if (!*distance) return;
+    if (!*distance)
+        return;
 
     TileCornerLists<Traits> newTiles;
     {
@@ -72,7 +75,8 @@ void resizeBody(float bandwidth, TVL::Object& object, Quillon::String const& til
         initializeTileData(*container, newTiles, object);
     }
     distance = std::make_unique<TVL::ComponentGuard<Distance>>(object, distanceChannelName);
-    if (!*distance) return;
+    if (!*distance)
+        return;
     {
         auto const timer = CoreGL::Logger::timer(stages.erode, logger.services());
         // Erosion hands back no pairs: they come from the layout before it.
@@ -95,20 +99,23 @@ void resizeBody(float bandwidth, TVL::Object& object, Quillon::String const& til
         if (CoreGL::Logger::verboseLevel() > 1)
             std::cout << "maxNumPreSmoothingPasses = " << passes.maxNumPreSmoothingPasses << '\n'
                       << "maxNumPostSmoothingPasses = " << passes.maxNumPostSmoothingPasses << '\n'
-                      << "performCoalescedRedistance = " << passes.performCoalescedRedistance << '\n';
+                      << "performCoalescedRedistance = " << passes.performCoalescedRedistance
+                      << '\n';
         auto const topologyPtr = object.component<VoxelTopology<Traits>>(topologyName);
-        if (!topologyPtr) return;
+        if (!topologyPtr)
+            return;
         // The classical recursion runs here: a DOF channel in the object is not passed on.
         unsigned char const unknown = kValueTypeUnknown;
-        VoxelChannel<Traits, unsigned char> valueTypes("", &unknown, kDataElementInitializerDefaultValue, false, true,
-                                                       0, Traits::kMaxDepth);
+        VoxelChannel<Traits, unsigned char> valueTypes(
+            "", &unknown, kDataElementInitializerDefaultValue, false, true, 0, Traits::kMaxDepth);
         valueTypes.setTargetName(topologyPtr->name());
         valueTypes.update(*topologyPtr);
         resizeValueTypes(*container, *topologyPtr, **distance, valueTypes);
-        levelSetRedistance<Traits>(*container, *topologyPtr, **distance, true, true, false, 0, Traits::kMaxDepth, nullptr,
-                           &valueTypes, 0.01f, FLT_MAX, FLT_MAX, passes.maxNumPreSmoothingPasses,
-                           passes.maxNumPostSmoothingPasses, false, passes.performCoalescedRedistance, nullptr,
-                           stages.redistanceName, kRedistanceSweeping);
+        levelSetRedistance<Traits>(
+            *container, *topologyPtr, **distance, true, true, false, 0, Traits::kMaxDepth, nullptr,
+            &valueTypes, 0.01f, FLT_MAX, FLT_MAX, passes.maxNumPreSmoothingPasses,
+            passes.maxNumPostSmoothingPasses, false, passes.performCoalescedRedistance, nullptr,
+            stages.redistanceName, kRedistanceSweeping);
     }
     distance->restore();
 }
@@ -129,22 +136,27 @@ void resizeValueTypes(Container<Traits> const& container, VoxelTopology<Traits> 
     container.traverse(
         [] {}, [] {},
         [&distance, &io_valueTypes, voxelSize, halo, accessor](Tile<Traits> const& tile) mutable {
-            if (TVL::bodyCancelled()) return;
+            if (TVL::bodyCancelled())
+                return;
             TileData<unsigned char, W, 0, 0> types = io_valueTypes.tileData(tile.treeIndex());
-            if (types.empty() || distance.tileData(tile.treeIndex()).empty()) return;
-            // The sign test reads the face rim only; the whole rim is fetched only for a tile with a
-            // voxel near zero, whose test also reads the edges and corners.
-            setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral, kHaloTypeBase,
-                                                   accessor, halo, 0.0f, 1.0f, kVoxelOffsetCenter);
+            if (types.empty() || distance.tileData(tile.treeIndex()).empty())
+                return;
+            // The sign test reads the face rim only; the whole rim is fetched only for a tile with
+            // a voxel near zero, whose test also reads the edges and corners.
+            setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral,
+                                                   kHaloTypeBase, accessor, halo, 0.0f, 1.0f,
+                                                   kVoxelOffsetCenter);
             // 0.001 h, with h = width * voxel size rounded first, as in the adaptive sweep.
             float const tolerance = 0.001f * (float(tile.voxelDataWidth()) * voxelSize);
             bool nearZero = false;
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i) nearZero |= std::abs(halo(i, j, k)) <= tolerance;
+                    for (int i = 0; i < W; ++i)
+                        nearZero |= std::abs(halo(i, j, k)) <= tolerance;
             if (nearZero)
-                setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral, kHaloTypeAll,
-                                                       accessor, halo, 0.0f, 1.0f, kVoxelOffsetCenter);
+                setHaloTile<Traits, float, 0, 1, 0, 0>(tile.treeIndex(), distance, kHaloModeGeneral,
+                                                       kHaloTypeAll, accessor, halo, 0.0f, 1.0f,
+                                                       kVoxelOffsetCenter);
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i)
@@ -152,14 +164,16 @@ void resizeValueTypes(Container<Traits> const& container, VoxelTopology<Traits> 
                                                             detail::EveryNeighbour{}))
                             types(i, j, k) = kValueTypeKnown;
         },
-        [](Tile<Traits> const&) {}, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0, Traits::kMaxDepth, 25, true, 0,
-        Traits::kRatio, false, Traits::kMaxDepth - 3);
-    setNonLeafValueToChildValue(io_valueTypes, container, topology.offsetType(), 0, Traits::kMaxDepth);
+        [](Tile<Traits> const&) {}, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0,
+        Traits::kMaxDepth, 25, true, 0, Traits::kRatio, false, Traits::kMaxDepth - 3);
+    setNonLeafValueToChildValue(io_valueTypes, container, topology.offsetType(), 0,
+                                Traits::kMaxDepth);
 }
 
 int resizeCeiling(float x)
 {
-    if (x > 0.0f) return static_cast<int>(std::trunc(std::nextafter(x, -INFINITY))) + 1;
+    if (x > 0.0f)
+        return static_cast<int>(std::trunc(std::nextafter(x, -INFINITY))) + 1;
     return static_cast<int>(std::trunc(x));
 }
 
@@ -176,18 +190,23 @@ ResizePasses resizePasses(float bandwidth, float voxelSize)
 
 template <typename Logger>
 void resize(float bandwidth, TVL::Object& io_object, Quillon::String const& tileTreeName,
-            Quillon::String const& topologyName, Quillon::String const& distanceChannelName, Logger const& logger)
+            Quillon::String const& topologyName, Quillon::String const& distanceChannelName,
+            Logger const& logger)
 {
     static Stages const stages;
     if (kResizeMinimumBandwidth >= bandwidth || std::isnan(bandwidth)) {
         logger.warn("Bandwidth <= epsilon. Resize skipped.");
         return;
     }
-    if (CoreGL::Logger::verboseLevel() > 0) std::cout << "levelset_resize.begin\n";
+    if (CoreGL::Logger::verboseLevel() > 0)
+        std::cout << "levelset_resize.begin\n";
     // Each body finds only its own tree type: no dispatch on the object's contents.
-    resizeBody<Traits24>(bandwidth, io_object, tileTreeName, topologyName, distanceChannelName, logger, stages);
-    resizeBody<Traits55>(bandwidth, io_object, tileTreeName, topologyName, distanceChannelName, logger, stages);
-    if (CoreGL::Logger::verboseLevel() > 0) std::cout << "levelset_resize.end\n";
+    resizeBody<Traits24>(bandwidth, io_object, tileTreeName, topologyName, distanceChannelName,
+                         logger, stages);
+    resizeBody<Traits55>(bandwidth, io_object, tileTreeName, topologyName, distanceChannelName,
+                         logger, stages);
+    if (CoreGL::Logger::verboseLevel() > 0)
+        std::cout << "levelset_resize.end\n";
 }
 
 #define HEXMOLD_INSTANTIATE_RESIZE_VALUE_TYPES(TR)                                                 \

@@ -20,8 +20,8 @@ inline constexpr float kResizeMinimumBandwidth = 1.1920929e-7f;
 
 /// The sweep settings of the redistancing that ends a resize.
 struct ResizePasses {
-    int maxNumPreSmoothingPasses = 2;     ///< sweeps per depth on the way to the coarsest depth
-    int maxNumPostSmoothingPasses = 0;    ///< sweeps per depth on the way back
+    int maxNumPreSmoothingPasses = 2;        ///< sweeps per depth on the way to the coarsest depth
+    int maxNumPostSmoothingPasses = 0;       ///< sweeps per depth on the way back
     bool performCoalescedRedistance = false; ///< the 8^3 sweep over a tile's eight children
 };
 
@@ -32,7 +32,8 @@ HEXMOLD_API int resizeCeiling(float x);
 
 /// @brief The sweep settings for a band of @p bandwidth (world units) around a level set whose
 ///        finest voxels are @p voxelSize wide: with x = bandwidth / (voxelSize * 4),
-///        coalesced when ceil(x) >= 10; post passes ceil(x / 2), plus 1 when positive; 2 pre passes.
+///        coalesced when ceil(x) >= 10; post passes ceil(x / 2), plus 1 when positive; 2 pre
+///        passes.
 HEXMOLD_API ResizePasses resizePasses(float bandwidth, float voxelSize);
 
 /// @brief The value types that the redistancing of a resize starts from: 1 (known) at the voxels
@@ -80,8 +81,8 @@ resizeValueTypes(TVL::TileTree3D::Container<Traits> const& container,
 ///         return to the object, in whatever state was reached.
 /// Instantiated for the three loggers.
 template <typename Logger>
-HEXMOLD_API void resize(float bandwidth, TVL::Object& io_object, Quillon::String const& tileTreeName,
-                        Quillon::String const& topologyName, Quillon::String const& distanceChannelName,
-                        Logger const& logger);
+HEXMOLD_API void resize(float bandwidth, TVL::Object& io_object,
+                        Quillon::String const& tileTreeName, Quillon::String const& topologyName,
+                        Quillon::String const& distanceChannelName, Logger const& logger);
 
 } // namespace VolumeGL::TileTree3D::LevelSet

@@ -24,8 +24,9 @@ template <int W> struct KernelTables {
     KernelTables()
     {
         // The directions of travel (k, j, i) in the scalar sweep's order.
-        static constexpr int kDirections[8][3] = {{1, 1, 1},   {-1, -1, -1}, {-1, 1, 1},  {1, -1, -1},
-                                                  {-1, -1, 1}, {1, 1, -1},   {1, -1, 1},  {-1, 1, -1}};
+        static constexpr int kDirections[8][3] = {{1, 1, 1},   {-1, -1, -1}, {-1, 1, 1},
+                                                  {1, -1, -1}, {-1, -1, 1},  {1, 1, -1},
+                                                  {1, -1, 1},  {-1, 1, -1}};
         for (int d = 0; d < 8; ++d) {
             int const dk = kDirections[d][0], dj = kDirections[d][1], di = kDirections[d][2];
             upwind[std::size_t(3 * d)] = -di;
@@ -36,7 +37,8 @@ template <int W> struct KernelTables {
                 for (int kk = 0; kk < W; ++kk)
                     for (int jj = 0; jj < W; ++jj) {
                         int const ii = front - kk - jj;
-                        if (ii < 0 || ii >= W) continue;
+                        if (ii < 0 || ii >= W)
+                            continue;
                         int const i = di > 0 ? ii : W - 1 - ii;
                         int const j = dj > 0 ? jj : W - 1 - jj;
                         int const k = dk > 0 ? kk : W - 1 - kk;
@@ -58,10 +60,14 @@ bool processorHas(SweepIsa isa)
 {
 #if defined(__x86_64__) || defined(__i386__)
     switch (isa) {
-    case SweepIsa::kSse2: return __builtin_cpu_supports("sse2");
-    case SweepIsa::kAvx2: return __builtin_cpu_supports("avx2");
-    case SweepIsa::kAvx512: return __builtin_cpu_supports("avx512f");
-    default: return true;
+    case SweepIsa::kSse2:
+        return __builtin_cpu_supports("sse2");
+    case SweepIsa::kAvx2:
+        return __builtin_cpu_supports("avx2");
+    case SweepIsa::kAvx512:
+        return __builtin_cpu_supports("avx512f");
+    default:
+        return true;
     }
 #else
     return isa == SweepIsa::kPortable || isa == SweepIsa::kBest;
@@ -73,7 +79,8 @@ SweepIsa bestIsa()
 {
     static SweepIsa const best = [] {
         for (SweepIsa isa : {SweepIsa::kAvx512, SweepIsa::kAvx2, SweepIsa::kSse2})
-            if (sweepIsaAvailable(isa)) return isa;
+            if (sweepIsaAvailable(isa))
+                return isa;
         return SweepIsa::kPortable;
     }();
     return best;
@@ -90,7 +97,8 @@ template <int W> SweepBatch<W>::SweepBatch()
 template <int W> int SweepBatch<W>::add(float const* block, unsigned char const* types)
 {
     int const lane = mCount++;
-    for (std::size_t n = 0; n < kBlock; ++n) mValues[n * kLanes + std::size_t(lane)] = block[n];
+    for (std::size_t n = 0; n < kBlock; ++n)
+        mValues[n * kLanes + std::size_t(lane)] = block[n];
     for (std::size_t n = 0; n < kInterior; ++n)
         mUnknown[n * kLanes + std::size_t(lane)] = types[n] == kValueTypeUnknown ? 0xFFFFFFFFu : 0u;
     return lane;
@@ -99,7 +107,8 @@ template <int W> int SweepBatch<W>::add(float const* block, unsigned char const*
 template <int W> void SweepBatch<W>::clear()
 {
     for (int lane = 0; lane < mCount; ++lane)
-        for (std::size_t n = 0; n < kInterior; ++n) mUnknown[n * kLanes + std::size_t(lane)] = 0u;
+        for (std::size_t n = 0; n < kInterior; ++n)
+            mUnknown[n * kLanes + std::size_t(lane)] = 0u;
     mCount = 0;
 }
 
@@ -110,10 +119,12 @@ template <int W> void SweepBatch<W>::interior(int lane, float* out) const
         for (int j = 0; j < W; ++j)
             for (int i = 0; i < W; ++i)
                 out[i + W * (j + W * k)] =
-                    mValues[std::size_t((i + 1) + E * ((j + 1) + E * (k + 1))) * kLanes + std::size_t(lane)];
+                    mValues[std::size_t((i + 1) + E * ((j + 1) + E * (k + 1))) * kLanes +
+                            std::size_t(lane)];
 }
 
-template <int W> void SweepBatch<W>::sweep(DepthNumbers const& numbers, float (&changes)[kLanes], SweepIsa isa)
+template <int W>
+void SweepBatch<W>::sweep(DepthNumbers const& numbers, float (&changes)[kLanes], SweepIsa isa)
 {
     static_assert(kLanes == kBatchLanes);
     KernelTables<W> const& tables = kernelTables<W>();
@@ -133,10 +144,18 @@ template <int W> void SweepBatch<W>::sweep(DepthNumbers const& numbers, float (&
                                CoreGL::detail::kEikonalOneThird,
                                changes};
     switch (isa == SweepIsa::kBest ? bestIsa() : isa) {
-    case SweepIsa::kAvx512: sweepKernelAvx512(args); break;
-    case SweepIsa::kAvx2: sweepKernelAvx2(args); break;
-    case SweepIsa::kSse2: sweepKernelSse2(args); break;
-    default: sweepKernelPortable(args); break;
+    case SweepIsa::kAvx512:
+        sweepKernelAvx512(args);
+        break;
+    case SweepIsa::kAvx2:
+        sweepKernelAvx2(args);
+        break;
+    case SweepIsa::kSse2:
+        sweepKernelSse2(args);
+        break;
+    default:
+        sweepKernelPortable(args);
+        break;
     }
 }
 
@@ -144,17 +163,22 @@ bool sweepIsaAvailable(SweepIsa isa)
 {
     switch (isa) {
     case SweepIsa::kBest:
-    case SweepIsa::kPortable: return true;
+    case SweepIsa::kPortable:
+        return true;
 #if defined(__SSE2__)
-    case SweepIsa::kSse2: return processorHas(isa);
+    case SweepIsa::kSse2:
+        return processorHas(isa);
 #endif
 #if defined(HEXMOLD_SWEEP_AVX2)
-    case SweepIsa::kAvx2: return processorHas(isa);
+    case SweepIsa::kAvx2:
+        return processorHas(isa);
 #endif
 #if defined(HEXMOLD_SWEEP_AVX512)
-    case SweepIsa::kAvx512: return processorHas(isa);
+    case SweepIsa::kAvx512:
+        return processorHas(isa);
 #endif
-    default: return false;
+    default:
+        return false;
     }
 }
 

@@ -20,7 +20,10 @@ struct Avx2Ops {
     static V load(float const* p) { return _mm256_load_ps(p); }
     static void store(float* p, V x) { _mm256_store_ps(p, x); }
     static void storeUnaligned(float* p, V x) { _mm256_storeu_ps(p, x); }
-    static M flags(std::uint32_t const* p) { return _mm256_load_ps(reinterpret_cast<float const*>(p)); }
+    static M flags(std::uint32_t const* p)
+    {
+        return _mm256_load_ps(reinterpret_cast<float const*>(p));
+    }
     static V add(V x, V y) { return _mm256_add_ps(x, y); }
     static V sub(V x, V y) { return _mm256_sub_ps(x, y); }
     static V mul(V x, V y) { return _mm256_mul_ps(x, y); }
@@ -42,9 +45,15 @@ struct Avx2Ops {
 
 } // namespace
 
-void sweepKernelAvx2(SweepKernelArgs const& args) { sweepKernelBody<Avx2Ops>(args); }
+void sweepKernelAvx2(SweepKernelArgs const& args)
+{
+    sweepKernelBody<Avx2Ops>(args);
+}
 #else
-void sweepKernelAvx2(SweepKernelArgs const& args) { sweepKernelPortable(args); }
+void sweepKernelAvx2(SweepKernelArgs const& args)
+{
+    sweepKernelPortable(args);
+}
 #endif
 
 } // namespace VolumeGL::TileTree3D::LevelSet::detail

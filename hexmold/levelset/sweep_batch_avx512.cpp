@@ -32,7 +32,10 @@ struct Avx512Ops {
     static V min(V x, V y) { return _mm512_min_ps(x, y); }
     static V max(V x, V y) { return _mm512_max_ps(x, y); }
     static __m512i signBit() { return _mm512_set1_epi32(std::int32_t(0x80000000u)); }
-    static V abs(V x) { return _mm512_castsi512_ps(_mm512_andnot_si512(signBit(), _mm512_castps_si512(x))); }
+    static V abs(V x)
+    {
+        return _mm512_castsi512_ps(_mm512_andnot_si512(signBit(), _mm512_castps_si512(x)));
+    }
     static V negateWhere(M m, V x)
     {
         __m512i const xi = _mm512_castps_si512(x);
@@ -50,9 +53,15 @@ struct Avx512Ops {
 
 } // namespace
 
-void sweepKernelAvx512(SweepKernelArgs const& args) { sweepKernelBody<Avx512Ops>(args); }
+void sweepKernelAvx512(SweepKernelArgs const& args)
+{
+    sweepKernelBody<Avx512Ops>(args);
+}
 #else
-void sweepKernelAvx512(SweepKernelArgs const& args) { sweepKernelPortable(args); }
+void sweepKernelAvx512(SweepKernelArgs const& args)
+{
+    sweepKernelPortable(args);
+}
 #endif
 
 } // namespace VolumeGL::TileTree3D::LevelSet::detail

@@ -36,6 +36,9 @@ struct PortableOps {
 
 } // namespace
 
-void sweepKernelPortable(SweepKernelArgs const& args) { sweepKernelBody<PortableOps>(args); }
+void sweepKernelPortable(SweepKernelArgs const& args)
+{
+    sweepKernelBody<PortableOps>(args);
+}
 
 } // namespace VolumeGL::TileTree3D::LevelSet::detail

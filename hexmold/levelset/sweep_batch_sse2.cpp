@@ -19,7 +19,10 @@ struct Sse2Ops {
     static V load(float const* p) { return _mm_load_ps(p); }
     static void store(float* p, V x) { _mm_store_ps(p, x); }
     static void storeUnaligned(float* p, V x) { _mm_storeu_ps(p, x); }
-    static M flags(std::uint32_t const* p) { return _mm_load_ps(reinterpret_cast<float const*>(p)); }
+    static M flags(std::uint32_t const* p)
+    {
+        return _mm_load_ps(reinterpret_cast<float const*>(p));
+    }
     static V add(V x, V y) { return _mm_add_ps(x, y); }
     static V sub(V x, V y) { return _mm_sub_ps(x, y); }
     static V mul(V x, V y) { return _mm_mul_ps(x, y); }
@@ -40,9 +43,15 @@ struct Sse2Ops {
 
 } // namespace
 
-void sweepKernelSse2(SweepKernelArgs const& args) { sweepKernelBody<Sse2Ops>(args); }
+void sweepKernelSse2(SweepKernelArgs const& args)
+{
+    sweepKernelBody<Sse2Ops>(args);
+}
 #else
-void sweepKernelSse2(SweepKernelArgs const& args) { sweepKernelPortable(args); }
+void sweepKernelSse2(SweepKernelArgs const& args)
+{
+    sweepKernelPortable(args);
+}
 #endif
 
 } // namespace VolumeGL::TileTree3D::LevelSet::detail

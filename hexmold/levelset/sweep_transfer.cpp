@@ -1,17 +1,18 @@
 /// @file  levelset/sweep_transfer.cpp
 /// @brief The transfers of the multilevel solve between depths: restriction of covered voxels
 ///        from their children and interpolation of hanging voxels from the coarser lattice.
-#include <limits>
-#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/levelset/dof_classification.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/substrate/type_lists.h>
+#include <limits>
 
 namespace VolumeGL::TileTree3D::LevelSet::detail {
 
 template <typename Traits>
 void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
-                       VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name)
+                       VoxelChannel<Traits, float>& io_distance, int a, int b,
+                       Quillon::String const& name)
 {
     constexpr int W = Traits::kTileWidth;
     constexpr int S = Traits::kVoxelsPerSlot;
@@ -23,20 +24,25 @@ void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, 
         parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
             for (std::int64_t t = begin; t < end; ++t) {
                 Tile<Traits> const& tile = container.tile(t, depth);
-                if (tile.isLeaf()) continue;
+                if (tile.isLeaf())
+                    continue;
                 auto const flags = dof.tileData(tile.treeIndex());
                 auto values = io_distance.tileData(tile.treeIndex());
-                if (flags.size() != N || values.size() != N) continue;
+                if (flags.size() != N || values.size() != N)
+                    continue;
                 std::int64_t const w = tile.voxelDataWidth();
                 std::int64_t const cw = tile.childVoxelDataWidth();
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
                         for (int i = 0; i < W; ++i) {
-                            if (!(flags(i, j, k) & kDOFFromChild)) continue;
+                            if (!(flags(i, j, k) & kDOFFromChild))
+                                continue;
                             std::int64_t const child = tile.childIndex(i / S, j / S, k / S);
-                            if (child < 0) continue;
+                            if (child < 0)
+                                continue;
                             auto const childValues = io_distance.tileData(child, depth + 1);
-                            if (childValues.size() != N) continue;
+                            if (childValues.size() != N)
+                                continue;
                             // The voxel's corner relative to the child's corner, in child voxels.
                             int const ci = int(((i % S) * w) / cw);
                             int const cj = int(((j % S) * w) / cw);
@@ -50,8 +56,8 @@ void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, 
 
 template <typename Traits>
 void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
-                        VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name,
-                        VoxelChannel<Traits, unsigned char>* io_types)
+                        VoxelChannel<Traits, float>& io_distance, int a, int b,
+                        Quillon::String const& name, VoxelChannel<Traits, unsigned char>* io_types)
 {
     constexpr int W = Traits::kTileWidth;
     constexpr std::size_t N = std::size_t(W) * W * W;
@@ -67,33 +73,44 @@ void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits,
             // tile above it, that holds q.
             auto coarse = [&](std::int64_t x, std::int64_t y, std::int64_t z) -> float {
                 Tile<Traits> const& c = accessor.tile(x, y, z, depth - 1);
-                if (!c.valid()) return io_distance.defaultValue();
+                if (!c.valid())
+                    return io_distance.defaultValue();
                 auto const cv = io_distance.tileData(c.treeIndex());
-                if (cv.size() != N) return io_distance.defaultValue();
+                if (cv.size() != N)
+                    return io_distance.defaultValue();
                 std::int64_t const cw = c.voxelDataWidth();
                 return cv(int((x - c.ti()) / cw), int((y - c.tj()) / cw), int((z - c.tk()) / cw));
             };
             for (std::int64_t t = begin; t < end; ++t) {
                 Tile<Traits> const& tile = container.tile(t, depth);
-                if (tile.parent() < 0) continue;
+                if (tile.parent() < 0)
+                    continue;
                 auto const flags = dof.tileData(tile.treeIndex());
                 auto values = io_distance.tileData(tile.treeIndex());
-                if (flags.size() != N || values.size() != N) continue;
+                if (flags.size() != N || values.size() != N)
+                    continue;
                 std::int64_t const w = tile.voxelDataWidth();
-                auto types = io_types ? io_types->tileData(tile.treeIndex()) : TileData<unsigned char, W, 0, 0>();
+                auto types = io_types ? io_types->tileData(tile.treeIndex())
+                                      : TileData<unsigned char, W, 0, 0>();
                 auto visit = [&](int i, int j, int k) {
                     short const f = flags(i, j, k);
-                    if (!(f & kDOFHanging) || (f & kDOFNotInterpolated)) return;
+                    if (!(f & kDOFHanging) || (f & kDOFNotInterpolated))
+                        return;
                     // An excluded voxel keeps its value.
-                    if (types.size() == N && types(i, j, k) == kValueTypeExcluded) return;
-                    std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
+                    if (types.size() == N && types(i, j, k) == kValueTypeExcluded)
+                        return;
+                    std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w,
+                                               tile.tk() + k * w};
                     // Where the coarse lattice is unreached there is no value to interpolate.
-                    double const mix = latticeMix<Traits>(p, pw, [&](std::int64_t x, std::int64_t y, std::int64_t z) {
-                        float const v = coarse(x, y, z);
-                        return std::fabs(v) < background - kEpsilon ? double(v)
-                                                                     : std::numeric_limits<double>::quiet_NaN();
-                    });
-                    if (std::isnan(mix)) return;
+                    double const mix = latticeMix<Traits>(
+                        p, pw, [&](std::int64_t x, std::int64_t y, std::int64_t z) {
+                            float const v = coarse(x, y, z);
+                            return std::fabs(v) < background - kEpsilon
+                                       ? double(v)
+                                       : std::numeric_limits<double>::quiet_NaN();
+                        });
+                    if (std::isnan(mix))
+                        return;
                     float const interpolated = float(mix);
                     // A voxel the sweeps of its own depth solve keeps their value where they
                     // reached it; the coarse lattice fills in where they did not.
@@ -103,22 +120,26 @@ void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits,
                     values(i, j, k) = interpolated;
                 };
                 for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i) visit(i, j, 0);
+                    for (int i = 0; i < W; ++i)
+                        visit(i, j, 0);
                 for (int k = 1; k < W; ++k)
-                    for (int i = 0; i < W; ++i) visit(i, 0, k);
+                    for (int i = 0; i < W; ++i)
+                        visit(i, 0, k);
                 for (int k = 1; k < W; ++k)
-                    for (int j = 1; j < W; ++j) visit(0, j, k);
+                    for (int j = 1; j < W; ++j)
+                        visit(0, j, k);
             }
         });
     }
 }
 
-#define HEXMOLD_INSTANTIATE_SWEEP_TRANSFER(TR)                                                      \
-    template void restrictToParents<TR>(Container<TR> const&, VoxelChannel<TR, short> const&,          \
-                                        VoxelChannel<TR, float>&, int, int, Quillon::String const&);   \
-    template void interpolateHanging<TR>(Container<TR> const&, VoxelChannel<TR, short> const&,         \
-                                         VoxelChannel<TR, float>&, int, int, Quillon::String const&,   \
-                                         VoxelChannel<TR, unsigned char>*);
+#define HEXMOLD_INSTANTIATE_SWEEP_TRANSFER(TR)                                                     \
+    template void restrictToParents<TR>(Container<TR> const&, VoxelChannel<TR, short> const&,      \
+                                        VoxelChannel<TR, float>&, int, int,                        \
+                                        Quillon::String const&);                                   \
+    template void interpolateHanging<TR>(                                                          \
+        Container<TR> const&, VoxelChannel<TR, short> const&, VoxelChannel<TR, float>&, int, int,  \
+        Quillon::String const&, VoxelChannel<TR, unsigned char>*);
 HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_SWEEP_TRANSFER)
 #undef HEXMOLD_INSTANTIATE_SWEEP_TRANSFER
 

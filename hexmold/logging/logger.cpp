@@ -33,8 +33,14 @@ void Logger::setDebugFileStream(std::ostream* stream)
     gDebugStream.store(stream, std::memory_order_release);
 }
 
-Logger::DebugFileStreamScopedLock::DebugFileStreamScopedLock() { debugMutex().lock(); }
-Logger::DebugFileStreamScopedLock::~DebugFileStreamScopedLock() { debugMutex().unlock(); }
+Logger::DebugFileStreamScopedLock::DebugFileStreamScopedLock()
+{
+    debugMutex().lock();
+}
+Logger::DebugFileStreamScopedLock::~DebugFileStreamScopedLock()
+{
+    debugMutex().unlock();
+}
 
 Logger::Timer::Timer(Quillon::String name, Quillon::RuntimeServices const* services)
     : mName(std::move(name)), mServices(services), mStart(std::chrono::steady_clock::now())
@@ -50,12 +56,15 @@ double Logger::Timer::elapsedMilliseconds() const
 Logger::Timer::~Timer()
 {
     double const ms = elapsedMilliseconds();
-    if (TimerObserver observer = gTimerObserver.load(std::memory_order_acquire)) observer(mName, ms);
+    if (TimerObserver observer = gTimerObserver.load(std::memory_order_acquire))
+        observer(mName, ms);
     bool const toServices =
         mServices && mServices->isLogEnabled(Quillon::RuntimeMessageCategory::kInfo);
-    if (!toServices && verboseLevel() <= 0) return;
+    if (!toServices && verboseLevel() <= 0)
+        return;
     Quillon::String line = "timer " + mName + " = " + std::to_string(ms) + " ms";
-    if (toServices) mServices->logImpl(Quillon::RuntimeMessageCategory::kInfo, line);
+    if (toServices)
+        mServices->logImpl(Quillon::RuntimeMessageCategory::kInfo, line);
     if (verboseLevel() > 0) {
         DebugFileStreamScopedLock lock;
         debugFileStream() << line << '\n';
@@ -83,7 +92,8 @@ namespace {
 void toServices(Quillon::RuntimeServices const* s, Quillon::RuntimeMessageCategory c,
                 Quillon::StringView text)
 {
-    if (s && s->isLogEnabled(c)) s->logImpl(c, text);
+    if (s && s->isLogEnabled(c))
+        s->logImpl(c, text);
 }
 } // namespace
 
@@ -100,11 +110,17 @@ void QuillonLogger::error(Quillon::StringView text) const
     toServices(mServices, Quillon::RuntimeMessageCategory::kError, text);
 }
 
-void ConsoleLogger::info(Quillon::StringView text) const { std::cout << text << '\n'; }
+void ConsoleLogger::info(Quillon::StringView text) const
+{
+    std::cout << text << '\n';
+}
 void ConsoleLogger::warn(Quillon::StringView text) const
 {
     std::cerr << "warning: " << text << '\n';
 }
-void ConsoleLogger::error(Quillon::StringView text) const { std::cerr << "error: " << text << '\n'; }
+void ConsoleLogger::error(Quillon::StringView text) const
+{
+    std::cerr << "error: " << text << '\n';
+}
 
 } // namespace CoreGL

@@ -8,13 +8,13 @@
 #pragma once
 #include <atomic>
 #include <chrono>
-#include <iosfwd>
-#include <memory>
-#include <mutex>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/debug_settings.h>
 #include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/platform/quillon/string.h>
+#include <iosfwd>
+#include <memory>
+#include <mutex>
 
 namespace CoreGL {
 
@@ -28,7 +28,10 @@ public:
     static constexpr int kDefaultErrorVerboseLevel = 1;
 
     /// Level of debug output: above 0 begin/end lines, above 1 parameters, above 2 stage numbers.
-    static int verboseLevel() { return Quillon::DebugSettings::verboseLevel.load(std::memory_order_relaxed); }
+    static int verboseLevel()
+    {
+        return Quillon::DebugSettings::verboseLevel.load(std::memory_order_relaxed);
+    }
     /// Level of error output: above 0 errors, 2 or more also warnings.
     static int errorVerboseLevel()
     {
@@ -44,7 +47,10 @@ public:
     {
         Quillon::DebugSettings::errorVerboseLevel.store(level, std::memory_order_relaxed);
     }
-    static void setFrame(float f) { Quillon::DebugSettings::frame.store(f, std::memory_order_relaxed); }
+    static void setFrame(float f)
+    {
+        Quillon::DebugSettings::frame.store(f, std::memory_order_relaxed);
+    }
 
     /// Shared stream of debug lines; write to it only under a `DebugFileStreamScopedLock`.
     static std::ostream& debugFileStream();
@@ -94,7 +100,9 @@ public:
 /// Reports through the graph runtime's log.
 class HEXMOLD_API QuillonLogger {
 public:
-    explicit QuillonLogger(Quillon::RuntimeServices const* services = nullptr) : mServices(services) {}
+    explicit QuillonLogger(Quillon::RuntimeServices const* services = nullptr) : mServices(services)
+    {
+    }
     void info(Quillon::StringView text) const;
     void warn(Quillon::StringView text) const;
     void error(Quillon::StringView text) const;

@@ -15,14 +15,18 @@ namespace {
 constexpr char kAxisName[3] = {'x', 'y', 'z'};
 
 /// Coordinate index (0 or 1) of @p node along @p axis; node = 4*ix + 2*iy + iz.
-constexpr int nodeIndex(int node, int axis) { return (node >> (2 - axis)) & 1; }
+constexpr int nodeIndex(int node, int axis)
+{
+    return (node >> (2 - axis)) & 1;
+}
 
 /// Shape function of @p node, e.g. "(x/h)*(y/h)*(1-z/h)".
 std::string shapeFunctionText(int node)
 {
     std::string text;
     for (int axis = 0; axis < 3; ++axis) {
-        if (axis > 0) text += '*';
+        if (axis > 0)
+            text += '*';
         text += nodeIndex(node, axis) ? "(" : "(1-";
         text += kAxisName[axis];
         text += "/h)";
@@ -38,7 +42,8 @@ std::string shapeDerivativeText(int node, int axis)
     std::string factors[2];
     int count = 0;
     for (int other = 0; other < 3; ++other) {
-        if (other == axis) continue;
+        if (other == axis)
+            continue;
         factors[count++] = nodeIndex(node, other) ? std::string(1, kAxisName[other])
                                                   : std::string("(h-") + kAxisName[other] + ")";
     }
@@ -70,7 +75,8 @@ void assembleStencil(float const (&matrix)[8][8], double (&stencil)[3][3][3])
 {
     for (auto& slab : stencil)
         for (auto& row : slab)
-            for (double& entry : row) entry = 0.0;
+            for (double& entry : row)
+                entry = 0.0;
     // Element with lower corner at offset (ex, ey, ez) from the centre, each -1 or 0.
     for (int ex = -1; ex <= 0; ++ex)
         for (int ey = -1; ey <= 0; ++ey)
@@ -94,13 +100,16 @@ void printStencil(std::ostream& out, char const* name, double const (&stencil)[3
             out << "{ ";
             for (int k = 0; k < 3; ++k) {
                 out << std::lround(stencil[i][j][k] * scale) << suffix;
-                if (k < 2) out << ", ";
+                if (k < 2)
+                    out << ", ";
             }
             out << " }";
-            if (j < 2) out << ", ";
+            if (j < 2)
+                out << ", ";
         }
         out << " }";
-        if (i < 2) out << ",";
+        if (i < 2)
+            out << ",";
         out << "\n";
     }
     out << "};\n";
@@ -132,16 +141,26 @@ void generateStiffnessElementMatrixIntegrals(std::ostream& out)
             printLabel(out, a, b);
             out << "///  Integrate[";
             for (int axis = 0; axis < 3; ++axis) {
-                if (axis > 0) out << ")+";
+                if (axis > 0)
+                    out << ")+";
                 out << "(" << shapeDerivativeText(a, axis) << ")*(" << shapeDerivativeText(b, axis);
             }
             out << kDomain << "\n";
         }
 }
 
-void generateGradientXElementMatrixIntegrals(std::ostream& out) { printGradientIntegrals(out, 0); }
-void generateGradientYElementMatrixIntegrals(std::ostream& out) { printGradientIntegrals(out, 1); }
-void generateGradientZElementMatrixIntegrals(std::ostream& out) { printGradientIntegrals(out, 2); }
+void generateGradientXElementMatrixIntegrals(std::ostream& out)
+{
+    printGradientIntegrals(out, 0);
+}
+void generateGradientYElementMatrixIntegrals(std::ostream& out)
+{
+    printGradientIntegrals(out, 1);
+}
+void generateGradientZElementMatrixIntegrals(std::ostream& out)
+{
+    printGradientIntegrals(out, 2);
+}
 
 void generateStiffnessStencil(std::ostream& out)
 {
@@ -179,7 +198,8 @@ void printLumpedMassStencil(float const (&mass)[8][8], float const (&lumped)[8],
     constexpr double kRowSumTolerance = 1e-6;
     for (int a = 0; a < 8; ++a) {
         double rowSum = 0.0;
-        for (int b = 0; b < 8; ++b) rowSum += mass[a][b];
+        for (int b = 0; b < 8; ++b)
+            rowSum += mass[a][b];
         if (std::fabs(rowSum - lumped[a]) > kRowSumTolerance)
             out << "Error in massElementMatrix " << a << "\n";
     }
@@ -187,7 +207,8 @@ void printLumpedMassStencil(float const (&mass)[8][8], float const (&lumped)[8],
     float stencil = 0.0f;
     for (int ex = -1; ex <= 0; ++ex)
         for (int ey = -1; ey <= 0; ++ey)
-            for (int ez = -1; ez <= 0; ++ez) stencil += lumped[4 * -ex + 2 * -ey + -ez];
+            for (int ez = -1; ez <= 0; ++ez)
+                stencil += lumped[4 * -ex + 2 * -ey + -ez];
     out << "const float lumpedMassStencil = " << Numerics::detail::floatLiteral(stencil) << ";\n";
 }
 

@@ -15,9 +15,7 @@ float const restrictionStencilOffsetCorner[3][3][3] = {
     {{0.015625f, 0.03125f, 0.015625f},
      {0.03125f, 0.0625f, 0.03125f},
      {0.015625f, 0.03125f, 0.015625f}},
-    {{0.03125f, 0.0625f, 0.03125f},
-     {0.0625f, 0.125f, 0.0625f},
-     {0.03125f, 0.0625f, 0.03125f}},
+    {{0.03125f, 0.0625f, 0.03125f}, {0.0625f, 0.125f, 0.0625f}, {0.03125f, 0.0625f, 0.03125f}},
     {{0.015625f, 0.03125f, 0.015625f},
      {0.03125f, 0.0625f, 0.03125f},
      {0.015625f, 0.03125f, 0.015625f}}};
@@ -95,7 +93,8 @@ void coarsen(Stencil const& fine, Stencil& coarse)
         for (int j = 0; j < 3; ++j)
             for (int k = 0; k < 3; ++k) {
                 int const offAxes = (i != 1) + (j != 1) + (k != 1);
-                if (offAxes == 0) continue;
+                if (offAxes == 0)
+                    continue;
                 coarse[i][j][k] = classSum[offAxes] / classCount[offAxes];
                 neighbours += coarse[i][j][k];
             }
@@ -121,8 +120,8 @@ template <typename Traits> void computeCoarseGridGalerkinLaplacian(std::ostream&
     // Seven-point finite-difference Laplacian of the finest depth, times h^3 / h^2 = h.
     Stencil fine = {};
     fine[1][1][1] = 6.0;
-    fine[0][1][1] = fine[2][1][1] = fine[1][0][1] = fine[1][2][1] = fine[1][1][0] =
-        fine[1][1][2] = -1.0;
+    fine[0][1][1] = fine[2][1][1] = fine[1][0][1] = fine[1][2][1] = fine[1][1][0] = fine[1][1][2] =
+        -1.0;
 
     for (int depth = kDepthCount - 1; depth >= 0; --depth) {
         Stencil coarse;
@@ -135,15 +134,17 @@ template <typename Traits> void computeCoarseGridGalerkinLaplacian(std::ostream&
                     float const entry = float(coarse[i][j][k]);
                     table[depth][i][j][k] = entry;
                     absSum += std::fabs(double(entry));
-                    if (entry != 0.0f) ++numNonZeroEntries;
+                    if (entry != 0.0f)
+                        ++numNonZeroEntries;
                     fine[i][j][k] = coarse[i][j][k];
                 }
         out << "absSum = " << numberText(absSum) << "\n";
         out << "numNonZeroEntries = " << numNonZeroEntries << "\n";
     }
 
-    out << "float " << "galerkinLaplacianFDTraits" << Traits::kRatio << Traits::kTileWidth << "["
-        << kDepthCount << "][3][3][3] = {\n";
+    out << "float "
+        << "galerkinLaplacianFDTraits" << Traits::kRatio << Traits::kTileWidth << "[" << kDepthCount
+        << "][3][3][3] = {\n";
     for (int depth = 0; depth < kDepthCount; ++depth) {
         for (int i = 0; i < 3; ++i) {
             out << (i == 0 ? "{ { " : "  { ");
@@ -151,7 +152,8 @@ template <typename Traits> void computeCoarseGridGalerkinLaplacian(std::ostream&
                 out << "{ ";
                 for (int k = 0; k < 3; ++k) {
                     out << Numerics::detail::floatLiteral(table[depth][i][j][k]);
-                    if (k < 2) out << ", ";
+                    if (k < 2)
+                        out << ", ";
                 }
                 out << (j < 2 ? " }, " : " }");
             }

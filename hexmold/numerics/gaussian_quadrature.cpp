@@ -17,7 +17,8 @@ constexpr Real kPi = 3.14159265358979323846264338327950288L;
 constexpr Real startCos(Real t)
 {
     bool const flip = t > 0.5 * kPi;
-    if (flip) t = kPi - t;
+    if (flip)
+        t = kPi - t;
     Real const t2 = t * t;
     Real term = 1.0;
     Real sum = 1.0;
@@ -39,8 +40,7 @@ constexpr Legendre legendre(int n, Real x)
     Real previous = 1.0;
     Real current = x;
     for (int k = 1; k < n; ++k) {
-        Real const next =
-            (Real(2 * k + 1) * x * current - Real(k) * previous) / Real(k + 1);
+        Real const next = (Real(2 * k + 1) * x * current - Real(k) * previous) / Real(k + 1);
         previous = current;
         current = next;
     }
@@ -64,7 +64,8 @@ constexpr Rules computeRules()
                 Legendre const p = legendre(n, x);
                 Real const step = p.value / p.derivative;
                 x -= step;
-                if (!(step > 1e-19L || step < -1e-19L)) break;
+                if (!(step > 1e-19L || step < -1e-19L))
+                    break;
             }
             Real const slope = legendre(n, x).derivative;
             Real const w = 2.0 / ((1.0 - x * x) * slope * slope);

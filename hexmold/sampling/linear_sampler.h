@@ -40,12 +40,12 @@
 ///          must not change while they are used.
 #pragma once
 #include <cstdint>
-#include <memory>
 #include <hexmold/export.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
+#include <memory>
 
 namespace Geometry::Volume {
 
@@ -76,7 +76,8 @@ namespace TVL::TileTree3D {
 /// @brief The common base of the voxel samplers. On its own it reconstructs nothing: its name is
 ///        "kNone" and every sample is the default value.
 /// @tparam Vec  the position type, `float3` or `double3`
-template <typename Traits, typename T, typename Vec = Tavrel::Math::float3> class HEXMOLD_API VoxelSampler {
+template <typename Traits, typename T, typename Vec = Tavrel::Math::float3>
+class HEXMOLD_API VoxelSampler {
 public:
     using ValueType = T;
     using PositionType = Vec;
@@ -111,9 +112,11 @@ template <typename Traits, typename T> struct LinearSamplerShared;
 /// @tparam Vec  the position type, `float3` or `double3`
 /// Instantiated for both trees, both position types and the element types `unsigned char`,
 /// `short`, `int`, `float`, `double`, `float2`, `float3`, `float4` and `double3`.
-template <typename Traits, typename T, int N = Traits::kTileWidth, int S = 2, typename Vec = Tavrel::Math::float3>
+template <typename Traits, typename T, int N = Traits::kTileWidth, int S = 2,
+          typename Vec = Tavrel::Math::float3>
 class HEXMOLD_API VoxelSamplerLinear final : public VoxelSampler<Traits, T, Vec> {
-    static_assert(N == Traits::kTileWidth, "the sampler reads voxel channels of the tree's tile width");
+    static_assert(N == Traits::kTileWidth,
+                  "the sampler reads voxel channels of the tree's tile width");
     static_assert(S == 2, "a linear stencil has two samples per axis");
 
 public:
@@ -177,7 +180,8 @@ private:
 /// @brief A thread-safe `Geometry::Volume::Sampler` over a voxel channel: each worker thread
 ///        reads through its own copy of one `VoxelSamplerLinear`, made from it on first use.
 /// Instantiated for both trees and the element types of `VoxelSamplerLinear`.
-template <typename Traits, typename T> class HEXMOLD_API LinearVolumeSampler final : public Geometry::Volume::Sampler<T> {
+template <typename Traits, typename T>
+class HEXMOLD_API LinearVolumeSampler final : public Geometry::Volume::Sampler<T> {
 public:
     using Exemplar = VoxelSamplerLinear<Traits, T, Traits::kTileWidth, 2, Tavrel::Math::float3>;
 
@@ -225,9 +229,11 @@ HEXMOLD_API void ensureSamplerAssumptions(TVL::TileTree3D::Container<Traits>& io
 #define HEXMOLD_FOR_EACH_SAMPLER_ELEMENT(X, TR) HEXMOLD_FOR_EACH_HALO_ELEMENT(X, TR)
 
 /// X(T) for the element types of the linear sampler, spelled out for use in any namespace.
-#define HEXMOLD_FOR_EACH_SAMPLER_VALUE(X)                                                          \
-    X(unsigned char) X(short) X(int) X(float) X(double) X(Tavrel::Math::float2)                    \
+// clang-format off
+#define HEXMOLD_FOR_EACH_SAMPLER_VALUE(X) \
+    X(unsigned char) X(short) X(int) X(float) X(double) X(Tavrel::Math::float2) \
     X(Tavrel::Math::float3) X(Tavrel::Math::float4) X(Tavrel::Math::double3)
+// clang-format on
 
 namespace Geometry::Volume {
 #define HEXMOLD_SAMPLER_INTERFACE_EXTERN(T) extern template class HEXMOLD_API Sampler<T>;

@@ -2,16 +2,17 @@
 /// @brief Early exit of parallel bodies and the cancellation exception.
 #include <hexmold/substrate/cancel.h>
 
-#include <stdexcept>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/math_support.h>
 #include <hexmold/substrate/parallel.h>
+#include <stdexcept>
 
 namespace TVL {
 
 void Canceller::cancelID(int)
 {
-    if (!Quillon::isJobCancelled()) return;
+    if (!Quillon::isJobCancelled())
+        return;
     if (Parallel::task_group_context* ctx = Parallel::currentContext())
         ctx->cancel_group_execution();
 }
@@ -25,7 +26,8 @@ bool bodyCancelled()
 
 void throwIfJobCancelled()
 {
-    if (Quillon::isJobCancelled()) throw std::runtime_error(TVL::exceptionMessage);
+    if (Quillon::isJobCancelled())
+        throw std::runtime_error(TVL::exceptionMessage);
 }
 
 } // namespace TVL

@@ -14,6 +14,7 @@ namespace TVL::TileTree3D {
 ///          Tiles already in @p io_out are left alone, as `addTile` does.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API void addTilesInCanonicalOrder(Container<Traits> const& scratch, Container<Traits>& io_out);
+HEXMOLD_API void addTilesInCanonicalOrder(Container<Traits> const& scratch,
+                                          Container<Traits>& io_out);
 
 } // namespace TVL::TileTree3D

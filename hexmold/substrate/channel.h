@@ -24,10 +24,6 @@
 #pragma once
 #include <array>
 #include <cstdint>
-#include <iosfwd>
-#include <span>
-#include <typeinfo>
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/platform/quillon/string.h>
@@ -37,6 +33,10 @@
 #include <hexmold/substrate/traits.h>
 #include <hexmold/substrate/tree_index.h>
 #include <hexmold/substrate/type_lists.h>
+#include <iosfwd>
+#include <span>
+#include <typeinfo>
+#include <vector>
 
 namespace TVL::TileTree3D {
 
@@ -196,12 +196,9 @@ using VoxelChannel = Channel<Traits, T, Traits::kTileWidth, 0, 0>;
 #define HEXMOLD_CHANNEL_FORM_Traits55_5(X, T) X(Traits55, T, 9, 0)
 /// X(Traits, T, W, H) for the six forms of one instance.
 #define HEXMOLD_FOR_EACH_CHANNEL_FORM_OF(X, TR, T)                                                 \
-    HEXMOLD_CHANNEL_FORM_##TR##_0(X, T)                                                            \
-    HEXMOLD_CHANNEL_FORM_##TR##_1(X, T)                                                            \
-    HEXMOLD_CHANNEL_FORM_##TR##_2(X, T)                                                            \
-    HEXMOLD_CHANNEL_FORM_##TR##_3(X, T)                                                            \
-    HEXMOLD_CHANNEL_FORM_##TR##_4(X, T)                                                            \
-    HEXMOLD_CHANNEL_FORM_##TR##_5(X, T)
+    HEXMOLD_CHANNEL_FORM_##TR##_0(X, T) HEXMOLD_CHANNEL_FORM_##TR##_1(X, T)                        \
+        HEXMOLD_CHANNEL_FORM_##TR##_2(X, T) HEXMOLD_CHANNEL_FORM_##TR##_3(X, T)                    \
+            HEXMOLD_CHANNEL_FORM_##TR##_4(X, T) HEXMOLD_CHANNEL_FORM_##TR##_5(X, T)
 /// X(Traits, T, W, H) for every form of both instances, element type T.
 #define HEXMOLD_FOR_EACH_CHANNEL_FORM(X, T)                                                        \
     HEXMOLD_FOR_EACH_CHANNEL_FORM_OF(X, Traits24, T)                                               \

@@ -2,9 +2,9 @@
 /// @brief Out-of-line anchor of `ChannelBase`, and the substrate's log lines.
 #include <hexmold/substrate/channel_base.h>
 
-#include <iostream>
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/detail/substrate_log.h>
+#include <iostream>
 
 namespace TVL::TileTree3D {
 
@@ -14,7 +14,8 @@ namespace detail {
 
 void logError(Quillon::StringView text)
 {
-    if (CoreGL::Logger::errorVerboseLevel() > 0) std::cerr << text << '\n';
+    if (CoreGL::Logger::errorVerboseLevel() > 0)
+        std::cerr << text << '\n';
 }
 
 void logDebug(Quillon::StringView text)

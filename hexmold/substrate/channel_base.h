@@ -7,15 +7,15 @@
 ///          to read its range, or to update it after a tree change.
 #pragma once
 #include <cstdint>
+#include <hexmold/export.h>
+#include <hexmold/platform/quillon/any.h>
+#include <hexmold/platform/tavrel/math.h>
+#include <hexmold/substrate/component.h>
 #include <memory>
 #include <span>
 #include <typeinfo>
 #include <utility>
 #include <vector>
-#include <hexmold/export.h>
-#include <hexmold/platform/quillon/any.h>
-#include <hexmold/platform/tavrel/math.h>
-#include <hexmold/substrate/component.h>
 
 namespace TVL::TileTree3D {
 

@@ -24,7 +24,8 @@ bool globMatch(Quillon::StringView p, Quillon::StringView s)
             return false;
         }
     }
-    while (pi < p.size() && p[pi] == '*') ++pi;
+    while (pi < p.size() && p[pi] == '*')
+        ++pi;
     return pi == p.size();
 }
 
@@ -38,13 +39,17 @@ Status ChannelParser::parses(Quillon::StringView pattern)
         auto const isSep = [](char c) {
             return c == ',' || std::isspace(static_cast<unsigned char>(c));
         };
-        while (i < pattern.size() && isSep(pattern[i])) ++i;
+        while (i < pattern.size() && isSep(pattern[i]))
+            ++i;
         std::size_t const start = i;
-        while (i < pattern.size() && !isSep(pattern[i])) ++i;
-        if (start == i) break;
+        while (i < pattern.size() && !isSep(pattern[i]))
+            ++i;
+        if (start == i)
+            break;
         Quillon::StringView term = pattern.substr(start, i - start);
         bool const exclude = term.front() == '^';
-        if (exclude) term.remove_prefix(1);
+        if (exclude)
+            term.remove_prefix(1);
         if (term.empty())
             return Status::error("channel pattern: '^' must be followed by a name (at position " +
                                  std::to_string(start) + ")");
@@ -59,12 +64,16 @@ Status ChannelParser::parses(Quillon::StringView pattern)
 
 bool ChannelParser::accepts(Quillon::StringView name) const
 {
-    if (!mValid) return false;
+    if (!mValid)
+        return false;
     for (auto const& e : mExclude)
-        if (globMatch(e, name)) return false;
-    if (mInclude.empty()) return !mExclude.empty();
+        if (globMatch(e, name))
+            return false;
+    if (mInclude.empty())
+        return !mExclude.empty();
     for (auto const& t : mInclude)
-        if (globMatch(t, name)) return true;
+        if (globMatch(t, name))
+            return true;
     return false;
 }
 

@@ -15,9 +15,9 @@
 ///          "* ^voxel_signed_distance" or "^voxel_signed_distance" all but one; "vel?" names of
 ///          four characters beginning with "vel".
 #pragma once
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/string.h>
+#include <vector>
 
 namespace TVL::Utils {
 

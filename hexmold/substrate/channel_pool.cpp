@@ -96,11 +96,13 @@ void ChannelMemoryPool::clear()
 void ChannelMemoryPool::giveErased(std::type_info const& type, std::size_t bytes,
                                    std::shared_ptr<void> blocks)
 {
-    if (!enabled()) return; // the blocks die with the last reference, outside any lock
+    if (!enabled())
+        return; // the blocks die with the last reference, outside any lock
     std::vector<std::shared_ptr<void>> dropped;
     std::lock_guard<std::mutex> lock(store().mutex);
     Store& s = store();
-    if (bytes > s.capacity) return;
+    if (bytes > s.capacity)
+        return;
     dropped = evictLocked(s, bytes);
     s.entries.push_back(Entry{std::type_index(type), bytes, std::move(blocks)});
     s.held += bytes;
@@ -108,12 +110,14 @@ void ChannelMemoryPool::giveErased(std::type_info const& type, std::size_t bytes
 
 std::shared_ptr<void> ChannelMemoryPool::takeErased(std::type_info const& type)
 {
-    if (!enabled()) return nullptr;
+    if (!enabled())
+        return nullptr;
     std::lock_guard<std::mutex> lock(store().mutex);
     Store& s = store();
     std::type_index const key(type);
     for (auto it = s.entries.rbegin(); it != s.entries.rend(); ++it) {
-        if (it->type != key) continue;
+        if (it->type != key)
+            continue;
         std::shared_ptr<void> p = std::move(it->blocks);
         s.held -= it->bytes;
         s.entries.erase(std::next(it).base());
@@ -137,11 +141,13 @@ std::uint64_t ChannelPool::availablePhysicalMemory()
     std::string line;
     while (std::getline(in, line)) {
         // "MemAvailable:   12345678 kB"
-        if (line.rfind("MemAvailable:", 0) == 0) return std::stoull(line.substr(13)) * 1024;
+        if (line.rfind("MemAvailable:", 0) == 0)
+            return std::stoull(line.substr(13)) * 1024;
     }
     long const pages = sysconf(_SC_AVPHYS_PAGES);
     long const size = sysconf(_SC_PAGESIZE);
-    if (pages <= 0 || size <= 0) return 0;
+    if (pages <= 0 || size <= 0)
+        return 0;
     return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(size);
 }
 

@@ -9,14 +9,14 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <typeinfo>
-#include <utility>
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/tile_data_allocator.h>
+#include <memory>
+#include <typeinfo>
+#include <utility>
+#include <vector>
 
 namespace TVL::TileTree3D {
 
@@ -40,8 +40,10 @@ public:
     template <typename T> static void give(std::vector<TileDataBlock<T>>&& blocks)
     {
         std::size_t bytes = blocks.capacity() * sizeof(TileDataBlock<T>);
-        for (auto const& b : blocks) bytes += b.capacity() * sizeof(T);
-        if (blocks.empty()) return;
+        for (auto const& b : blocks)
+            bytes += b.capacity() * sizeof(T);
+        if (blocks.empty())
+            return;
         giveErased(typeid(T), bytes,
                    std::make_shared<std::vector<TileDataBlock<T>>>(std::move(blocks)));
     }
@@ -49,7 +51,8 @@ public:
     template <typename T> static std::vector<TileDataBlock<T>> take()
     {
         std::shared_ptr<void> p = takeErased(typeid(T));
-        if (!p) return {};
+        if (!p)
+            return {};
         return std::move(*static_cast<std::vector<TileDataBlock<T>>*>(p.get()));
     }
 
@@ -82,7 +85,8 @@ public:
     {
         (void)reserved;
         (void)tileCount;
-        if (!enabled()) return nullptr;
+        if (!enabled())
+            return nullptr;
         auto c = Quillon::makePtr<Channel<Traits, T, W, H, 0>>(
             Quillon::String(), &defaultValue, kDataElementInitializerTemporary, true,
             callElementConstructor, minDepth, depth);

@@ -3,13 +3,13 @@
 #include <hexmold/substrate/channel_storage.h>
 
 #include <algorithm>
-#include <ostream>
-#include <string>
-#include <unordered_map>
 #include <hexmold/platform/quillon/array.h>
 #include <hexmold/substrate/channel_pool.h>
 #include <hexmold/substrate/detail/element_type_name.h>
 #include <hexmold/substrate/detail/substrate_log.h>
+#include <ostream>
+#include <string>
+#include <unordered_map>
 
 namespace TVL::TileTree3D::detail {
 
@@ -31,7 +31,8 @@ ChannelStorage<T>::ChannelStorage(BlockShape shape, T const& defaultValue,
       mDepth(clampDepth(depth, -1, shape.depthCount - 1)),
       mBlocks(static_cast<std::size_t>(shape.depthCount))
 {
-    if (mUsePool) mSpare = ChannelMemoryPool::take<T>();
+    if (mUsePool)
+        mSpare = ChannelMemoryPool::take<T>();
 }
 
 template <typename T>
@@ -44,21 +45,25 @@ ChannelStorage<T>::ChannelStorage(ChannelStorage const& o)
 
 template <typename T> ChannelStorage<T>::~ChannelStorage()
 {
-    if (!mUsePool) return;
+    if (!mUsePool)
+        return;
     std::vector<Block> all = std::move(mSpare);
     std::size_t n = all.size();
-    for (auto const& a : mBlocks) n += a.size();
+    for (auto const& a : mBlocks)
+        n += a.size();
     all.reserve(n);
     for (auto& a : mBlocks)
         for (auto& b : a)
-            if (b.capacity()) all.push_back(std::move(b));
+            if (b.capacity())
+                all.push_back(std::move(b));
     ChannelMemoryPool::give<T>(std::move(all));
 }
 
 template <typename T> auto ChannelStorage<T>::blocks(int depth) const -> std::vector<Block> const&
 {
     static std::vector<Block> const none;
-    if (depth < mMinDepth || depth > mDepth) return none;
+    if (depth < mMinDepth || depth > mDepth)
+        return none;
     return mBlocks[static_cast<std::size_t>(depth)];
 }
 
@@ -92,7 +97,8 @@ template <typename T>
 std::size_t ChannelStorage<T>::newBlockCount(Component const& topology, bool point,
                                              std::int64_t index, int depth) const
 {
-    if (!point) return mShape.voxelCount;
+    if (!point)
+        return mShape.voxelCount;
     return static_cast<std::size_t>(topology.elementCount(TreeIndex{index, depth}));
 }
 
@@ -101,7 +107,8 @@ template <typename T> void ChannelStorage<T>::releaseDepth(int depth)
     auto& a = mBlocks[static_cast<std::size_t>(depth)];
     if (mUsePool)
         for (auto& b : a)
-            if (b.capacity()) mSpare.push_back(std::move(b));
+            if (b.capacity())
+                mSpare.push_back(std::move(b));
     std::vector<Block>().swap(a);
 }
 
@@ -111,10 +118,12 @@ void ChannelStorage<T>::resizeDepth(int depth, Component const& topology, bool p
     auto& a = mBlocks[static_cast<std::size_t>(depth)];
     auto const n = static_cast<std::size_t>(std::max<std::int64_t>(0, topology.tileCount(depth)));
     if (a.size() > n) {
-        if (!shrink) return;
+        if (!shrink)
+            return;
         if (mUsePool)
             for (std::size_t i = n; i < a.size(); ++i)
-                if (a[i].capacity()) mSpare.push_back(std::move(a[i]));
+                if (a[i].capacity())
+                    mSpare.push_back(std::move(a[i]));
         a.resize(n);
     } else if (a.size() < n) {
         std::size_t const old = a.size();
@@ -127,8 +136,10 @@ void ChannelStorage<T>::resizeDepth(int depth, Component const& topology, bool p
 template <typename T>
 void ChannelStorage<T>::update(Component const& topology, bool point, bool shrink)
 {
-    for (int d = mMinDepth; d <= mDepth; ++d) resizeDepth(d, topology, point, shrink);
-    if (point && shrink) updateElementResize(topology, point);
+    for (int d = mMinDepth; d <= mDepth; ++d)
+        resizeDepth(d, topology, point, shrink);
+    if (point && shrink)
+        updateElementResize(topology, point);
 }
 
 template <typename T>
@@ -140,14 +151,18 @@ void ChannelStorage<T>::setRange(int minDepth, int depth, Component const* topol
     for (int d = 0; d < mShape.depthCount; ++d) {
         bool const inOld = d >= oldMin && d <= oldMax;
         bool const inNew = d >= minDepth && d <= depth;
-        if (inOld && !inNew) releaseDepth(d);
+        if (inOld && !inNew)
+            releaseDepth(d);
     }
     mMinDepth = minDepth;
     mDepth = depth;
-    if (!topology) return;
+    if (!topology)
+        return;
     for (int d = mMinDepth; d <= mDepth; ++d)
-        if (!(d >= oldMin && d <= oldMax)) resizeDepth(d, *topology, point, true);
-    if (point) updateElementResize(*topology, point);
+        if (!(d >= oldMin && d <= oldMax))
+            resizeDepth(d, *topology, point, true);
+    if (point)
+        updateElementResize(*topology, point);
 }
 
 template <typename T>
@@ -185,7 +200,8 @@ void ChannelStorage<T>::updateTilesPermuted(std::span<TilePermutation const> per
     for (int d = mMinDepth; d <= mDepth && d < static_cast<int>(permutation.size()); ++d) {
         auto& a = mBlocks[static_cast<std::size_t>(d)];
         auto const& p = permutation[static_cast<std::size_t>(d)];
-        if (p.empty() && a.empty()) continue;
+        if (p.empty() && a.empty())
+            continue;
         bool ok = p.size() == a.size();
         std::vector<char> seen(a.size(), 0);
         for (std::size_t n = 0; ok && n < p.size(); ++n) {
@@ -201,7 +217,8 @@ void ChannelStorage<T>::updateTilesPermuted(std::span<TilePermutation const> per
             continue;
         }
         std::vector<Block> b(a.size());
-        for (std::size_t n = 0; n < p.size(); ++n) b[n].swap(a[static_cast<std::size_t>(p[n])]);
+        for (std::size_t n = 0; n < p.size(); ++n)
+            b[n].swap(a[static_cast<std::size_t>(p[n])]);
         a.swap(b);
     }
 }
@@ -213,7 +230,8 @@ void ChannelStorage<T>::updateElements(std::vector<std::vector<ElementToFrom>> c
     std::int64_t bad = 0;
     for (int d = mMinDepth; d <= mDepth && d < static_cast<int>(moves.size()); ++d) {
         auto const& m = moves[static_cast<std::size_t>(d)];
-        if (m.empty()) continue;
+        if (m.empty())
+            continue;
         auto& a = mBlocks[static_cast<std::size_t>(d)];
         auto const n = static_cast<std::int64_t>(a.size());
         // Every move reads the blocks as they were: keep a copy of each source block.
@@ -249,7 +267,8 @@ void ChannelStorage<T>::updateElementResize(Component const& topology, bool poin
         for (std::size_t i = 0; i < a.size(); ++i) {
             std::size_t const count =
                 newBlockCount(topology, point, static_cast<std::int64_t>(i), d);
-            if (a[i].size() != count) a[i].resize(count, mDefault);
+            if (a[i].size() != count)
+                a[i].resize(count, mDefault);
         }
     }
 }
@@ -258,7 +277,8 @@ template <typename T>
 void ChannelStorage<T>::initializeFromParents(int depth, std::span<TileParentLink const> links,
                                               std::span<int const> parentOf, int slots)
 {
-    if (depth - 1 < mMinDepth || depth > mDepth) return;
+    if (depth - 1 < mMinDepth || depth > mDepth)
+        return;
     int const w = mShape.width, h = mShape.halo, e = w + 2 * h;
     auto flat = [e, h](int i, int j, int k) {
         return static_cast<std::size_t>((i + h) + e * ((j + h) + e * (k + h)));
@@ -279,7 +299,8 @@ void ChannelStorage<T>::initializeFromParents(int depth, std::span<TileParentLin
         T const* p = parent->data();
         for (int k = 0; k < w; ++k)
             for (int j = 0; j < w; ++j)
-                for (int i = 0; i < w; ++i) c[flat(i, j, k)] = p[flat(px[i], py[j], pz[k])];
+                for (int i = 0; i < w; ++i)
+                    c[flat(i, j, k)] = p[flat(px[i], py[j], pz[k])];
     }
 }
 
@@ -287,8 +308,10 @@ template <typename T> std::uint64_t ChannelStorage<T>::elementCount(int depth) c
 {
     std::uint64_t n = 0;
     for (int d = mMinDepth; d <= mDepth; ++d) {
-        if (depth != -1 && depth != d) continue;
-        for (auto const& b : mBlocks[static_cast<std::size_t>(d)]) n += b.size();
+        if (depth != -1 && depth != d)
+            continue;
+        for (auto const& b : mBlocks[static_cast<std::size_t>(d)])
+            n += b.size();
     }
     return n;
 }
@@ -314,16 +337,19 @@ template <typename T> void ChannelStorage<T>::memUse(std::size_t& used, std::siz
         }
     }
     reserved += mSpare.capacity() * sizeof(Block);
-    for (auto const& b : mSpare) reserved += b.capacity() * sizeof(T);
+    for (auto const& b : mSpare)
+        reserved += b.capacity() * sizeof(T);
 }
 
 template <typename T>
 std::shared_ptr<void const> ChannelStorage<T>::channelData(unsigned depth) const
 {
-    if (static_cast<int>(depth) < mMinDepth || static_cast<int>(depth) > mDepth) return nullptr;
+    if (static_cast<int>(depth) < mMinDepth || static_cast<int>(depth) > mDepth)
+        return nullptr;
     auto out = std::make_shared<Quillon::Array<T>>();
     out->reserve(static_cast<std::size_t>(elementCount(static_cast<int>(depth))));
-    for (auto const& b : mBlocks[depth]) out->insert(out->end(), b.begin(), b.end());
+    for (auto const& b : mBlocks[depth])
+        out->insert(out->end(), b.begin(), b.end());
     return out;
 }
 
@@ -333,7 +359,8 @@ bool ChannelStorage<T>::setChannelData(unsigned depth, std::shared_ptr<void cons
     if (!data || static_cast<int>(depth) < mMinDepth || static_cast<int>(depth) > mDepth)
         return false;
     auto const& values = *static_cast<Quillon::Array<T> const*>(data.get());
-    if (values.size() != elementCount(static_cast<int>(depth))) return false;
+    if (values.size() != elementCount(static_cast<int>(depth)))
+        return false;
     auto src = values.begin();
     for (auto& b : mBlocks[depth]) {
         std::copy(src, src + static_cast<std::ptrdiff_t>(b.size()), b.begin());

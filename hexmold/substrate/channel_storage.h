@@ -7,10 +7,6 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
-#include <iosfwd>
-#include <memory>
-#include <span>
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/any.h>
 #include <hexmold/platform/quillon/string.h>
@@ -18,6 +14,10 @@
 #include <hexmold/substrate/tile_data_allocator.h>
 #include <hexmold/substrate/tree_index.h>
 #include <hexmold/substrate/type_lists.h>
+#include <iosfwd>
+#include <memory>
+#include <span>
+#include <vector>
 
 namespace TVL::TileTree3D::detail {
 
@@ -44,9 +44,11 @@ public:
     /// The block of tile @p index at @p depth, or null.
     Block* block(std::int64_t index, int depth)
     {
-        if (depth < mMinDepth || depth > mDepth) return nullptr;
+        if (depth < mMinDepth || depth > mDepth)
+            return nullptr;
         auto& a = mBlocks[static_cast<std::size_t>(depth)];
-        if (index < 0 || static_cast<std::uint64_t>(index) >= a.size()) return nullptr;
+        if (index < 0 || static_cast<std::uint64_t>(index) >= a.size())
+            return nullptr;
         return &a[static_cast<std::size_t>(index)];
     }
     Block const* block(std::int64_t index, int depth) const

@@ -2,10 +2,10 @@
 /// @brief The free update functions over the channels of an object.
 #include <hexmold/substrate/channel_update.h>
 
-#include <iostream>
-#include <vector>
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/topology.h>
+#include <iostream>
+#include <vector>
 
 namespace TVL::TileTree3D {
 
@@ -16,8 +16,10 @@ std::vector<ChannelBase*> boundChannels(Object& object, Quillon::String const& t
 {
     std::vector<ChannelBase*> out;
     for (Quillon::String const& name : object.componentRange()) {
-        if (!object.hasComponentFromName<ChannelBase>(name)) continue;
-        if (object.component(name)->targetName() != topologyName) continue;
+        if (!object.hasComponentFromName<ChannelBase>(name))
+            continue;
+        if (object.component(name)->targetName() != topologyName)
+            continue;
         out.push_back(static_cast<ChannelBase*>(object.mutableComponent(name)));
     }
     return out;
@@ -27,7 +29,8 @@ std::vector<ChannelBase*> boundChannels(Object& object, Quillon::String const& t
 
 void updateTilesAdded(Component const& topology, Object& object)
 {
-    for (ChannelBase* c : boundChannels(object, topology.name())) c->updateTilesAdded(topology);
+    for (ChannelBase* c : boundChannels(object, topology.name()))
+        c->updateTilesAdded(topology);
 }
 
 void updateTilesRemoved(std::span<TileMoveList const> moved, Component const& topology,
@@ -59,7 +62,8 @@ void initializeTileData(Container<Traits> const& container, TileCornerLists<Trai
     } else {
         for (Quillon::String const& name : object.componentRange()) {
             auto c = object.component<ChannelBase>(name);
-            if (!c) continue;
+            if (!c)
+                continue;
             Quillon::String const& target = c->targetName();
             if (target == Const::TileTreePointTopologyName ||
                 object.hasComponentFromName<PointTopology<Traits>>(target))
@@ -68,23 +72,27 @@ void initializeTileData(Container<Traits> const& container, TileCornerLists<Trai
             channels.push_back(static_cast<ChannelBase*>(object.mutableComponent(name)));
         }
     }
-    if (channels.empty()) return;
+    if (channels.empty())
+        return;
 
     auto accessor = container.tileAccessor();
     std::vector<TileParentLink> links;
     for (int d = 1; d < Traits::kDepthCount; ++d) {
-        if (newTiles[d].empty()) continue;
+        if (newTiles[d].empty())
+            continue;
         links.clear();
         links.reserve(newTiles[d].size());
         for (int3 const& corner : newTiles[d]) {
             auto const& tile = accessor.tile(corner.x, corner.y, corner.z, d);
-            if (!tile.valid() || tile.depth() != d || tile.parent() < 0) continue;
+            if (!tile.valid() || tile.depth() != d || tile.parent() < 0)
+                continue;
             auto const& parent = container.tile(tile.parent(), d - 1);
             links.push_back(
                 TileParentLink{tile.index(), tile.parent(), parent.childIJK(tile.tijk())});
         }
         for (ChannelBase* c : channels)
-            if (d - 1 >= c->minDepth() && d <= c->depth()) c->initializeFromParents(d, links);
+            if (d - 1 >= c->minDepth() && d <= c->depth())
+                c->initializeFromParents(d, links);
     }
 }
 
@@ -95,7 +103,8 @@ template <typename Traits> TileLayout<Traits> recordTileLayout(Container<Traits>
         std::int64_t const n = container.tileCount(d);
         auto& corners = out.corners[std::size_t(d)];
         corners.resize(std::size_t(n));
-        for (std::int64_t t = 0; t < n; ++t) corners[std::size_t(t)] = container.tile(t, d).tijk();
+        for (std::int64_t t = 0; t < n; ++t)
+            corners[std::size_t(t)] = container.tile(t, d).tijk();
     }
     return out;
 }
@@ -113,12 +122,14 @@ TileMoveLists<Traits> tileMovesSince(TileLayout<Traits> const& before,
         std::size_t from = 0;
         for (std::int64_t to = 0; to < n; ++to, ++from) {
             int3 const corner = after.tile(to, d).tijk();
-            while (from < count && !(corners[from] == corner)) ++from;
+            while (from < count && !(corners[from] == corner))
+                ++from;
             if (from == count) {
                 unmatched += n - to;
                 break;
             }
-            if (std::int64_t(from) != to) moved[d].emplace_back(std::int64_t(from), to);
+            if (std::int64_t(from) != to)
+                moved[d].emplace_back(std::int64_t(from), to);
         }
     }
     if (unmatched && CoreGL::Logger::errorVerboseLevel() > 0)

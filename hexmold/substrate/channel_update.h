@@ -16,12 +16,12 @@
 ///          channel and must be read again.
 #pragma once
 #include <array>
-#include <span>
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/substrate/channel_base.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/object.h>
+#include <span>
+#include <vector>
 
 namespace TVL::TileTree3D {
 

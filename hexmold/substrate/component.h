@@ -4,11 +4,11 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
-#include <iosfwd>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/platform/quillon/string.h>
 #include <hexmold/substrate/tree_index.h>
+#include <iosfwd>
 
 namespace TVL {
 

@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <iostream>
-#include <limits>
-#include <numeric>
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/parallel_ranges.h>
+#include <iostream>
+#include <limits>
+#include <numeric>
 
 namespace TVL::TileTree3D {
 
@@ -28,7 +28,8 @@ template <typename Traits> inline std::int64_t divTileWidth(std::int64_t x, int 
 template <typename Traits> inline std::int64_t snapCorner(std::int64_t c, int depth)
 {
     std::int64_t const u = c + Traits::kCentreOffset;
-    return divTileWidth<Traits>(u, depth) * WidthTable<Traits>::kTile[depth] - Traits::kCentreOffset;
+    return divTileWidth<Traits>(u, depth) * WidthTable<Traits>::kTile[depth] -
+           Traits::kCentreOffset;
 }
 
 /// x / tileVoxelWidth(depth) for x >= 0: a shift for ratio 2, a corrected reciprocal otherwise.
@@ -39,13 +40,16 @@ template <typename Traits> inline std::int64_t divTileWidth(std::int64_t x, int 
     } else {
         static constexpr auto inv = [] {
             std::array<double, Traits::kDepthCount> a{};
-            for (int d = 0; d < Traits::kDepthCount; ++d) a[d] = 1.0 / double(Traits::tileVoxelWidth(d));
+            for (int d = 0; d < Traits::kDepthCount; ++d)
+                a[d] = 1.0 / double(Traits::tileVoxelWidth(d));
             return a;
         }();
         std::int64_t const w = WidthTable<Traits>::kTile[depth];
         std::int64_t q = static_cast<std::int64_t>(double(x) * inv[depth]);
-        if (q * w > x) --q;
-        else if ((q + 1) * w <= x) ++q;
+        if (q * w > x)
+            --q;
+        else if ((q + 1) * w <= x)
+            ++q;
         return q;
     }
 }
@@ -73,7 +77,8 @@ inline unsigned __int128 morton(std::uint64_t x, std::uint64_t y, std::uint64_t 
     auto spread = [](std::uint64_t v) {
         unsigned __int128 r = 0;
         for (int b = 0; b < 31; ++b)
-            if (v >> b & 1u) r |= static_cast<unsigned __int128>(1) << (3 * b);
+            if (v >> b & 1u)
+                r |= static_cast<unsigned __int128>(1) << (3 * b);
         return r;
     };
     return spread(x) | spread(y) << 1 | spread(z) << 2;
@@ -96,16 +101,20 @@ Container<TraitsT>::Container(Container const& other)
     : Component(other), mVoxelSize(other.mVoxelSize),
       mMaxRelativeRefinementError(other.mMaxRelativeRefinementError), mRoots(other.mRoots)
 {
-    for (int d = 0; d < kDepthCount; ++d) mTiles[d] = other.mTiles[d];
+    for (int d = 0; d < kDepthCount; ++d)
+        mTiles[d] = other.mTiles[d];
 }
 
-template <typename TraitsT> Container<TraitsT>& Container<TraitsT>::operator=(Container const& other)
+template <typename TraitsT>
+Container<TraitsT>& Container<TraitsT>::operator=(Container const& other)
 {
-    if (this == &other) return *this;
+    if (this == &other)
+        return *this;
     Component::operator=(other);
     mVoxelSize = other.mVoxelSize;
     mMaxRelativeRefinementError = other.mMaxRelativeRefinementError;
-    for (int d = 0; d < kDepthCount; ++d) mTiles[d] = other.mTiles[d];
+    for (int d = 0; d < kDepthCount; ++d)
+        mTiles[d] = other.mTiles[d];
     mRoots = other.mRoots;
     dropTables();
     return *this;
@@ -113,7 +122,8 @@ template <typename TraitsT> Container<TraitsT>& Container<TraitsT>::operator=(Co
 
 template <typename TraitsT> Container<TraitsT>::~Container() = default;
 
-template <typename TraitsT> typename Container<TraitsT>::TileType const& Container<TraitsT>::sentinel()
+template <typename TraitsT>
+typename Container<TraitsT>::TileType const& Container<TraitsT>::sentinel()
 {
     static TileType const s = [] {
         TileType t;
@@ -130,16 +140,19 @@ template <typename TraitsT> std::int64_t Container<TraitsT>::tileCount(int depth
 {
     if (depth == -1) {
         std::int64_t n = 0;
-        for (int d = 0; d < kDepthCount; ++d) n += mTiles[d].size();
+        for (int d = 0; d < kDepthCount; ++d)
+            n += mTiles[d].size();
         return n;
     }
-    if (depth < 0 || depth >= kDepthCount) return 0;
+    if (depth < 0 || depth >= kDepthCount)
+        return 0;
     return mTiles[depth].size();
 }
 
 template <typename TraitsT> std::uint64_t Container<TraitsT>::voxelDataCount(int depth) const
 {
-    return static_cast<std::uint64_t>(tileCount(depth)) * static_cast<std::uint64_t>(tileDataSize());
+    return static_cast<std::uint64_t>(tileCount(depth)) *
+           static_cast<std::uint64_t>(tileDataSize());
 }
 
 template <typename TraitsT> std::uint64_t Container<TraitsT>::elementCount(TreeIndex const& t) const
@@ -150,32 +163,38 @@ template <typename TraitsT> std::uint64_t Container<TraitsT>::elementCount(TreeI
 template <typename TraitsT> int Container<TraitsT>::minDepth() const
 {
     for (int d = 0; d < kDepthCount; ++d)
-        if (mTiles[d].size() > 0) return d;
+        if (mTiles[d].size() > 0)
+            return d;
     return 0;
 }
 
 template <typename TraitsT> int Container<TraitsT>::deepestOccupiedDepth() const
 {
     for (int d = kDepthCount - 1; d >= 0; --d)
-        if (mTiles[d].size() > 0) return d;
+        if (mTiles[d].size() > 0)
+            return d;
     return -1;
 }
 
 template <typename TraitsT> std::int64_t Container<TraitsT>::tileIndex(TreeIndex const& t) const
 {
-    if (!contains(t)) return -1;
+    if (!contains(t))
+        return -1;
     std::int64_t base = 0;
-    for (int d = 0; d < t.depth; ++d) base += mTiles[d].size();
+    for (int d = 0; d < t.depth; ++d)
+        base += mTiles[d].size();
     return base + t.index;
 }
 
 template <typename TraitsT>
 typename Container<TraitsT>::TileType const& Container<TraitsT>::tile(std::int64_t flatIndex) const
 {
-    if (flatIndex < 0) return sentinel();
+    if (flatIndex < 0)
+        return sentinel();
     for (int d = 0; d < kDepthCount; ++d) {
         std::int64_t const n = mTiles[d].size();
-        if (flatIndex < n) return mTiles[d][flatIndex];
+        if (flatIndex < n)
+            return mTiles[d][flatIndex];
         flatIndex -= n;
     }
     return sentinel();
@@ -231,14 +250,16 @@ template <typename TraitsT> void Container<TraitsT>::tileSpaceBounds(bbox<int3, 
         int const w = static_cast<int>(tileVoxelWidth(d));
         for (std::int64_t t = 0; t < n; ++t) {
             TileType const& tile = mTiles[d][t];
-            if (!tile.isLeaf()) continue;
+            if (!tile.isLeaf())
+                continue;
             out.min = Tavrel::Math::min(out.min, tile.tijk());
             out.max = Tavrel::Math::max(out.max, tile.tijk() + int3{w, w, w});
         }
     }
 }
 
-template <typename TraitsT> void Container<TraitsT>::worldSpaceBounds(bbox<double3, double>& out) const
+template <typename TraitsT>
+void Container<TraitsT>::worldSpaceBounds(bbox<double3, double>& out) const
 {
     bbox<int3, int> b;
     tileSpaceBounds(b);
@@ -257,10 +278,13 @@ void Container<TraitsT>::worldSpaceBounds(int depth, bbox<float3, float>& out) c
 {
     out.min = {1, 1, 1};
     out.max = {0, 0, 0};
-    if (depth < 0 || depth >= kDepthCount || mTiles[depth].size() == 0) return;
-    std::int64_t lo[3] = {std::numeric_limits<std::int64_t>::max(), std::numeric_limits<std::int64_t>::max(),
+    if (depth < 0 || depth >= kDepthCount || mTiles[depth].size() == 0)
+        return;
+    std::int64_t lo[3] = {std::numeric_limits<std::int64_t>::max(),
+                          std::numeric_limits<std::int64_t>::max(),
                           std::numeric_limits<std::int64_t>::max()};
-    std::int64_t hi[3] = {std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::min(),
+    std::int64_t hi[3] = {std::numeric_limits<std::int64_t>::min(),
+                          std::numeric_limits<std::int64_t>::min(),
                           std::numeric_limits<std::int64_t>::min()};
     std::int64_t const w = tileVoxelWidth(depth);
     for (std::int64_t t = 0; t < mTiles[depth].size(); ++t) {
@@ -292,7 +316,8 @@ typename Container<TraitsT>::TileType& Container<TraitsT>::newTile(int depth, in
     t.mParent = parent;
     t.mValid = true;
     t.mIndex = idx;
-    if (parent < 0) mRoots.emplace(t.voxelCoord(), TreeIndex{idx, depth});
+    if (parent < 0)
+        mRoots.emplace(t.voxelCoord(), TreeIndex{idx, depth});
     return t;
 }
 
@@ -303,7 +328,8 @@ Container<TraitsT>::findTile(std::int64_t i, std::int64_t j, std::int64_t k, int
 {
     TileType const* t = start;
     if (!t) {
-        if (!inDomain(i, j, k) || mTiles[0].size() == 0) return nullptr;
+        if (!inDomain(i, j, k) || mTiles[0].size() == 0)
+            return nullptr;
         t = &mTiles[0][0];
     }
     int const target = std::min(depth, kMaxDepth);
@@ -313,16 +339,17 @@ Container<TraitsT>::findTile(std::int64_t i, std::int64_t j, std::int64_t k, int
         int const sj = static_cast<int>(divTileWidth<Traits>(j - t->mTj, cd));
         int const sk = static_cast<int>(divTileWidth<Traits>(k - t->mTk, cd));
         std::int64_t const c = t->mChild[TileType::slotNumber(si, sj, sk)];
-        if (c < 0) break;
+        if (c < 0)
+            break;
         t = &mTiles[cd][c];
     }
     return t;
 }
 
 template <typename TraitsT>
-typename Container<TraitsT>::TileType const& Container<TraitsT>::addTileLocked(std::int64_t i, std::int64_t j,
-                                                                               std::int64_t k, int depth,
-                                                                               TileType const* hint)
+typename Container<TraitsT>::TileType const&
+Container<TraitsT>::addTileLocked(std::int64_t i, std::int64_t j, std::int64_t k, int depth,
+                                  TileType const* hint)
 {
     if (depth < 0 || depth > kMaxDepth || !inDomain(i, j, k)) {
         if (CoreGL::Logger::errorVerboseLevel() > 0)
@@ -336,9 +363,11 @@ typename Container<TraitsT>::TileType const& Container<TraitsT>::addTileLocked(s
     TileType* t = nullptr;
     if (hint && hint->mValid && hint->mDepth <= depth) {
         TileType const* a = hint;
-        while (a && !a->contains(i, j, k)) a = a->mParent >= 0 ? &mTiles[a->mDepth - 1][a->mParent] : nullptr;
+        while (a && !a->contains(i, j, k))
+            a = a->mParent >= 0 ? &mTiles[a->mDepth - 1][a->mParent] : nullptr;
         // The same tile reached through this (non-const) tree.
-        if (a) t = &mTiles[a->mDepth][a->mIndex];
+        if (a)
+            t = &mTiles[a->mDepth][a->mIndex];
     }
     if (!t) {
         if (mTiles[0].size() == 0) {
@@ -386,15 +415,18 @@ void Container<TraitsT>::refine(Container const& other, TileCornerLists<Traits>*
                 if (here < 0) {
                     here = newTile(d, o.tijk(), p.mIndex).mIndex;
                     mTiles[d - 1][mapPrev[o.mParent]].mChild[slot] = here;
-                    if (newTiles) (*newTiles)[d].push_back(o.tijk());
+                    if (newTiles)
+                        (*newTiles)[d].push_back(o.tijk());
                 }
             } else {
                 // A root of `other` (or a tile whose parent is unknown): walk from our root,
                 // creating and recording whatever is missing.
                 std::int64_t counts[kDepthCount];
-                for (int q = 0; q < kDepthCount; ++q) counts[q] = mTiles[q].size();
+                for (int q = 0; q < kDepthCount; ++q)
+                    counts[q] = mTiles[q].size();
                 TileType const& r = addTileLocked(o.mTi, o.mTj, o.mTk, d, nullptr);
-                if (!r.mValid) continue;
+                if (!r.mValid)
+                    continue;
                 here = r.mIndex;
                 if (newTiles)
                     for (int q = 0; q <= d; ++q)
@@ -414,7 +446,8 @@ std::int64_t Container<TraitsT>::removeTiles(TileIndexLists<Traits> const& toRem
                                              TileMoveLists<Traits>& moved, bool)
 {
     dropTables();
-    for (auto& m : moved) m.clear();
+    for (auto& m : moved)
+        m.clear();
     // Mark the listed tiles, then their descendants depth by depth.
     std::vector<std::vector<char>> dead(kDepthCount);
     std::int64_t bad = 0;
@@ -434,7 +467,8 @@ std::int64_t Container<TraitsT>::removeTiles(TileIndexLists<Traits> const& toRem
     for (int d = 1; d < kDepthCount; ++d)
         for (std::int64_t t = 0; t < mTiles[d].size(); ++t) {
             std::int64_t const p = mTiles[d][t].mParent;
-            if (p >= 0 && dead[d - 1][p]) dead[d][t] = 1;
+            if (p >= 0 && dead[d - 1][p])
+                dead[d][t] = 1;
         }
     // Compact each depth stably and remember where every survivor went.
     std::vector<std::vector<std::int64_t>> remap(kDepthCount);
@@ -444,7 +478,8 @@ std::int64_t Container<TraitsT>::removeTiles(TileIndexLists<Traits> const& toRem
         remap[d].assign(static_cast<std::size_t>(n), -1);
         std::int64_t to = 0;
         for (std::int64_t from = 0; from < n; ++from) {
-            if (dead[d][from]) continue;
+            if (dead[d][from])
+                continue;
             remap[d][from] = to;
             if (from != to) {
                 mTiles[d][to] = mTiles[d][from];
@@ -460,10 +495,12 @@ std::int64_t Container<TraitsT>::removeTiles(TileIndexLists<Traits> const& toRem
         for (std::int64_t t = 0; t < mTiles[d].size(); ++t) {
             TileType& tile = mTiles[d][t];
             tile.mIndex = t;
-            if (tile.mParent >= 0) tile.mParent = remap[d - 1][tile.mParent];
+            if (tile.mParent >= 0)
+                tile.mParent = remap[d - 1][tile.mParent];
             if (d + 1 < kDepthCount)
                 for (int c = 0; c < Traits::kChildCount; ++c)
-                    if (tile.mChild[c] >= 0) tile.mChild[c] = remap[d + 1][tile.mChild[c]];
+                    if (tile.mChild[c] >= 0)
+                        tile.mChild[c] = remap[d + 1][tile.mChild[c]];
         }
     rebuildRoots();
     return removed;
@@ -474,13 +511,15 @@ template <typename TraitsT> void Container<TraitsT>::rebuildRoots()
     mRoots.clear();
     for (int d = 0; d < kDepthCount; ++d)
         for (std::int64_t t = 0; t < mTiles[d].size(); ++t)
-            if (mTiles[d][t].mParent < 0) mRoots.emplace(mTiles[d][t].voxelCoord(), TreeIndex{t, d});
+            if (mTiles[d][t].mParent < 0)
+                mRoots.emplace(mTiles[d][t].voxelCoord(), TreeIndex{t, d});
 }
 
 template <typename TraitsT> void Container<TraitsT>::clear()
 {
     dropTables();
-    for (auto& s : mTiles) s.clear();
+    for (auto& s : mTiles)
+        s.clear();
     mRoots.clear();
 }
 
@@ -504,20 +543,25 @@ template <typename TraitsT> TileIndexLists<TraitsT> Container<TraitsT>::sortInto
         std::sort(perm[d].begin(), perm[d].end(),
                   [&](std::int64_t a, std::int64_t b) { return key[a] < key[b]; });
         inverse[d].assign(static_cast<std::size_t>(n), -1);
-        for (std::int64_t m = 0; m < n; ++m) inverse[d][perm[d][m]] = m;
+        for (std::int64_t m = 0; m < n; ++m)
+            inverse[d][perm[d][m]] = m;
         // Apply the permutation through a copy of the tiles of this depth.
         std::vector<TileType> copy(static_cast<std::size_t>(n));
-        for (std::int64_t t = 0; t < n; ++t) copy[t] = mTiles[d][t];
-        for (std::int64_t m = 0; m < n; ++m) mTiles[d][m] = copy[perm[d][m]];
+        for (std::int64_t t = 0; t < n; ++t)
+            copy[t] = mTiles[d][t];
+        for (std::int64_t m = 0; m < n; ++m)
+            mTiles[d][m] = copy[perm[d][m]];
     }
     for (int d = 0; d < kDepthCount; ++d)
         for (std::int64_t t = 0; t < mTiles[d].size(); ++t) {
             TileType& tile = mTiles[d][t];
             tile.mIndex = t;
-            if (tile.mParent >= 0) tile.mParent = inverse[d - 1][tile.mParent];
+            if (tile.mParent >= 0)
+                tile.mParent = inverse[d - 1][tile.mParent];
             if (d + 1 < kDepthCount)
                 for (int c = 0; c < Traits::kChildCount; ++c)
-                    if (tile.mChild[c] >= 0) tile.mChild[c] = inverse[d + 1][tile.mChild[c]];
+                    if (tile.mChild[c] >= 0)
+                        tile.mChild[c] = inverse[d + 1][tile.mChild[c]];
         }
     rebuildRoots();
     return perm;
@@ -538,14 +582,16 @@ template <typename TraitsT> void Container<TraitsT>::freeThreadLocalContainer(Co
 {
     auto it = std::find_if(mScratch.begin(), mScratch.end(),
                            [&](std::unique_ptr<Container> const& p) { return p.get() == scratch; });
-    if (it != mScratch.end()) mScratch.erase(it);
+    if (it != mScratch.end())
+        mScratch.erase(it);
 }
 
 template <typename TraitsT>
 void Container<TraitsT>::clearThreadLocalData(TileCornerLists<Traits>& newTiles)
 {
     mScratch.clear();
-    for (auto& a : newTiles) a.clear();
+    for (auto& a : newTiles)
+        a.clear();
 }
 
 // ---- acceleration tables ---------------------------------------------------------------------
@@ -560,8 +606,10 @@ template <typename TraitsT> void Container<TraitsT>::dropTables()
 
 template <typename TraitsT> void Container<TraitsT>::buildAccessorAccelerationStructure(int depth)
 {
-    if (depth < -1 || depth >= kDepthCount) return;
-    if (mHash.empty()) mHash.resize(kDepthCount);
+    if (depth < -1 || depth >= kDepthCount)
+        return;
+    if (mHash.empty())
+        mHash.resize(kDepthCount);
     int const lo = depth < 0 ? 0 : depth, hi = depth < 0 ? kMaxDepth : depth;
     for (int d = lo; d <= hi; ++d) {
         HashTable& h = mHash[d];
@@ -569,21 +617,26 @@ template <typename TraitsT> void Container<TraitsT>::buildAccessorAccelerationSt
         // Buckets of four entries (one cache line); load factor at most 3/4, so that a lookup
         // nearly always ends in its home bucket, and with no data-dependent branch inside it.
         std::uint64_t buckets = 4;
-        while (3 * buckets * kBucket < static_cast<std::uint64_t>(4 * n)) buckets <<= 1;
+        while (3 * buckets * kBucket < static_cast<std::uint64_t>(4 * n))
+            buckets <<= 1;
         HashTable fresh;
         fresh.capacity = buckets * kBucket;
-        fresh.entries = static_cast<HashEntry*>(detail::allocateLarge(fresh.capacity * sizeof(HashEntry)));
+        fresh.entries =
+            static_cast<HashEntry*>(detail::allocateLarge(fresh.capacity * sizeof(HashEntry)));
         fresh.mask = buckets - 1;
-        for (std::uint64_t e = 0; e < fresh.capacity; ++e) fresh.entries[e] = HashEntry{0, 0, 0, -1};
+        for (std::uint64_t e = 0; e < fresh.capacity; ++e)
+            fresh.entries[e] = HashEntry{0, 0, 0, -1};
         for (std::int64_t t = 0; t < n; ++t) {
             TileType const& tile = mTiles[d][t];
             std::uint64_t b = hashCorner(tile.mTi, tile.mTj, tile.mTk) & fresh.mask;
             for (;;) {
                 HashEntry* bucket = fresh.entries + b * kBucket;
                 int s = 0;
-                while (s < int(kBucket) && bucket[s].index >= 0) ++s;
+                while (s < int(kBucket) && bucket[s].index >= 0)
+                    ++s;
                 if (s < int(kBucket)) {
-                    bucket[s] = HashEntry{tile.mTi, tile.mTj, tile.mTk, static_cast<std::int32_t>(t)};
+                    bucket[s] =
+                        HashEntry{tile.mTi, tile.mTj, tile.mTk, static_cast<std::int32_t>(t)};
                     break;
                 }
                 b = (b + 1) & fresh.mask;
@@ -593,14 +646,16 @@ template <typename TraitsT> void Container<TraitsT>::buildAccessorAccelerationSt
     }
 }
 
-template <typename TraitsT> bool Container<TraitsT>::hasAccessorAccelerationStructure(int depth) const
+template <typename TraitsT>
+bool Container<TraitsT>::hasAccessorAccelerationStructure(int depth) const
 {
     return depth >= 0 && depth < static_cast<int>(mHash.size()) && mHash[depth].entries != nullptr;
 }
 
 template <typename TraitsT>
 typename Container<TraitsT>::TileType const*
-Container<TraitsT>::hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, int depth, int3& corner) const
+Container<TraitsT>::hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, int depth,
+                               int3& corner) const
 {
     HashTable const& h = mHash[depth];
     std::int64_t const ci = snapCorner<Traits>(i, depth), cj = snapCorner<Traits>(j, depth),
@@ -611,7 +666,8 @@ Container<TraitsT>::hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, i
         int found = -1;
         bool open = false;
         for (int s = 0; s < int(kBucket); ++s) {
-            bool const hit = bucket[s].i == ci && bucket[s].j == cj && bucket[s].k == ck && bucket[s].index >= 0;
+            bool const hit =
+                bucket[s].i == ci && bucket[s].j == cj && bucket[s].k == ck && bucket[s].index >= 0;
             found = hit ? s : found;
             open |= bucket[s].index < 0;
         }
@@ -619,7 +675,8 @@ Container<TraitsT>::hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, i
             corner = {bucket[found].i, bucket[found].j, bucket[found].k};
             return &mTiles[depth][bucket[found].index];
         }
-        if (open) return nullptr;
+        if (open)
+            return nullptr;
         b = (b + 1) & h.mask;
     }
 }
@@ -647,8 +704,10 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
                         if (d == 0 || tile.mParent < 0) {
                             for (int dir = 0; dir < 27; ++dir) {
                                 TileType const& nb = acc.tileNeighbor(tile, dir);
-                                row[dir] = nb.mValid ? NeighborRef{static_cast<std::int32_t>(nb.mIndex), nb.mDepth}
-                                                     : NeighborRef{-1, -1};
+                                row[dir] = nb.mValid
+                                               ? NeighborRef{static_cast<std::int32_t>(nb.mIndex),
+                                                             nb.mDepth}
+                                               : NeighborRef{-1, -1};
                             }
                             continue;
                         }
@@ -668,7 +727,9 @@ template <typename TraitsT> void Container<TraitsT>::precomputeTileNeighbors()
                                 row[dir] = q;
                                 continue;
                             }
-                            std::int64_t const c = mTiles[q.depth][q.index].mChild[TileType::slotNumber(slot[0], slot[1], slot[2])];
+                            std::int64_t const c =
+                                mTiles[q.depth][q.index]
+                                    .mChild[TileType::slotNumber(slot[0], slot[1], slot[2])];
                             row[dir] = c >= 0 ? NeighborRef{static_cast<std::int32_t>(c), d} : q;
                         }
                     }
@@ -687,8 +748,8 @@ template <typename TraitsT> void Container<TraitsT>::clearPrecomputedTileNeighbo
 }
 
 template <typename TraitsT>
-typename Container<TraitsT>::TileType const* Container<TraitsT>::precomputedNeighbor(TileType const& t,
-                                                                                    int dir) const
+typename Container<TraitsT>::TileType const*
+Container<TraitsT>::precomputedNeighbor(TileType const& t, int dir) const
 {
     NeighborRef const r = mNeighbors[t.mDepth][t.mIndex * 27 + dir];
     return r.depth < 0 ? &sentinel() : &mTiles[r.depth][r.index];
@@ -701,7 +762,8 @@ template <typename TraitsT> void Container<TraitsT>::dump(std::ostream& out) con
     out << "Container '" << name() << "' voxelSize " << mVoxelSize << " tiles " << tileCount(-1)
         << '\n';
     for (int d = 0; d < kDepthCount; ++d)
-        if (mTiles[d].size() > 0) out << "  depth " << d << ": " << mTiles[d].size() << " tiles\n";
+        if (mTiles[d].size() > 0)
+            out << "  depth " << d << ": " << mTiles[d].size() << " tiles\n";
 }
 
 template <typename TraitsT>
@@ -737,10 +799,13 @@ template <typename TraitsT> void Container<TraitsT>::copyTo(Quillon::Ptr<Compone
 template <typename TraitsT>
 template <int Form>
 typename Container<TraitsT>::TileType const&
-Container<TraitsT>::ConstTileAccessor::tileImpl(std::int64_t i, std::int64_t j, std::int64_t k, int depth)
+Container<TraitsT>::ConstTileAccessor::tileImpl(std::int64_t i, std::int64_t j, std::int64_t k,
+                                                int depth)
 {
-    if (!mContainer || depth < 0 || !inDomain(i, j, k)) return sentinel();
-    if (depth > kMaxDepth) depth = kMaxDepth;
+    if (!mContainer || depth < 0 || !inDomain(i, j, k))
+        return sentinel();
+    if (depth > kMaxDepth)
+        depth = kMaxDepth;
     Container const& c = *mContainer;
     if (c.hasAccessorAccelerationStructure(depth)) {
         int3 corner;
@@ -758,7 +823,8 @@ Container<TraitsT>::ConstTileAccessor::tileImpl(std::int64_t i, std::int64_t j, 
         start = a;
     }
     TileType const* t = c.findTile(i, j, k, depth, start);
-    if (!t) return sentinel();
+    if (!t)
+        return sentinel();
     cache(*t);
     return *t;
 }
@@ -767,13 +833,15 @@ template <typename TraitsT>
 typename Container<TraitsT>::TileType const&
 Container<TraitsT>::ConstTileAccessor::tileNeighbor(TileType const& t, int dir)
 {
-    if (!t.valid() || dir < 0 || dir > 26) return sentinel();
-    if (mContainer->hasPrecomputedTileNeighbors() && mContainer->mNeighbors.size() > std::size_t(t.mDepth) &&
+    if (!t.valid() || dir < 0 || dir > 26)
+        return sentinel();
+    if (mContainer->hasPrecomputedTileNeighbors() &&
+        mContainer->mNeighbors.size() > std::size_t(t.mDepth) &&
         &mContainer->mTiles[t.mDepth][t.mIndex] == &t)
         return *mContainer->precomputedNeighbor(t, dir);
     std::int64_t const w = tileVoxelWidth(t.mDepth);
-    return tile(t.mTi + neighborDx(dir) * w, t.mTj + neighborDy(dir) * w, t.mTk + neighborDz(dir) * w,
-                t.mDepth);
+    return tile(t.mTi + neighborDx(dir) * w, t.mTj + neighborDy(dir) * w,
+                t.mTk + neighborDz(dir) * w, t.mDepth);
 }
 
 template <typename TraitsT>
@@ -781,10 +849,12 @@ typename Container<TraitsT>::TileType const&
 Container<TraitsT>::ConstTileAccessor::tileNeighbor(TileType const& t, int3 const& off, int depth,
                                                     bool allowCoarser)
 {
-    if (!t.valid()) return sentinel();
+    if (!t.valid())
+        return sentinel();
     std::int64_t const w = tileVoxelWidth(t.mDepth);
     TileType const& r = tile(t.mTi + off.x * w, t.mTj + off.y * w, t.mTk + off.z * w, depth);
-    if (!allowCoarser && r.mDepth != depth) return sentinel();
+    if (!allowCoarser && r.mDepth != depth)
+        return sentinel();
     return r;
 }
 
@@ -794,7 +864,8 @@ void Container<TraitsT>::ConstTileAccessor::tileNeighbors(TileType const& t,
                                                           int depth, bool allowCoarser)
 {
     out.clear();
-    if (!t.valid()) return;
+    if (!t.valid())
+        return;
     Container const& c = *mContainer;
     std::int64_t const w = tileVoxelWidth(t.mDepth);
     std::int64_t const lo[3] = {t.mTi, t.mTj, t.mTk};
@@ -803,33 +874,41 @@ void Container<TraitsT>::ConstTileAccessor::tileNeighbors(TileType const& t,
         std::int64_t const nw = tileVoxelWidth(n.mDepth);
         std::int64_t const nb[3] = {n.mTi, n.mTj, n.mTk};
         for (int a = 0; a < 3; ++a)
-            if (nb[a] > lo[a] + w || nb[a] + nw < lo[a]) return false;
+            if (nb[a] > lo[a] + w || nb[a] + nw < lo[a])
+                return false;
         return true;
     };
     auto isAncestorOrSelf = [&](TileType const& n) {
         return n.mDepth <= t.mDepth && n.contains(t.mTi, t.mTj, t.mTk);
     };
     auto push = [&](TileType const* n) {
-        if (std::find(out.begin(), out.end(), n) == out.end()) out.push_back(n);
+        if (std::find(out.begin(), out.end(), n) == out.end())
+            out.push_back(n);
     };
     std::vector<TileType const*> stack;
     for (int dir = 0; dir < 27; ++dir) {
-        if (dir == kNeighborSelf) continue;
+        if (dir == kNeighborSelf)
+            continue;
         TileType const& n = tileNeighbor(t, dir);
-        if (!n.valid()) continue;
+        if (!n.valid())
+            continue;
         if (n.mDepth < t.mDepth) {
-            if (allowCoarser && !isAncestorOrSelf(n)) push(&n);
+            if (allowCoarser && !isAncestorOrSelf(n))
+                push(&n);
             continue;
         }
         stack.push_back(&n);
         while (!stack.empty()) {
             TileType const* m = stack.back();
             stack.pop_back();
-            if (m->mDepth > depth || !touches(*m)) continue;
+            if (m->mDepth > depth || !touches(*m))
+                continue;
             push(m);
-            if (m->mDepth + 1 > depth || m->mDepth + 1 >= kDepthCount) continue;
+            if (m->mDepth + 1 > depth || m->mDepth + 1 >= kDepthCount)
+                continue;
             for (int s = 0; s < Traits::kChildCount; ++s)
-                if (m->mChild[s] >= 0) stack.push_back(&c.mTiles[m->mDepth + 1][m->mChild[s]]);
+                if (m->mChild[s] >= 0)
+                    stack.push_back(&c.mTiles[m->mDepth + 1][m->mChild[s]]);
         }
     }
 }
@@ -837,13 +916,16 @@ void Container<TraitsT>::ConstTileAccessor::tileNeighbors(TileType const& t,
 template <typename TraitsT>
 std::int64_t Container<TraitsT>::TileAccessor::addTiles(int3 const& min, int3 const& max, int depth)
 {
-    if (depth < 0 || depth > kMaxDepth) return 0;
+    if (depth < 0 || depth > kMaxDepth)
+        return 0;
     std::int64_t const w = tileVoxelWidth(depth);
     std::int64_t const lo = -kCentreOffset, hi = lo + tileVoxelWidth(0) - 1;
     std::int64_t a[3], b[3];
     for (int x = 0; x < 3; ++x) {
-        std::int64_t const mn = std::max<std::int64_t>(min[x], lo), mx = std::min<std::int64_t>(max[x], hi);
-        if (mn > mx) return 0;
+        std::int64_t const mn = std::max<std::int64_t>(min[x], lo),
+                           mx = std::min<std::int64_t>(max[x], hi);
+        if (mn > mx)
+            return 0;
         a[x] = snapCorner<Traits>(mn, depth);
         b[x] = snapCorner<Traits>(mx, depth);
     }
@@ -859,7 +941,8 @@ std::int64_t Container<TraitsT>::TileAccessor::addTiles(int3 const& min, int3 co
 
 template <typename TraitsT>
 std::int64_t Container<TraitsT>::TileAccessor::removeTiles(TileIndexLists<TraitsT> const& toRemove,
-                                                           TileMoveLists<TraitsT>& moved, bool consistent)
+                                                           TileMoveLists<TraitsT>& moved,
+                                                           bool consistent)
 {
     this->cache(sentinel());
     return mMutable->removeTiles(toRemove, moved, consistent);
@@ -867,13 +950,13 @@ std::int64_t Container<TraitsT>::TileAccessor::removeTiles(TileIndexLists<Traits
 
 template class Container<Traits24>;
 template class Container<Traits55>;
-template Container<Traits24>::TileType const& Container<Traits24>::ConstTileAccessor::tileImpl<0>(
-    std::int64_t, std::int64_t, std::int64_t, int);
-template Container<Traits24>::TileType const& Container<Traits24>::ConstTileAccessor::tileImpl<1>(
-    std::int64_t, std::int64_t, std::int64_t, int);
-template Container<Traits55>::TileType const& Container<Traits55>::ConstTileAccessor::tileImpl<0>(
-    std::int64_t, std::int64_t, std::int64_t, int);
-template Container<Traits55>::TileType const& Container<Traits55>::ConstTileAccessor::tileImpl<1>(
-    std::int64_t, std::int64_t, std::int64_t, int);
+template Container<Traits24>::TileType const&
+Container<Traits24>::ConstTileAccessor::tileImpl<0>(std::int64_t, std::int64_t, std::int64_t, int);
+template Container<Traits24>::TileType const&
+Container<Traits24>::ConstTileAccessor::tileImpl<1>(std::int64_t, std::int64_t, std::int64_t, int);
+template Container<Traits55>::TileType const&
+Container<Traits55>::ConstTileAccessor::tileImpl<0>(std::int64_t, std::int64_t, std::int64_t, int);
+template Container<Traits55>::TileType const&
+Container<Traits55>::ConstTileAccessor::tileImpl<1>(std::int64_t, std::int64_t, std::int64_t, int);
 
 } // namespace TVL::TileTree3D

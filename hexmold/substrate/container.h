@@ -13,24 +13,24 @@
 ///
 ///          Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 #pragma once
-#include <hexmold/substrate/contract.h>
-#include <cstdint>
-#include <iosfwd>
-#include <map>
-#include <memory>
 #include <atomic>
-#include <thread>
-#include <utility>
-#include <vector>
+#include <cstdint>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/array.h>
 #include <hexmold/platform/quillon/string.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/bbox.h>
 #include <hexmold/substrate/component.h>
+#include <hexmold/substrate/contract.h>
 #include <hexmold/substrate/tile.h>
 #include <hexmold/substrate/tile_store.h>
 #include <hexmold/substrate/traversal_mode.h>
+#include <iosfwd>
+#include <map>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
 
 namespace TVL::TileTree3D {
 
@@ -79,7 +79,10 @@ public:
 
     /// Elements across a tile (voxels times data elements per voxel).
     static constexpr int tileWidth(int = 0) { return Traits::kTileWidth * Traits::kElementWidth; }
-    static constexpr int tileDataWidth(int = 0) { return Traits::kTileWidth * Traits::kElementWidth; }
+    static constexpr int tileDataWidth(int = 0)
+    {
+        return Traits::kTileWidth * Traits::kElementWidth;
+    }
     /// Element count of a tile.
     static constexpr int tileSize(int = 0) { return tileWidth() * tileWidth() * tileWidth(); }
     static constexpr int tileDataSize(int = 0) { return tileSize(); }
@@ -114,7 +117,8 @@ public:
     /// Whether @p t names an existing tile.
     bool contains(TreeIndex const& t) const
     {
-        return t.depth >= 0 && t.depth < kDepthCount && t.index >= 0 && t.index < tileCount(t.depth);
+        return t.depth >= 0 && t.depth < kDepthCount && t.index >= 0 &&
+               t.index < tileCount(t.depth);
     }
     /// The tile returned by lookups that find nothing: invalid, with a depth no tile has.
     static TileType const& sentinel();
@@ -199,7 +203,8 @@ public:
     /// beyond the tree). Requires `hasCompressedTileHalos()`; @p t must be a tile of this tree.
     TileType const& compressedHaloNeighbor(TileType const& t, int dir) const
     {
-        std::size_t const e = static_cast<std::size_t>(t.index()) * 27 + static_cast<std::size_t>(dir);
+        std::size_t const e =
+            static_cast<std::size_t>(t.index()) * 27 + static_cast<std::size_t>(dir);
         std::int8_t const up = mHaloDepthStep[t.depth()][e];
         return up < 0 ? sentinel() : mTiles[t.depth() - up][mHaloIndex[t.depth()][e]];
     }
@@ -221,15 +226,15 @@ public:
     /// @throws std::runtime_error(TVL::exceptionMessage) when the host cancels the job, and any
     ///         exception a lambda throws.
     template <typename L1, typename L2, typename L3, typename L4, typename L5>
-    void traverse(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile, L4 const& endTile,
-                  L5 const& visitInteriorVoxel, TraversalMode mode, TreeIndex const& start,
-                  int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a, int b,
-                  bool flag, int c) const;
+    void traverse(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile,
+                  L4 const& endTile, L5 const& visitInteriorVoxel, TraversalMode mode,
+                  TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain,
+                  bool parallel, int a, int b, bool flag, int c) const;
     template <typename L1, typename L2, typename L3, typename L4, typename L5>
-    void traverse(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile, L4 const& endTile,
-                  L5 const& visitInteriorVoxel, TraversalMode mode, TreeIndex const& start,
-                  int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a, int b,
-                  bool flag, int c);
+    void traverse(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile,
+                  L4 const& endTile, L5 const& visitInteriorVoxel, TraversalMode mode,
+                  TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain,
+                  bool parallel, int a, int b, bool flag, int c);
 
     /// Parallel reduction over tiles with a visitor made from lambdas. Each lambda receives the
     /// worker's accumulator as its last argument: @p beginTraverse(acc), @p endTraverse(acc),
@@ -238,52 +243,61 @@ public:
     /// @param io_value   in: the identity of @p join (0 for a sum), from which every worker's
     ///                   accumulator starts; out: the total. Unchanged when no tile is visited.
     /// Other parameters as for `traverse`; reductions always run in parallel.
-    template <typename T, typename L1, typename L2, typename L3, typename L4, typename L5, typename LJ>
-    void reduce(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile, L4 const& endTile,
-                L5 const& visitInteriorVoxel, LJ const& join, T& io_value, TraversalMode mode,
-                TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain, int a, int b) const;
-    template <typename T, typename L1, typename L2, typename L3, typename L4, typename L5, typename LJ>
-    void reduce(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile, L4 const& endTile,
-                L5 const& visitInteriorVoxel, LJ const& join, T& io_value, TraversalMode mode,
-                TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain, int a, int b);
+    template <typename T, typename L1, typename L2, typename L3, typename L4, typename L5,
+              typename LJ>
+    void reduce(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile,
+                L4 const& endTile, L5 const& visitInteriorVoxel, LJ const& join, T& io_value,
+                TraversalMode mode, TreeIndex const& start, int minDepth, int maxDepth,
+                std::uint64_t grain, int a, int b) const;
+    template <typename T, typename L1, typename L2, typename L3, typename L4, typename L5,
+              typename LJ>
+    void reduce(L1 const& beginTraverse, L2 const& endTraverse, L3 const& beginTile,
+                L4 const& endTile, L5 const& visitInteriorVoxel, LJ const& join, T& io_value,
+                TraversalMode mode, TreeIndex const& start, int minDepth, int maxDepth,
+                std::uint64_t grain, int a, int b);
 
     /// `traverse` with only a voxel lambda, @p visitInteriorVoxel(tile, ijk).
     template <typename L>
     void traverseVoxels(L const& visitInteriorVoxel, TraversalMode mode, TreeIndex const& start,
-                        int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a, int b,
-                        bool flag, int c) const;
+                        int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a,
+                        int b, bool flag, int c) const;
     template <typename L>
     void traverseVoxels(L const& visitInteriorVoxel, TraversalMode mode, TreeIndex const& start,
-                        int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a, int b,
-                        bool flag, int c);
+                        int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a,
+                        int b, bool flag, int c);
 
     /// `reduce` with only a voxel lambda, @p visitInteriorVoxel(tile, ijk, acc), joined by
     /// @p join(left, right), or by `left += right` in the form without @p join.
     template <typename T, typename L, typename LJ>
     void reduceVoxels(L const& visitInteriorVoxel, LJ const& join, T& io_value, TraversalMode mode,
-                      TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain, int a,
-                      int b) const;
+                      TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain,
+                      int a, int b) const;
     template <typename T, typename L>
-    void reduceVoxels(L const& visitInteriorVoxel, T& io_value, TraversalMode mode, TreeIndex const& start,
-                      int minDepth, int maxDepth, std::uint64_t grain, int a, int b) const;
+    void reduceVoxels(L const& visitInteriorVoxel, T& io_value, TraversalMode mode,
+                      TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain,
+                      int a, int b) const;
 
     /// The walk behind `traverse`, one compiled instance per tree type and constness; derived
     /// visitors call it directly. The visitor gets `beginTraverse` and `endTraverse`; tiles are
     /// visited on worker copies made with `copy()` (on the visitor itself when not parallel).
-    void traverseInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode, TreeIndex const& start,
-                                    int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a,
-                                    int b, VisitInteriorVoxelMode voxelMode, int c) const;
-    void traverseInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode, TreeIndex const& start,
-                                    int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a,
-                                    int b, VisitInteriorVoxelMode voxelMode, int c);
+    void traverseInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode,
+                                    TreeIndex const& start, int minDepth, int maxDepth,
+                                    std::uint64_t grain, bool parallel, int a, int b,
+                                    VisitInteriorVoxelMode voxelMode, int c) const;
+    void traverseInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode,
+                                    TreeIndex const& start, int minDepth, int maxDepth,
+                                    std::uint64_t grain, bool parallel, int a, int b,
+                                    VisitInteriorVoxelMode voxelMode, int c);
     /// The walk behind `reduce`. The visitor itself works the leftmost ranges and ends up holding
     /// the total; other ranges run on copies of the visitor as it was when the walk began, merged
     /// with `left.join(right)` in range order.
-    void reduceInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode, TreeIndex const& start,
-                                  int minDepth, int maxDepth, std::uint64_t grain, int a, int b,
+    void reduceInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode,
+                                  TreeIndex const& start, int minDepth, int maxDepth,
+                                  std::uint64_t grain, int a, int b,
                                   VisitInteriorVoxelMode voxelMode) const;
-    void reduceInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode, TreeIndex const& start,
-                                  int minDepth, int maxDepth, std::uint64_t grain, int a, int b,
+    void reduceInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode,
+                                  TreeIndex const& start, int minDepth, int maxDepth,
+                                  std::uint64_t grain, int a, int b,
                                   VisitInteriorVoxelMode voxelMode);
 
     // ---- component interface -----------------------------------------------------------------
@@ -320,7 +334,8 @@ public:
     }
     /// The tile of @p depth holding the point through the hash of that depth; writes its corner
     /// to @p corner so that callers need not touch the tile. Null when absent.
-    TileType const* hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, int depth, int3& corner) const;
+    TileType const* hashLookup(std::int64_t i, std::int64_t j, std::int64_t k, int depth,
+                               int3& corner) const;
     TileType const* precomputedNeighbor(TileType const& t, int direction) const;
 
 private:
@@ -336,7 +351,8 @@ private:
         std::uint64_t capacity = 0;
         HashTable() = default;
         HashTable(HashTable&& o) noexcept
-            : entries(std::exchange(o.entries, nullptr)), mask(o.mask), capacity(std::exchange(o.capacity, 0))
+            : entries(std::exchange(o.entries, nullptr)), mask(o.mask),
+              capacity(std::exchange(o.capacity, 0))
         {
         }
         HashTable& operator=(HashTable&& o) noexcept
@@ -354,7 +370,8 @@ private:
         void lock()
         {
             while (flag.exchange(true, std::memory_order_acquire))
-                while (flag.load(std::memory_order_relaxed)) std::this_thread::yield();
+                while (flag.load(std::memory_order_relaxed))
+                    std::this_thread::yield();
         }
         void unlock() { flag.store(false, std::memory_order_release); }
     };
@@ -374,8 +391,9 @@ private:
     RootMap mRoots;
     SpinLock mAddLock;
     std::vector<std::unique_ptr<Container>> mScratch;
-    std::vector<HashTable> mHash;                   ///< per depth; empty when not built
-    std::vector<std::vector<NeighborRef>> mNeighbors; ///< per depth, 27 per tile; empty when not built
+    std::vector<HashTable> mHash; ///< per depth; empty when not built
+    std::vector<std::vector<NeighborRef>>
+        mNeighbors; ///< per depth, 27 per tile; empty when not built
     /// Compressed halo table, per depth and 27 per tile: the index of the tile read in each
     /// direction, and how many depths above the tile it lies (-1: none). Empty when not built.
     std::vector<std::vector<std::int32_t>> mHaloIndex;
@@ -396,7 +414,8 @@ public:
     TileType const& tile(std::int64_t i, std::int64_t j, std::int64_t k, int depth)
     {
         if (depth == mDepth && static_cast<std::uint64_t>(i - mI) < mWidth &&
-            static_cast<std::uint64_t>(j - mJ) < mWidth && static_cast<std::uint64_t>(k - mK) < mWidth)
+            static_cast<std::uint64_t>(j - mJ) < mWidth &&
+            static_cast<std::uint64_t>(k - mK) < mWidth)
             return *mTile;
         return tileImpl<0>(i, j, k, depth);
     }
@@ -405,15 +424,18 @@ public:
 
     /// The slow path of `tile`: form 0 walks up from the cached tile to an ancestor holding the
     /// point and down again; form 1 starts at the root.
-    template <int Form> TileType const& tileImpl(std::int64_t i, std::int64_t j, std::int64_t k, int depth);
+    template <int Form>
+    TileType const& tileImpl(std::int64_t i, std::int64_t j, std::int64_t k, int depth);
 
     /// The tile next to @p t in direction @p dir at the same depth, or where none exists the
     /// closest coarser tile; the sentinel beyond the domain.
     TileType const& tileNeighbor(TileType const& t, int dir);
     /// The same for an offset in units of @p t's tile width, looked up at @p depth. With
     /// @p allowCoarser false only a tile of exactly @p depth is returned (else the sentinel).
-    TileType const& tileNeighbor(TileType const& t, int3 const& offset, int depth, bool allowCoarser);
-    TileType const& tileNeighbor(TileType const& t, int di, int dj, int dk, int depth, bool allowCoarser)
+    TileType const& tileNeighbor(TileType const& t, int3 const& offset, int depth,
+                                 bool allowCoarser);
+    TileType const& tileNeighbor(TileType const& t, int di, int dj, int dk, int depth,
+                                 bool allowCoarser)
     {
         return tileNeighbor(t, int3{di, dj, dk}, depth, allowCoarser);
     }
@@ -424,8 +446,10 @@ public:
     }
     /// Fills @p out with every tile, of depth at most @p depth, whose box touches the box of
     /// @p t from outside (faces, edges, corners), finer and coarser ones alike; each once.
-    /// Ancestors of @p t are not neighbours. With @p allowCoarser false, coarser tiles are left out.
-    void tileNeighbors(TileType const& t, std::vector<TileType const*>& out, int depth, bool allowCoarser);
+    /// Ancestors of @p t are not neighbours. With @p allowCoarser false, coarser tiles are left
+    /// out.
+    void tileNeighbors(TileType const& t, std::vector<TileType const*>& out, int depth,
+                       bool allowCoarser);
 
 protected:
     void cache(TileType const* t, int3 const& corner, int depth)
@@ -471,7 +495,8 @@ public:
             static_cast<std::uint64_t>(k - this->mK) < this->mWidth)
             return *this->mTile;
         TileType const& t = mMutable->addTileLocked(i, j, k, depth, this->mTile);
-        if (t.valid()) this->cache(t);
+        if (t.valid())
+            this->cache(t);
         return t;
     }
     TileType const& addTile(VoxelCoord const& v) { return addTile(v.i, v.j, v.k, v.depth); }

@@ -35,10 +35,10 @@ namespace TVL::TileTree3D {
 /// How a halo is filled; the numbers are the callers'. All four currently fill by the rim rule
 /// above.
 enum HaloMode : int {
-    kHaloModeTransfer = 1,             ///< channel transfer and extrapolation
-    kHaloModeRedistance = 2,           ///< redistancing
-    kHaloModeRedistanceFirstPass = 3,  ///< redistancing, first pass
-    kHaloModeGeneral = 4,              ///< the general case, any depth
+    kHaloModeTransfer = 1,            ///< channel transfer and extrapolation
+    kHaloModeRedistance = 2,          ///< redistancing
+    kHaloModeRedistanceFirstPass = 3, ///< redistancing, first pass
+    kHaloModeGeneral = 4,             ///< the general case, any depth
 };
 
 /// Which parts of the rim are filled, as bits. The six face layers are always filled; bit 4 adds
@@ -50,9 +50,9 @@ enum HaloType : int {
     kHaloTypeCallerFlag = 2,
     kHaloTypePlanes = 4,
     kHaloTypeCorners = 8,
-    kHaloTypeFacesAndEdges = 5,  ///< 1 | 4: axis and in-plane stencils
-    kHaloTypeSweep = 6,          ///< 5 plus the caller's flag
-    kHaloTypeAll = 15,           ///< the whole rim, corners included
+    kHaloTypeFacesAndEdges = 5, ///< 1 | 4: axis and in-plane stencils
+    kHaloTypeSweep = 6,         ///< 5 plus the caller's flag
+    kHaloTypeAll = 15,          ///< the whole rim, corners included
     /// At a resolution jump, each rim element is the trilinear interpolation of the coarse voxels
     /// (those of the coarser tile and of the one-voxel layer around it, at its depth) at the rim
     /// element's centre, instead of the covering coarse voxel. Applies to the element types of
@@ -74,10 +74,11 @@ enum HaloType : int {
 /// Instantiated for both trees, all 18 element types, (Hin, Hout) = (0,1), (0,2), (1,1), and
 /// F2 = 0 or 1 (the same filling). Reads only; safe from many workers at once.
 template <typename Traits, typename T, int Hin, int Hout, int F1, int F2 = 0>
-HEXMOLD_API void setHaloTile(TreeIndex const& tile, Channel<Traits, T, Traits::kTileWidth, Hin, F1> const& channel,
-                             HaloMode mode, HaloType type, typename Container<Traits>::ConstTileAccessor& accessor,
-                             TileData<T, Traits::kTileWidth, Hout, F1>& out, T defaultValue, float scale,
-                             VoxelOffsetType offset);
+HEXMOLD_API void
+setHaloTile(TreeIndex const& tile, Channel<Traits, T, Traits::kTileWidth, Hin, F1> const& channel,
+            HaloMode mode, HaloType type, typename Container<Traits>::ConstTileAccessor& accessor,
+            TileData<T, Traits::kTileWidth, Hout, F1>& out, T defaultValue, float scale,
+            VoxelOffsetType offset);
 
 /// @brief For each tile of depths [minDepth, maxDepth], fills its block of @p out: coordinates
 ///        0 to W-1 hold the tile's voxels, coordinate W on an axis the first layer of what lies
@@ -88,7 +89,8 @@ HEXMOLD_API void setHaloTile(TreeIndex const& tile, Channel<Traits, T, Traits::k
 template <typename Traits, typename T, int A = 0, int B = 0, int C = 1, int D = 0>
 HEXMOLD_API void computeHalo(Channel<Traits, T, Traits::kTileWidth, 0, 0> const& source,
                              Container<Traits> const& container,
-                             Channel<Traits, T, Traits::kTileWidth + 1, 0, 0>& out, int minDepth, int maxDepth);
+                             Channel<Traits, T, Traits::kTileWidth + 1, 0, 0>& out, int minDepth,
+                             int maxDepth);
 
 /// @brief Gives every non-leaf voxel of the tiles of depths [minDepth, maxDepth] the mean of the
 ///        child voxels under it (2 x 2 x 2 for `Traits<2,4,1>`, the child tile's 5 x 5 x 5 for
@@ -98,7 +100,8 @@ HEXMOLD_API void computeHalo(Channel<Traits, T, Traits::kTileWidth, 0, 0> const&
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only.
 /// Instantiated for both trees and all 18 element types, W = the tile width, H = 0.
 template <typename Traits, typename T, int W, int H>
-HEXMOLD_API void setNonLeafValueToChildValue(Channel<Traits, T, W, H, 0>& channel, Container<Traits> const& container,
+HEXMOLD_API void setNonLeafValueToChildValue(Channel<Traits, T, W, H, 0>& channel,
+                                             Container<Traits> const& container,
                                              VoxelOffsetType offset, int minDepth, int maxDepth);
 
 } // namespace TVL::TileTree3D

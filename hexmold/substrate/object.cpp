@@ -18,7 +18,8 @@ Object::Table& Object::ownTable()
 
 Quillon::Ptr<Component> Object::component(Quillon::String const& name) const
 {
-    if (!mTable) return nullptr;
+    if (!mTable)
+        return nullptr;
     auto it = mTable->components.find(name);
     return it == mTable->components.end() ? nullptr : it->second;
 }
@@ -30,7 +31,8 @@ bool Object::hasComponentFromName(Quillon::String const& name) const
 
 Quillon::MutablePtr<Component> Object::extractComponent(Quillon::String const& name)
 {
-    if (!hasComponentFromName(name)) return nullptr;
+    if (!hasComponentFromName(name))
+        return nullptr;
     Table& t = ownTable();
     auto it = t.components.find(name);
     std::shared_ptr<Component> c = it->second.shared();
@@ -46,7 +48,8 @@ Quillon::MutablePtr<Component> Object::extractComponent(Quillon::String const& n
 
 void Object::putComponent(Quillon::MutablePtr<Component> component)
 {
-    if (!component) return;
+    if (!component)
+        return;
     Quillon::Ptr<Component> p(std::move(component));
     Quillon::String const name = p->name();
     ownTable().components[name] = std::move(p);
@@ -54,20 +57,23 @@ void Object::putComponent(Quillon::MutablePtr<Component> component)
 
 void Object::addComponent(Quillon::Ptr<Component> component)
 {
-    if (!component) return;
+    if (!component)
+        return;
     Quillon::String const name = component->name();
     ownTable().components[name] = std::move(component);
 }
 
 void Object::removeComponent(Quillon::String const& name, Component const*)
 {
-    if (!hasComponentFromName(name)) return;
+    if (!hasComponentFromName(name))
+        return;
     ownTable().components.erase(name);
 }
 
 Component* Object::mutableComponent(Quillon::String const& name)
 {
-    if (!hasComponentFromName(name)) return nullptr;
+    if (!hasComponentFromName(name))
+        return nullptr;
     Table& t = ownTable();
     Quillon::Ptr<Component>& p = t.components[name];
     if (p.useCount() > 1) {
@@ -81,9 +87,11 @@ Component* Object::mutableComponent(Quillon::String const& name)
 Quillon::Array<Quillon::String> Object::componentRange() const
 {
     Quillon::Array<Quillon::String> names;
-    if (!mTable) return names;
+    if (!mTable)
+        return names;
     names.reserve(mTable->components.size());
-    for (auto const& [name, c] : mTable->components) names.push_back(name);
+    for (auto const& [name, c] : mTable->components)
+        names.push_back(name);
     return names;
 }
 
@@ -99,7 +107,8 @@ std::size_t Object::componentCount() const
 
 Quillon::Any Object::getProperty(Quillon::String const& name) const
 {
-    if (!mTable) return {};
+    if (!mTable)
+        return {};
     auto it = mTable->properties.find(name);
     return it == mTable->properties.end() ? Quillon::Any() : it->second;
 }

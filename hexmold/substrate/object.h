@@ -17,17 +17,17 @@
 ///          geometry objects builds on `componentRange`, `getProperty`/`setProperty` and the
 ///          channels' `channelData`/`setChannelData`.
 #pragma once
-#include <map>
-#include <memory>
-#include <type_traits>
-#include <typeinfo>
-#include <utility>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/any.h>
 #include <hexmold/platform/quillon/array.h>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/platform/quillon/string.h>
 #include <hexmold/substrate/component.h>
+#include <map>
+#include <memory>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
 
 namespace TVL {
 
@@ -58,7 +58,8 @@ public:
     template <typename T> Quillon::Ptr<T> component(Quillon::String const& name) const
     {
         Quillon::Ptr<Component> c = component(name);
-        if (!c || !componentIsA<T>(*c)) return nullptr;
+        if (!c || !componentIsA<T>(*c))
+            return nullptr;
         return Quillon::Ptr<T>(std::static_pointer_cast<T>(c.shared()));
     }
     bool hasComponentFromName(Quillon::String const& name) const;
@@ -75,7 +76,8 @@ public:
     template <typename T> Quillon::MutablePtr<T> extractComponent(Quillon::String const& name)
     {
         Quillon::Ptr<Component> c = component(name);
-        if (!c || !componentIsA<T>(*c)) return nullptr;
+        if (!c || !componentIsA<T>(*c))
+            return nullptr;
         c.reset();
         Quillon::MutablePtr<Component> m = extractComponent(name);
         return Quillon::MutablePtr<T>::adoptUnique(
@@ -146,7 +148,8 @@ public:
     /// Puts the component back now.
     void restore()
     {
-        if (mComponent) mObject->putComponent(std::move(mComponent));
+        if (mComponent)
+            mObject->putComponent(std::move(mComponent));
         mComponent.reset();
     }
     /// Gives the component to the caller; nothing is put back.

@@ -24,8 +24,8 @@ using tbb::blocked_range;
 using tbb::concurrent_vector;
 using tbb::enumerable_thread_specific;
 using tbb::global_control;
-using tbb::parallel_for;
 using tbb::parallel_deterministic_reduce;
+using tbb::parallel_for;
 using tbb::parallel_reduce;
 using tbb::parallel_sort;
 using tbb::simple_partitioner;
@@ -46,12 +46,15 @@ template <typename F> decltype(auto) isolate(F&& f)
 inline int maxConcurrency()
 {
     int const arena = tbb::this_task_arena::max_concurrency();
-    auto const limit = static_cast<int>(
-        global_control::active_value(global_control::max_allowed_parallelism));
+    auto const limit =
+        static_cast<int>(global_control::active_value(global_control::max_allowed_parallelism));
     return limit < arena ? limit : arena;
 }
 
 /// The task group of the running task, or null outside a parallel construct.
-inline task_group_context* currentContext() { return tbb::task::current_context(); }
+inline task_group_context* currentContext()
+{
+    return tbb::task::current_context();
+}
 
 } // namespace TVL::Parallel

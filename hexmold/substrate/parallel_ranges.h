@@ -14,14 +14,17 @@ namespace TVL::Parallel {
 /// own; each worker range makes its scratch once. A range starting after the job was cancelled
 /// does no work, and the call throws after the loop.
 /// @throws std::runtime_error on job cancellation.
-template <typename Body> void cancellableRanges(std::int64_t count, Body const& body, std::size_t grain = 1)
+template <typename Body>
+void cancellableRanges(std::int64_t count, Body const& body, std::size_t grain = 1)
 {
-    if (count <= 0) return;
+    if (count <= 0)
+        return;
     task_group_context context;
     parallel_for(
         blocked_range<std::int64_t>(0, count, grain),
         [&](blocked_range<std::int64_t> const& r) {
-            if (bodyCancelled()) return;
+            if (bodyCancelled())
+                return;
             body(r.begin(), r.end());
         },
         auto_partitioner(), context);
@@ -30,14 +33,17 @@ template <typename Body> void cancellableRanges(std::int64_t count, Body const& 
 
 /// The maximum of @p body(begin, end) over [0, count), joined by maximum (0 for no work).
 /// @throws std::runtime_error on job cancellation.
-template <typename Body> float cancellableMaximum(std::int64_t count, Body const& body, std::size_t grain = 1)
+template <typename Body>
+float cancellableMaximum(std::int64_t count, Body const& body, std::size_t grain = 1)
 {
-    if (count <= 0) return 0.0f;
+    if (count <= 0)
+        return 0.0f;
     task_group_context context;
     float const result = parallel_reduce(
         blocked_range<std::int64_t>(0, count, grain), 0.0f,
         [&](blocked_range<std::int64_t> const& r, float running) {
-            if (bodyCancelled()) return running;
+            if (bodyCancelled())
+                return running;
             return std::max(running, body(r.begin(), r.end()));
         },
         [](float a, float b) { return std::max(a, b); }, auto_partitioner(), context);

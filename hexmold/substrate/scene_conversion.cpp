@@ -15,7 +15,8 @@ Quillon::Ptr<Tavrel::Object const> const& getVolumePrototype()
     static Quillon::Ptr<Tavrel::Object const> const prototype = [] {
         auto p = std::make_shared<Tavrel::Object>();
         p->setProperty("prototype", Quillon::Any(Quillon::String("tile_tree_volume")));
-        return Quillon::Ptr<Tavrel::Object const>(std::shared_ptr<Tavrel::Object const>(std::move(p)));
+        return Quillon::Ptr<Tavrel::Object const>(
+            std::shared_ptr<Tavrel::Object const>(std::move(p)));
     }();
     return prototype;
 }
@@ -25,7 +26,8 @@ Tavrel::Object move_tvl_volume_to_object(TVL::Object& volume)
     Tavrel::Object out(getVolumePrototype());
     for (Quillon::String const& name : volume.componentRange()) {
         ComponentPtr c = volume.component(name);
-        if (!c) continue;
+        if (!c)
+            continue;
         volume.removeComponent(name);
         out.setProperty(name, Quillon::Any(std::move(c)));
     }
@@ -35,10 +37,12 @@ Tavrel::Object move_tvl_volume_to_object(TVL::Object& volume)
 TVL::Object move_object_to_tvl_volume(Tavrel::Object& object)
 {
     TVL::Object volume;
-    if (!object.isInstanceOf(getVolumePrototype())) return volume;
+    if (!object.isInstanceOf(getVolumePrototype()))
+        return volume;
     for (Quillon::String const& name : object.propertyNames()) {
         ComponentPtr const* c = object.getPropertyAs<ComponentPtr>(name);
-        if (!c || !*c) continue;
+        if (!c || !*c)
+            continue;
         ComponentPtr moved = *c;
         object.removeProperty(name);
         volume.addComponent(std::move(moved));
@@ -48,10 +52,12 @@ TVL::Object move_object_to_tvl_volume(Tavrel::Object& object)
 
 Quillon::Ptr<TVL::Object> shallow_copy_object_to_tvl_volume(Tavrel::Object const& object)
 {
-    if (!object.isInstanceOf(getVolumePrototype())) return nullptr;
+    if (!object.isInstanceOf(getVolumePrototype()))
+        return nullptr;
     auto volume = Quillon::makePtr<TVL::Object>();
     for (Quillon::String const& name : object.propertyNames())
-        if (ComponentPtr const* c = object.getPropertyAs<ComponentPtr>(name); c && *c) volume->addComponent(*c);
+        if (ComponentPtr const* c = object.getPropertyAs<ComponentPtr>(name); c && *c)
+            volume->addComponent(*c);
     return volume;
 }
 
@@ -59,10 +65,13 @@ Quillon::Ptr<TVL::Object> shallow_copy_object_to_tvl_volume(Tavrel::Object const
 
 namespace Tavrel {
 
-Quillon::String mapGeoPropertyNameToTVLVolume(Quillon::String const& name, Tavrel::Object const& object)
+Quillon::String mapGeoPropertyNameToTVLVolume(Quillon::String const& name,
+                                              Tavrel::Object const& object)
 {
-    if (name.empty()) return {};
-    if (CoreGL::isMappable(name) || object.isInstanceOf(Geometry::getVolumePrototype())) return name;
+    if (name.empty())
+        return {};
+    if (CoreGL::isMappable(name) || object.isInstanceOf(Geometry::getVolumePrototype()))
+        return name;
     return "voxel_" + name;
 }
 

@@ -28,7 +28,8 @@ HEXMOLD_API TVL::Object move_object_to_tvl_volume(Tavrel::Object& object);
 
 /// A volume object sharing the components of @p object (nothing is copied; writers extract, which
 /// copies shared components). Null when @p object carries no volume.
-HEXMOLD_API Quillon::Ptr<TVL::Object> shallow_copy_object_to_tvl_volume(Tavrel::Object const& object);
+HEXMOLD_API Quillon::Ptr<TVL::Object>
+shallow_copy_object_to_tvl_volume(Tavrel::Object const& object);
 
 } // namespace Tavrel::Geometry
 

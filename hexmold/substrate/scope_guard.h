@@ -14,7 +14,8 @@ public:
     ScopeGuard& operator=(ScopeGuard const&) = delete;
     ~ScopeGuard()
     {
-        if (mActive) mAction();
+        if (mActive)
+            mAction();
     }
     /// The action will not run.
     void dismiss() { mActive = false; }
@@ -25,6 +26,9 @@ private:
 };
 
 /// `auto guard = onScopeExit([&] { ... });`
-template <typename F> ScopeGuard<F> onScopeExit(F action) { return ScopeGuard<F>(std::move(action)); }
+template <typename F> ScopeGuard<F> onScopeExit(F action)
+{
+    return ScopeGuard<F>(std::move(action));
+}
 
 } // namespace TVL

@@ -33,7 +33,8 @@ public:
 
     Tile()
     {
-        for (int c = 0; c < N; ++c) this->mChild[c] = -1;
+        for (int c = 0; c < N; ++c)
+            this->mChild[c] = -1;
     }
 
     int3 tijk() const { return {this->mTi, this->mTj, this->mTk}; }
@@ -60,13 +61,15 @@ public:
     bool isLeaf() const
     {
         for (int c = 0; c < N; ++c)
-            if (this->mChild[c] >= 0) return false;
+            if (this->mChild[c] >= 0)
+                return false;
         return true;
     }
     /// The local voxel (i, j, k) is not covered by a child.
     bool isLeaf(int i, int j, int k) const
     {
-        return this->mChild[slotNumber(i / kVoxelsPerSlot, j / kVoxelsPerSlot, k / kVoxelsPerSlot)] < 0;
+        return this->mChild[slotNumber(i / kVoxelsPerSlot, j / kVoxelsPerSlot,
+                                       k / kVoxelsPerSlot)] < 0;
     }
     bool isLeaf(int3 const& v) const { return isLeaf(v.x, v.y, v.z); }
     /// The child slot @p slot is empty.
@@ -83,11 +86,17 @@ public:
 
     /// Slot number of slot coordinates (x fastest).
     static constexpr int slotNumber(int i, int j, int k) { return i + kS * (j + kS * k); }
-    static constexpr int3 slotCoordinates(int slot) { return {slot % kS, (slot / kS) % kS, slot / (kS * kS)}; }
+    static constexpr int3 slotCoordinates(int slot)
+    {
+        return {slot % kS, (slot / kS) % kS, slot / (kS * kS)};
+    }
 
     /// Child index in slot (i, j, k) (slot coordinates, i.e. local voxel / kVoxelsPerSlot).
     std::int64_t& childIndex(int i, int j, int k) { return this->mChild[slotNumber(i, j, k)]; }
-    std::int64_t const& childIndex(int i, int j, int k) const { return this->mChild[slotNumber(i, j, k)]; }
+    std::int64_t const& childIndex(int i, int j, int k) const
+    {
+        return this->mChild[slotNumber(i, j, k)];
+    }
     std::int64_t& childIndex(int3 const& s) { return childIndex(s.x, s.y, s.z); }
     std::int64_t const& childIndex(int3 const& s) const { return childIndex(s.x, s.y, s.z); }
     std::int64_t& childIndex(int slot) { return this->mChild[slot]; }
@@ -107,7 +116,8 @@ public:
     /// Corner of the parent tile (the corner snapped to the parent's tile lattice).
     int3 parentIJK() const
     {
-        if (this->mDepth <= 0) return tijk();
+        if (this->mDepth <= 0)
+            return tijk();
         std::int64_t const w = tileVoxelWidth(this->mDepth - 1);
         auto snap = [&](std::int64_t c) {
             std::int64_t const u = c + Traits::kCentreOffset;
@@ -125,7 +135,10 @@ public:
                 static_cast<int>((childCorner.z - std::int64_t(this->mTk)) / w)};
     }
     /// Slot coordinates of @p child.
-    template <typename TileT> int3 childIJK(TileT const& child) const { return childIJK(child.tijk()); }
+    template <typename TileT> int3 childIJK(TileT const& child) const
+    {
+        return childIJK(child.tijk());
+    }
     /// Corner of the child in slot (i, j, k).
     int3 childTIJK(int i, int j, int k) const
     {
@@ -136,7 +149,8 @@ public:
     int3 childTIJK(int3 const& s) const { return childTIJK(s.x, s.y, s.z); }
 
     /// Tile-space coordinates to local data coordinates: (coordinate - corner) / voxelDataWidth.
-    void childDataIJK(std::int64_t i, std::int64_t j, std::int64_t k, int& oi, int& oj, int& ok) const
+    void childDataIJK(std::int64_t i, std::int64_t j, std::int64_t k, int& oi, int& oj,
+                      int& ok) const
     {
         std::int64_t const w = voxelDataWidth();
         oi = static_cast<int>((i - this->mTi) / w);

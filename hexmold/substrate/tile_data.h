@@ -12,15 +12,15 @@
 ///          Instantiated for the 18 element types in the forms (W, H) = (4,0), (5,0), (6,0),
 ///          (4,1), (5,1), (4,2), (5,2), (8,1), (9,0); F is 0 everywhere.
 #pragma once
-#include <hexmold/substrate/contract.h>
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <utility>
 #include <hexmold/export.h>
 #include <hexmold/platform/tavrel/math.h>
+#include <hexmold/substrate/contract.h>
 #include <hexmold/substrate/tile_data_allocator.h>
 #include <hexmold/substrate/type_lists.h>
+#include <utility>
 
 namespace TVL::TileTree3D {
 
@@ -119,7 +119,8 @@ protected:
     }
     void release()
     {
-        if (mOwns) delete mBlock;
+        if (mOwns)
+            delete mBlock;
         mBlock = nullptr;
         mOwns = false;
         mData = nullptr;
@@ -202,7 +203,8 @@ public:
     ///          owner of the elements.
     void set(TileData&& other)
     {
-        if (&other == this || !other.mBlock) return;
+        if (&other == this || !other.mBlock)
+            return;
         if (this->mBlock) {
             *this->mBlock = std::move(*other.mBlock);
             other.mBlock->clear();
@@ -231,7 +233,8 @@ private:
         if constexpr (H == 0) {
             return;
         } else {
-            if (this->mSize != Base::kVoxelCount) return;
+            if (this->mSize != Base::kVoxelCount)
+                return;
             T* d = this->mData;
             for (int k = -H; k < W + H; ++k) {
                 int const ok = (k < 0 || k >= W) ? 1 : 0;
@@ -272,15 +275,18 @@ public:
     /// Makes the block hold @p count elements; new ones are set to @p value.
     void resize(std::size_t count, T const& value)
     {
-        if (!this->mBlock) this->own(0, value);
+        if (!this->mBlock)
+            this->own(0, value);
         this->mBlock->resize(count, value);
         this->refresh();
-        if (mAddedBegin > count) mAddedBegin = count;
+        if (mAddedBegin > count)
+            mAddedBegin = count;
     }
     /// Appends one element.
     void push_back(T const& value)
     {
-        if (!this->mBlock) this->own(0, value);
+        if (!this->mBlock)
+            this->own(0, value);
         this->mBlock->push_back(value);
         this->refresh();
     }

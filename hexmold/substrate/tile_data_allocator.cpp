@@ -28,7 +28,8 @@ void* allocate_jemalloc(std::size_t size, std::size_t alignment)
 {
     std::size_t const align = alignment > kHeader ? alignment : kHeader;
     void* raw = ::operator new(size + align, std::align_val_t(align), std::nothrow);
-    if (!raw) return nullptr;
+    if (!raw)
+        return nullptr;
     auto* user = static_cast<unsigned char*>(raw) + align;
     reinterpret_cast<std::size_t*>(user)[-1] = align;
     return user;
@@ -36,7 +37,8 @@ void* allocate_jemalloc(std::size_t size, std::size_t alignment)
 
 void deallocate_jemalloc(void* pointer)
 {
-    if (!pointer) return;
+    if (!pointer)
+        return;
     auto* user = static_cast<unsigned char*>(pointer);
     std::size_t const align = reinterpret_cast<std::size_t*>(user)[-1];
     ::operator delete(user - align, std::align_val_t(align));
@@ -52,7 +54,8 @@ void* allocate_jemalloc(std::size_t size, std::size_t alignment)
 
 void deallocate_jemalloc(void* pointer)
 {
-    if (pointer) dallocx(pointer, 0);
+    if (pointer)
+        dallocx(pointer, 0);
 }
 
 #endif

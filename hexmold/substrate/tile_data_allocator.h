@@ -9,11 +9,11 @@
 ///          Growing with a value (`resize(n, v)`, `assign`) constructs as usual.
 #pragma once
 #include <cstddef>
+#include <hexmold/export.h>
 #include <limits>
 #include <new>
 #include <utility>
 #include <vector>
-#include <hexmold/export.h>
 
 namespace TVL::TileTree3D {
 
@@ -40,7 +40,8 @@ public:
         if (n > std::numeric_limits<std::size_t>::max() / sizeof(T))
             throw std::bad_array_new_length();
         void* p = allocate_jemalloc(n * sizeof(T), kAlignment);
-        if (!p) throw std::bad_alloc();
+        if (!p)
+            throw std::bad_alloc();
         return static_cast<T*>(p);
     }
     void deallocate(T* p, std::size_t) noexcept { deallocate_jemalloc(p); }

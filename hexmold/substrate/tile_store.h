@@ -5,14 +5,14 @@
 ///          workers add tiles to one scratch tree (under the tree's lock) while others keep
 ///          references to tiles they found earlier.
 #pragma once
-#include <hexmold/substrate/contract.h>
 #include <atomic>
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
+#include <hexmold/substrate/contract.h>
+#include <hexmold/substrate/large_alloc.h>
 #include <new>
 #include <utility>
-#include <hexmold/substrate/large_alloc.h>
 
 namespace TVL::TileTree3D::detail {
 
@@ -26,11 +26,13 @@ public:
     TileStore(TileStore const& o) { *this = o; }
     TileStore& operator=(TileStore const& o)
     {
-        if (this == &o) return *this;
+        if (this == &o)
+            return *this;
         clear();
         std::int64_t n = o.size();
         reserve(n);
-        for (std::int64_t i = 0; i < n; ++i) new (&(*this)[i]) T(o[i]);
+        for (std::int64_t i = 0; i < n; ++i)
+            new (&(*this)[i]) T(o[i]);
         mSize.store(n, std::memory_order_release);
         return *this;
     }
@@ -47,7 +49,8 @@ public:
 
     void swap(TileStore& o) noexcept
     {
-        for (int s = 0; s < kMaxSegments; ++s) std::swap(mSegments[s], o.mSegments[s]);
+        for (int s = 0; s < kMaxSegments; ++s)
+            std::swap(mSegments[s], o.mSegments[s]);
         std::int64_t a = mSize.load(), b = o.mSize.load();
         mSize.store(b);
         o.mSize.store(a);
@@ -67,14 +70,16 @@ public:
     T& operator[](std::int64_t i)
     {
         HEXMOLD_EXPECTS(i >= 0 && i < size());
-        if (i < 0) __builtin_unreachable();
+        if (i < 0)
+            __builtin_unreachable();
         int const s = segmentOf(i);
         return mSegments[s][i - segmentStart(s)];
     }
     T const& operator[](std::int64_t i) const
     {
         HEXMOLD_EXPECTS(i >= 0 && i < size());
-        if (i < 0) __builtin_unreachable();
+        if (i < 0)
+            __builtin_unreachable();
         int const s = segmentOf(i);
         return mSegments[s][i - segmentStart(s)];
     }
@@ -115,8 +120,10 @@ public:
     void truncate(std::int64_t n)
     {
         std::int64_t const old = size();
-        for (std::int64_t i = n; i < old; ++i) (*this)[i].~T();
-        if (n < old) mSize.store(n, std::memory_order_release);
+        for (std::int64_t i = n; i < old; ++i)
+            (*this)[i].~T();
+        if (n < old)
+            mSize.store(n, std::memory_order_release);
     }
 
     void clear()

@@ -3,10 +3,10 @@
 #include <hexmold/substrate/topology.h>
 
 #include <algorithm>
-#include <numeric>
-#include <ostream>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/detail/substrate_log.h>
+#include <numeric>
+#include <ostream>
 
 namespace TVL::TileTree3D {
 
@@ -85,7 +85,8 @@ template <typename TraitsT> void VoxelTopology<TraitsT>::dump(std::ostream& out)
     out << "VoxelTopology '" << name() << "' -> '" << targetName() << "' voxelSize " << mVoxelSize
         << " offsetType " << static_cast<int>(mOffsetType) << " tiles";
     for (int d = 0; d < kDepthCount; ++d)
-        if (mTileCounts[d]) out << ' ' << d << ':' << mTileCounts[d];
+        if (mTileCounts[d])
+            out << ' ' << d << ':' << mTileCounts[d];
     out << '\n';
 }
 
@@ -118,14 +119,16 @@ template <typename TraitsT> std::int64_t VoxelTopology<TraitsT>::tileCount(int d
 {
     if (depth == -1)
         return std::accumulate(mTileCounts.begin(), mTileCounts.end(), std::int64_t(0));
-    if (depth < 0 || depth >= kDepthCount) return 0;
+    if (depth < 0 || depth >= kDepthCount)
+        return 0;
     return mTileCounts[depth];
 }
 
 template <typename TraitsT> int VoxelTopology<TraitsT>::minDepth() const
 {
     for (int d = 0; d < kDepthCount; ++d)
-        if (mTileCounts[d] > 0) return d;
+        if (mTileCounts[d] > 0)
+            return d;
     return 0;
 }
 
@@ -177,7 +180,8 @@ void PointTopology<TraitsT>::updateTilesRemoved(std::span<TileMoveList const> mo
         auto& a = mCounts[d];
         auto const n = static_cast<std::int64_t>(a.size());
         for (auto const& [from, to] : moved[d]) {
-            if (from < 0 || from >= n || to < 0 || to >= n) continue;
+            if (from < 0 || from >= n || to < 0 || to >= n)
+                continue;
             a[static_cast<std::size_t>(to)] = a[static_cast<std::size_t>(from)];
         }
     }
@@ -192,7 +196,8 @@ void PointTopology<TraitsT>::updateTilesPermuted(std::span<TilePermutation const
     for (int d = 0; d < kDepthCount && d < static_cast<int>(permutation.size()); ++d) {
         auto const& p = permutation[d];
         auto& a = mCounts[d];
-        if (p.size() != a.size()) continue;
+        if (p.size() != a.size())
+            continue;
         std::vector<std::uint64_t> b(a.size());
         std::vector<bool> seen(a.size(), false);
         bool ok = true;
@@ -237,7 +242,8 @@ template <typename TraitsT> std::uint64_t PointTopology<TraitsT>::elementCount(i
 {
     std::uint64_t n = 0;
     for (int d = 0; d < kDepthCount; ++d)
-        if (depth == -1 || depth == d) n = std::accumulate(mCounts[d].begin(), mCounts[d].end(), n);
+        if (depth == -1 || depth == d)
+            n = std::accumulate(mCounts[d].begin(), mCounts[d].end(), n);
     return n;
 }
 
@@ -254,14 +260,16 @@ template <typename TraitsT> std::int64_t PointTopology<TraitsT>::tileCount(int d
 {
     std::int64_t n = 0;
     for (int d = 0; d < kDepthCount; ++d)
-        if (depth == -1 || depth == d) n += static_cast<std::int64_t>(mCounts[d].size());
+        if (depth == -1 || depth == d)
+            n += static_cast<std::int64_t>(mCounts[d].size());
     return n;
 }
 
 template <typename TraitsT> int PointTopology<TraitsT>::minDepth() const
 {
     for (int d = 0; d < kDepthCount; ++d)
-        if (!mCounts[d].empty()) return d;
+        if (!mCounts[d].empty())
+            return d;
     return 0;
 }
 

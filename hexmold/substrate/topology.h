@@ -9,9 +9,6 @@
 #pragma once
 #include <array>
 #include <cstdint>
-#include <iosfwd>
-#include <span>
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/string.h>
 #include <hexmold/platform/tavrel/math.h>
@@ -19,6 +16,9 @@
 #include <hexmold/substrate/component.h>
 #include <hexmold/substrate/traits.h>
 #include <hexmold/substrate/tree_index.h>
+#include <iosfwd>
+#include <span>
+#include <vector>
 
 namespace TVL::TileTree3D {
 

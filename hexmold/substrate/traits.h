@@ -15,7 +15,8 @@ namespace detail {
 constexpr std::int64_t ipow(std::int64_t b, int e)
 {
     std::int64_t r = 1;
-    while (e-- > 0) r *= b;
+    while (e-- > 0)
+        r *= b;
     return r;
 }
 } // namespace detail
@@ -23,15 +24,15 @@ constexpr std::int64_t ipow(std::int64_t b, int e)
 template <int Ratio, int TileWidth, int ElementWidth> struct Traits;
 
 template <> struct HEXMOLD_API Traits<2, 4, 1> {
-    static constexpr int kRatio = 2;          ///< children per parent voxel span, per axis
-    static constexpr int kTileWidth = 4;      ///< voxels across a tile
-    static constexpr int kElementWidth = 1;   ///< data elements per voxel along an axis
-    static constexpr int kChildCount = 8;     ///< child slots per tile
-    static constexpr int kSlotsPerAxis = 2;   ///< child slots per axis
-    static constexpr int kVoxelsPerSlot = 2;  ///< parent voxels per child slot along an axis
-    static constexpr int kDepthCount = 29;    ///< depths 0..28
+    static constexpr int kRatio = 2;         ///< children per parent voxel span, per axis
+    static constexpr int kTileWidth = 4;     ///< voxels across a tile
+    static constexpr int kElementWidth = 1;  ///< data elements per voxel along an axis
+    static constexpr int kChildCount = 8;    ///< child slots per tile
+    static constexpr int kSlotsPerAxis = 2;  ///< child slots per axis
+    static constexpr int kVoxelsPerSlot = 2; ///< parent voxels per child slot along an axis
+    static constexpr int kDepthCount = 29;   ///< depths 0..28
     static constexpr int kMaxDepth = 28;
-    static constexpr int kTileSize = 64;      ///< voxels in a tile
+    static constexpr int kTileSize = 64; ///< voxels in a tile
     /// Offset that makes tile coordinates of every depth non-negative: 2^29.
     static constexpr std::int64_t kCentreOffset = std::int64_t(1) << 29;
     /// Width of a tile at depth d in tile-space units: 2^(30-d).
@@ -47,7 +48,7 @@ template <> struct HEXMOLD_API Traits<5, 5, 1> {
     static constexpr int kChildCount = 125;
     static constexpr int kSlotsPerAxis = 5;
     static constexpr int kVoxelsPerSlot = 1;
-    static constexpr int kDepthCount = 13;    ///< depths 0..12
+    static constexpr int kDepthCount = 13; ///< depths 0..12
     static constexpr int kMaxDepth = 12;
     static constexpr int kTileSize = 125;
     /// Offset that makes tile coordinates non-negative: 5^13 / 2, truncated.

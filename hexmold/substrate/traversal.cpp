@@ -10,15 +10,15 @@
 #include <hexmold/substrate/container.h>
 
 #include <algorithm>
-#include <iostream>
-#include <memory>
-#include <vector>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
+#include <iostream>
+#include <memory>
+#include <vector>
 
 namespace TVL::TileTree3D {
 
@@ -57,9 +57,12 @@ Order orderOf(TraversalMode mode)
     case kTraversalDepthRange:
     case kTraversalSubtree:
     case kTraversalClampedRange:
-    case kTraversalCoarsen: return Order::kCoarseToFine;
-    case kTraversalChildrenFirst: return Order::kFineToCoarse;
-    default: return Order::kNone;
+    case kTraversalCoarsen:
+        return Order::kCoarseToFine;
+    case kTraversalChildrenFirst:
+        return Order::kFineToCoarse;
+    default:
+        return Order::kNone;
     }
 }
 
@@ -71,18 +74,21 @@ void selectTiles(C const& c, TraversalMode mode, TreeIndex const& start, int min
     using Traits = typename C::Traits;
     int lo = std::max(minDepth, 0);
     int hi = std::min(maxDepth, Traits::kMaxDepth);
-    if (mode == kTraversalSingleDepth) hi = std::min(hi, lo);
-    if (lo > hi) return;
+    if (mode == kTraversalSingleDepth)
+        hi = std::min(hi, lo);
+    if (lo > hi)
+        return;
     if (start == kNoTile) {
         for (int d = lo; d <= hi; ++d)
-            if (std::int64_t const n = c.tileCount(d); n > 0) out.segments.push_back({d, n, nullptr, 0});
+            if (std::int64_t const n = c.tileCount(d); n > 0)
+                out.segments.push_back({d, n, nullptr, 0});
         out.finish();
         return;
     }
     if (!c.contains(start)) {
         if (CoreGL::Logger::errorVerboseLevel() > 0)
-            std::cerr << "traverse.error: start tile (index " << start.index << ", depth " << start.depth
-                      << ") is not in the tree; nothing visited\n";
+            std::cerr << "traverse.error: start tile (index " << start.index << ", depth "
+                      << start.depth << ") is not in the tree; nothing visited\n";
         return;
     }
     // Breadth first from the start tile, one depth at a time; sorted lists keep memory order.
@@ -91,7 +97,8 @@ void selectTiles(C const& c, TraversalMode mode, TreeIndex const& start, int min
         for (std::int64_t t : out.lists[d]) {
             auto const& tile = c.tile(t, d);
             for (int s = 0; s < Traits::kChildCount; ++s)
-                if (std::int64_t const ch = tile.childIndex(s); ch >= 0) out.lists[d + 1].push_back(ch);
+                if (std::int64_t const ch = tile.childIndex(s); ch >= 0)
+                    out.lists[d + 1].push_back(ch);
         }
         std::sort(out.lists[d + 1].begin(), out.lists[d + 1].end());
     }
@@ -102,7 +109,8 @@ void selectTiles(C const& c, TraversalMode mode, TreeIndex const& start, int min
 }
 
 /// Visits one tile on @p v: beginTile, the voxels (i fastest) when asked, endTile.
-template <typename V, typename TileT> inline void visitTile(V* v, TileT& tile, VisitInteriorVoxelMode voxelMode)
+template <typename V, typename TileT>
+inline void visitTile(V* v, TileT& tile, VisitInteriorVoxelMode voxelMode)
 {
     v->beginTile(tile);
     if (voxelMode == kVisitInteriorVoxelAll) {
@@ -111,7 +119,8 @@ template <typename V, typename TileT> inline void visitTile(V* v, TileT& tile, V
         for (ijk.z = 0; ijk.z < W; ++ijk.z)
             for (ijk.y = 0; ijk.y < W; ++ijk.y)
                 for (ijk.x = 0; ijk.x < W; ++ijk.x)
-                    if (!v->visitInteriorVoxel(tile, ijk)) goto done;
+                    if (!v->visitInteriorVoxel(tile, ijk))
+                        goto done;
     }
 done:
     v->endTile(tile);
@@ -124,11 +133,13 @@ template <typename C, typename V>
 bool visitPositions(C& c, V* v, Segment const* first, Segment const* last, std::int64_t begin,
                     std::int64_t end, VisitInteriorVoxelMode voxelMode)
 {
-    Segment const* s = std::upper_bound(first, last, begin,
-                                        [](std::int64_t p, Segment const& seg) { return p < seg.offset; }) -
-                       1;
+    Segment const* s =
+        std::upper_bound(first, last, begin,
+                         [](std::int64_t p, Segment const& seg) { return p < seg.offset; }) -
+        1;
     for (std::int64_t p = begin; p < end; ++p) {
-        while (p >= s->offset + s->count) ++s;
+        while (p >= s->offset + s->count)
+            ++s;
         if (Quillon::isJobCancelled()) {
             bodyCancelled();
             return false;
@@ -140,18 +151,24 @@ bool visitPositions(C& c, V* v, Segment const* first, Segment const* last, std::
 
 /// Runs the walk over segment groups in the order of the mode: all segments in one construct
 /// when unordered, else one construct per depth. @p run(first, last) runs one construct.
-template <typename Run> void forEachGroup(std::vector<Segment> const& segments, Order order, Run const& run)
+template <typename Run>
+void forEachGroup(std::vector<Segment> const& segments, Order order, Run const& run)
 {
-    if (segments.empty()) return;
+    if (segments.empty())
+        return;
     Segment const* b = segments.data();
     Segment const* e = b + segments.size();
     switch (order) {
-    case Order::kNone: run(b, e); break;
+    case Order::kNone:
+        run(b, e);
+        break;
     case Order::kCoarseToFine:
-        for (Segment const* s = b; s != e; ++s) run(s, s + 1);
+        for (Segment const* s = b; s != e; ++s)
+            run(s, s + 1);
         break;
     case Order::kFineToCoarse:
-        for (Segment const* s = e; s != b; --s) run(s - 1, s);
+        for (Segment const* s = e; s != b; --s)
+            run(s - 1, s);
         break;
     }
 }
@@ -163,8 +180,9 @@ std::int64_t groupSize(Segment const* first, Segment const* last)
 }
 
 template <typename C, typename V>
-void traverseImpl(C& c, V* visitor, TraversalMode mode, TreeIndex const& start, int minDepth, int maxDepth,
-                  std::uint64_t grain, bool parallel, VisitInteriorVoxelMode voxelMode)
+void traverseImpl(C& c, V* visitor, TraversalMode mode, TreeIndex const& start, int minDepth,
+                  int maxDepth, std::uint64_t grain, bool parallel,
+                  VisitInteriorVoxelMode voxelMode)
 {
     TileSelection<typename std::remove_const_t<C>::Traits> sel;
     selectTiles(c, mode, start, minDepth, maxDepth, sel);
@@ -191,9 +209,11 @@ void traverseImpl(C& c, V* visitor, TraversalMode mode, TreeIndex const& start, 
             Parallel::parallel_for(
                 Parallel::blocked_range<std::int64_t>(base, base + n, g),
                 [&](Parallel::blocked_range<std::int64_t> const& r) {
-                    if (bodyCancelled()) return;
+                    if (bodyCancelled())
+                        return;
                     std::unique_ptr<V>& w = workers.local();
-                    if (!w) w.reset(visitor->copy());
+                    if (!w)
+                        w.reset(visitor->copy());
                     visitPositions(c, w.get(), first, last, r.begin(), r.end(), voxelMode);
                 },
                 Parallel::auto_partitioner(), context);
@@ -214,32 +234,36 @@ template <typename C, typename V> struct ReduceBody {
     std::unique_ptr<V> owned;
     V* visitor;
 
-    ReduceBody(C* c, V* v, V const* proto, Segment const* f, Segment const* l, VisitInteriorVoxelMode m)
+    ReduceBody(C* c, V* v, V const* proto, Segment const* f, Segment const* l,
+               VisitInteriorVoxelMode m)
         : container(c), prototype(proto), first(f), last(l), voxelMode(m), visitor(v)
     {
     }
     ReduceBody(ReduceBody& other, Parallel::split)
-        : container(other.container), prototype(other.prototype), first(other.first), last(other.last),
-          voxelMode(other.voxelMode), owned(other.prototype->copy()), visitor(owned.get())
+        : container(other.container), prototype(other.prototype), first(other.first),
+          last(other.last), voxelMode(other.voxelMode), owned(other.prototype->copy()),
+          visitor(owned.get())
     {
     }
     void operator()(Parallel::blocked_range<std::int64_t> const& r)
     {
-        if (bodyCancelled()) return;
+        if (bodyCancelled())
+            return;
         visitPositions(*container, visitor, first, last, r.begin(), r.end(), voxelMode);
     }
     void join(ReduceBody& right) { visitor->join(*right.visitor); }
 };
 
 template <typename C, typename V>
-void reduceImpl(C& c, V* visitor, TraversalMode mode, TreeIndex const& start, int minDepth, int maxDepth,
-                std::uint64_t grain, VisitInteriorVoxelMode voxelMode)
+void reduceImpl(C& c, V* visitor, TraversalMode mode, TreeIndex const& start, int minDepth,
+                int maxDepth, std::uint64_t grain, VisitInteriorVoxelMode voxelMode)
 {
     TileSelection<typename std::remove_const_t<C>::Traits> sel;
     selectTiles(c, mode, start, minDepth, maxDepth, sel);
     visitor->beginTraverse();
     std::unique_ptr<V> prototype;
-    if (sel.total > 0) prototype.reset(visitor->copy());
+    if (sel.total > 0)
+        prototype.reset(visitor->copy());
     std::int64_t const g = static_cast<std::int64_t>(std::max<std::uint64_t>(grain, 1));
     forEachGroup(sel.segments, orderOf(mode), [&](Segment const* first, Segment const* last) {
         std::int64_t const base = first->offset;
@@ -247,8 +271,8 @@ void reduceImpl(C& c, V* visitor, TraversalMode mode, TreeIndex const& start, in
         ReduceBody<C, V> body(&c, visitor, prototype.get(), first, last, voxelMode);
         Parallel::task_group_context context;
         Parallel::isolate([&] {
-            Parallel::parallel_reduce(Parallel::blocked_range<std::int64_t>(base, base + n, g), body,
-                                      Parallel::auto_partitioner(), context);
+            Parallel::parallel_reduce(Parallel::blocked_range<std::int64_t>(base, base + n, g),
+                                      body, Parallel::auto_partitioner(), context);
         });
         throwIfJobCancelled();
     });
@@ -259,8 +283,9 @@ void reduceImpl(C& c, V* visitor, TraversalMode mode, TreeIndex const& start, in
 
 template <typename TraitsT>
 void Container<TraitsT>::traverseInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode,
-                                                    TreeIndex const& start, int minDepth, int maxDepth,
-                                                    std::uint64_t grain, bool parallel, int, int,
+                                                    TreeIndex const& start, int minDepth,
+                                                    int maxDepth, std::uint64_t grain,
+                                                    bool parallel, int, int,
                                                     VisitInteriorVoxelMode voxelMode, int) const
 {
     traverseImpl(*this, visitor, mode, start, minDepth, maxDepth, grain, parallel, voxelMode);
@@ -268,8 +293,9 @@ void Container<TraitsT>::traverseInternalNonInlined(Visitor<Container>* visitor,
 
 template <typename TraitsT>
 void Container<TraitsT>::traverseInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode,
-                                                    TreeIndex const& start, int minDepth, int maxDepth,
-                                                    std::uint64_t grain, bool parallel, int, int,
+                                                    TreeIndex const& start, int minDepth,
+                                                    int maxDepth, std::uint64_t grain,
+                                                    bool parallel, int, int,
                                                     VisitInteriorVoxelMode voxelMode, int)
 {
     traverseImpl(*this, visitor, mode, start, minDepth, maxDepth, grain, parallel, voxelMode);
@@ -277,8 +303,8 @@ void Container<TraitsT>::traverseInternalNonInlined(Visitor<Container>* visitor,
 
 template <typename TraitsT>
 void Container<TraitsT>::reduceInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode,
-                                                  TreeIndex const& start, int minDepth, int maxDepth,
-                                                  std::uint64_t grain, int, int,
+                                                  TreeIndex const& start, int minDepth,
+                                                  int maxDepth, std::uint64_t grain, int, int,
                                                   VisitInteriorVoxelMode voxelMode) const
 {
     reduceImpl(*this, visitor, mode, start, minDepth, maxDepth, grain, voxelMode);
@@ -286,28 +312,26 @@ void Container<TraitsT>::reduceInternalNonInlined(Visitor<Container>* visitor, T
 
 template <typename TraitsT>
 void Container<TraitsT>::reduceInternalNonInlined(Visitor<Container>* visitor, TraversalMode mode,
-                                                  TreeIndex const& start, int minDepth, int maxDepth,
-                                                  std::uint64_t grain, int, int,
+                                                  TreeIndex const& start, int minDepth,
+                                                  int maxDepth, std::uint64_t grain, int, int,
                                                   VisitInteriorVoxelMode voxelMode)
 {
     reduceImpl(*this, visitor, mode, start, minDepth, maxDepth, grain, voxelMode);
 }
 
 #define HEXMOLD_INSTANTIATE_WALKS(TR)                                                              \
-    template void Container<TR>::traverseInternalNonInlined(Visitor<Container<TR>>*, TraversalMode,  \
-                                                            TreeIndex const&, int, int, std::uint64_t, \
-                                                            bool, int, int, VisitInteriorVoxelMode,  \
-                                                            int) const;                              \
-    template void Container<TR>::traverseInternalNonInlined(Visitor<Container<TR>>*, TraversalMode,  \
-                                                            TreeIndex const&, int, int, std::uint64_t, \
-                                                            bool, int, int, VisitInteriorVoxelMode,  \
-                                                            int);                                    \
-    template void Container<TR>::reduceInternalNonInlined(Visitor<Container<TR>>*, TraversalMode,    \
-                                                          TreeIndex const&, int, int, std::uint64_t, \
-                                                          int, int, VisitInteriorVoxelMode) const;   \
-    template void Container<TR>::reduceInternalNonInlined(Visitor<Container<TR>>*, TraversalMode,    \
-                                                          TreeIndex const&, int, int, std::uint64_t, \
-                                                          int, int, VisitInteriorVoxelMode);
+    template void Container<TR>::traverseInternalNonInlined(                                       \
+        Visitor<Container<TR>>*, TraversalMode, TreeIndex const&, int, int, std::uint64_t, bool,   \
+        int, int, VisitInteriorVoxelMode, int) const;                                              \
+    template void Container<TR>::traverseInternalNonInlined(                                       \
+        Visitor<Container<TR>>*, TraversalMode, TreeIndex const&, int, int, std::uint64_t, bool,   \
+        int, int, VisitInteriorVoxelMode, int);                                                    \
+    template void Container<TR>::reduceInternalNonInlined(                                         \
+        Visitor<Container<TR>>*, TraversalMode, TreeIndex const&, int, int, std::uint64_t, int,    \
+        int, VisitInteriorVoxelMode) const;                                                        \
+    template void Container<TR>::reduceInternalNonInlined(                                         \
+        Visitor<Container<TR>>*, TraversalMode, TreeIndex const&, int, int, std::uint64_t, int,    \
+        int, VisitInteriorVoxelMode);
 HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_WALKS)
 #undef HEXMOLD_INSTANTIATE_WALKS
 

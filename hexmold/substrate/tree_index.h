@@ -20,7 +20,8 @@ struct TreeIndex {
     friend constexpr bool operator==(TreeIndex const&, TreeIndex const&) = default;
     friend constexpr auto operator<=>(TreeIndex const& a, TreeIndex const& b)
     {
-        if (auto c = a.depth <=> b.depth; c != 0) return c;
+        if (auto c = a.depth <=> b.depth; c != 0)
+            return c;
         return a.index <=> b.index;
     }
 };
@@ -35,9 +36,12 @@ struct VoxelCoord {
     friend constexpr bool operator==(VoxelCoord const&, VoxelCoord const&) = default;
     friend constexpr auto operator<=>(VoxelCoord const& a, VoxelCoord const& b)
     {
-        if (auto c = a.depth <=> b.depth; c != 0) return c;
-        if (auto c = a.k <=> b.k; c != 0) return c;
-        if (auto c = a.j <=> b.j; c != 0) return c;
+        if (auto c = a.depth <=> b.depth; c != 0)
+            return c;
+        if (auto c = a.k <=> b.k; c != 0)
+            return c;
+        if (auto c = a.j <=> b.j; c != 0)
+            return c;
         return a.i <=> b.i;
     }
 };
@@ -58,9 +62,18 @@ constexpr NeighborDirection neighborDirection(int dx, int dy, int dz)
 {
     return static_cast<NeighborDirection>(13 + 9 * dx + 3 * dy + dz);
 }
-constexpr int neighborDx(int dir) { return dir / 9 - 1; }
-constexpr int neighborDy(int dir) { return (dir / 3) % 3 - 1; }
-constexpr int neighborDz(int dir) { return dir % 3 - 1; }
+constexpr int neighborDx(int dir)
+{
+    return dir / 9 - 1;
+}
+constexpr int neighborDy(int dir)
+{
+    return (dir / 3) % 3 - 1;
+}
+constexpr int neighborDz(int dir)
+{
+    return dir % 3 - 1;
+}
 
 } // namespace TVL::TileTree3D
 

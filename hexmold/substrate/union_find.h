@@ -8,29 +8,34 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
+#include <hexmold/substrate/parallel.h>
 #include <memory>
 #include <utility>
-#include <hexmold/substrate/parallel.h>
 
 namespace TVL::TileTree3D {
 
 class UnionFind {
 public:
     /// Ids 0 to @p n - 1, each its own set (initialised in parallel).
-    explicit UnionFind(std::int64_t n) : mParent(new std::atomic<std::int64_t>[std::size_t(n)]), mSize(n)
+    explicit UnionFind(std::int64_t n)
+        : mParent(new std::atomic<std::int64_t>[std::size_t(n)]), mSize(n)
     {
-        TVL::Parallel::parallel_for(TVL::Parallel::blocked_range<std::int64_t>(0, n, 1 << 16), [&](auto const& r) {
-            for (std::int64_t i = r.begin(); i != r.end(); ++i) mParent[i].store(i, std::memory_order_relaxed);
-        });
+        TVL::Parallel::parallel_for(TVL::Parallel::blocked_range<std::int64_t>(0, n, 1 << 16),
+                                    [&](auto const& r) {
+                                        for (std::int64_t i = r.begin(); i != r.end(); ++i)
+                                            mParent[i].store(i, std::memory_order_relaxed);
+                                    });
     }
     /// The root of @p x's set.
     std::int64_t find(std::int64_t x) const
     {
         for (;;) {
             std::int64_t p = mParent[x].load(std::memory_order_acquire);
-            if (p == x) return x;
+            if (p == x)
+                return x;
             std::int64_t const g = mParent[p].load(std::memory_order_acquire);
-            if (g != p) mParent[x].compare_exchange_weak(p, g, std::memory_order_acq_rel);
+            if (g != p)
+                mParent[x].compare_exchange_weak(p, g, std::memory_order_acq_rel);
             x = g;
         }
     }
@@ -40,10 +45,13 @@ public:
         for (;;) {
             a = find(a);
             b = find(b);
-            if (a == b) return;
-            if (a > b) std::swap(a, b);
+            if (a == b)
+                return;
+            if (a > b)
+                std::swap(a, b);
             std::int64_t expected = b;
-            if (mParent[b].compare_exchange_strong(expected, a, std::memory_order_acq_rel)) return;
+            if (mParent[b].compare_exchange_strong(expected, a, std::memory_order_acq_rel))
+                return;
         }
     }
     std::int64_t size() const { return mSize; }

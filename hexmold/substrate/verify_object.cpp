@@ -2,8 +2,8 @@
 /// @brief Object structure checks and channel name tests.
 #include <hexmold/substrate/verify_object.h>
 
-#include <iostream>
 #include <hexmold/logging/logger.h>
+#include <iostream>
 
 namespace CoreGL {
 
@@ -11,7 +11,8 @@ namespace {
 
 void error(Quillon::StringView text)
 {
-    if (Logger::errorVerboseLevel() > 0) std::cerr << text << '\n';
+    if (Logger::errorVerboseLevel() > 0)
+        std::cerr << text << '\n';
 }
 
 void debug(Quillon::StringView text)
@@ -32,7 +33,8 @@ bool verifyObject(TVL::Object const& object, Quillon::String const& topologyName
                   Quillon::String const& containerName)
 {
     bool const verbose = Logger::verboseLevel() > 2;
-    if (verbose) debug("verifyObject.begin");
+    if (verbose)
+        debug("verifyObject.begin");
     bool success = true;
 
     Quillon::Ptr<TVL::Component> container = object.component(containerName);
@@ -54,7 +56,8 @@ bool verifyObject(TVL::Object const& object, Quillon::String const& topologyName
             success = false;
         }
         for (Quillon::String const& name : object.componentRange()) {
-            if (name == containerName || name == topologyName) continue;
+            if (name == containerName || name == topologyName)
+                continue;
             if (object.component(name)->targetName() != topology->name()) {
                 error("verifyObject.error: channel '" + name + "' is not a target of topology");
                 success = false;

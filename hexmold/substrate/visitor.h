@@ -14,13 +14,13 @@
 ///          writes a channel must not read the neighbours' blocks of that same channel.
 #pragma once
 #include <cstdint>
-#include <type_traits>
 #include <hexmold/export.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/tile.h>
 #include <hexmold/substrate/traversal_mode.h>
 #include <hexmold/substrate/tree_index.h>
+#include <type_traits>
 
 namespace TVL::TileTree3D {
 
@@ -106,7 +106,8 @@ class MyVisitor final : public Visitor<ContainerT> {
 
 public:
     MyVisitor(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4, L5 const& l5, bool flag)
-        : mBeginTraverse(l1), mEndTraverse(l2), mBeginTile(l3), mEndTile(l4), mVisitVoxel(l5), mFlag(flag)
+        : mBeginTraverse(l1), mEndTraverse(l2), mBeginTile(l3), mEndTile(l4), mVisitVoxel(l5),
+          mFlag(flag)
     {
     }
     using Base::beginTile;
@@ -121,7 +122,10 @@ public:
         mEndTile(tile);
         this->setTileFlag(mFlag);
     }
-    bool visitInteriorVoxel(TileRef tile, int3 const& ijk) override { return callVoxel(mVisitVoxel, tile, ijk); }
+    bool visitInteriorVoxel(TileRef tile, int3 const& ijk) override
+    {
+        return callVoxel(mVisitVoxel, tile, ijk);
+    }
     Base* copy() const override { return new MyVisitor(*this); }
 
 private:
@@ -141,10 +145,10 @@ class MyReduceVisitor final : public Visitor<ContainerT> {
     using Base = Visitor<ContainerT>;
 
 public:
-    MyReduceVisitor(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4, L5 const& l5, LJ const& lj,
-                    T const& initial)
-        : mBeginTraverse(l1), mEndTraverse(l2), mBeginTile(l3), mEndTile(l4), mVisitVoxel(l5), mJoin(lj),
-          mValue(initial)
+    MyReduceVisitor(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4, L5 const& l5,
+                    LJ const& lj, T const& initial)
+        : mBeginTraverse(l1), mEndTraverse(l2), mBeginTile(l3), mEndTile(l4), mVisitVoxel(l5),
+          mJoin(lj), mValue(initial)
     {
     }
     using Base::beginTile;
@@ -159,7 +163,10 @@ public:
     {
         return callVoxel(mVisitVoxel, tile, ijk, mValue);
     }
-    void join(Base const& other) override { mJoin(mValue, static_cast<MyReduceVisitor const&>(other).mValue); }
+    void join(Base const& other) override
+    {
+        mJoin(mValue, static_cast<MyReduceVisitor const&>(other).mValue);
+    }
     Base* copy() const override { return new MyReduceVisitor(*this); }
 
     T const& value() const { return mValue; }
@@ -180,20 +187,23 @@ private:
 
 template <typename TraitsT>
 template <typename L1, typename L2, typename L3, typename L4, typename L5>
-void Container<TraitsT>::traverse(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4, L5 const& l5,
-                                  TraversalMode mode, TreeIndex const& start, int minDepth, int maxDepth,
-                                  std::uint64_t grain, bool parallel, int a, int b, bool flag, int c) const
+void Container<TraitsT>::traverse(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4,
+                                  L5 const& l5, TraversalMode mode, TreeIndex const& start,
+                                  int minDepth, int maxDepth, std::uint64_t grain, bool parallel,
+                                  int a, int b, bool flag, int c) const
 {
-    detail::MyVisitor<Container, TileType const&, L1, L2, L3, L4, L5> visitor(l1, l2, l3, l4, l5, flag);
+    detail::MyVisitor<Container, TileType const&, L1, L2, L3, L4, L5> visitor(l1, l2, l3, l4, l5,
+                                                                              flag);
     traverseInternalNonInlined(&visitor, mode, start, minDepth, maxDepth, grain, parallel, a, b,
                                detail::voxelModeOf<L5>(), c);
 }
 
 template <typename TraitsT>
 template <typename L1, typename L2, typename L3, typename L4, typename L5>
-void Container<TraitsT>::traverse(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4, L5 const& l5,
-                                  TraversalMode mode, TreeIndex const& start, int minDepth, int maxDepth,
-                                  std::uint64_t grain, bool parallel, int a, int b, bool flag, int c)
+void Container<TraitsT>::traverse(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4,
+                                  L5 const& l5, TraversalMode mode, TreeIndex const& start,
+                                  int minDepth, int maxDepth, std::uint64_t grain, bool parallel,
+                                  int a, int b, bool flag, int c)
 {
     detail::MyVisitor<Container, TileType&, L1, L2, L3, L4, L5> visitor(l1, l2, l3, l4, l5, flag);
     traverseInternalNonInlined(&visitor, mode, start, minDepth, maxDepth, grain, parallel, a, b,
@@ -202,64 +212,73 @@ void Container<TraitsT>::traverse(L1 const& l1, L2 const& l2, L3 const& l3, L4 c
 
 template <typename TraitsT>
 template <typename T, typename L1, typename L2, typename L3, typename L4, typename L5, typename LJ>
-void Container<TraitsT>::reduce(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4, L5 const& l5,
-                                LJ const& lj, T& io_value, TraversalMode mode, TreeIndex const& start,
-                                int minDepth, int maxDepth, std::uint64_t grain, int a, int b) const
+void Container<TraitsT>::reduce(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4,
+                                L5 const& l5, LJ const& lj, T& io_value, TraversalMode mode,
+                                TreeIndex const& start, int minDepth, int maxDepth,
+                                std::uint64_t grain, int a, int b) const
 {
-    detail::MyReduceVisitor<Container, TileType const&, T, L1, L2, L3, L4, L5, LJ> visitor(l1, l2, l3, l4, l5,
-                                                                                          lj, io_value);
-    reduceInternalNonInlined(&visitor, mode, start, minDepth, maxDepth, grain, a, b, detail::voxelModeOf<L5>());
+    detail::MyReduceVisitor<Container, TileType const&, T, L1, L2, L3, L4, L5, LJ> visitor(
+        l1, l2, l3, l4, l5, lj, io_value);
+    reduceInternalNonInlined(&visitor, mode, start, minDepth, maxDepth, grain, a, b,
+                             detail::voxelModeOf<L5>());
     io_value = visitor.value();
 }
 
 template <typename TraitsT>
 template <typename T, typename L1, typename L2, typename L3, typename L4, typename L5, typename LJ>
-void Container<TraitsT>::reduce(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4, L5 const& l5,
-                                LJ const& lj, T& io_value, TraversalMode mode, TreeIndex const& start,
-                                int minDepth, int maxDepth, std::uint64_t grain, int a, int b)
+void Container<TraitsT>::reduce(L1 const& l1, L2 const& l2, L3 const& l3, L4 const& l4,
+                                L5 const& l5, LJ const& lj, T& io_value, TraversalMode mode,
+                                TreeIndex const& start, int minDepth, int maxDepth,
+                                std::uint64_t grain, int a, int b)
 {
-    detail::MyReduceVisitor<Container, TileType&, T, L1, L2, L3, L4, L5, LJ> visitor(l1, l2, l3, l4, l5, lj,
-                                                                                    io_value);
-    reduceInternalNonInlined(&visitor, mode, start, minDepth, maxDepth, grain, a, b, detail::voxelModeOf<L5>());
+    detail::MyReduceVisitor<Container, TileType&, T, L1, L2, L3, L4, L5, LJ> visitor(
+        l1, l2, l3, l4, l5, lj, io_value);
+    reduceInternalNonInlined(&visitor, mode, start, minDepth, maxDepth, grain, a, b,
+                             detail::voxelModeOf<L5>());
     io_value = visitor.value();
 }
 
 template <typename TraitsT>
 template <typename L>
 void Container<TraitsT>::traverseVoxels(L const& voxel, TraversalMode mode, TreeIndex const& start,
-                                        int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a,
-                                        int b, bool flag, int c) const
+                                        int minDepth, int maxDepth, std::uint64_t grain,
+                                        bool parallel, int a, int b, bool flag, int c) const
 {
     detail::Dummy const none;
-    traverse(none, none, none, none, voxel, mode, start, minDepth, maxDepth, grain, parallel, a, b, flag, c);
+    traverse(none, none, none, none, voxel, mode, start, minDepth, maxDepth, grain, parallel, a, b,
+             flag, c);
 }
 
 template <typename TraitsT>
 template <typename L>
 void Container<TraitsT>::traverseVoxels(L const& voxel, TraversalMode mode, TreeIndex const& start,
-                                        int minDepth, int maxDepth, std::uint64_t grain, bool parallel, int a,
-                                        int b, bool flag, int c)
+                                        int minDepth, int maxDepth, std::uint64_t grain,
+                                        bool parallel, int a, int b, bool flag, int c)
 {
     detail::Dummy const none;
-    traverse(none, none, none, none, voxel, mode, start, minDepth, maxDepth, grain, parallel, a, b, flag, c);
+    traverse(none, none, none, none, voxel, mode, start, minDepth, maxDepth, grain, parallel, a, b,
+             flag, c);
 }
 
 template <typename TraitsT>
 template <typename T, typename L, typename LJ>
-void Container<TraitsT>::reduceVoxels(L const& voxel, LJ const& join, T& io_value, TraversalMode mode,
-                                      TreeIndex const& start, int minDepth, int maxDepth, std::uint64_t grain,
-                                      int a, int b) const
+void Container<TraitsT>::reduceVoxels(L const& voxel, LJ const& join, T& io_value,
+                                      TraversalMode mode, TreeIndex const& start, int minDepth,
+                                      int maxDepth, std::uint64_t grain, int a, int b) const
 {
     detail::Dummy const none;
-    reduce(none, none, none, none, voxel, join, io_value, mode, start, minDepth, maxDepth, grain, a, b);
+    reduce(none, none, none, none, voxel, join, io_value, mode, start, minDepth, maxDepth, grain, a,
+           b);
 }
 
 template <typename TraitsT>
 template <typename T, typename L>
-void Container<TraitsT>::reduceVoxels(L const& voxel, T& io_value, TraversalMode mode, TreeIndex const& start,
-                                      int minDepth, int maxDepth, std::uint64_t grain, int a, int b) const
+void Container<TraitsT>::reduceVoxels(L const& voxel, T& io_value, TraversalMode mode,
+                                      TreeIndex const& start, int minDepth, int maxDepth,
+                                      std::uint64_t grain, int a, int b) const
 {
-    reduceVoxels(voxel, detail::PlusAssign{}, io_value, mode, start, minDepth, maxDepth, grain, a, b);
+    reduceVoxels(voxel, detail::PlusAssign{}, io_value, mode, start, minDepth, maxDepth, grain, a,
+                 b);
 }
 
 } // namespace TVL::TileTree3D

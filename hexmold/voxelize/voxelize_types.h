@@ -21,9 +21,9 @@ enum Adaptivity : int {
 /// @brief A world-space box that asks for a resolution: seven 4-byte words.
 /// @details The target depth is the deepest depth minus @p level.
 struct ResolutionField {
-    float min[3];        ///< world minimum corner
-    float max[3];        ///< world maximum corner
-    std::int32_t level;  ///< depths above the deepest; 0 asks for the finest voxels
+    float min[3];       ///< world minimum corner
+    float max[3];       ///< world maximum corner
+    std::int32_t level; ///< depths above the deepest; 0 asks for the finest voxels
 };
 static_assert(sizeof(ResolutionField) == 28, "a resolution field is seven 4-byte words");
 

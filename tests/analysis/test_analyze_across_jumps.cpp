@@ -3,23 +3,24 @@
 // field. The rim at a jump is interpolated from the coarse voxels, so linear data are exact there.
 #include <gtest/gtest.h>
 
+#include "support/analysis_scene.h"
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <limits>
 #include <hexmold/analysis/analyze.h>
 #include <hexmold/analysis/grade_tile_tree.h>
-#include "support/analysis_scene.h"
+#include <limits>
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D;
 using namespace VolumeGL::TileTree3D::Analyze;
-using testscene::Scene;
 using Tavrel::Math::Vec3;
+using testscene::Scene;
 
 namespace {
 
-template <typename P> class AnalyzeAcrossJumps : public ::testing::Test {};
+template <typename P> class AnalyzeAcrossJumps : public ::testing::Test {
+};
 template <typename Tr, typename S> struct Case {
     using Traits = Tr;
     using Scalar = S;
@@ -29,7 +30,8 @@ using Cases = ::testing::Types<Case<Traits24, float>, Case<Traits55, float>, Cas
 struct CaseNames {
     template <typename C> static std::string GetName(int)
     {
-        return std::string(std::is_same_v<typename C::Traits, Traits24> ? "Traits24_" : "Traits55_") +
+        return std::string(std::is_same_v<typename C::Traits, Traits24> ? "Traits24_"
+                                                                        : "Traits55_") +
                (std::is_same_v<typename C::Scalar, float> ? "float" : "double");
     }
 };
@@ -45,7 +47,8 @@ enum class Shape { kSphere, kTorus };
 /// Exact signed distance (world units) of the shape, centred on the origin, torus axis z.
 double shapeDistance(Shape shape, double x, double y, double z, double sphereRadius = kSphereRadius)
 {
-    if (shape == Shape::kSphere) return std::sqrt(x * x + y * y + z * z) - sphereRadius * kVoxel;
+    if (shape == Shape::kSphere)
+        return std::sqrt(x * x + y * y + z * z) - sphereRadius * kVoxel;
     double const q = std::sqrt(x * x + y * y) - kTorusMajor * kVoxel;
     return std::sqrt(q * q + z * z) - kTorusMinor * kVoxel;
 }
@@ -62,8 +65,10 @@ Scene<Tr> gradedScene(Shape shape, double bandTiles = 1.0, double sphereRadius =
         testtrees::refineWhere<Tr>(c, Tr::kMaxDepth, [&](int3 const& corner, int depth) {
             double const w = double(Container<Tr>::tileVoxelWidth(depth));
             double const cx = corner.x + 0.5 * w, cy = corner.y + 0.5 * w, cz = corner.z + 0.5 * w;
-            double const lower =
-                std::abs(shapeDistance(shape, cx * kVoxel, cy * kVoxel, cz * kVoxel, sphereRadius)) / kVoxel - 0.5 * std::sqrt(3.0) * w;
+            double const lower = std::abs(shapeDistance(shape, cx * kVoxel, cy * kVoxel,
+                                                        cz * kVoxel, sphereRadius)) /
+                                     kVoxel -
+                                 0.5 * std::sqrt(3.0) * w;
             return lower <= bandTiles * w;
         });
         CoreGL::TileTree3D::gradeTileTree<Tr>(c, nullptr, nullptr, 0, Tr::kMaxDepth);
@@ -82,7 +87,8 @@ struct StencilPlace {
 
 /// @p fn(value, h, centre, place) for every voxel of every depth of channel @p name; @p reach 1 is
 /// the six axis neighbours, 2 adds the in-plane diagonals.
-template <typename T, typename Tr, typename F> void forEachVoxelPlace(Scene<Tr> const& s, char const* name, int reach, F const& fn)
+template <typename T, typename Tr, typename F>
+void forEachVoxelPlace(Scene<Tr> const& s, char const* name, int reach, F const& fn)
 {
     constexpr int W = Tr::kTileWidth;
     auto const& ch = s.template channel<T>(name);
@@ -102,17 +108,20 @@ template <typename T, typename Tr, typename F> void forEachVoxelPlace(Scene<Tr> 
                             for (int b = -1; b <= 1; ++b)
                                 for (int e = -1; e <= 1; ++e) {
                                     int const n = (a != 0) + (b != 0) + (e != 0);
-                                    if (n == 0 || n > reach || n == 3) continue;
-                                    auto const& there = acc.tile(tile.ti() + (i + a) * w, tile.tj() + (j + b) * w,
-                                                                 tile.tk() + (k + e) * w, d);
+                                    if (n == 0 || n > reach || n == 3)
+                                        continue;
+                                    auto const& there =
+                                        acc.tile(tile.ti() + (i + a) * w, tile.tj() + (j + b) * w,
+                                                 tile.tk() + (k + e) * w, d);
                                     if (!there.valid()) {
                                         place.covered = false;
                                         continue;
                                     }
                                     if (there.depth() < d) {
                                         place.jump = true;
-                                        place.coarseRatio = std::max(
-                                            place.coarseRatio, double(there.voxelDataWidth()) / double(w));
+                                        place.coarseRatio =
+                                            std::max(place.coarseRatio,
+                                                     double(there.voxelDataWidth()) / double(w));
                                         place.coarseNeighbours += n == 1;
                                     }
                                 }
@@ -139,16 +148,21 @@ TYPED_TEST(AnalyzeAcrossJumps, GradientOfALinearFieldIsExactAtEveryVoxel)
         s.template addScalar<S>("phi", f, false);
         ASSERT_TRUE(analyze<GradientOperator>("phi", "", false, *s.object));
         std::int64_t checked = 0, atJumps = 0;
-        forEachVoxelPlace<Vec3<S>>(s, "phi_gradient", 1, [&](auto const& g, double h, auto const& p, StencilPlace const& at) {
-            if (!at.covered) return;
-            double const mag = 4.0 * (std::abs(p.x) + std::abs(p.y) + std::abs(p.z) + 3.0 * at.coarseRatio * h) + 1.0;
-            double const tol = roundingTol<S>(mag, h);
-            EXPECT_NEAR(g.x, 0.5, tol) << "jump " << at.jump;
-            EXPECT_NEAR(g.y, -1.25, tol) << "jump " << at.jump;
-            EXPECT_NEAR(g.z, 2.0, tol) << "jump " << at.jump;
-            ++checked;
-            atJumps += at.jump;
-        });
+        forEachVoxelPlace<Vec3<S>>(
+            s, "phi_gradient", 1,
+            [&](auto const& g, double h, auto const& p, StencilPlace const& at) {
+                if (!at.covered)
+                    return;
+                double const mag = 4.0 * (std::abs(p.x) + std::abs(p.y) + std::abs(p.z) +
+                                          3.0 * at.coarseRatio * h) +
+                                   1.0;
+                double const tol = roundingTol<S>(mag, h);
+                EXPECT_NEAR(g.x, 0.5, tol) << "jump " << at.jump;
+                EXPECT_NEAR(g.y, -1.25, tol) << "jump " << at.jump;
+                EXPECT_NEAR(g.z, 2.0, tol) << "jump " << at.jump;
+                ++checked;
+                atJumps += at.jump;
+            });
         EXPECT_GT(checked, 1000);
         EXPECT_GT(atJumps, 200);
     }
@@ -167,26 +181,34 @@ TYPED_TEST(AnalyzeAcrossJumps, LaplacianOfAQuadraticIsExactAwayFromJumpsAndBound
     using S = typename TypeParam::Scalar;
     for (Shape shape : {Shape::kSphere, Shape::kTorus}) {
         auto s = gradedScene<Tr>(shape);
-        auto f = [](double x, double y, double z) { return x * x + 2 * y * y + 3 * z * z - x + 0.1; };
+        auto f = [](double x, double y, double z) {
+            return x * x + 2 * y * y + 3 * z * z - x + 0.1;
+        };
         s.template addScalar<S>("q", f, false);
         ASSERT_TRUE(analyze<LaplacianOperator>("q", "", false, *s.object));
         std::int64_t away = 0, atJumps = 0;
         double worstAtJumps = 0;
-        forEachVoxelPlace<S>(s, "q_laplacian", 1, [&](S const& v, double h, auto const& p, StencilPlace const& at) {
-            if (!at.covered) return;
-            double const mag = 3.0 * (p.x * p.x + p.y * p.y + p.z * p.z) + 12.0 * h * h + std::abs(p.x) + h + 1.0;
-            double const rounding = 4.0 * roundingTol<S>(mag * at.coarseRatio * at.coarseRatio, h * h);
-            if (!at.jump) {
-                EXPECT_NEAR(v, 12.0, rounding);
-                ++away;
-                return;
-            }
-            double const r2 = double(Tr::kRatio) * double(Tr::kRatio);
-            double const bound = at.coarseNeighbours * at.coarseRatio * at.coarseRatio * (1.0 + r2) / 4.0 * 6.0;
-            EXPECT_NEAR(v, 12.0, bound + rounding);
-            worstAtJumps = std::max(worstAtJumps, std::abs(double(v) - 12.0) / std::max(bound, 1e-30));
-            ++atJumps;
-        });
+        forEachVoxelPlace<S>(
+            s, "q_laplacian", 1, [&](S const& v, double h, auto const& p, StencilPlace const& at) {
+                if (!at.covered)
+                    return;
+                double const mag = 3.0 * (p.x * p.x + p.y * p.y + p.z * p.z) + 12.0 * h * h +
+                                   std::abs(p.x) + h + 1.0;
+                double const rounding =
+                    4.0 * roundingTol<S>(mag * at.coarseRatio * at.coarseRatio, h * h);
+                if (!at.jump) {
+                    EXPECT_NEAR(v, 12.0, rounding);
+                    ++away;
+                    return;
+                }
+                double const r2 = double(Tr::kRatio) * double(Tr::kRatio);
+                double const bound =
+                    at.coarseNeighbours * at.coarseRatio * at.coarseRatio * (1.0 + r2) / 4.0 * 6.0;
+                EXPECT_NEAR(v, 12.0, bound + rounding);
+                worstAtJumps =
+                    std::max(worstAtJumps, std::abs(double(v) - 12.0) / std::max(bound, 1e-30));
+                ++atJumps;
+            });
         EXPECT_GT(away, 1000);
         EXPECT_GT(atJumps, 200);
         std::printf("    %s: worst Laplacian error at jumps %.3f of the bound (%lld voxels)\n",
@@ -209,34 +231,47 @@ template <typename Tr, typename S> SphereErrors sphereErrors(double bandTiles, d
     auto s = gradedScene<Tr>(Shape::kSphere, bandTiles, radius);
     double const r = radius * kVoxel;
     s.template addScalar<S>(
-        "d", [radius](double x, double y, double z) { return shapeDistance(Shape::kSphere, x, y, z, radius); }, false);
+        "d",
+        [radius](double x, double y, double z) {
+            return shapeDistance(Shape::kSphere, x, y, z, radius);
+        },
+        false);
     SphereErrors out;
     auto nearSurface = [r](double h, auto const& p) {
         double const len = std::sqrt(p.x * p.x + p.y * p.y + p.z * p.z);
         return std::abs(len - r) <= 2.0 * h && h < 1.01 * kVoxel;
     };
     EXPECT_TRUE(analyze<GradientOperator>("d", "", false, *s.object));
-    forEachVoxelPlace<Vec3<S>>(s, "d_gradient", 1, [&](auto const& g, double h, auto const& p, StencilPlace const& at) {
-        if (!at.covered || !nearSurface(h, p)) return;
-        double const e = std::abs(std::sqrt(double(g.x) * g.x + double(g.y) * g.y + double(g.z) * g.z) - 1.0);
-        out.gradient = std::max(out.gradient, e);
-        if (at.jump) out.gradientAtJumps = std::max(out.gradientAtJumps, e);
-        ++out.near;
-        out.atJumps += at.jump;
-    });
+    forEachVoxelPlace<Vec3<S>>(
+        s, "d_gradient", 1, [&](auto const& g, double h, auto const& p, StencilPlace const& at) {
+            if (!at.covered || !nearSurface(h, p))
+                return;
+            double const e = std::abs(
+                std::sqrt(double(g.x) * g.x + double(g.y) * g.y + double(g.z) * g.z) - 1.0);
+            out.gradient = std::max(out.gradient, e);
+            if (at.jump)
+                out.gradientAtJumps = std::max(out.gradientAtJumps, e);
+            ++out.near;
+            out.atJumps += at.jump;
+        });
     s.object->removeComponent("d_gradient");
     EXPECT_TRUE(analyze<MeanCurvatureOperator>("d", "", false, *s.object));
-    forEachVoxelPlace<S>(s, "d_gradient", 2, [&](S const& v, double h, auto const& p, StencilPlace const& at) {
-        if (!at.covered || !nearSurface(h, p)) return;
-        double const len = std::sqrt(p.x * p.x + p.y * p.y + p.z * p.z);
-        double const e = std::abs(double(v) * len - 1.0); // the level set through p has radius len
-        out.curvature = std::max(out.curvature, e);
-        if (at.jump) out.curvatureAtJumps = std::max(out.curvatureAtJumps, e);
-    });
-    std::printf("    band %.0f tiles: %lld voxels near the surface (%lld at jumps): max relative error |gradient| "
+    forEachVoxelPlace<S>(
+        s, "d_gradient", 2, [&](S const& v, double h, auto const& p, StencilPlace const& at) {
+            if (!at.covered || !nearSurface(h, p))
+                return;
+            double const len = std::sqrt(p.x * p.x + p.y * p.y + p.z * p.z);
+            double const e =
+                std::abs(double(v) * len - 1.0); // the level set through p has radius len
+            out.curvature = std::max(out.curvature, e);
+            if (at.jump)
+                out.curvatureAtJumps = std::max(out.curvatureAtJumps, e);
+        });
+    std::printf("    band %.0f tiles: %lld voxels near the surface (%lld at jumps): max relative "
+                "error |gradient| "
                 "%.4f (at jumps %.4f), mean curvature %.4f (at jumps %.4f)\n",
-                bandTiles, (long long)out.near, (long long)out.atJumps, out.gradient, out.gradientAtJumps,
-                out.curvature, out.curvatureAtJumps);
+                bandTiles, (long long)out.near, (long long)out.atJumps, out.gradient,
+                out.gradientAtJumps, out.curvature, out.curvatureAtJumps);
     return out;
 }
 
@@ -246,8 +281,8 @@ TYPED_TEST(AnalyzeAcrossJumps, SphereDistanceNearTheSurfaceHasUnitGradientAndIts
 {
     using Tr = typename TypeParam::Traits;
     using S = typename TypeParam::Scalar;
-    constexpr double kGradientTol = 0.05;  // relative error of |gradient|
-    constexpr double kCurvatureTol = 0.1;  // relative error of the mean curvature
+    constexpr double kGradientTol = 0.05; // relative error of |gradient|
+    constexpr double kCurvatureTol = 0.1; // relative error of the mean curvature
     SphereErrors const e = sphereErrors<Tr, S>(1.0, kSphereRadius);
     EXPECT_GT(e.near, 1000);
     EXPECT_LE(e.gradient, kGradientTol);
@@ -265,7 +300,8 @@ TYPED_TEST(AnalyzeAcrossJumps, SphereDistanceGradientStaysUnitAcrossJumpsNextToT
     using Tr = typename TypeParam::Traits;
     using S = typename TypeParam::Scalar;
     constexpr double kGradientTol = 0.05;
-    constexpr double kCurvatureAtJumpsTol = 0.25 * Tr::kRatio * Tr::kRatio; // relative, per the above
+    constexpr double kCurvatureAtJumpsTol =
+        0.25 * Tr::kRatio * Tr::kRatio; // relative, per the above
     double const radius = (std::is_same_v<Tr, Traits55> ? 3.5 : 2.0) * kSphereRadius;
     SphereErrors const e = sphereErrors<Tr, S>(0.0, radius);
     EXPECT_GT(e.atJumps, 1000);

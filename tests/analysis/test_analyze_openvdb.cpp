@@ -2,9 +2,9 @@
 // on a uniform band around a sphere (OpenVDB is an independent oracle here; skipped when absent).
 #include <gtest/gtest.h>
 
+#include "support/analysis_scene.h"
 #include <cmath>
 #include <hexmold/analysis/analyze.h>
-#include "support/analysis_scene.h"
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -17,7 +17,8 @@ using Tavrel::Math::Vec3;
 
 namespace {
 
-template <typename Tr> class AnalyzeOracle : public ::testing::Test {};
+template <typename Tr> class AnalyzeOracle : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
     template <typename T> static std::string GetName(int)
@@ -41,8 +42,9 @@ TYPED_TEST(AnalyzeOracle, AgreesWithOpenVDBOnAUniformBand)
     testscene::Scene<Tr> s(kVoxel);
     s.buildUniformBand(kRadius, 3.0);
     double const r = kRadius * kVoxel;
-    s.template addScalar<float>("d", [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
-                                false);
+    s.template addScalar<float>(
+        "d", [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
+        false);
     ASSERT_TRUE(analyze<Analyze::GradientOperator>("d", "", false, *s.object));
     ASSERT_TRUE(analyze<Analyze::LaplacianOperator>("d", "", false, *s.object));
     // The mean curvature output takes the gradient's name: keep the gradient under another name.
@@ -65,7 +67,8 @@ TYPED_TEST(AnalyzeOracle, AgreesWithOpenVDBOnAUniformBand)
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i)
-                        acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k), td(i, j, k));
+                        acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k),
+                                       td(i, j, k));
         }
     }
     auto const vGrad = openvdb::tools::gradient(*grid);
@@ -95,7 +98,8 @@ TYPED_TEST(AnalyzeOracle, AgreesWithOpenVDBOnAUniformBand)
                             for (int e = -1; e <= 1 && inside; ++e)
                                 if ((a != 0) + (b != 0) + (e != 0) <= 2)
                                     inside = active.isValueOn(ijk.offsetBy(a, b, e));
-                    if (!inside) continue;
+                    if (!inside)
+                        continue;
                     auto const vg = gAcc.getValue(ijk);
                     // Rounding of float differences of values up to ~3 voxels, over one voxel.
                     float const tolG = 1e-5f;
@@ -103,7 +107,8 @@ TYPED_TEST(AnalyzeOracle, AgreesWithOpenVDBOnAUniformBand)
                     EXPECT_NEAR(g(i, j, k).y, vg.y(), tolG);
                     EXPECT_NEAR(g(i, j, k).z, vg.z(), tolG);
                     EXPECT_NEAR(l(i, j, k), lAcc.getValue(ijk), 1e-5f / kVoxel);
-                    EXPECT_NEAR(c(i, j, k), cAcc.getValue(ijk), 1e-4f * std::abs(cAcc.getValue(ijk)) + 1e-4f);
+                    EXPECT_NEAR(c(i, j, k), cAcc.getValue(ijk),
+                                1e-4f * std::abs(cAcc.getValue(ijk)) + 1e-4f);
                     ++compared;
                 }
     }

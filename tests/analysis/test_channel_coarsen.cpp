@@ -7,17 +7,14 @@
 // levelSetCoarsen's lists and box, bad input, determinism, cancellation and the exports.
 #include <gtest/gtest.h>
 
+#include "support/analysis_scene.h"
+#include "support/linked.h"
+#include "support/trees.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <limits>
-#include <random>
-#include <set>
-#include <stdexcept>
-#include <string>
-#include <vector>
 #include <hexmold/analysis/channel_coarsen.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
@@ -27,9 +24,12 @@
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/scene_conversion.h>
-#include "support/analysis_scene.h"
-#include "support/trees.h"
-#include "support/linked.h"
+#include <limits>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 using VolumeGL::TileTree3D::channelCoarsen;
@@ -41,17 +41,22 @@ using Key = testtrees::TileKey;
 using testtrees::tileSet;
 namespace G = Tavrel::Geometry;
 
-template <typename Tr> class ChannelCoarsen : public ::testing::Test {};
-template <typename Tr> class LevelSetCoarsen : public ::testing::Test {};
+template <typename Tr> class ChannelCoarsen : public ::testing::Test {
+};
+template <typename Tr> class LevelSetCoarsen : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(ChannelCoarsen, TraitsTypes, TraitsNames);
 TYPED_TEST_SUITE(LevelSetCoarsen, TraitsTypes, TraitsNames);
 
-constexpr float kVoxel = 0.25f;  ///< finest voxel, world units
-constexpr double kRadius = 6.0;  ///< sphere radius, finest voxels
+constexpr float kVoxel = 0.25f; ///< finest voxel, world units
+constexpr double kRadius = 6.0; ///< sphere radius, finest voxels
 /// Rounding of a linear field in double precision at positions up to ~1e8 world units (the
 /// coarsest voxels of the tree lie that far out): a few ulps of values of that size.
 constexpr double kLinearTol = 1e-6;
@@ -91,7 +96,8 @@ template <typename Tr, typename T> struct Model {
             for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
                 auto const td = ch.tileData(t, d);
                 std::vector<double> v(std::size_t(W) * W * W);
-                for (int n = 0; n < W * W * W; ++n) v[n] = double(td(std::size_t(n)));
+                for (int n = 0; n < W * W * W; ++n)
+                    v[n] = double(td(std::size_t(n)));
                 values[d].push_back(std::move(v));
             }
         for (int d = Tr::kMaxDepth - 1; d >= 0; --d)
@@ -101,14 +107,17 @@ template <typename Tr, typename T> struct Model {
                     for (int j = 0; j < W; ++j)
                         for (int i = 0; i < W; ++i) {
                             std::int64_t const c = tile.childIndex(i / VPS, j / VPS, k / VPS);
-                            if (c < 0) continue;
+                            if (c < 0)
+                                continue;
                             double sum = 0.0;
                             for (int qk = 0; qk < R; ++qk)
                                 for (int qj = 0; qj < R; ++qj)
                                     for (int qi = 0; qi < R; ++qi)
-                                        sum += values[d + 1][c][at((i % VPS) * R + qi, (j % VPS) * R + qj,
-                                                                   (k % VPS) * R + qk)];
-                            values[d][t][at(i, j, k)] = double(static_cast<T>(sum / double(R * R * R)));
+                                        sum += values[d + 1][c]
+                                                     [at((i % VPS) * R + qi, (j % VPS) * R + qj,
+                                                         (k % VPS) * R + qk)];
+                            values[d][t][at(i, j, k)] =
+                                double(static_cast<T>(sum / double(R * R * R)));
                         }
             }
     }
@@ -133,11 +142,15 @@ template <typename Tr, typename T> struct Model {
         }
         auto v = [&](int x, int y, int z) { return parentSample(d - 1, parent.index(), x, y, z); };
         auto lerp = [](double a, double b, double t) { return a + t * (b - a); };
-        double const y0 = lerp(lerp(v(0 + cell[0], cell[1], cell[2]), v(1 + cell[0], cell[1], cell[2]), f[0]),
-                               lerp(v(cell[0], 1 + cell[1], cell[2]), v(1 + cell[0], 1 + cell[1], cell[2]), f[0]), f[1]);
+        double const y0 =
+            lerp(lerp(v(0 + cell[0], cell[1], cell[2]), v(1 + cell[0], cell[1], cell[2]), f[0]),
+                 lerp(v(cell[0], 1 + cell[1], cell[2]), v(1 + cell[0], 1 + cell[1], cell[2]), f[0]),
+                 f[1]);
         double const y1 =
             lerp(lerp(v(cell[0], cell[1], 1 + cell[2]), v(1 + cell[0], cell[1], 1 + cell[2]), f[0]),
-                 lerp(v(cell[0], 1 + cell[1], 1 + cell[2]), v(1 + cell[0], 1 + cell[1], 1 + cell[2]), f[0]), f[1]);
+                 lerp(v(cell[0], 1 + cell[1], 1 + cell[2]),
+                      v(1 + cell[0], 1 + cell[1], 1 + cell[2]), f[0]),
+                 f[1]);
         double const diff = lerp(y0, y1, f[2]) - values[d][c][at(i, j, k)];
         return diff * diff;
     }
@@ -149,7 +162,9 @@ template <typename Tr, typename T> struct Model {
         std::int64_t const w = Tr::tileVoxelWidth(d);
         for (std::int64_t n = 0; n < tree.tileCount(d); ++n) {
             auto const& o = tree.tile(n, d);
-            if (o.ti() == tile.ti() + dx * w && o.tj() == tile.tj() + dy * w && o.tk() == tile.tk() + dz * w) return n;
+            if (o.ti() == tile.ti() + dx * w && o.tj() == tile.tj() + dy * w &&
+                o.tk() == tile.tk() + dz * w)
+                return n;
         }
         return -1;
     }
@@ -161,25 +176,31 @@ template <typename Tr, typename T> struct Model {
     {
         int const p[3] = {x, y, z};
         int s[3];
-        for (int a = 0; a < 3; ++a) s[a] = p[a] < 0 ? -1 : p[a] >= W ? 1 : 0;
-        if (s[0] == 0 && s[1] == 0 && s[2] == 0) return values[d][t][at(x, y, z)];
+        for (int a = 0; a < 3; ++a)
+            s[a] = p[a] < 0 ? -1 : p[a] >= W ? 1 : 0;
+        if (s[0] == 0 && s[1] == 0 && s[2] == 0)
+            return values[d][t][at(x, y, z)];
         std::int64_t const n = neighbour(d, t, s[0], s[1], s[2]);
-        if (n >= 0) return values[d][n][at(x - s[0] * W, y - s[1] * W, z - s[2] * W)];
+        if (n >= 0)
+            return values[d][n][at(x - s[0] * W, y - s[1] * W, z - s[2] * W)];
         // The last axis that leaves the tile is extended, from samples that may leave it on the
         // earlier axes only.
         int axis = 2;
-        while (s[axis] == 0) --axis;
+        while (s[axis] == 0)
+            --axis;
         int q0[3] = {x, y, z}, q1[3] = {x, y, z};
         q0[axis] = s[axis] < 0 ? 0 : W - 1;
         q1[axis] = s[axis] < 0 ? 1 : W - 2;
-        return 2.0 * parentSample(d, t, q0[0], q0[1], q0[2]) - parentSample(d, t, q1[0], q1[1], q1[2]);
+        return 2.0 * parentSample(d, t, q0[0], q0[1], q0[2]) -
+               parentSample(d, t, q1[0], q1[1], q1[2]);
     }
     double maxErrorSquared(int d, std::int64_t c) const
     {
         double m = 0.0;
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
-                for (int i = 0; i < W; ++i) m = std::max(m, errorSquared(d, c, i, j, k));
+                for (int i = 0; i < W; ++i)
+                    m = std::max(m, errorSquared(d, c, i, j, k));
         return m;
     }
 
@@ -197,7 +218,8 @@ template <typename Tr, typename T> struct Model {
             for (std::int64_t t = 0; t < tree.tileCount(d); ++t)
                 for (int s = 0; s < Tr::kChildCount; ++s) {
                     std::int64_t const c = tree.tile(t, d).childIndex(s);
-                    if (c < 0) continue;
+                    if (c < 0)
+                        continue;
                     if (minDetailSize > double(Tr::voxelDataWidth(d + 1)) * double(float(h))) {
                         removed[d + 1][c] = 1;
                         continue;
@@ -220,10 +242,12 @@ template <typename Tr, typename T> struct Model {
             removed[d].assign(std::size_t(tree.tileCount(d)), 0);
             double const limit = bandWidth * (inVoxels ? double(Tr::voxelDataWidth(d)) : 1.0);
             for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
-                for (double v : values[d][t]) flag[d][t] = flag[d][t] || std::abs(v) < limit;
+                for (double v : values[d][t])
+                    flag[d][t] = flag[d][t] || std::abs(v) < limit;
                 for (int s = 0; s < Tr::kChildCount && d < Tr::kMaxDepth; ++s) {
                     std::int64_t const c = tree.tile(t, d).childIndex(s);
-                    if (c >= 0 && flag[d + 1][c]) flag[d][t] = 1;
+                    if (c >= 0 && flag[d + 1][c])
+                        flag[d][t] = 1;
                 }
                 removed[d][t] = !flag[d][t];
             }
@@ -237,14 +261,16 @@ template <typename Tr, typename T> struct Model {
         std::vector<std::vector<std::int64_t>> lists(29);
         for (int d = 1; d <= Tr::kMaxDepth; ++d)
             for (std::int64_t c = 0; c < tree.tileCount(d); ++c)
-                if (maxErrorSquared(d, c) <= squared(tol)) lists[d].push_back(c);
+                if (maxErrorSquared(d, c) <= squared(tol))
+                    lists[d].push_back(c);
         return lists;
     }
 
     /// Largest side, in finest voxels, of the box of the voxels whose value is not positive.
     std::int64_t interiorSide() const
     {
-        std::int64_t lo[3] = {INT64_MAX, INT64_MAX, INT64_MAX}, hi[3] = {INT64_MIN, INT64_MIN, INT64_MIN};
+        std::int64_t lo[3] = {INT64_MAX, INT64_MAX, INT64_MAX},
+                     hi[3] = {INT64_MIN, INT64_MIN, INT64_MIN};
         for (int d = 0; d <= Tr::kMaxDepth; ++d)
             for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
                 auto const& tile = tree.tile(t, d);
@@ -252,15 +278,18 @@ template <typename Tr, typename T> struct Model {
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
                         for (int i = 0; i < W; ++i) {
-                            if (values[d][t][at(i, j, k)] > 0.0) continue;
-                            std::int64_t const c[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
+                            if (values[d][t][at(i, j, k)] > 0.0)
+                                continue;
+                            std::int64_t const c[3] = {tile.ti() + i * w, tile.tj() + j * w,
+                                                       tile.tk() + k * w};
                             for (int a = 0; a < 3; ++a) {
                                 lo[a] = std::min(lo[a], c[a]);
                                 hi[a] = std::max(hi[a], c[a] + w);
                             }
                         }
             }
-        if (lo[0] > hi[0]) return 0;
+        if (lo[0] > hi[0])
+            return 0;
         return std::max({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]});
     }
 
@@ -271,8 +300,10 @@ private:
         for (int d = 0; d <= Tr::kMaxDepth; ++d)
             for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
                 auto const& tile = tree.tile(t, d);
-                if (d > 0 && removed[d - 1][tile.parent()]) removed[d][t] = 1;
-                if (!removed[d][t]) out.emplace(d, tile.ti(), tile.tj(), tile.tk());
+                if (d > 0 && removed[d - 1][tile.parent()])
+                    removed[d][t] = 1;
+                if (!removed[d][t])
+                    out.emplace(d, tile.ti(), tile.tj(), tile.tk());
             }
         return out;
     }
@@ -285,16 +316,17 @@ void expectSameTiles(std::set<Key> const& got, std::set<Key> const& expected)
     int shown = 0;
     for (Key const& k : expected)
         if (!got.count(k) && shown++ < 5)
-            ADD_FAILURE() << "missing " << std::get<0>(k) << " " << std::get<1>(k) << " " << std::get<2>(k) << " "
-                          << std::get<3>(k);
+            ADD_FAILURE() << "missing " << std::get<0>(k) << " " << std::get<1>(k) << " "
+                          << std::get<2>(k) << " " << std::get<3>(k);
     for (Key const& k : got)
         if (!expected.count(k) && shown++ < 10)
-            ADD_FAILURE() << "extra " << std::get<0>(k) << " " << std::get<1>(k) << " " << std::get<2>(k) << " "
-                          << std::get<3>(k);
+            ADD_FAILURE() << "extra " << std::get<0>(k) << " " << std::get<1>(k) << " "
+                          << std::get<2>(k) << " " << std::get<3>(k);
 }
 
 /// The topology and the channels named follow the tree.
-template <typename Tr> void expectInStep(TVL::Object const& o, std::vector<char const*> const& floatChannels)
+template <typename Tr>
+void expectInStep(TVL::Object const& o, std::vector<char const*> const& floatChannels)
 {
     auto const& tree = treeOf<Tr>(o);
     auto const& topology = *o.component<VoxelTopology<Tr>>(G::sVoxelComp);
@@ -308,7 +340,10 @@ template <typename Tr> void expectInStep(TVL::Object const& o, std::vector<char 
     }
 }
 
-double bump(double x, double y, double z) { return 1.0 / (1.0 + (x * x + y * y + z * z) / 4.0); }
+double bump(double x, double y, double z)
+{
+    return 1.0 / (1.0 + (x * x + y * y + z * z) / 4.0);
+}
 
 /// A float channel "bump" and the sphere's distance "phi" on the sphere tree.
 template <typename Tr> testscene::Scene<Tr> bumpScene()
@@ -316,8 +351,9 @@ template <typename Tr> testscene::Scene<Tr> bumpScene()
     auto s = sphereScene<Tr>();
     s.template addScalar<float>("bump", bump, false);
     double const r = kRadius * kVoxel;
-    s.template addScalar<float>("phi", [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
-                                false);
+    s.template addScalar<float>(
+        "phi", [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
+        false);
     return s;
 }
 
@@ -327,9 +363,11 @@ TYPED_TEST(ChannelCoarsen, LinearFieldCoarsensAwayCompletely)
 {
     using Tr = TypeParam;
     auto s = sphereScene<Tr>();
-    s.template addScalar<double>("ramp", [](double x, double y, double z) { return 0.3 * x - 0.2 * y + 0.1 * z + 2.0; },
-                                 false);
-    s.template addScalar<float>("other", [](double, double, double) { return 1.0; }, false);
+    s.template addScalar<double>(
+        "ramp", [](double x, double y, double z) { return 0.3 * x - 0.2 * y + 0.1 * z + 2.0; },
+        false);
+    s.template addScalar<float>(
+        "other", [](double, double, double) { return 1.0; }, false);
     ASSERT_GT(s.tree().tileCount(Tr::kMaxDepth), 0);
     EXPECT_TRUE(channelCoarsen("ramp", 0.0f, float(kLinearTol), false, 0.0f, *s.object, "test."));
     auto const& tree = treeOf<Tr>(*s.object);
@@ -389,8 +427,10 @@ TYPED_TEST(ChannelCoarsen, RemovedTilesAreReproducedByTheirParentsWithinTheToler
     for (int d = 1; d <= Tr::kMaxDepth; ++d)
         for (std::int64_t c = 0; c < model.tree.tileCount(d); ++c) {
             auto const& tile = model.tree.tile(c, d);
-            if (after.count(Key{d, tile.ti(), tile.tj(), tile.tk()})) continue;
-            EXPECT_LE(std::sqrt(model.maxErrorSquared(d, c)), kTol + kMeanSlack) << "depth " << d << " tile " << c;
+            if (after.count(Key{d, tile.ti(), tile.tj(), tile.tk()}))
+                continue;
+            EXPECT_LE(std::sqrt(model.maxErrorSquared(d, c)), kTol + kMeanSlack)
+                << "depth " << d << " tile " << c;
             ++checked;
         }
     EXPECT_EQ(checked, before.size() - after.size());
@@ -402,7 +442,8 @@ TYPED_TEST(ChannelCoarsen, ZeroErrorRemovesOnlyChildrenTheParentReproducesExactl
 {
     using Tr = TypeParam;
     auto s = sphereScene<Tr>();
-    s.template addScalar<float>("flat", [](double, double, double) { return 3.0; }, false);
+    s.template addScalar<float>(
+        "flat", [](double, double, double) { return 3.0; }, false);
     {
         // One finest voxel differs.
         auto flat = s.object->template component<VoxelChannel<Tr, float>>("flat");
@@ -419,7 +460,8 @@ TYPED_TEST(ChannelCoarsen, ZeroErrorRemovesOnlyChildrenTheParentReproducesExactl
     for (int d = 1; d <= Tr::kMaxDepth; ++d)
         for (std::int64_t c = 0; c < model.tree.tileCount(d); ++c) {
             auto const& tile = model.tree.tile(c, d);
-            if (!after.count(Key{d, tile.ti(), tile.tj(), tile.tk()})) EXPECT_EQ(model.maxErrorSquared(d, c), 0.0);
+            if (!after.count(Key{d, tile.ti(), tile.tj(), tile.tk()}))
+                EXPECT_EQ(model.maxErrorSquared(d, c), 0.0);
         }
     expectSameTiles(after, model.afterTest(0.0, 0.0));
 }
@@ -461,8 +503,9 @@ TYPED_TEST(ChannelCoarsen, BandDropsExactlyTheTilesOutsideTheBand)
     EXPECT_LT(after.size(), before.size());
     expectSameTiles(after, model.afterBand(kBand, false));
     expectInStep<Tr>(*s.object, {"bump", "phi"});
-    for (char const* line : {"isSDF = 0", "Num Voxels before coarsening based on narrow band width = ",
-                             "Removing ", " tiles at depth 0", "numVoxels after pruning = "})
+    for (char const* line :
+         {"isSDF = 0", "Num Voxels before coarsening based on narrow band width = ", "Removing ",
+          " tiles at depth 0", "numVoxels after pruning = "})
         EXPECT_NE(out.find(line), std::string::npos) << line;
 }
 
@@ -471,15 +514,16 @@ TYPED_TEST(ChannelCoarsen, BandCountsTileVoxelsForTheSignedDistance)
     using Tr = TypeParam;
     auto s = sphereScene<Tr>();
     double const r = kRadius * kVoxel;
-    s.template addScalar<float>(G::sVoxelSignedDistance.c_str(),
-                                [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
-                                false);
+    s.template addScalar<float>(
+        G::sVoxelSignedDistance.c_str(),
+        [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; }, false);
     constexpr double kBand = 0.1; // the limit is 0.1 times the tile's voxel width in finest voxels
     Model<Tr, float> const model(s, G::sVoxelSignedDistance.c_str());
     int const saved = CoreGL::Logger::verboseLevel();
     CoreGL::Logger::setVerboseLevel(2);
     ::testing::internal::CaptureStdout();
-    bool const done = channelCoarsen(G::sVoxelSignedDistance, 0.0f, -1.0f, false, float(kBand), *s.object, "test.");
+    bool const done = channelCoarsen(G::sVoxelSignedDistance, 0.0f, -1.0f, false, float(kBand),
+                                     *s.object, "test.");
     std::string const out = ::testing::internal::GetCapturedStdout();
     CoreGL::Logger::setVerboseLevel(saved);
     EXPECT_TRUE(done);
@@ -499,7 +543,8 @@ TYPED_TEST(ChannelCoarsen, StoredErrorIsTheRootOfTheErrorOfEveryRemainingTestedC
     EXPECT_TRUE(channelCoarsen("bump", 0.0f, float(kTol), true, 0.0f, *s.object, "test."));
     expectInStep<Tr>(*s.object, {"bump", "phi", G::sVoxelSamplingError.c_str()});
     auto const& tree = treeOf<Tr>(*s.object);
-    auto const error = s.object->template component<VoxelChannel<Tr, float>>(G::sVoxelSamplingError);
+    auto const error =
+        s.object->template component<VoxelChannel<Tr, float>>(G::sVoxelSamplingError);
     ASSERT_TRUE(error);
     // Tiles keep their order in a removal: match the survivors to the model's tiles by corner.
     std::size_t checked = 0;
@@ -507,7 +552,8 @@ TYPED_TEST(ChannelCoarsen, StoredErrorIsTheRootOfTheErrorOfEveryRemainingTestedC
         std::int64_t m = 0;
         for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
             auto const& tile = tree.tile(t, d);
-            while (model.tree.tile(m, d).tijk() != tile.tijk()) ++m;
+            while (model.tree.tile(m, d).tijk() != tile.tijk())
+                ++m;
             auto const e = error->tileData(t, d);
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
@@ -519,7 +565,8 @@ TYPED_TEST(ChannelCoarsen, StoredErrorIsTheRootOfTheErrorOfEveryRemainingTestedC
         }
     }
     EXPECT_GT(checked, 0u);
-    for (float v : error->tileData(0, 0)) EXPECT_EQ(v, 0.0f);
+    for (float v : error->tileData(0, 0))
+        EXPECT_EQ(v, 0.0f);
 }
 
 TYPED_TEST(ChannelCoarsen, OneAndAllThreadsGiveTheSameTilesAndBits)
@@ -528,7 +575,8 @@ TYPED_TEST(ChannelCoarsen, OneAndAllThreadsGiveTheSameTilesAndBits)
     auto a = bumpScene<Tr>();
     auto b = bumpScene<Tr>();
     {
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
         EXPECT_TRUE(channelCoarsen("bump", 0.0f, 0.01f, true, 0.2f, *a.object, "test."));
     }
     EXPECT_TRUE(channelCoarsen("bump", 0.0f, 0.01f, true, 0.2f, *b.object, "test."));
@@ -555,7 +603,8 @@ namespace {
 std::atomic<int> gCoarsenTimerReports{0};
 void countCoarsenTimer(Quillon::StringView name, double)
 {
-    if (name == "test.coarsen") ++gCoarsenTimerReports;
+    if (name == "test.coarsen")
+        ++gCoarsenTimerReports;
 }
 } // namespace
 
@@ -577,14 +626,16 @@ TYPED_TEST(ChannelCoarsen, CancellationThrowsAndLeavesTheObjectUsable)
         thrown = true;
         EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
     }
-    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    double const seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     Quillon::clearJobCancellation();
     CoreGL::Logger::setTimerObserver(nullptr);
     EXPECT_TRUE(thrown);
     EXPECT_LT(seconds, 5.0);
     EXPECT_EQ(gCoarsenTimerReports.load(), 1); // the stage timer ends while unwinding too
     // Every component is back, in step with the tree, and a later call runs as on a fresh object.
-    for (auto const& name : names) EXPECT_TRUE(s.object->hasComponentFromName(name)) << name;
+    for (auto const& name : names)
+        EXPECT_TRUE(s.object->hasComponentFromName(name)) << name;
     expectSameTiles(tileSet(treeOf<Tr>(*s.object)), before);
     expectInStep<Tr>(*s.object, {"bump", "phi"});
     EXPECT_TRUE(channelCoarsen("bump", 0.0f, 0.01f, true, 0.2f, *s.object, "test."));
@@ -598,7 +649,8 @@ TYPED_TEST(ChannelCoarsen, GeometryObjectFormMovesTheVolumeInAndBack)
     auto s = bumpScene<Tr>();
     auto reference = bumpScene<Tr>();
     EXPECT_TRUE(channelCoarsen("bump", 0.0f, 0.01f, false, 0.0f, *reference.object, "test."));
-    auto geometry = Quillon::MutablePtr<Tavrel::Object>(new Tavrel::Object(G::move_tvl_volume_to_object(*s.object)));
+    auto geometry = Quillon::MutablePtr<Tavrel::Object>(
+        new Tavrel::Object(G::move_tvl_volume_to_object(*s.object)));
     geometry->setProperty("note", Quillon::Any(3));
     EXPECT_TRUE(channelCoarsen("bump", 0.0f, 0.01f, false, 0.0f, geometry, "test."));
     EXPECT_TRUE(geometry->hasProperty("note"));
@@ -616,7 +668,8 @@ TYPED_TEST(LevelSetCoarsen, ListsHoldExactlyTheChildrenTheirParentsReproduce)
     // A box side that puts the tolerance between the errors of the middle two children.
     std::vector<double> errors;
     for (int d = 1; d <= Tr::kMaxDepth; ++d)
-        for (std::int64_t c = 0; c < model.tree.tileCount(d); ++c) errors.push_back(std::sqrt(model.maxErrorSquared(d, c)));
+        for (std::int64_t c = 0; c < model.tree.tileCount(d); ++c)
+            errors.push_back(std::sqrt(model.maxErrorSquared(d, c)));
     std::sort(errors.begin(), errors.end());
     ASSERT_GT(errors.size(), 2u);
     double const middle = 0.5 * (errors[errors.size() / 2] + errors[errors.size() / 2 + 1]);
@@ -633,20 +686,22 @@ TYPED_TEST(LevelSetCoarsen, ListsHoldExactlyTheChildrenTheirParentsReproduce)
     std::string const out = ::testing::internal::GetCapturedStdout();
     CoreGL::Logger::setVerboseLevel(saved);
     ASSERT_EQ(lists.size(), 29u);
-    auto const expected = model.reproducedChildren(double(kRelative) * double(kVoxel) * double(kSide));
+    auto const expected =
+        model.reproducedChildren(double(kRelative) * double(kVoxel) * double(kSide));
     std::size_t listed = 0, total = 0;
     for (int d = 0; d < 29; ++d) {
         EXPECT_EQ(lists[d], expected[d]) << "depth " << d;
         EXPECT_TRUE(std::is_sorted(lists[d].begin(), lists[d].end()));
         listed += lists[d].size();
     }
-    for (int d = 1; d <= Tr::kMaxDepth; ++d) total += std::size_t(tree->tileCount(d));
+    for (int d = 1; d <= Tr::kMaxDepth; ++d)
+        total += std::size_t(tree->tileCount(d));
     EXPECT_GT(listed, 0u);
     EXPECT_LT(listed, total);
     EXPECT_EQ(tileSet(*tree), before); // nothing is removed here
-    for (char const* line : {"levelset_coarsen.begin", "in_voxelSize = 0.25", "in_maxRelativeError = 0.01",
-                             "in_bboxMaxSideLength = ", "Num Voxels before adaptive coarsening = ",
-                             "levelset_coarsen.end"})
+    for (char const* line : {"levelset_coarsen.begin", "in_voxelSize = 0.25",
+                             "in_maxRelativeError = 0.01", "in_bboxMaxSideLength = ",
+                             "Num Voxels before adaptive coarsening = ", "levelset_coarsen.end"})
         EXPECT_NE(out.find(line), std::string::npos) << line;
 }
 
@@ -695,7 +750,8 @@ TYPED_TEST(LevelSetCoarsen, ErrorChannelReceivesTheRootOfTheErrorOfEveryChild)
     constexpr int W = Tr::kTileWidth;
     auto s = bumpScene<Tr>();
     Model<Tr, float> const model(s, "phi");
-    VoxelChannel<Tr, float> error("error", nullptr, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
+    VoxelChannel<Tr, float> error("error", nullptr, kDataElementInitializerDefaultValue, false,
+                                  true, 0, Tr::kMaxDepth);
     error.update(s.topology());
     TVL::ComponentGuard<Container<Tr>> tree(*s.object, G::sVoxelTileTree);
     TVL::ComponentGuard<VoxelTopology<Tr>> topology(*s.object, G::sVoxelComp);
@@ -735,14 +791,16 @@ TEST(ChannelCoarsenBadInput, MissingChannelIsReportedAndNothingChanges)
     auto s = bumpScene<Traits24>();
     auto const before = tileSet(s.tree());
     bool done = true;
-    std::string const err = capturedErrors([&] { done = channelCoarsen("absent", 0.0f, 0.01f, true, 1.0f, *s.object, ""); });
+    std::string const err = capturedErrors(
+        [&] { done = channelCoarsen("absent", 0.0f, 0.01f, true, 1.0f, *s.object, ""); });
     EXPECT_FALSE(done);
     EXPECT_NE(err.find("channelCoarsen: no voxel channel"), std::string::npos) << err;
     EXPECT_EQ(tileSet(treeOf<Traits24>(*s.object)), before);
     EXPECT_FALSE(s.object->hasComponentFromName(G::sVoxelSamplingError));
 
     auto empty = TVL::createEmptyTVL();
-    std::string const none = capturedErrors([&] { done = channelCoarsen("bump", 0.0f, 0.01f, false, 0.0f, *empty, ""); });
+    std::string const none = capturedErrors(
+        [&] { done = channelCoarsen("bump", 0.0f, 0.01f, false, 0.0f, *empty, ""); });
     EXPECT_FALSE(done);
     EXPECT_NE(none.find("no tile tree"), std::string::npos) << none;
     EXPECT_EQ(empty->componentCount(), 0u);
@@ -752,24 +810,27 @@ TEST(ChannelCoarsenBadInput, MismatchedChannelsAreReportedAndNothingChanges)
 {
     auto s = bumpScene<Traits24>();
     // A channel of the other tree type under the name asked for.
-    auto other = Quillon::makePtr<VoxelChannel<Traits55, float>>("alien", nullptr, kDataElementInitializerDefaultValue,
-                                                                false, true, 0, Traits55::kMaxDepth);
+    auto other = Quillon::makePtr<VoxelChannel<Traits55, float>>(
+        "alien", nullptr, kDataElementInitializerDefaultValue, false, true, 0, Traits55::kMaxDepth);
     s.object->addComponent(other);
     other = nullptr;
     auto const before = tileSet(s.tree());
     bool done = true;
-    std::string err = capturedErrors([&] { done = channelCoarsen("alien", 0.0f, 0.01f, false, 0.0f, *s.object, ""); });
+    std::string err = capturedErrors(
+        [&] { done = channelCoarsen("alien", 0.0f, 0.01f, false, 0.0f, *s.object, ""); });
     EXPECT_FALSE(done);
     EXPECT_NE(err.find("channelCoarsen:"), std::string::npos) << err;
     // A channel that has not followed the tree.
     {
         TVL::ComponentGuard<Container<Traits24>> tree(*s.object, G::sVoxelTileTree);
         auto acc = tree->tileAccessor();
-        acc.addTile(int(40 * Traits24::voxelDataWidth(Traits24::kMaxDepth)), 0, 0, Traits24::kMaxDepth);
+        acc.addTile(int(40 * Traits24::voxelDataWidth(Traits24::kMaxDepth)), 0, 0,
+                    Traits24::kMaxDepth);
     }
     auto const grown = tileSet(s.tree());
     ASSERT_GT(grown.size(), before.size());
-    err = capturedErrors([&] { done = channelCoarsen("bump", 0.0f, 0.01f, false, 1.0f, *s.object, ""); });
+    err = capturedErrors(
+        [&] { done = channelCoarsen("bump", 0.0f, 0.01f, false, 1.0f, *s.object, ""); });
     EXPECT_FALSE(done);
     EXPECT_NE(err.find("out of step"), std::string::npos) << err;
     EXPECT_EQ(tileSet(s.tree()), grown);
@@ -780,10 +841,12 @@ TEST(ChannelCoarsenBadInput, EmptyTreeIsReported)
 {
     testscene::Scene<Traits24> s(kVoxel);
     auto ch = Command::createChannel<float, 2, 4, 4, 0>("bump", s.topology(), *s.object, 0.0f,
-                                                        kDataElementInitializerDefaultValue, 0, Traits24::kMaxDepth);
+                                                        kDataElementInitializerDefaultValue, 0,
+                                                        Traits24::kMaxDepth);
     ch = nullptr;
     bool done = true;
-    std::string const err = capturedErrors([&] { done = channelCoarsen("bump", 0.0f, 0.01f, true, 1.0f, *s.object, ""); });
+    std::string const err = capturedErrors(
+        [&] { done = channelCoarsen("bump", 0.0f, 0.01f, true, 1.0f, *s.object, ""); });
     EXPECT_FALSE(done);
     EXPECT_NE(err.find("empty"), std::string::npos) << err;
     EXPECT_EQ(s.tree().tileCount(-1), 0);
@@ -810,16 +873,18 @@ TEST(ChannelCoarsenBadInput, NullGeometryObjectGivesFalse)
 {
     Quillon::MutablePtr<Tavrel::Object> none;
     bool done = true;
-    std::string const err = capturedErrors([&] { done = channelCoarsen("bump", 0.0f, 0.01f, false, 0.0f, none, ""); });
+    std::string const err =
+        capturedErrors([&] { done = channelCoarsen("bump", 0.0f, 0.01f, false, 0.0f, none, ""); });
     EXPECT_FALSE(done);
     EXPECT_NE(err.find("channelCoarsen:"), std::string::npos);
 }
 
 TEST(ChannelCoarsenExports, EveryFormIsExported)
 {
-    using ObjectForm = bool (*)(Quillon::String const&, float, float, bool, float, TVL::Object&, Quillon::String const&);
-    using GeometryForm = bool (*)(Quillon::String const&, float, float, bool, float, Quillon::MutablePtr<Tavrel::Object>&,
-                                  Quillon::String const&);
+    using ObjectForm = bool (*)(Quillon::String const&, float, float, bool, float, TVL::Object&,
+                                Quillon::String const&);
+    using GeometryForm = bool (*)(Quillon::String const&, float, float, bool, float,
+                                  Quillon::MutablePtr<Tavrel::Object>&, Quillon::String const&);
     ObjectForm const a = &channelCoarsen;
     GeometryForm const b = &channelCoarsen;
     // A link-time check (support/linked.h): a missing form fails the link.

@@ -3,36 +3,40 @@
 // sets of both tree types; messages, the box, colours, channels in step, determinism.
 #include <gtest/gtest.h>
 
+#include "support/analysis_scene.h"
+#include "support/trees.h"
 #include <cmath>
 #include <cstdint>
-#include <set>
-#include <string>
-#include <tuple>
-#include <vector>
 #include <hexmold/analysis/coarsen_refine.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/sampling/linear_sampler.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
-#include "support/analysis_scene.h"
-#include "support/trees.h"
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 using namespace CoreGL::TileTree3D;
 
 namespace {
 
-template <typename Tr> class CoarsenRefine : public ::testing::Test {};
+template <typename Tr> class CoarsenRefine : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(CoarsenRefine, TraitsTypes, TraitsNames);
 
 using Key = testtrees::TileKey;
-constexpr float kVoxel = 0.25f;             ///< finest voxel, world units
-constexpr double kRadius = 9.0;             ///< sphere radius, finest voxels
+constexpr float kVoxel = 0.25f; ///< finest voxel, world units
+constexpr double kRadius = 9.0; ///< sphere radius, finest voxels
 
 using testtrees::tileSet;
 
@@ -51,8 +55,9 @@ template <typename Tr> testscene::Scene<Tr> makeScene()
         });
     });
     double const r = kRadius * kVoxel;
-    scene.template addScalar<float>("phi", [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
-                                    false);
+    scene.template addScalar<float>(
+        "phi", [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
+        false);
     return scene;
 }
 
@@ -68,22 +73,26 @@ std::set<Key> expectedTiles(TVL::Object const& original, float band, float coars
     VoxelSamplerLinear<Tr, float, Tr::kTileWidth, 2, double3> sampler(tree, topology, phi);
     double const h = tree.voxelSize();
     auto outside = [&](Key const& k) {
-        if (!box) return false;
+        if (!box)
+            return false;
         int const d = std::get<0>(k);
         double const w = double(Tr::tileVoxelWidth(d));
         int const c[3] = {std::get<1>(k), std::get<2>(k), std::get<3>(k)};
         for (int a = 0; a < 3; ++a)
-            if ((c[a] + w) * h < box->min[a] || c[a] * h > box->max[a]) return true;
+            if ((c[a] + w) * h < box->min[a] || c[a] * h > box->max[a])
+                return true;
         return false;
     };
     auto wanted = [&](Key const& k, float offset) {
-        if (outside(k)) return false;
+        if (outside(k))
+            return false;
         int const d = std::get<0>(k);
         double const w = double(Tr::tileVoxelWidth(d));
         double3 const centre{(std::get<1>(k) + 0.5 * w) * h, (std::get<2>(k) + 0.5 * w) * h,
                              (std::get<3>(k) + 0.5 * w) * h};
         float const value = sampler.value(centre);
-        return std::abs(value) <= float(w * h) * 2.0f + offset; // no local level: factor 2 at every depth
+        return std::abs(value) <=
+               float(w * h) * 2.0f + offset; // no local level: factor 2 at every depth
     };
     auto children = [](Key const& k) {
         std::vector<Key> out;
@@ -91,22 +100,25 @@ std::set<Key> expectedTiles(TVL::Object const& original, float band, float coars
         std::int64_t const w = Tr::tileVoxelWidth(d + 1);
         for (int s = 0; s < Tr::kChildCount; ++s) {
             int3 const slot = Tile<Tr>::slotCoordinates(s);
-            out.emplace_back(d + 1, int(std::get<1>(k) + slot.x * w), int(std::get<2>(k) + slot.y * w),
-                             int(std::get<3>(k) + slot.z * w));
+            out.emplace_back(d + 1, int(std::get<1>(k) + slot.x * w),
+                             int(std::get<2>(k) + slot.y * w), int(std::get<3>(k) + slot.z * w));
         }
         return out;
     };
     std::set<Key> const before = tileSet(tree);
     std::set<Key> tiles = before, removed;
-    
+
     int const deepestParent = std::min(Tr::kMaxDepth - 1, 27);
     for (Key const& k : before) {
-        if (std::get<0>(k) > deepestParent) continue;
+        if (std::get<0>(k) > deepestParent)
+            continue;
         for (Key const& c : children(k)) {
             bool const exists = before.count(c) > 0;
             if (wanted(c, band)) {
-                if (!exists) tiles.insert(c);
-            } else if (exists && (flags & kCoarsenRefineCoarsen) && !outside(c) && !wanted(c, band + coarsenBand)) {
+                if (!exists)
+                    tiles.insert(c);
+            } else if (exists && (flags & kCoarsenRefineCoarsen) && !outside(c) &&
+                       !wanted(c, band + coarsenBand)) {
                 removed.insert(c);
             }
         }
@@ -118,10 +130,14 @@ std::set<Key> expectedTiles(TVL::Object const& original, float band, float coars
         bool dead = false;
         for (int d = std::get<0>(k); d > 0 && !dead; --d) {
             std::int64_t const w = Tr::tileVoxelWidth(d);
-            auto snap = [w](std::int64_t v) { return int((v + Tr::kCentreOffset) / w * w - Tr::kCentreOffset); };
-            dead = removed.count(Key{d, snap(std::get<1>(k)), snap(std::get<2>(k)), snap(std::get<3>(k))}) > 0;
+            auto snap = [w](std::int64_t v) {
+                return int((v + Tr::kCentreOffset) / w * w - Tr::kCentreOffset);
+            };
+            dead = removed.count(Key{d, snap(std::get<1>(k)), snap(std::get<2>(k)),
+                                     snap(std::get<3>(k))}) > 0;
         }
-        if (!dead) acc.addTile(std::get<1>(k), std::get<2>(k), std::get<3>(k), std::get<0>(k));
+        if (!dead)
+            acc.addTile(std::get<1>(k), std::get<2>(k), std::get<3>(k), std::get<0>(k));
     }
     int coarsest = 0;
     if (box) {
@@ -149,22 +165,28 @@ TYPED_TEST(CoarsenRefine, RefinementMatchesTheBruteForceModel)
     using Tr = TypeParam;
     auto scene = makeScene<Tr>();
     TVL::Object const original = *scene.object;
-    auto const expected = expectedTiles<Tr>(original, 0.0f, 0.0f, kCoarsenRefineLeavesOnly, nullptr);
-    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineLeavesOnly, phiSampler<Tr>(), Tavrel::Geometry::sVoxelTileTree,
-                      Tavrel::Geometry::sVoxelComp, *scene.object, "", nullptr, nullptr);
+    auto const expected =
+        expectedTiles<Tr>(original, 0.0f, 0.0f, kCoarsenRefineLeavesOnly, nullptr);
+    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineLeavesOnly, phiSampler<Tr>(),
+                      Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, *scene.object,
+                      "", nullptr, nullptr);
     auto const got = tileSet(treeOf<Tr>(*scene.object));
     EXPECT_EQ(got.size(), expected.size());
     EXPECT_TRUE(got == expected);
     int shown = 0;
     for (Key const& k : expected)
         if (!got.count(k) && shown++ < 5)
-            ADD_FAILURE() << "missing " << std::get<0>(k) << " " << std::get<1>(k) << " " << std::get<2>(k) << " " << std::get<3>(k);
+            ADD_FAILURE() << "missing " << std::get<0>(k) << " " << std::get<1>(k) << " "
+                          << std::get<2>(k) << " " << std::get<3>(k);
     for (Key const& k : got)
         if (!expected.count(k) && shown++ < 10)
-            ADD_FAILURE() << "extra " << std::get<0>(k) << " " << std::get<1>(k) << " " << std::get<2>(k) << " " << std::get<3>(k);
+            ADD_FAILURE() << "extra " << std::get<0>(k) << " " << std::get<1>(k) << " "
+                          << std::get<2>(k) << " " << std::get<3>(k);
     // Refinement goes one level below the tree in hand, and nothing is lost.
-    EXPECT_GT(treeOf<Tr>(*scene.object).tileCount(treeOf<Tr>(original).deepestOccupiedDepth() + 1), 0);
-    for (Key const& k : tileSet(treeOf<Tr>(original))) EXPECT_EQ(got.count(k), 1u);
+    EXPECT_GT(treeOf<Tr>(*scene.object).tileCount(treeOf<Tr>(original).deepestOccupiedDepth() + 1),
+              0);
+    for (Key const& k : tileSet(treeOf<Tr>(original)))
+        EXPECT_EQ(got.count(k), 1u);
     EXPECT_TRUE(checkGraded(treeOf<Tr>(*scene.object), 0, Tr::kMaxDepth));
 }
 
@@ -174,16 +196,20 @@ TYPED_TEST(CoarsenRefine, CoarseningMatchesTheBruteForceModel)
     auto scene = makeScene<Tr>();
     TVL::Object const original = *scene.object;
     float const band = 0.5f * kVoxel, coarsenBand = 2.0f * kVoxel;
-    auto const expected = expectedTiles<Tr>(original, band, coarsenBand, kCoarsenRefineCoarsen, nullptr);
-    coarsenRefine<Tr>(band, coarsenBand, kCoarsenRefineCoarsen, phiSampler<Tr>(), Tavrel::Geometry::sVoxelTileTree,
-                      Tavrel::Geometry::sVoxelComp, *scene.object, "", nullptr, nullptr);
+    auto const expected =
+        expectedTiles<Tr>(original, band, coarsenBand, kCoarsenRefineCoarsen, nullptr);
+    coarsenRefine<Tr>(band, coarsenBand, kCoarsenRefineCoarsen, phiSampler<Tr>(),
+                      Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, *scene.object,
+                      "", nullptr, nullptr);
     auto const got = tileSet(treeOf<Tr>(*scene.object));
     EXPECT_TRUE(got == expected) << got.size() << " tiles, expected " << expected.size();
     int const initial = treeOf<Tr>(original).deepestOccupiedDepth();
-    EXPECT_LT(treeOf<Tr>(*scene.object).tileCount(initial), treeOf<Tr>(original).tileCount(initial));
+    EXPECT_LT(treeOf<Tr>(*scene.object).tileCount(initial),
+              treeOf<Tr>(original).tileCount(initial));
     // The channels follow the tree.
     auto const& phi = *scene.object->template component<VoxelChannel<Tr, float>>("phi");
-    for (int d = 0; d <= Tr::kMaxDepth; ++d) EXPECT_EQ(phi.tileCount(d), treeOf<Tr>(*scene.object).tileCount(d));
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        EXPECT_EQ(phi.tileCount(d), treeOf<Tr>(*scene.object).tileCount(d));
 }
 
 TYPED_TEST(CoarsenRefine, BoxLimitsNewTilesAndSetsTheCoarsestDepth)
@@ -198,19 +224,22 @@ TYPED_TEST(CoarsenRefine, BoxLimitsNewTilesAndSetsTheCoarsestDepth)
     int const saved = CoreGL::Logger::verboseLevel();
     CoreGL::Logger::setVerboseLevel(2);
     ::testing::internal::CaptureStdout();
-    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineLeavesOnly, phiSampler<Tr>(), Tavrel::Geometry::sVoxelTileTree,
-                      Tavrel::Geometry::sVoxelComp, *scene.object, "", &box, nullptr);
+    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineLeavesOnly, phiSampler<Tr>(),
+                      Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, *scene.object,
+                      "", &box, nullptr);
     std::string const out = ::testing::internal::GetCapturedStdout();
     CoreGL::Logger::setVerboseLevel(saved);
     float3 const bounds[2] = {box.min, box.max};
-    EXPECT_NE(out.find("coarsenRefine.coarsestDepth = " + std::to_string(coarsestDepthFromDimensions(bounds, kVoxel))),
+    EXPECT_NE(out.find("coarsenRefine.coarsestDepth = " +
+                       std::to_string(coarsestDepthFromDimensions(bounds, kVoxel))),
               std::string::npos)
         << out;
     auto const got = tileSet(treeOf<Tr>(*scene.object));
     EXPECT_TRUE(got == expected);
     // No tile of the deepest depth lies wholly on the negative x side: the box kept them away.
     for (Key const& k : got)
-        if (std::get<0>(k) == Tr::kMaxDepth) EXPECT_GE(std::get<1>(k) + Tr::tileVoxelWidth(Tr::kMaxDepth), 0);
+        if (std::get<0>(k) == Tr::kMaxDepth)
+            EXPECT_GE(std::get<1>(k) + Tr::tileVoxelWidth(Tr::kMaxDepth), 0);
 }
 
 TYPED_TEST(CoarsenRefine, MissingContainerIsReportedAndNothingHappens)
@@ -221,8 +250,9 @@ TYPED_TEST(CoarsenRefine, MissingContainerIsReportedAndNothingHappens)
     CoreGL::Logger::setVerboseLevel(1);
     ::testing::internal::CaptureStderr();
     ::testing::internal::CaptureStdout();
-    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(), Tavrel::Geometry::sVoxelTileTree,
-                      Tavrel::Geometry::sVoxelComp, *empty, "", nullptr, nullptr);
+    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(),
+                      Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, *empty, "",
+                      nullptr, nullptr);
     std::string const out = ::testing::internal::GetCapturedStdout();
     std::string const err = ::testing::internal::GetCapturedStderr();
     CoreGL::Logger::setVerboseLevel(saved);
@@ -239,12 +269,14 @@ TYPED_TEST(CoarsenRefine, PrintsTheStagesAtVerboseThree)
     int const saved = CoreGL::Logger::verboseLevel();
     CoreGL::Logger::setVerboseLevel(3);
     ::testing::internal::CaptureStdout();
-    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(), Tavrel::Geometry::sVoxelTileTree,
-                      Tavrel::Geometry::sVoxelComp, *scene.object, "", nullptr, nullptr);
+    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(),
+                      Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, *scene.object,
+                      "", nullptr, nullptr);
     std::string const out = ::testing::internal::GetCapturedStdout();
     CoreGL::Logger::setVerboseLevel(saved);
     for (char const* line :
-         {"coarsenRefine.start", "Tile tree graded before coarsen refine = ", "Before refine: numTiles at depth 0 == 1",
+         {"coarsenRefine.start",
+          "Tile tree graded before coarsen refine = ", "Before refine: numTiles at depth 0 == 1",
           "After refine: numTiles at depth 0 == 1", "After coarsen: numTiles at depth 0 == 1",
           "Tile tree graded after coarsen refine = ", "coarsenRefine.coarsestDepth = 0",
           "Tile tree graded after grade call = 1", "coarsenRefine.end"})
@@ -259,17 +291,21 @@ TYPED_TEST(CoarsenRefine, WithColoursNothingIsRemovedAndParentsOfColouredTilesAr
     std::vector<std::vector<TileColor>> colors(Tr::kDepthCount);
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
         colors[d].assign(std::size_t(treeOf<Tr>(*scene.object).tileCount(d)), TileColor{0, 0});
-    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(), Tavrel::Geometry::sVoxelTileTree,
-                      Tavrel::Geometry::sVoxelComp, *scene.object, "", nullptr, colors.data());
+    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(),
+                      Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, *scene.object,
+                      "", nullptr, colors.data());
     auto const& tree = treeOf<Tr>(*scene.object);
     auto const after = tileSet(tree);
-    for (Key const& k : before) EXPECT_EQ(after.count(k), 1u);
-    for (int d = 0; d <= Tr::kMaxDepth; ++d) ASSERT_EQ(colors[d].size(), std::size_t(tree.tileCount(d)));
+    for (Key const& k : before)
+        EXPECT_EQ(after.count(k), 1u);
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        ASSERT_EQ(colors[d].size(), std::size_t(tree.tileCount(d)));
     for (int d = 0; d < Tr::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < tree.tileCount(d); ++t)
             for (int s = 0; s < Tr::kChildCount; ++s) {
                 std::int64_t const c = tree.tile(t, d).childIndex(s);
-                if (c >= 0 && colors[d + 1][c].colored) EXPECT_EQ(colors[d][t].colored, 1) << d << " " << t;
+                if (c >= 0 && colors[d + 1][c].colored)
+                    EXPECT_EQ(colors[d][t].colored, 1) << d << " " << t;
             }
 }
 
@@ -277,9 +313,11 @@ TYPED_TEST(CoarsenRefine, NamedChannelsAloneFollowTheTree)
 {
     using Tr = TypeParam;
     auto scene = makeScene<Tr>();
-    scene.template addScalar<float>("other", [](double, double, double) { return 1.0; }, false);
-    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineLeavesOnly, phiSampler<Tr>(), Tavrel::Geometry::sVoxelTileTree,
-                      Tavrel::Geometry::sVoxelComp, *scene.object, "phi", nullptr, nullptr);
+    scene.template addScalar<float>(
+        "other", [](double, double, double) { return 1.0; }, false);
+    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineLeavesOnly, phiSampler<Tr>(),
+                      Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, *scene.object,
+                      "phi", nullptr, nullptr);
     auto const& tree = treeOf<Tr>(*scene.object);
     auto const& phi = *scene.object->template component<VoxelChannel<Tr, float>>("phi");
     auto const& other = *scene.object->template component<VoxelChannel<Tr, float>>("other");
@@ -293,17 +331,21 @@ TYPED_TEST(CoarsenRefine, OneAndAllThreadsGiveTheSameTreeInTheSameOrder)
     auto a = makeScene<Tr>();
     auto b = makeScene<Tr>();
     {
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
-        coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(), Tavrel::Geometry::sVoxelTileTree,
-                          Tavrel::Geometry::sVoxelComp, *a.object, "", nullptr, nullptr);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
+        coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(),
+                          Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, *a.object,
+                          "", nullptr, nullptr);
     }
-    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(), Tavrel::Geometry::sVoxelTileTree,
-                      Tavrel::Geometry::sVoxelComp, *b.object, "", nullptr, nullptr);
+    coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineCoarsen, phiSampler<Tr>(),
+                      Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, *b.object, "",
+                      nullptr, nullptr);
     auto const& ta = treeOf<Tr>(*a.object);
     auto const& tb = treeOf<Tr>(*b.object);
     for (int d = 0; d <= Tr::kMaxDepth; ++d) {
         ASSERT_EQ(ta.tileCount(d), tb.tileCount(d));
-        for (std::int64_t t = 0; t < ta.tileCount(d); ++t) EXPECT_EQ(ta.tile(t, d).tijk(), tb.tile(t, d).tijk());
+        for (std::int64_t t = 0; t < ta.tileCount(d); ++t)
+            EXPECT_EQ(ta.tile(t, d).tijk(), tb.tile(t, d).tijk());
     }
 }
 

@@ -3,18 +3,18 @@
 // added; the edge cases of the depth bounds, of one-depth jumps and of bad domain boxes; colours.
 #include <gtest/gtest.h>
 
+#include "support/random_trees.h"
+#include "support/trees.h"
 #include <cstdint>
+#include <hexmold/analysis/grade_tile_tree.h>
+#include <hexmold/logging/logger.h>
+#include <hexmold/platform/quillon/job.h>
+#include <hexmold/substrate/parallel.h>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
-#include <hexmold/analysis/grade_tile_tree.h>
-#include <hexmold/logging/logger.h>
-#include <hexmold/platform/quillon/job.h>
-#include <hexmold/substrate/parallel.h>
-#include "support/random_trees.h"
-#include "support/trees.h"
 
 using namespace TVL::TileTree3D;
 using CoreGL::TileTree3D::checkGraded;
@@ -24,10 +24,14 @@ using CoreGL::TileTree3D::TileColor;
 
 namespace {
 
-template <typename Tr> class GradeTileTree : public ::testing::Test {};
+template <typename Tr> class GradeTileTree : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(GradeTileTree, TraitsTypes, TraitsNames);
 
@@ -38,7 +42,8 @@ using testtrees::tileSet;
 /// Grading from its definition: no tile of depth in [lo, hi] sees, one tile step away in any of
 /// the 26 directions, a deepest tile (at most its own depth) that is two or more depths coarser
 /// and of depth at least @p neighbourMin. Lookups by corner, not by the tree's accessors.
-template <typename Tr> int bruteForceUngraded(Container<Tr> const& c, int lo, int hi, int neighbourMin = 0)
+template <typename Tr>
+int bruteForceUngraded(Container<Tr> const& c, int lo, int hi, int neighbourMin = 0)
 {
     testtrees::TileSet<Tr> tiles(c);
     int offences = 0;
@@ -49,9 +54,12 @@ template <typename Tr> int bruteForceUngraded(Container<Tr> const& c, int lo, in
             for (int dz = -1; dz <= 1; ++dz)
                 for (int dy = -1; dy <= 1; ++dy)
                     for (int dx = -1; dx <= 1; ++dx) {
-                        if (!dx && !dy && !dz) continue;
-                        auto const* n = tiles.deepest(tile.ti() + dx * w, tile.tj() + dy * w, tile.tk() + dz * w, d);
-                        if (n && n->depth() < d - 1 && n->depth() >= neighbourMin) ++offences;
+                        if (!dx && !dy && !dz)
+                            continue;
+                        auto const* n = tiles.deepest(tile.ti() + dx * w, tile.tj() + dy * w,
+                                                      tile.tk() + dz * w, d);
+                        if (n && n->depth() < d - 1 && n->depth() >= neighbourMin)
+                            ++offences;
                     }
         }
     return offences;
@@ -63,7 +71,8 @@ TYPED_TEST(GradeTileTree, RandomTreesBecomeGradedByOnlyAddingTiles)
     for (std::uint32_t seed = 1; seed <= 4; ++seed) {
         Container<Tr> c("tree", 1.0f);
         testtrees::growRandomTree(c, seed, 6, 200, Tr::kMaxDepth - 6, 0.3);
-        ASSERT_GT(bruteForceUngraded(c, 2, Tr::kMaxDepth), 0) << "the random tree should start ungraded";
+        ASSERT_GT(bruteForceUngraded(c, 2, Tr::kMaxDepth), 0)
+            << "the random tree should start ungraded";
         EXPECT_FALSE(checkGraded(c, 0, Tr::kMaxDepth));
         auto const before = tileSet(c);
         TileCornerLists<Tr> added;
@@ -71,7 +80,8 @@ TYPED_TEST(GradeTileTree, RandomTreesBecomeGradedByOnlyAddingTiles)
         auto const after = tileSet(c);
         EXPECT_TRUE(checkGraded(c, 0, Tr::kMaxDepth)) << "seed " << seed;
         EXPECT_EQ(bruteForceUngraded(c, 2, Tr::kMaxDepth), 0) << "seed " << seed;
-        for (Key const& k : before) EXPECT_EQ(after.count(k), 1u);
+        for (Key const& k : before)
+            EXPECT_EQ(after.count(k), 1u);
         // The reported tiles are exactly the new ones.
         std::set<Key> reported;
         std::size_t count = 0;
@@ -82,7 +92,8 @@ TYPED_TEST(GradeTileTree, RandomTreesBecomeGradedByOnlyAddingTiles)
             }
         EXPECT_EQ(count, reported.size());
         EXPECT_EQ(reported.size() + before.size(), after.size());
-        for (Key const& k : reported) EXPECT_EQ(before.count(k), 0u);
+        for (Key const& k : reported)
+            EXPECT_EQ(before.count(k), 0u);
     }
 }
 
@@ -126,7 +137,8 @@ TYPED_TEST(GradeTileTree, CoarsestDepthSixAboveStopsGradingThere)
     // whose neighbour towards -x is a tile of depth 2.
     int const m = D - 7;
     std::int64_t const w2 = Tr::tileVoxelWidth(2);
-    std::int64_t const x = (Tr::kCentreOffset / w2 + 1) * w2 - Tr::kCentreOffset; // next depth-2 corner above 0
+    std::int64_t const x =
+        (Tr::kCentreOffset / w2 + 1) * w2 - Tr::kCentreOffset; // next depth-2 corner above 0
     acc.addTile(x, 0, 0, m);
     gradeTileTree(c, nullptr, nullptr, D - 6, D);
     // Depths D - 5 to D are graded against neighbours of any depth at least D - 6.
@@ -154,7 +166,8 @@ TYPED_TEST(GradeTileTree, NeighbourOneDepthCoarserAddsNothing)
     // Only depth d is graded (the block's own rim may face coarser ancestors).
     gradeTileTree(c, &added, nullptr, d - 1, d);
     EXPECT_EQ(tileSet(c), before);
-    for (int q = 0; q <= Tr::kMaxDepth; ++q) EXPECT_EQ(added[q].size(), 0u) << "depth " << q;
+    for (int q = 0; q <= Tr::kMaxDepth; ++q)
+        EXPECT_EQ(added[q].size(), 0u) << "depth " << q;
     EXPECT_EQ(bruteForceUngraded(c, d, d), 0);
 }
 
@@ -169,7 +182,8 @@ TYPED_TEST(GradeTileTree, BadBoundsGiveMinusOneAndGradingFallsToTheFloorOfTwo)
     std::string const printed = ::testing::internal::GetCapturedStdout();
     CoreGL::Logger::setVerboseLevel(saved);
     EXPECT_EQ(depth, -1);
-    EXPECT_NE(printed.find("Invalid user-input tile domain dimensions: "), std::string::npos) << printed;
+    EXPECT_NE(printed.find("Invalid user-input tile domain dimensions: "), std::string::npos)
+        << printed;
     EXPECT_NE(printed.find(" to "), std::string::npos);
 
     Container<Tr> a("tree", 1.0f), b("tree", 1.0f);
@@ -202,7 +216,8 @@ TYPED_TEST(GradeTileTree, UncolouredTilesGradeNothingAndNewTilesAreColoured)
     testtrees::growRandomTree(c, 41, 4, 200, Tr::kMaxDepth - 5, 0.3);
     auto const before = tileSet(c);
     std::vector<std::vector<TileColor>> none(Tr::kDepthCount);
-    for (int d = 0; d <= Tr::kMaxDepth; ++d) none[d].assign(std::size_t(c.tileCount(d)), TileColor{0, 0});
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        none[d].assign(std::size_t(c.tileCount(d)), TileColor{0, 0});
     gradeTileTree(c, nullptr, none.data(), 0, Tr::kMaxDepth);
     EXPECT_EQ(tileSet(c), before);
 
@@ -210,12 +225,14 @@ TYPED_TEST(GradeTileTree, UncolouredTilesGradeNothingAndNewTilesAreColoured)
     Container<Tr> plain(c);
     gradeTileTree(plain, nullptr, nullptr, 0, Tr::kMaxDepth);
     std::vector<std::vector<TileColor>> all(Tr::kDepthCount);
-    for (int d = 0; d <= Tr::kMaxDepth; ++d) all[d].assign(std::size_t(c.tileCount(d)), TileColor{1, 7});
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        all[d].assign(std::size_t(c.tileCount(d)), TileColor{1, 7});
     gradeTileTree(c, nullptr, all.data(), 0, Tr::kMaxDepth);
     EXPECT_EQ(tileSet(c), tileSet(plain));
     for (int d = 0; d <= Tr::kMaxDepth; ++d) {
         ASSERT_EQ(all[d].size(), std::size_t(c.tileCount(d)));
-        for (std::size_t t = 0; t < all[d].size(); ++t) EXPECT_EQ(all[d][t].colored, 1);
+        for (std::size_t t = 0; t < all[d].size(); ++t)
+            EXPECT_EQ(all[d][t].colored, 1);
     }
 }
 
@@ -226,13 +243,15 @@ TYPED_TEST(GradeTileTree, OneAndAllThreadsGiveTheSameTreeInTheSameOrder)
     testtrees::growRandomTree(a, 51, 8, 300, Tr::kMaxDepth - 6, 0.4);
     Container<Tr> b(a);
     {
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
         gradeTileTree(a, nullptr, nullptr, 0, Tr::kMaxDepth);
     }
     gradeTileTree(b, nullptr, nullptr, 0, Tr::kMaxDepth);
     for (int d = 0; d <= Tr::kMaxDepth; ++d) {
         ASSERT_EQ(a.tileCount(d), b.tileCount(d));
-        for (std::int64_t t = 0; t < a.tileCount(d); ++t) EXPECT_EQ(a.tile(t, d).tijk(), b.tile(t, d).tijk());
+        for (std::int64_t t = 0; t < a.tileCount(d); ++t)
+            EXPECT_EQ(a.tile(t, d).tijk(), b.tile(t, d).tijk());
     }
 }
 

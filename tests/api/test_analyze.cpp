@@ -1,14 +1,14 @@
 // hexmold::analyze: the same bits as analyze<Operator> called directly, the output names
 // returned, the mean curvature of a sphere, copies left alone, and every refused input.
-#include <gtest/gtest.h>
+#include "support/api_volumes.h"
 #include <cmath>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 #include <hexmold/analysis/analyze.h>
 #include <hexmold/api/analyze.h>
 #include <hexmold/api/create_level_set.h>
 #include <hexmold/api/error.h>
-#include "support/api_volumes.h"
+#include <string>
+#include <vector>
 
 using namespace testapi;
 using hexmold::AnalyzeOperator;
@@ -17,10 +17,14 @@ namespace Analyze = VolumeGL::TileTree3D::Analyze;
 
 namespace {
 
-template <typename Tr> class AnalyzeApi : public ::testing::Test {};
+template <typename Tr> class AnalyzeApi : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(AnalyzeApi, TraitsTypes, TraitsNames);
 
@@ -44,14 +48,18 @@ TYPED_TEST(AnalyzeApi, SameBitsAsTheDirectCall)
     Volume const original = api;
     TVL::Object byHand = original.object();
 
-    EXPECT_EQ(hexmold::analyze(api, AnalyzeOperator::kLaplacian), std::vector<std::string>{"voxel_signed_distance_laplacian"});
-    VolumeGL::TileTree3D::analyze<Analyze::LaplacianOperator>(hexmold::kDistanceChannel, "", false, byHand);
+    EXPECT_EQ(hexmold::analyze(api, AnalyzeOperator::kLaplacian),
+              std::vector<std::string>{"voxel_signed_distance_laplacian"});
+    VolumeGL::TileTree3D::analyze<Analyze::LaplacianOperator>(hexmold::kDistanceChannel, "", false,
+                                                              byHand);
     EXPECT_EQ(hashOnOneThread<Tr>(api.object(), "voxel_signed_distance_laplacian"),
               hashOnOneThread<Tr>(byHand, "voxel_signed_distance_laplacian"));
     EXPECT_TRUE(sameBits<Tr>(api.object(), byHand, "voxel_signed_distance_laplacian"));
 
-    EXPECT_EQ(hexmold::analyze(api, AnalyzeOperator::kGradient), std::vector<std::string>{"voxel_signed_distance_gradient"});
-    VolumeGL::TileTree3D::analyze<Analyze::GradientOperator>(hexmold::kDistanceChannel, "", false, byHand);
+    EXPECT_EQ(hexmold::analyze(api, AnalyzeOperator::kGradient),
+              std::vector<std::string>{"voxel_signed_distance_gradient"});
+    VolumeGL::TileTree3D::analyze<Analyze::GradientOperator>(hexmold::kDistanceChannel, "", false,
+                                                             byHand);
     EXPECT_TRUE((sameBits<Tr, float3>(api.object(), byHand, "voxel_signed_distance_gradient")));
 
     // A vector operator on the gradient, named by a pattern.
@@ -88,7 +96,8 @@ TYPED_TEST(AnalyzeApi, MeanCurvatureOfASphereIsTheInverseRadius)
         for (int k = 0; k < Tr::kTileWidth; ++k)
             for (int j = 0; j < Tr::kTileWidth; ++j)
                 for (int i = 0; i < Tr::kTileWidth; ++i) {
-                    if (std::abs(a(i, j, k)) > 2 * h) continue;
+                    if (std::abs(a(i, j, k)) > 2 * h)
+                        continue;
                     double const exact = 1.0 / (kRadius + a(i, j, k));
                     worst = std::max(worst, std::abs(b(i, j, k) - exact) / exact);
                 }
@@ -109,14 +118,16 @@ TEST(AnalyzeApi, RefusesChannelsOfAnotherElementType)
 {
     Volume v = sphere<Traits55>();
     EXPECT_EQ(errorOf([&] { hexmold::analyze(v, AnalyzeOperator::kCurl); }),
-              "hexmold::analyze: curl takes float3 or double3 channels; \"voxel_signed_distance\" selects only "
+              "hexmold::analyze: curl takes float3 or double3 channels; \"voxel_signed_distance\" "
+              "selects only "
               "voxel_signed_distance (float)");
     hexmold::analyze(v, AnalyzeOperator::kGradient);
     hexmold::AnalyzeOptions o;
     o.channels = "*gradient";
-    EXPECT_EQ(errorOf([&] { hexmold::analyze(v, AnalyzeOperator::kLaplacian, o); }),
-              "hexmold::analyze: laplacian takes float or double channels; \"*gradient\" selects only "
-              "voxel_signed_distance_gradient (float3)");
+    EXPECT_EQ(
+        errorOf([&] { hexmold::analyze(v, AnalyzeOperator::kLaplacian, o); }),
+        "hexmold::analyze: laplacian takes float or double channels; \"*gradient\" selects only "
+        "voxel_signed_distance_gradient (float3)");
 }
 
 TEST(AnalyzeApi, RefusesAPatternThatDoesNotParse)
@@ -124,8 +135,9 @@ TEST(AnalyzeApi, RefusesAPatternThatDoesNotParse)
     Volume v = sphere<Traits24>();
     hexmold::AnalyzeOptions o;
     o.channels = "a^b";
-    EXPECT_NE(errorOf([&] { hexmold::analyze(v, AnalyzeOperator::kGradient, o); })
-                  .find("hexmold::analyze: the channel pattern \"a^b\" does not parse: "),
+    EXPECT_NE(errorOf([&] {
+                  hexmold::analyze(v, AnalyzeOperator::kGradient, o);
+              }).find("hexmold::analyze: the channel pattern \"a^b\" does not parse: "),
               std::string::npos);
 }
 
@@ -135,11 +147,13 @@ TEST(AnalyzeApi, RefusesABadMask)
     hexmold::AnalyzeOptions o;
     o.mask = "mask";
     EXPECT_EQ(errorOf([&] { hexmold::analyze(v, AnalyzeOperator::kGradient, o); }),
-              "hexmold::analyze: channel \"mask\" is not in the volume (channels: voxel_signed_distance)");
+              "hexmold::analyze: channel \"mask\" is not in the volume (channels: "
+              "voxel_signed_distance)");
     hexmold::analyze(v, AnalyzeOperator::kGradient);
     o.mask = "voxel_signed_distance_gradient";
     EXPECT_EQ(errorOf([&] { hexmold::analyze(v, AnalyzeOperator::kLaplacian, o); }),
-              "hexmold::analyze: channel \"voxel_signed_distance_gradient\" holds float3 elements; hexmold::analyze "
+              "hexmold::analyze: channel \"voxel_signed_distance_gradient\" holds float3 elements; "
+              "hexmold::analyze "
               "takes a float mask channel with one element per voxel");
 }
 
@@ -149,5 +163,6 @@ TEST(AnalyzeApi, RefusesAnEmptyVolumeAndAnUnknownOperator)
     EXPECT_EQ(errorOf([&] { hexmold::analyze(empty, AnalyzeOperator::kGradient); }),
               "hexmold::analyze: the volume is empty (it holds no tile tree)");
     Volume v = sphere<Traits24>();
-    EXPECT_EQ(errorOf([&] { hexmold::analyze(v, AnalyzeOperator(42)); }), "hexmold::analyze: unknown operator 42");
+    EXPECT_EQ(errorOf([&] { hexmold::analyze(v, AnalyzeOperator(42)); }),
+              "hexmold::analyze: unknown operator 42");
 }

@@ -1,19 +1,19 @@
 // hexmold::sample: the values of the linear sampler called directly, the background beyond the
 // tiles, and every refused input.
-#include <gtest/gtest.h>
+#include "support/api_volumes.h"
 #include <cmath>
 #include <cstring>
-#include <random>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 #include <hexmold/api/create_level_set.h>
 #include <hexmold/api/error.h>
 #include <hexmold/api/sample.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/math_support.h>
 #include <hexmold/sampling/linear_sampler.h>
-#include "support/api_volumes.h"
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 using namespace testapi;
 using hexmold::Volume;
@@ -21,10 +21,14 @@ using Tavrel::Math::double3;
 
 namespace {
 
-template <typename Tr> class SampleApi : public ::testing::Test {};
+template <typename Tr> class SampleApi : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(SampleApi, TraitsTypes, TraitsNames);
 
@@ -46,10 +50,11 @@ TYPED_TEST(SampleApi, SameValuesAsTheSamplerCalledDirectly)
     std::mt19937 rng(5);
     std::uniform_real_distribution<double> u(-1.6, 1.6);
     std::vector<double3> points;
-    for (int n = 0; n < 3000; ++n) points.push_back({u(rng), u(rng), 0.25 * u(rng)});
+    for (int n = 0; n < 3000; ++n)
+        points.push_back({u(rng), u(rng), 0.25 * u(rng)});
     std::vector<float> const values = hexmold::sample(v, points);
-    VoxelSamplerLinear<Tr, float, Tr::kTileWidth, 2, double3> sampler(treeOf<Tr>(v.object()), topologyOf<Tr>(v.object()),
-                                                                      channelOf<Tr>(v.object()));
+    VoxelSamplerLinear<Tr, float, Tr::kTileWidth, 2, double3> sampler(
+        treeOf<Tr>(v.object()), topologyOf<Tr>(v.object()), channelOf<Tr>(v.object()));
     ASSERT_EQ(values.size(), points.size());
     int differ = 0;
     for (std::size_t n = 0; n < points.size(); ++n) {
@@ -77,20 +82,28 @@ TEST(SampleApi, RefusesAPositionThatIsNotFinite)
 TEST(SampleApi, RefusesAMissingChannelOrAnotherElementType)
 {
     Volume v = torus<Traits55>();
-    EXPECT_EQ(errorOf([&] { hexmold::sample(v, double3{0, 0, 0}, {"phi"}); }),
-              "hexmold::sample: channel \"phi\" is not in the volume (channels: voxel_signed_distance)");
-    Command::createChannel<unsigned char, 5, 5, 5, 0>("phi", topologyOf<Traits55>(v.object()), v.object(),
-                                                      (unsigned char)0, kDataElementInitializerDefaultValue, 0,
-                                                      Traits55::kMaxDepth);
-    EXPECT_EQ(errorOf([&] { hexmold::sample(v, double3{0, 0, 0}, {"phi"}); }),
-              "hexmold::sample: channel \"phi\" holds uint8 elements; hexmold::sample takes a float channel with one "
+    EXPECT_EQ(
+        errorOf([&] {
+            hexmold::sample(v, double3{0, 0, 0}, {"phi"});
+        }),
+        "hexmold::sample: channel \"phi\" is not in the volume (channels: voxel_signed_distance)");
+    Command::createChannel<unsigned char, 5, 5, 5, 0>(
+        "phi", topologyOf<Traits55>(v.object()), v.object(), (unsigned char)0,
+        kDataElementInitializerDefaultValue, 0, Traits55::kMaxDepth);
+    EXPECT_EQ(errorOf([&] {
+                  hexmold::sample(v, double3{0, 0, 0}, {"phi"});
+              }),
+              "hexmold::sample: channel \"phi\" holds uint8 elements; hexmold::sample takes a "
+              "float channel with one "
               "element per voxel");
 }
 
 TEST(SampleApi, RefusesAnEmptyVolume)
 {
     Volume const empty;
-    EXPECT_EQ(errorOf([&] { hexmold::sample(empty, double3{0, 0, 0}); }),
+    EXPECT_EQ(errorOf([&] {
+                  hexmold::sample(empty, double3{0, 0, 0});
+              }),
               "hexmold::sample: the volume is empty (it holds no tile tree)");
 }
 

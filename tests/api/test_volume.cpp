@@ -1,24 +1,28 @@
 // hexmold::Volume: the queries against the tree they read, construction from an existing object
 // and its refusals, independent copies, and the empty volume.
-#include <gtest/gtest.h>
+#include "support/api_volumes.h"
 #include <cstdint>
-#include <string>
+#include <gtest/gtest.h>
 #include <hexmold/api/create_level_set.h>
 #include <hexmold/api/error.h>
 #include <hexmold/api/volume.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/commands.h>
-#include "support/api_volumes.h"
+#include <string>
 
 using namespace testapi;
 using hexmold::Volume;
 
 namespace {
 
-template <typename Tr> class VolumeTyped : public ::testing::Test {};
+template <typename Tr> class VolumeTyped : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(VolumeTyped, TraitsTypes, TraitsNames);
 
@@ -77,7 +81,8 @@ TYPED_TEST(VolumeTyped, QueriesReadTheTreeAndChannels)
     EXPECT_GE(v.memoryBytes(), v.voxelCount() * sizeof(float));
     {
         // One thread, so that the parallel sums split alike.
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
         EXPECT_EQ(v.voxelHash(), CoreGL::voxelHash(tree, channelOf<Tr>(v.object())));
     }
 }
@@ -93,7 +98,8 @@ TYPED_TEST(VolumeTyped, AdoptsAnObjectMadeElsewhere)
     EXPECT_TRUE(v.bbox().empty());
     EXPECT_TRUE(v.channels().empty());
     // The volume shares the components with the caller's object until either side writes.
-    EXPECT_EQ(v.object().component("voxel_tile_tree").get(), object->component("voxel_tile_tree").get());
+    EXPECT_EQ(v.object().component("voxel_tile_tree").get(),
+              object->component("voxel_tile_tree").get());
 }
 
 TYPED_TEST(VolumeTyped, CopiesAreIndependent)
@@ -119,21 +125,24 @@ TEST(Volume, RefusesATreeNameThatIsNoTree)
     auto object = Command::createVoxelTVL<Traits24>("", "", 0.5f, kVoxelOffsetCenter);
     hexmold::VolumeNames names;
     names.tree = "voxel_topology";
-    EXPECT_EQ(errorOf([&] { Volume v(*object, names); }),
-              "hexmold::Volume: component \"voxel_topology\" is not a Traits24 or Traits55 tile tree");
+    EXPECT_EQ(
+        errorOf([&] { Volume v(*object, names); }),
+        "hexmold::Volume: component \"voxel_topology\" is not a Traits24 or Traits55 tile tree");
 }
 
 TEST(Volume, RefusesAnObjectWithoutTopology)
 {
     auto object = Command::createVoxelTVL<Traits55>("", "", 0.5f, kVoxelOffsetCenter);
     object->removeComponent("voxel_topology");
-    EXPECT_EQ(errorOf([&] { Volume v(*object); }),
-              "hexmold::Volume: the object holds no Traits55 voxel topology named \"voxel_topology\"");
+    EXPECT_EQ(
+        errorOf([&] { Volume v(*object); }),
+        "hexmold::Volume: the object holds no Traits55 voxel topology named \"voxel_topology\"");
 }
 
 TEST(Volume, RefusesANullObject)
 {
-    EXPECT_EQ(errorOf([] { Volume::adopt(nullptr); }), "hexmold::Volume::adopt: the object pointer is null");
+    EXPECT_EQ(errorOf([] { Volume::adopt(nullptr); }),
+              "hexmold::Volume::adopt: the object pointer is null");
 }
 
 TEST(Volume, EmptyVolumeRefusesEveryQuery)
@@ -164,17 +173,20 @@ TEST(Volume, VoxelHashRefusesAMissingChannel)
 {
     Volume const v = sphere<Traits24>();
     EXPECT_EQ(errorOf([&] { v.voxelHash("phi"); }),
-              "hexmold::Volume::voxelHash: channel \"phi\" is not in the volume (channels: voxel_signed_distance)");
+              "hexmold::Volume::voxelHash: channel \"phi\" is not in the volume (channels: "
+              "voxel_signed_distance)");
 }
 
 TEST(Volume, VoxelHashRefusesAChannelOfAnotherForm)
 {
     Volume v = sphere<Traits24>();
     auto const& topology = topologyOf<Traits24>(v.object());
-    Command::createChannel<float, 2, 4, 4, 1>("halo", topology, v.object(), 0.0f, kDataElementInitializerDefaultValue,
-                                              0, Traits24::kMaxDepth);
+    Command::createChannel<float, 2, 4, 4, 1>("halo", topology, v.object(), 0.0f,
+                                              kDataElementInitializerDefaultValue, 0,
+                                              Traits24::kMaxDepth);
     EXPECT_EQ(errorOf([&] { v.voxelHash("halo"); }),
-              "hexmold::Volume::voxelHash: \"halo\" is not a channel with one element per voxel of the volume's tree "
+              "hexmold::Volume::voxelHash: \"halo\" is not a channel with one element per voxel of "
+              "the volume's tree "
               "type");
     auto const channels = v.channels();
     ASSERT_EQ(channels.size(), 2u);

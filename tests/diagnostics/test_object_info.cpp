@@ -2,19 +2,19 @@
 // rule (a shared component written in place is caught, a cloned one accepted), tolerance.
 #include <gtest/gtest.h>
 
+#include "support/linked.h"
+#include "support/random_trees.h"
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <sstream>
-#include <string>
-#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/object_info.h>
 #include <hexmold/diagnostics/voxel_hash.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/object.h>
-#include "support/random_trees.h"
-#include "support/linked.h"
+#include <sstream>
+#include <string>
 
 using namespace TVL::TileTree3D;
 using CoreGL::ComponentInfo;
@@ -32,10 +32,14 @@ protected:
     }
 };
 
-template <typename Tr> class ObjectInfoTest : public LogLevels {};
+template <typename Tr> class ObjectInfoTest : public LogLevels {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(ObjectInfoTest, TraitsTypes, TraitsNames);
 
@@ -55,19 +59,23 @@ template <typename Tr> Quillon::Ptr<TVL::Object> volume()
     auto density = Command::createChannel<float, Tr::kRatio, Tr::kTileWidth, Tr::kTileWidth, 0>(
         "density", topology, *object, 0.0f, kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
     auto velocity = Command::createChannel<float3, Tr::kRatio, Tr::kTileWidth, Tr::kTileWidth, 0>(
-        "velocity", topology, *object, float3{0, 0, 0}, kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
+        "velocity", topology, *object, float3{0, 0, 0}, kDataElementInitializerDefaultValue, 0,
+        Tr::kMaxDepth);
     float n = 0;
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < density->tileCount(d); ++t) {
-            for (auto& v : density->tileData(t, d)) v = (n += 0.25f);
-            for (auto& v : velocity->tileData(t, d)) v = float3{n, -n, 1.0f};
+            for (auto& v : density->tileData(t, d))
+                v = (n += 0.25f);
+            for (auto& v : velocity->tileData(t, d))
+                v = float3{n, -n, 1.0f};
         }
     return object;
 }
 
 ObjectInfo info(TVL::Object const& o)
 {
-    return CoreGL::computeObjectInfo(o, Tavrel::Geometry::sVoxelComp, Tavrel::Geometry::sVoxelTileTree);
+    return CoreGL::computeObjectInfo(o, Tavrel::Geometry::sVoxelComp,
+                                     Tavrel::Geometry::sVoxelTileTree);
 }
 
 /// verifyObjectInfo's result and what it wrote to the error stream.
@@ -129,7 +137,8 @@ TYPED_TEST(ObjectInfoTest, DebugLinesNameTheTreeTypesAndChannels)
     bool const is24 = std::is_same_v<Tr, Traits24>;
     EXPECT_NE(text.find("computeObjectInfo<2, 4, 1>\n"), std::string::npos) << text;
     EXPECT_NE(text.find("computeObjectInfo<5, 5, 1>\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("Found no container with this type. Exiting.\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("Found no container with this type. Exiting.\n"), std::string::npos)
+        << text;
     EXPECT_NE(text.find("found channel for 'density'\n"), std::string::npos) << text;
     EXPECT_NE(text.find("found channel for 'velocity'\n"), std::string::npos) << text;
     // The type found reports its channels after its own header.
@@ -144,8 +153,8 @@ TEST_F(LogLevels, AnObjectWithoutTreeHasNoRecords)
     ObjectInfo const fp = info(*empty);
     std::string const err = ::testing::internal::GetCapturedStderr();
     EXPECT_TRUE(fp.components.empty());
-    EXPECT_EQ(err,
-              "computeObjectInfoHelper.error: unable to compute info about object, it has an unsupported traits type\n");
+    EXPECT_EQ(err, "computeObjectInfoHelper.error: unable to compute info about object, it has an "
+                   "unsupported traits type\n");
 }
 
 TYPED_TEST(ObjectInfoTest, AnUnchangedObjectVerifies)
@@ -160,7 +169,8 @@ TYPED_TEST(ObjectInfoTest, AnUnchangedObjectVerifies)
     auto const [ok, err] = verify(a, b);
     EXPECT_TRUE(ok);
     EXPECT_EQ(err, "");
-    EXPECT_NE(out.str().find("verifyObjectInfo: component 'density' ok\n"), std::string::npos) << out.str();
+    EXPECT_NE(out.str().find("verifyObjectInfo: component 'density' ok\n"), std::string::npos)
+        << out.str();
 }
 
 TYPED_TEST(ObjectInfoTest, ASharedComponentWrittenInPlaceIsCaught)
@@ -175,7 +185,8 @@ TYPED_TEST(ObjectInfoTest, ASharedComponentWrittenInPlaceIsCaught)
     density->tileData(0, 0)[0] += 1.0f;
     auto const [ok, err] = verify(before, info(*object));
     EXPECT_FALSE(ok);
-    EXPECT_EQ(err, "verifyObjectInfo.error: ref count for component density before is larger than one, but data was "
+    EXPECT_EQ(err, "verifyObjectInfo.error: ref count for component density before is larger than "
+                   "one, but data was "
                    "not cloned\n");
     EXPECT_EQ(other.componentCount(), object->componentCount());
 }
@@ -204,7 +215,8 @@ TYPED_TEST(ObjectInfoTest, AnUnsharedComponentMustBeWrittenInPlace)
     auto object = volume<Tr>();
     ObjectInfo const before = info(*object);
     {
-        TVL::ComponentGuard<VoxelChannel<Tr, float>> density(*object, "density"); // the component itself
+        TVL::ComponentGuard<VoxelChannel<Tr, float>> density(*object,
+                                                             "density"); // the component itself
         density->tileData(0, 0)[0] += 1.0f;
     }
     auto const [ok, err] = verify(before, info(*object));
@@ -219,7 +231,8 @@ TYPED_TEST(ObjectInfoTest, AnUnsharedComponentMustBeWrittenInPlace)
     copy.reset();
     auto const [ok2, err2] = verify(again, info(*object));
     EXPECT_FALSE(ok2);
-    EXPECT_EQ(err2, "verifyObjectInfo.error: ref count for component density before is one, but data was cloned\n");
+    EXPECT_EQ(err2, "verifyObjectInfo.error: ref count for component density before is one, but "
+                    "data was cloned\n");
 }
 
 TEST_F(LogLevels, HashesAgreeWithinTheRoundingTolerance)
@@ -267,7 +280,8 @@ TEST_F(LogLevels, AComponentMissingBeforeIsAWarningOnly)
     CoreGL::Logger::setErrorVerboseLevel(2);
     auto const loud = verify(a, b);
     EXPECT_TRUE(loud.first);
-    EXPECT_EQ(loud.second, "verifyObjectInfo.warning: Component new does not exist in objectInfo struct\n");
+    EXPECT_EQ(loud.second,
+              "verifyObjectInfo.warning: Component new does not exist in objectInfo struct\n");
 }
 
 // A link-time check (support/linked.h): a missing instantiation fails the link.

@@ -1,14 +1,14 @@
 // Tests of the version banner: its parts, its text, and when it is written.
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <regex>
-#include <string>
 #include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <hexmold/diagnostics/version.h>
+#include <regex>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -19,7 +19,8 @@ class ScopedBannerVariable {
 public:
     explicit ScopedBannerVariable(char const* value)
     {
-        if (char const* old = std::getenv(kVariable)) mOld = old, mHadOld = true;
+        if (char const* old = std::getenv(kVariable))
+            mOld = old, mHadOld = true;
         if (value)
             ::setenv(kVariable, value, 1);
         else
@@ -42,11 +43,11 @@ private:
 std::string expectedLine()
 {
     char line[512];
-    std::snprintf(line, sizeof line, "%16s: %s version %d.%d.%d.%d (%s, build %s, commit %s, branch %s)\n",
-                  CoreGL::versionModuleName(), CoreGL::versionProductName(),
-                  CoreGL::versionMajor(), CoreGL::versionMinor(), CoreGL::versionPatch(),
-                  CoreGL::versionTweak(), CoreGL::versionBuildDate(),
-                  CoreGL::versionBuildNumber(), CoreGL::versionCommit(),
+    std::snprintf(line, sizeof line,
+                  "%16s: %s version %d.%d.%d.%d (%s, build %s, commit %s, branch %s)\n",
+                  CoreGL::versionModuleName(), CoreGL::versionProductName(), CoreGL::versionMajor(),
+                  CoreGL::versionMinor(), CoreGL::versionPatch(), CoreGL::versionTweak(),
+                  CoreGL::versionBuildDate(), CoreGL::versionBuildNumber(), CoreGL::versionCommit(),
                   CoreGL::versionBranch());
     return line;
 }
@@ -56,12 +57,15 @@ std::string dumpToTemporaryFile(bool* out_result = nullptr)
 {
     std::FILE* file = std::tmpfile();
     EXPECT_NE(file, nullptr);
-    if (!file) return {};
+    if (!file)
+        return {};
     bool const result = CoreGL::dumpVersionInfo(file);
-    if (out_result) *out_result = result;
+    if (out_result)
+        *out_result = result;
     std::rewind(file);
     std::string text;
-    for (int c; (c = std::fgetc(file)) != EOF;) text.push_back(static_cast<char>(c));
+    for (int c; (c = std::fgetc(file)) != EOF;)
+        text.push_back(static_cast<char>(c));
     std::fclose(file);
     return text;
 }
@@ -71,7 +75,8 @@ std::string dumpToTemporaryFile(bool* out_result = nullptr)
 std::string stderrOfFreshProcess(char const* value)
 {
     int fds[2];
-    if (::pipe(fds) != 0) return "pipe failed";
+    if (::pipe(fds) != 0)
+        return "pipe failed";
     pid_t const pid = ::fork();
     if (pid == 0) {
         ::dup2(fds[1], 2);
@@ -92,7 +97,8 @@ std::string stderrOfFreshProcess(char const* value)
     ::close(fds[1]);
     std::string text;
     char buffer[256];
-    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) text.append(buffer, n);
+    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;)
+        text.append(buffer, n);
     ::close(fds[0]);
     int status = 0;
     ::waitpid(pid, &status, 0);
@@ -111,12 +117,14 @@ TEST(Version, ProductAndModuleAreHexmold)
 
 TEST(Version, PartsAreTheProjectVersion)
 {
-    // HEXMOLD_PROJECT_VERSION: the version the build was configured with, "major.minor.patch.tweak".
-    std::string const parts = std::to_string(CoreGL::versionMajor()) + "." + std::to_string(CoreGL::versionMinor()) +
-                              "." + std::to_string(CoreGL::versionPatch()) + "." +
-                              std::to_string(CoreGL::versionTweak());
+    // HEXMOLD_PROJECT_VERSION: the version the build was configured with,
+    // "major.minor.patch.tweak".
+    std::string const parts =
+        std::to_string(CoreGL::versionMajor()) + "." + std::to_string(CoreGL::versionMinor()) +
+        "." + std::to_string(CoreGL::versionPatch()) + "." + std::to_string(CoreGL::versionTweak());
     EXPECT_EQ(parts, HEXMOLD_PROJECT_VERSION);
-    EXPECT_TRUE(std::regex_match(CoreGL::versionBuildDate(), std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}")))
+    EXPECT_TRUE(
+        std::regex_match(CoreGL::versionBuildDate(), std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}")))
         << CoreGL::versionBuildDate();
 }
 
@@ -125,7 +133,8 @@ TEST(Version, SourceRevisionIsKnownInACheckout)
     // The "unknown" fallback is for builds outside a git checkout only.
     if (!std::filesystem::exists(std::filesystem::path(HEXMOLD_SOURCE_DIR) / ".git"))
         GTEST_SKIP() << "the sources at " << HEXMOLD_SOURCE_DIR << " are not a git checkout";
-    EXPECT_TRUE(std::regex_match(CoreGL::versionCommit(), std::regex("[0-9a-f]{12}"))) << CoreGL::versionCommit();
+    EXPECT_TRUE(std::regex_match(CoreGL::versionCommit(), std::regex("[0-9a-f]{12}")))
+        << CoreGL::versionCommit();
     EXPECT_STRNE(CoreGL::versionBranch(), "unknown");
     EXPECT_STRNE(CoreGL::versionBranch(), "");
     EXPECT_TRUE(std::regex_match(CoreGL::versionBuildNumber(), std::regex("[1-9][0-9]*")))

@@ -3,22 +3,22 @@
 // runs and thread counts, cancellation.
 #include <gtest/gtest.h>
 
+#include "support/linked.h"
+#include "support/random_trees.h"
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <hexmold/diagnostics/voxel_hash.h>
+#include <hexmold/logging/logger.h>
+#include <hexmold/platform/quillon/job.h>
+#include <hexmold/substrate/channel.h>
+#include <hexmold/substrate/container.h>
+#include <hexmold/substrate/parallel.h>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
-#include <hexmold/logging/logger.h>
-#include <hexmold/diagnostics/voxel_hash.h>
-#include <hexmold/platform/quillon/job.h>
-#include <hexmold/substrate/channel.h>
-#include <hexmold/substrate/container.h>
-#include <hexmold/substrate/parallel.h>
-#include "support/random_trees.h"
-#include "support/linked.h"
 
 using namespace TVL::TileTree3D;
 
@@ -34,7 +34,10 @@ protected:
 };
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(VoxelHash, TraitsTypes, TraitsNames);
 
@@ -42,7 +45,8 @@ TYPED_TEST_SUITE(VoxelHash, TraitsTypes, TraitsNames);
 /// library's rotations.
 double referenceWeight(std::int32_t ti, std::int32_t tj, std::int32_t tk, std::uint64_t c)
 {
-    std::int32_t const sum = static_cast<std::int32_t>(std::uint32_t(ti) + std::uint32_t(tj) + std::uint32_t(tk));
+    std::int32_t const sum =
+        static_cast<std::int32_t>(std::uint32_t(ti) + std::uint32_t(tj) + std::uint32_t(tk));
     std::uint64_t const seed = std::uint64_t(std::int64_t(sum));
     std::uint64_t const m = 0xb4ad5a69595ab2adull;
     std::uint64_t const a = (std::rotr(seed, 21) ^ c) * m;
@@ -65,30 +69,34 @@ template <typename Tr, typename T> struct OneTile {
         auto acc = tree.tileAccessor();
         tile = &acc.addTile(point, Tr::kMaxDepth);
         T fill{};
-        channel = Quillon::makePtr<VoxelChannel<Tr, T>>("c", &fill, kDataElementInitializerDefaultValue, false, true,
-                                                       Tr::kMaxDepth, Tr::kMaxDepth);
+        channel =
+            Quillon::makePtr<VoxelChannel<Tr, T>>("c", &fill, kDataElementInitializerDefaultValue,
+                                                  false, true, Tr::kMaxDepth, Tr::kMaxDepth);
         channel->update(tree);
     }
 };
 
-template <typename Tr, typename T, typename F> Quillon::Ptr<VoxelChannel<Tr, T>> filled(Container<Tr> const& c, F const& f)
+template <typename Tr, typename T, typename F>
+Quillon::Ptr<VoxelChannel<Tr, T>> filled(Container<Tr> const& c, F const& f)
 {
     T fill{};
-    auto ch = Quillon::makePtr<VoxelChannel<Tr, T>>("c", &fill, kDataElementInitializerDefaultValue, false, true, 0,
-                                                   Tr::kMaxDepth);
+    auto ch = Quillon::makePtr<VoxelChannel<Tr, T>>("c", &fill, kDataElementInitializerDefaultValue,
+                                                    false, true, 0, Tr::kMaxDepth);
     ch->update(c);
     std::int64_t n = 0;
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
             auto b = ch->tileData(t, d);
-            for (auto& v : b) v = f(n++);
+            for (auto& v : b)
+                v = f(n++);
         }
     return ch;
 }
 
 bool agree(double a, double b)
 {
-    return std::abs(a - b) <= std::abs(a + b) * 2.220446049250313e-16 || std::abs(a - b) < 2.2250738585072014e-308;
+    return std::abs(a - b) <= std::abs(a + b) * 2.220446049250313e-16 ||
+           std::abs(a - b) < 2.2250738585072014e-308;
 }
 
 } // namespace
@@ -111,7 +119,8 @@ TYPED_TEST(VoxelHash, EqualsTheFormulaOnAHandMadeTile)
     for (int3 point : {int3{0, 0, 0}, int3{-37, 91, 5}, int3{1000, -2000, 3}}) {
         OneTile<Tr, float> s(point);
         auto b = s.channel->tileData(s.tile->treeIndex());
-        for (std::size_t n = 0; n < b.size(); ++n) b[n] = float(std::sin(double(n) * 0.7) * 10.0 + double(n));
+        for (std::size_t n = 0; n < b.size(); ++n)
+            b[n] = float(std::sin(double(n) * 0.7) * 10.0 + double(n));
         double sumW = 0, sumV = 0;
         for (std::size_t n = 0; n < b.size(); ++n) {
             double const w = referenceWeight(s.tile->ti(), s.tile->tj(), s.tile->tk(), n);
@@ -147,7 +156,8 @@ TYPED_TEST(VoxelHash, ATileWithoutBlockContributesNothing)
     EXPECT_TRUE(agree(CoreGL::voxelHash(c, *ch), before));
     // A channel with no voxels: 0 / 0.
     float fill = 0;
-    VoxelChannel<Tr, float> none("none", &fill, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
+    VoxelChannel<Tr, float> none("none", &fill, kDataElementInitializerDefaultValue, false, true, 0,
+                                 Tr::kMaxDepth);
     EXPECT_TRUE(std::isnan(CoreGL::voxelHash(c, none)));
 }
 
@@ -156,12 +166,14 @@ TYPED_TEST(VoxelHash, TwoCallsAndAnyThreadCountAgreeWithinTolerance)
     using Tr = TypeParam;
     Container<Tr> c("tree", 1.0f);
     testtrees::growRandomTree(c, 52, 10, 200, Tr::kMaxDepth - 6, 0.5);
-    auto const ch = filled<Tr, float>(c, [](std::int64_t n) { return float(std::cos(double(n)) * 100.0); });
+    auto const ch =
+        filled<Tr, float>(c, [](std::int64_t n) { return float(std::cos(double(n)) * 100.0); });
     double const a = CoreGL::voxelHash(c, *ch);
     double const b = CoreGL::voxelHash(c, *ch);
     double one;
     {
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
         one = CoreGL::voxelHash(c, *ch);
     }
     EXPECT_TRUE(std::isfinite(a));
@@ -174,7 +186,8 @@ TYPED_TEST(VoxelHash, ChangingOrSwappingVoxelsChangesTheHash)
     using Tr = TypeParam;
     OneTile<Tr, int> s(int3{12, -40, 9});
     auto b = s.channel->tileData(s.tile->treeIndex());
-    for (std::size_t n = 0; n < b.size(); ++n) b[n] = int(n);
+    for (std::size_t n = 0; n < b.size(); ++n)
+        b[n] = int(n);
     double const original = CoreGL::voxelHash(s.tree, *s.channel);
     b[7] += 1;
     double const changed = CoreGL::voxelHash(s.tree, *s.channel);
@@ -200,24 +213,29 @@ TYPED_TEST(VoxelHash, TilesWithEqualCornerSumsShareTheirWeights)
     auto const& b = acc.addTile(int3{int(ca.x + tw), int(ca.y - tw), ca.z}, Tr::kMaxDepth);
     ASSERT_EQ(a.ti() + a.tj() + a.tk(), b.ti() + b.tj() + b.tk());
     for (std::uint64_t n = 0; n < std::uint64_t(W * W * W); ++n)
-        EXPECT_EQ(CoreGL::voxelHashWeight(a.ti(), a.tj(), a.tk(), n), CoreGL::voxelHashWeight(b.ti(), b.tj(), b.tk(), n));
+        EXPECT_EQ(CoreGL::voxelHashWeight(a.ti(), a.tj(), a.tk(), n),
+                  CoreGL::voxelHashWeight(b.ti(), b.tj(), b.tk(), n));
     // So moving data from one of them to the other leaves the hash as it was, bit for bit (the
     // other tile holds zeros, whose terms add exactly).
     float fill = 0;
-    VoxelChannel<Tr, float> ch("c", &fill, kDataElementInitializerDefaultValue, false, true, Tr::kMaxDepth, Tr::kMaxDepth);
+    VoxelChannel<Tr, float> ch("c", &fill, kDataElementInitializerDefaultValue, false, true,
+                               Tr::kMaxDepth, Tr::kMaxDepth);
     ch.update(c);
     auto da = ch.tileData(a.treeIndex());
     auto db = ch.tileData(b.treeIndex());
-    for (std::size_t n = 0; n < da.size(); ++n) da[n] = float(3 * n % 17) - 4.5f;
+    for (std::size_t n = 0; n < da.size(); ++n)
+        da[n] = float(3 * n % 17) - 4.5f;
     double const before = CoreGL::voxelHash(c, ch);
-    for (std::size_t n = 0; n < da.size(); ++n) std::swap(da[n], db[n]);
+    for (std::size_t n = 0; n < da.size(); ++n)
+        std::swap(da[n], db[n]);
     EXPECT_EQ(CoreGL::voxelHash(c, ch), before);
     // Data moved to a tile of another corner sum changes it.
     auto const& other = acc.addTile(int3{int(ca.x + tw), ca.y, ca.z}, Tr::kMaxDepth);
     ch.update(c);
     auto dother = ch.tileData(other.treeIndex());
     db = ch.tileData(b.treeIndex());
-    for (std::size_t n = 0; n < db.size(); ++n) std::swap(db[n], dother[n]);
+    for (std::size_t n = 0; n < db.size(); ++n)
+        std::swap(db[n], dother[n]);
     EXPECT_NE(CoreGL::voxelHash(c, ch), before);
 }
 
@@ -231,10 +249,12 @@ TYPED_TEST(VoxelHash, TheDebugLineIsWrittenAboveItsLevel)
     CoreGL::Logger::setVerboseLevel(2);
     CoreGL::writeVoxelHashLine("frame 1: mesh", ".voxel_hash.after_pruning = ", s.tree, *s.channel);
     EXPECT_EQ(out.str(), "");
-    CoreGL::writeVoxelHashLine("frame 1: mesh", ".voxel_hash.after_pruning = ", s.tree, *s.channel, 1);
+    CoreGL::writeVoxelHashLine("frame 1: mesh", ".voxel_hash.after_pruning = ", s.tree, *s.channel,
+                               1);
     std::ostringstream expected;
     expected.precision(17);
-    expected << "frame 1: mesh.voxel_hash.after_pruning = " << CoreGL::voxelHash(s.tree, *s.channel) << '\n';
+    expected << "frame 1: mesh.voxel_hash.after_pruning = " << CoreGL::voxelHash(s.tree, *s.channel)
+             << '\n';
     EXPECT_EQ(out.str(), expected.str());
     EXPECT_NEAR(std::stod(out.str().substr(out.str().find("= ") + 2)), 2.5, 1e-14);
     out.str("");
@@ -257,7 +277,8 @@ TYPED_TEST(VoxelHash, CancellationThrows)
 // A link-time check (support/linked.h): a missing instantiation fails the link.
 TEST(VoxelHashExports, EveryElementTypeIsExported)
 {
-#define HEXMOLD_TAKE(TR, T) testlinked::requireLinked(&CoreGL::voxelHash<TR, T>, &CoreGL::writeVoxelHashLine<TR, T>);
+#define HEXMOLD_TAKE(TR, T)                                                                        \
+    testlinked::requireLinked(&CoreGL::voxelHash<TR, T>, &CoreGL::writeVoxelHashLine<TR, T>);
     HEXMOLD_FOR_EACH_TRAITS_ELEMENT(HEXMOLD_TAKE)
 #undef HEXMOLD_TAKE
 }

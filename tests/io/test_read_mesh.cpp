@@ -9,6 +9,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
+#include <hexmold/io/read_mesh.h>
+#include <hexmold/platform/tavrel/geometry.h>
 #include <initializer_list>
 #include <limits>
 #include <map>
@@ -17,9 +20,6 @@
 #include <unistd.h>
 #include <utility>
 #include <vector>
-#include <gtest/gtest.h>
-#include <hexmold/io/read_mesh.h>
-#include <hexmold/platform/tavrel/geometry.h>
 
 using hexmold::io::IoError;
 using hexmold::io::readMesh;
@@ -71,7 +71,8 @@ template <typename T> void append(std::string& io_bytes, T value, bool bigEndian
 {
     char raw[sizeof(T)];
     std::memcpy(raw, &value, sizeof(T));
-    if (bigEndian) std::reverse(raw, raw + sizeof(T));
+    if (bigEndian)
+        std::reverse(raw, raw + sizeof(T));
     io_bytes.append(raw, sizeof(T));
 }
 
@@ -82,8 +83,10 @@ std::string base64(std::string const& bytes)
     std::string out;
     for (std::size_t i = 0; i < bytes.size(); i += 3) {
         std::uint32_t group = std::uint32_t(std::uint8_t(bytes[i])) << 16;
-        if (i + 1 < bytes.size()) group |= std::uint32_t(std::uint8_t(bytes[i + 1])) << 8;
-        if (i + 2 < bytes.size()) group |= std::uint32_t(std::uint8_t(bytes[i + 2]));
+        if (i + 1 < bytes.size())
+            group |= std::uint32_t(std::uint8_t(bytes[i + 1])) << 8;
+        if (i + 2 < bytes.size())
+            group |= std::uint32_t(std::uint8_t(bytes[i + 2]));
         out += kDigits[(group >> 18) & 63];
         out += kDigits[(group >> 12) & 63];
         out += i + 1 < bytes.size() ? kDigits[(group >> 6) & 63] : '=';
@@ -134,15 +137,19 @@ std::string binaryPly(bool bigEndian)
     std::string ply = plyHeader(bigEndian ? "binary_big_endian" : "binary_little_endian");
     for (int v = 0; v < 5; ++v) {
         auto const& p = kQuadAndTrianglePoints[v];
-        for (float x : {p.x, p.y, p.z, 0.0f, 0.0f, 1.0f}) append(ply, x, bigEndian);
-        for (int c : kPlyColorBytes[v]) append(ply, std::uint8_t(c));
+        for (float x : {p.x, p.y, p.z, 0.0f, 0.0f, 1.0f})
+            append(ply, x, bigEndian);
+        for (int c : kPlyColorBytes[v])
+            append(ply, std::uint8_t(c));
         append(ply, kPlyUvs[v].x, bigEndian);
         append(ply, kPlyUvs[v].y, bigEndian);
     }
     append(ply, std::uint8_t(4));
-    for (std::int32_t i : {0, 1, 2, 3}) append(ply, i, bigEndian);
+    for (std::int32_t i : {0, 1, 2, 3})
+        append(ply, i, bigEndian);
     append(ply, std::uint8_t(3));
-    for (std::int32_t i : {1, 4, 2}) append(ply, i, bigEndian);
+    for (std::int32_t i : {1, 4, 2})
+        append(ply, i, bigEndian);
     return ply;
 }
 
@@ -194,9 +201,11 @@ std::string binaryStl(std::vector<std::array<float3, 3>> const& triangles,
     append(stl, std::uint32_t(triangles.size()));
     for (auto const& t : triangles) {
         float3 const n = facetNormal(t);
-        for (float x : {n.x, n.y, n.z}) append(stl, x);
+        for (float x : {n.x, n.y, n.z})
+            append(stl, x);
         for (auto const& p : t)
-            for (float x : {p.x, p.y, p.z}) append(stl, x);
+            for (float x : {p.x, p.y, p.z})
+                append(stl, x);
         append(stl, std::uint16_t(0));
     }
     return stl;
@@ -207,14 +216,18 @@ std::string binaryStl(std::vector<std::array<float3, 3>> const& triangles,
 std::string gltfBuffer()
 {
     std::string bytes;
-    for (float x : {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0}) append(bytes, x); // POSITION, 48 bytes
+    for (float x : {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0})
+        append(bytes, x); // POSITION, 48 bytes
     for (int i = 0; i < 4; ++i)
-        for (float x : {0, 0, 1}) append(bytes, x);                       // NORMAL, 48 bytes
-    for (float x : {0, 0, 1, 0, 1, 1, 0, 1}) append(bytes, x);             // TEXCOORD_0, 32 bytes
+        for (float x : {0, 0, 1})
+            append(bytes, x); // NORMAL, 48 bytes
+    for (float x : {0, 0, 1, 0, 1, 1, 0, 1})
+        append(bytes, x); // TEXCOORD_0, 32 bytes
     for (float x :
          {1.f, 0.f, 0.f, 1.f, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f, 1.f, 1.f, 1.f, 1.f, 1.f, 0.5f})
-        append(bytes, x);                                                  // COLOR_0, 64 bytes
-    for (std::uint32_t i : {0, 1, 2, 0, 2, 3}) append(bytes, i);           // indices, 24 bytes
+        append(bytes, x); // COLOR_0, 64 bytes
+    for (std::uint32_t i : {0, 1, 2, 0, 2, 3})
+        append(bytes, i); // indices, 24 bytes
     return bytes;
 }
 
@@ -225,7 +238,8 @@ std::string gltfJson(std::string const& uri, std::string const& nodes, int mode 
         "{\"byteLength\":216" + (uri.empty() ? "" : ",\"uri\":\"" + uri + "\"") + "}";
     std::string nodeList;
     int const nodeCount = int(std::count(nodes.begin(), nodes.end(), '{')); // one brace a node
-    for (int n = 0; n < nodeCount; ++n) nodeList += (n ? "," : "") + std::to_string(n);
+    for (int n = 0; n < nodeCount; ++n)
+        nodeList += (n ? "," : "") + std::to_string(n);
     return "{\"asset\":{\"version\":\"2.0\"},\"scene\":0,\"scenes\":[{\"nodes\":[" + nodeList +
            "]}],\"nodes\":[" + nodes +
            "],\"meshes\":[{\"primitives\":[{\"attributes\":{\"POSITION\":0,\"NORMAL\":1,"
@@ -299,7 +313,8 @@ std::size_t openOrMisorientedEdges(Object const& mesh)
     std::size_t bad = 0;
     for (auto const& [edge, count] : directed) {
         auto const reverse = directed.find({edge.second, edge.first});
-        if (count != 1 || reverse == directed.end() || reverse->second != 1) ++bad;
+        if (count != 1 || reverse == directed.end() || reverse->second != 1)
+            ++bad;
     }
     return bad;
 }
@@ -309,7 +324,8 @@ void expectPoints(std::vector<float3> const& actual, std::vector<float3> const& 
 {
     ASSERT_EQ(actual.size(), expected.size());
     for (std::size_t i = 0; i < actual.size(); ++i)
-        for (int k = 0; k < 3; ++k) EXPECT_NEAR(actual[i][k], expected[i][k], tol) << "point " << i;
+        for (int k = 0; k < 3; ++k)
+            EXPECT_NEAR(actual[i][k], expected[i][k], tol) << "point " << i;
 }
 
 template <typename T>
@@ -425,9 +441,8 @@ TEST_F(ReadMesh, CornersWithDifferentUvsStaySeparatePoints)
 
 TEST_F(ReadMesh, NegativeZeroJoinsPositiveZero)
 {
-    auto const mesh =
-        readMesh(write("zero.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv -0 -0 0\nv 0 -1 0\n"
-                                   "f 1 2 3\nf 4 5 2\n"));
+    auto const mesh = readMesh(write("zero.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nv -0 -0 0\nv 0 -1 0\n"
+                                                 "f 1 2 3\nf 4 5 2\n"));
     EXPECT_EQ(positionsOf(*mesh).size(), 4u);
     EXPECT_EQ(faceVertexOf(*mesh), (std::vector<unsigned>{0, 1, 2, 0, 3, 1}));
 }
@@ -565,8 +580,9 @@ TEST_F(ReadMesh, GltfWithEmbeddedBufferPlacesEachNode)
     // The same square under two nodes, the second moved by 5 along x: one mesh of both copies.
     auto const mesh = readMesh(
         write("squares.gltf", embeddedGltf("{\"mesh\":0},{\"mesh\":0,\"translation\":[5,0,0]}")));
-    expectPoints(positionsOf(*mesh), {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0},
-                                      {5, 0, 0}, {6, 0, 0}, {6, 1, 0}, {5, 1, 0}});
+    expectPoints(
+        positionsOf(*mesh),
+        {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {5, 0, 0}, {6, 0, 0}, {6, 1, 0}, {5, 1, 0}});
     EXPECT_EQ(faceVertexOf(*mesh), (std::vector<unsigned>{0, 1, 2, 0, 2, 3, 4, 5, 6, 4, 6, 7}));
     EXPECT_EQ(faceOffsetOf(*mesh), (std::vector<unsigned>{0, 3, 6, 9, 12}));
     expectValues(*mesh, sPointNormal, std::vector<float3>(8, float3{0, 0, 1}));
@@ -654,7 +670,8 @@ TEST_F(ReadMesh, ConcurrentReadsGiveTheSameMesh)
             positions[t] = positionsOf(*mesh);
             faces[t] = faceVertexOf(*mesh);
         });
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     for (int t = 0; t < kThreads; ++t) {
         expectPoints(positions[t], kQuadAndTrianglePoints);
         EXPECT_EQ(faces[t], kQuadAndTriangleFaceVertex);
@@ -696,7 +713,10 @@ TEST_F(ReadMesh, EveryCutOfAFileIsReadOrRefused)
 
 // ---- refused files -----------------------------------------------------------------------------
 
-TEST_F(ReadMesh, MissingFileIsRefused) { expectIoError(path("absent.obj"), {"no such file"}); }
+TEST_F(ReadMesh, MissingFileIsRefused)
+{
+    expectIoError(path("absent.obj"), {"no such file"});
+}
 
 TEST_F(ReadMesh, FolderIsRefused)
 {
@@ -704,7 +724,10 @@ TEST_F(ReadMesh, FolderIsRefused)
     expectIoError(path("folder.obj"), {"folder"});
 }
 
-TEST_F(ReadMesh, EmptyFileIsRefused) { expectIoError(write("empty.ply", ""), {"empty"}); }
+TEST_F(ReadMesh, EmptyFileIsRefused)
+{
+    expectIoError(write("empty.ply", ""), {"empty"});
+}
 
 TEST_F(ReadMesh, UnknownExtensionIsRefused)
 {
@@ -903,7 +926,8 @@ TEST_F(ReadMesh, GltfWithMissingBufferFileIsRefused)
 TEST_F(ReadMesh, BunnyHasItsTriangles)
 {
     fs::path const file = dataFile("bunny.obj");
-    if (!fs::exists(file)) GTEST_SKIP() << file << " not present";
+    if (!fs::exists(file))
+        GTEST_SKIP() << file << " not present";
     auto const mesh = readMesh(file);
     auto const offsets = faceOffsetOf(*mesh);
     ASSERT_EQ(offsets.size(), 3674u + 1);
@@ -917,7 +941,8 @@ TEST_F(ReadMesh, BunnyHasItsTriangles)
 TEST_F(ReadMesh, TorusQuadHasItsQuads)
 {
     fs::path const file = dataFile("torus_quad.obj");
-    if (!fs::exists(file)) GTEST_SKIP() << file << " not present";
+    if (!fs::exists(file))
+        GTEST_SKIP() << file << " not present";
     auto const mesh = readMesh(file);
     auto const offsets = faceOffsetOf(*mesh);
     ASSERT_EQ(offsets.size(), 25u + 1);

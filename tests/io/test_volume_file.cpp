@@ -13,7 +13,6 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
-#include <iostream>
 #include <hexmold/diagnostics/object_info.h>
 #include <hexmold/io/detail/volume_checksum.h>
 #include <hexmold/io/volume_file.h>
@@ -22,6 +21,7 @@
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/type_lists.h>
+#include <iostream>
 #include <openvdb/io/File.h>
 #include <openvdb/openvdb.h>
 #include <openvdb/tools/LevelSetSphere.h>
@@ -385,7 +385,8 @@ bool compareWithinHalf(TVL::Object const& a, TVL::Object const& b, std::string c
                     std::memcpy(q, &y[v], sizeof(T));
                     for (int c = 0; c < K; ++c) {
                         double const err = std::abs(double(p[c]) - double(q[c]));
-                        double const bound = std::ldexp(std::abs(double(p[c])), -11) + std::ldexp(1.0, -25);
+                        double const bound =
+                            std::ldexp(std::abs(double(p[c])), -11) + std::ldexp(1.0, -25);
                         worst = std::max(worst, err / bound);
                     }
                 }
@@ -402,14 +403,14 @@ TYPED_TEST(VolumeFile, HalfFloatsKeepTheValuesWithinTheirRoundingAndFarValuesExa
     auto const topology = volume->template component<VoxelTopology<Tr>>(kTopology);
     // A distance channel: small values near the surface, plus and minus a far default elsewhere.
     float const far = 8589934592.0f;
-    auto distance = Quillon::makePtr<VoxelChannel<Tr, float>>("distance", &far, kDataElementInitializerDefaultValue,
-                                                              false, false, 0, Tr::kMaxDepth);
+    auto distance = Quillon::makePtr<VoxelChannel<Tr, float>>(
+        "distance", &far, kDataElementInitializerDefaultValue, false, false, 0, Tr::kMaxDepth);
     distance->setTargetName(topology->name());
     distance->update(*topology);
     // A channel with one large value that is not its default: its grids stay 32-bit.
     float const zero = 0.0f;
-    auto large = Quillon::makePtr<VoxelChannel<Tr, float>>("large", &zero, kDataElementInitializerDefaultValue, false,
-                                                           false, 0, Tr::kMaxDepth);
+    auto large = Quillon::makePtr<VoxelChannel<Tr, float>>(
+        "large", &zero, kDataElementInitializerDefaultValue, false, false, 0, Tr::kMaxDepth);
     large->setTargetName(topology->name());
     large->update(*topology);
     std::mt19937_64 rng(5);
@@ -443,7 +444,8 @@ TYPED_TEST(VolumeFile, HalfFloatsKeepTheValuesWithinTheirRoundingAndFarValuesExa
         if (name == kTree || name == kTopology)
             continue;
         bool found = false;
-#define HEXMOLD_TEST_HALF(TR, T) found = found || compareWithinHalf<Tr, T>(*volume, *back, name, worst);
+#define HEXMOLD_TEST_HALF(TR, T)                                                                   \
+    found = found || compareWithinHalf<Tr, T>(*volume, *back, name, worst);
         HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_TEST_HALF, Tr)
 #undef HEXMOLD_TEST_HALF
         EXPECT_TRUE(found) << name;
@@ -476,8 +478,10 @@ TYPED_TEST(VolumeFile, HalfFloatsKeepTheValuesWithinTheirRoundingAndFarValuesExa
     for (auto name = vdb.beginName(); name != vdb.endName(); ++name) {
         auto const grid = vdb.readGridMetadata(name.gridName());
         bool const saved = grid->saveFloatAsHalf();
-        if (name.gridName().rfind("distance.", 0) == 0) halfGrids += saved ? 1 : -1000;
-        if (name.gridName().rfind("large.", 0) == 0) fullGrids += saved ? -1000 : 1;
+        if (name.gridName().rfind("distance.", 0) == 0)
+            halfGrids += saved ? 1 : -1000;
+        if (name.gridName().rfind("large.", 0) == 0)
+            fullGrids += saved ? -1000 : 1;
     }
     vdb.close();
     EXPECT_GT(halfGrids, 0);

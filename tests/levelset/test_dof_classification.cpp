@@ -4,11 +4,10 @@
 // object form; determinism and cancellation.
 #include <gtest/gtest.h>
 
+#include "support/linked.h"
+#include "support/random_trees.h"
+#include "support/trees.h"
 #include <cstdint>
-#include <map>
-#include <stdexcept>
-#include <string>
-#include <vector>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/geometry.h>
@@ -17,19 +16,24 @@
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
-#include "support/random_trees.h"
-#include "support/trees.h"
-#include "support/linked.h"
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
 
 namespace {
 
-template <typename Tr> class DOFClassification : public ::testing::Test {};
+template <typename Tr> class DOFClassification : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(DOFClassification, TraitsTypes, TraitsNames);
 
@@ -40,7 +44,10 @@ public:
     explicit BruteForceDOF(Container<Tr> const& c) : mTiles(c) {}
 
     /// A tile of depth d exists that holds the point.
-    bool exists(std::int64_t x, std::int64_t y, std::int64_t z, int d) const { return mTiles.at(x, y, z, d) != nullptr; }
+    bool exists(std::int64_t x, std::int64_t y, std::int64_t z, int d) const
+    {
+        return mTiles.at(x, y, z, d) != nullptr;
+    }
 
     /// The voxel of depth d at corner p lies on a low side of its tile (its index is 0 on the
     /// axes of some non-empty set A) and the tile one step down along A does not exist at d.
@@ -51,8 +58,10 @@ public:
         bool const low[3] = {x == tile->ti(), y == tile->tj(), z == tile->tk()};
         for (int s = 1; s < 8; ++s) {
             bool const a[3] = {(s & 1) != 0, (s & 2) != 0, (s & 4) != 0};
-            if ((a[0] && !low[0]) || (a[1] && !low[1]) || (a[2] && !low[2])) continue;
-            if (!exists(tile->ti() - (a[0] ? tw : 0), tile->tj() - (a[1] ? tw : 0), tile->tk() - (a[2] ? tw : 0), d))
+            if ((a[0] && !low[0]) || (a[1] && !low[1]) || (a[2] && !low[2]))
+                continue;
+            if (!exists(tile->ti() - (a[0] ? tw : 0), tile->tj() - (a[1] ? tw : 0),
+                        tile->tk() - (a[2] ? tw : 0), d))
                 return true;
         }
         return false;
@@ -75,11 +84,14 @@ public:
             bool refinedBelow = false;
             if (d < Tr::kMaxDepth)
                 for (int s = 1; s < 8; ++s)
-                    refinedBelow |= covered(x - ((s & 1) ? w : 0), y - ((s & 2) ? w : 0), z - ((s & 4) ? w : 0), d);
-            if (!refinedBelow) f |= 8;
+                    refinedBelow |= covered(x - ((s & 1) ? w : 0), y - ((s & 2) ? w : 0),
+                                            z - ((s & 4) ? w : 0), d);
+            if (!refinedBelow)
+                f |= 8;
             return f;
         }
-        if (hangs) return 4;
+        if (hangs)
+            return 4;
         // The finer voxel at the same corner hangs: this voxel is solved here.
         return hanging(x, y, z, d + 1) ? 1 : 2;
     }
@@ -88,17 +100,19 @@ private:
     testtrees::TileSet<Tr> mTiles;
 };
 
-template <typename Tr> Quillon::Ptr<VoxelChannel<Tr, short>> dofChannel(Container<Tr> const& c, short fill = 77)
+template <typename Tr>
+Quillon::Ptr<VoxelChannel<Tr, short>> dofChannel(Container<Tr> const& c, short fill = 77)
 {
-    auto ch = Quillon::makePtr<VoxelChannel<Tr, short>>("dof", &fill, kDataElementInitializerDefaultValue, false, true,
-                                                       0, Tr::kMaxDepth);
+    auto ch = Quillon::makePtr<VoxelChannel<Tr, short>>(
+        "dof", &fill, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
     ch->update(c);
     return ch;
 }
 
 /// Compares every voxel with the brute force; returns the number of voxels compared.
 template <typename Tr>
-std::int64_t expectMatchesBruteForce(Container<Tr> const& c, VoxelChannel<Tr, short> const& dof, std::string const& what)
+std::int64_t expectMatchesBruteForce(Container<Tr> const& c, VoxelChannel<Tr, short> const& dof,
+                                     std::string const& what)
 {
     constexpr int W = Tr::kTileWidth;
     BruteForceDOF<Tr> const truth(c);
@@ -112,16 +126,18 @@ std::int64_t expectMatchesBruteForce(Container<Tr> const& c, VoxelChannel<Tr, sh
                     for (int i = 0; i < W; ++i, ++n) {
                         short const expected = truth.flags(tile, i, j, k);
                         if (block(i, j, k) != expected && ++wrong <= 5)
-                            ADD_FAILURE() << what << ": depth " << d << " tile (" << tile.ti() << ", " << tile.tj()
-                                          << ", " << tile.tk() << ") voxel (" << i << ", " << j << ", " << k
-                                          << "): " << block(i, j, k) << " expected " << expected;
+                            ADD_FAILURE()
+                                << what << ": depth " << d << " tile (" << tile.ti() << ", "
+                                << tile.tj() << ", " << tile.tk() << ") voxel (" << i << ", " << j
+                                << ", " << k << "): " << block(i, j, k) << " expected " << expected;
                     }
         }
     EXPECT_EQ(wrong, 0) << what;
     return n;
 }
 
-template <typename Tr> std::vector<short> allFlags(Container<Tr> const& c, VoxelChannel<Tr, short> const& dof)
+template <typename Tr>
+std::vector<short> allFlags(Container<Tr> const& c, VoxelChannel<Tr, short> const& dof)
 {
     std::vector<short> out;
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
@@ -181,7 +197,8 @@ TYPED_TEST(DOFClassification, LoneTileHangsOnItsThreeLowFaces)
                 for (int i = 0; i < W; ++i) {
                     bool const lowSide = i == 0 || j == 0 || k == 0;
                     // A leaf tile: every voxel also has no covered voxel below it.
-                    EXPECT_EQ(b(i, j, k), lowSide ? 4 | 8 : 1 | 8) << "depth " << depth << " (" << i << j << k << ")";
+                    EXPECT_EQ(b(i, j, k), lowSide ? 4 | 8 : 1 | 8)
+                        << "depth " << depth << " (" << i << j << k << ")";
                 }
     }
 }
@@ -198,7 +215,8 @@ TYPED_TEST(DOFClassification, UniformBlockOfDeepestTilesHoldsNineInside)
     auto const& centre = acc.tile(0, 0, 0, Tr::kMaxDepth);
     ASSERT_EQ(centre.depth(), Tr::kMaxDepth);
     auto const b = dof->tileData(centre.treeIndex());
-    for (int n = 0; n < W * W * W; ++n) EXPECT_EQ(b[n], 9) << n;
+    for (int n = 0; n < W * W * W; ++n)
+        EXPECT_EQ(b[n], 9) << n;
     // The block's low corner tile hangs on its low faces.
     std::int64_t const tw = Tr::tileVoxelWidth(Tr::kMaxDepth);
     auto const& low = acc.tile(-tw, -tw, -tw, Tr::kMaxDepth);
@@ -217,7 +235,8 @@ TYPED_TEST(DOFClassification, ParentVoxelOverAHangingChildVoxelIsSolved)
         Container<Tr> c("tree", 1.0f);
         testtrees::addBlock(c, d, {-1, -1, -1}, {0, 0, 0});
         auto acc = c.tileAccessor();
-        int3 const pc = acc.tile(0, 0, 0, d).tijk(); // tile corners of Traits55 are not multiples of the width
+        int3 const pc =
+            acc.tile(0, 0, 0, d).tijk(); // tile corners of Traits55 are not multiples of the width
         acc.addTile(pc.x + cw, pc.y + cw, pc.z + cw, d + 1);
         auto dof = dofChannel(c);
         classifyDegreesOfFreedom(c, *dof);
@@ -241,12 +260,14 @@ TYPED_TEST(DOFClassification, ParentVoxelOverAHangingChildVoxelIsSolved)
         int const lo = S == 2 ? 0 : 1, hi = S == 2 ? 1 : 2;
         for (int z = lo; z <= hi; ++z)
             for (int y = lo; y <= hi; ++y)
-                for (int x = lo; x <= hi; ++x) acc.addTile(pc.x + x * cw, pc.y + y * cw, pc.z + z * cw, d + 1);
+                for (int x = lo; x <= hi; ++x)
+                    acc.addTile(pc.x + x * cw, pc.y + y * cw, pc.z + z * cw, d + 1);
         auto dof = dofChannel(c);
         classifyDegreesOfFreedom(c, *dof);
         auto const b = dof->tileData(acc.tile(pc, d).treeIndex());
         EXPECT_EQ(b(hi * S, hi * S, hi * S), kDOFFromChild);
-        if (S == 1) EXPECT_EQ(b(1, 1, 1), kDOFSolved);
+        if (S == 1)
+            EXPECT_EQ(b(1, 1, 1), kDOFSolved);
     }
 }
 
@@ -270,7 +291,8 @@ TYPED_TEST(DOFClassification, OneAndAllThreadsGiveTheSameFlags)
     auto dof = dofChannel(c);
     std::vector<short> one;
     {
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
         classifyDegreesOfFreedom(c, *dof);
         one = allFlags(c, *dof);
     }
@@ -289,15 +311,16 @@ TYPED_TEST(DOFClassification, PerTileFunctionMatchesTheWalk)
     auto byTile = dofChannel(c);
     auto acc = c.tileAccessor();
     for (int d = Tr::kMaxDepth; d >= 0; --d)
-        for (std::int64_t t = 0; t < c.tileCount(d); ++t) classifyTileDegreesOfFreedom(c.tile(t, d), acc, *byTile);
+        for (std::int64_t t = 0; t < c.tileCount(d); ++t)
+            classifyTileDegreesOfFreedom(c.tile(t, d), acc, *byTile);
     EXPECT_EQ(allFlags(c, *byTile), allFlags(c, *walked));
 }
 
 TYPED_TEST(DOFClassification, ObjectFormCreatesTheChannelWhenAbsent)
 {
     using Tr = TypeParam;
-    auto object = Command::createVoxelTVL<Tr>(Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, 0.5f,
-                                              kVoxelOffsetCenter);
+    auto object = Command::createVoxelTVL<Tr>(
+        Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, 0.5f, kVoxelOffsetCenter);
     {
         TVL::ComponentGuard<Container<Tr>> tree(*object, Tavrel::Geometry::sVoxelTileTree);
         TVL::ComponentGuard<VoxelTopology<Tr>> topology(*object, Tavrel::Geometry::sVoxelComp);
@@ -306,7 +329,8 @@ TYPED_TEST(DOFClassification, ObjectFormCreatesTheChannelWhenAbsent)
     }
     auto const names = object->componentRange();
     classifyDegreesOfFreedom<Tr>(Tavrel::Geometry::sVoxelDegreeOfFreedom, *object);
-    auto const dof = object->template component<VoxelChannel<Tr, short>>(Tavrel::Geometry::sVoxelDegreeOfFreedom);
+    auto const dof = object->template component<VoxelChannel<Tr, short>>(
+        Tavrel::Geometry::sVoxelDegreeOfFreedom);
     ASSERT_TRUE(dof);
     EXPECT_EQ(dof->targetName(), Tavrel::Geometry::sVoxelComp);
     EXPECT_EQ(dof->minDepth(), 0);
@@ -327,15 +351,16 @@ TYPED_TEST(DOFClassification, ObjectFormWithoutTreeOrWithAnotherTypeDoesNothing)
     classifyDegreesOfFreedom<Tr>("dof", *empty);
     EXPECT_EQ(empty->componentCount(), 0u);
     // The other tree type: nothing is created.
-    auto other = Command::createVoxelTVL<Other>(Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, 1.0f,
-                                                kVoxelOffsetCenter);
+    auto other = Command::createVoxelTVL<Other>(
+        Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, 1.0f, kVoxelOffsetCenter);
     classifyDegreesOfFreedom<Tr>("dof", *other);
     EXPECT_FALSE(other->hasComponentFromName("dof"));
     EXPECT_EQ(other->componentCount(), 2u);
     // A component of that name of another element type is left as it is.
-    auto object = Command::createVoxelTVL<Tr>(Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, 1.0f,
-                                              kVoxelOffsetCenter);
-    auto const& topology = *object->template component<VoxelTopology<Tr>>(Tavrel::Geometry::sVoxelComp);
+    auto object = Command::createVoxelTVL<Tr>(
+        Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, 1.0f, kVoxelOffsetCenter);
+    auto const& topology =
+        *object->template component<VoxelTopology<Tr>>(Tavrel::Geometry::sVoxelComp);
     Command::createChannel<float, Tr::kRatio, Tr::kTileWidth, Tr::kTileWidth, 0>(
         "dof", topology, *object, 3.0f, kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
     classifyDegreesOfFreedom<Tr>("dof", *object);
@@ -346,8 +371,8 @@ TYPED_TEST(DOFClassification, ObjectFormWithoutTreeOrWithAnotherTypeDoesNothing)
 TYPED_TEST(DOFClassification, CancellationThrowsAndLeavesTheObjectWhole)
 {
     using Tr = TypeParam;
-    auto object = Command::createVoxelTVL<Tr>(Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, 1.0f,
-                                              kVoxelOffsetCenter);
+    auto object = Command::createVoxelTVL<Tr>(
+        Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp, 1.0f, kVoxelOffsetCenter);
     {
         TVL::ComponentGuard<Container<Tr>> tree(*object, Tavrel::Geometry::sVoxelTileTree);
         TVL::ComponentGuard<VoxelTopology<Tr>> topology(*object, Tavrel::Geometry::sVoxelComp);
@@ -362,16 +387,20 @@ TYPED_TEST(DOFClassification, CancellationThrowsAndLeavesTheObjectWhole)
         EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
     }
     Quillon::clearJobCancellation();
-    EXPECT_TRUE(object->template hasComponentFromName<Container<Tr>>(Tavrel::Geometry::sVoxelTileTree));
-    EXPECT_TRUE(object->template hasComponentFromName<VoxelTopology<Tr>>(Tavrel::Geometry::sVoxelComp));
+    EXPECT_TRUE(
+        object->template hasComponentFromName<Container<Tr>>(Tavrel::Geometry::sVoxelTileTree));
+    EXPECT_TRUE(
+        object->template hasComponentFromName<VoxelTopology<Tr>>(Tavrel::Geometry::sVoxelComp));
     EXPECT_TRUE((object->template hasComponentFromName<VoxelChannel<Tr, short>>("dof")));
 }
 
 // A link-time check (support/linked.h): a missing instantiation fails the link.
 TEST(DOFClassificationExports, EveryFormIsExported)
 {
-    void (*a24)(Container<Traits24> const&, VoxelChannel<Traits24, short>&) = &classifyDegreesOfFreedom<Traits24>;
-    void (*a55)(Container<Traits55> const&, VoxelChannel<Traits55, short>&) = &classifyDegreesOfFreedom<Traits55>;
+    void (*a24)(Container<Traits24> const&, VoxelChannel<Traits24, short>&) =
+        &classifyDegreesOfFreedom<Traits24>;
+    void (*a55)(Container<Traits55> const&, VoxelChannel<Traits55, short>&) =
+        &classifyDegreesOfFreedom<Traits55>;
     void (*b24)(Quillon::String const&, TVL::Object&) = &classifyDegreesOfFreedom<Traits24>;
     void (*b55)(Quillon::String const&, TVL::Object&) = &classifyDegreesOfFreedom<Traits55>;
     testlinked::requireLinked(a24, a55, b24, b55, &classifyTileDegreesOfFreedom<Traits24>,

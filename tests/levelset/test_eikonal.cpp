@@ -15,7 +15,10 @@ namespace {
 
 using CoreGL::solveEikonal;
 
-std::uint32_t bitsOf(float value) { return std::bit_cast<std::uint32_t>(value); }
+std::uint32_t bitsOf(float value)
+{
+    return std::bit_cast<std::uint32_t>(value);
+}
 
 /// The floor factor 0.001 as the float with bits 0x3A83126F, written independently of the library.
 float const kFloor = std::bit_cast<float>(std::uint32_t(0x3A83126F));
@@ -52,15 +55,21 @@ Reference referenceSolve(double hx, double hy, double hz, double a, double b, do
         }
         u = n[0].s + (-qb + std::sqrt(qb * qb - 4.0 * qa * qc)) / (2.0 * qa);
         used = k;
-        if (k == 3 || u <= n[k].s) break;
+        if (k == 3 || u <= n[k].s)
+            break;
     }
-    if (u > limit) return {limit, used};
-    if (u <= 0.0) return {0.001 * n[0].h, used};
+    if (u > limit)
+        return {limit, used};
+    if (u <= 0.0)
+        return {0.001 * n[0].h, used};
     return {u, used};
 }
 
 /// Random float from random bits: every class of value, NaN and infinity included.
-float anyFloat(std::mt19937& rng) { return std::bit_cast<float>(std::uint32_t(rng())); }
+float anyFloat(std::mt19937& rng)
+{
+    return std::bit_cast<float>(std::uint32_t(rng()));
+}
 
 /// Random float of random sign, magnitude log-uniform over [1e-20, 1e20], with a share of zeros
 /// and of FLT_MAX so that the special paths are met often.
@@ -69,8 +78,10 @@ float wideFloat(std::mt19937& rng)
     std::uniform_real_distribution<double> unit(0.0, 1.0);
     double const pick = unit(rng);
     float const sign = unit(rng) < 0.5 ? -1.0f : 1.0f;
-    if (pick < 0.02) return sign * 0.0f;
-    if (pick < 0.04) return sign * FLT_MAX;
+    if (pick < 0.02)
+        return sign * 0.0f;
+    if (pick < 0.04)
+        return sign * FLT_MAX;
     return sign * float(std::pow(10.0, -20.0 + 40.0 * unit(rng)));
 }
 
@@ -94,8 +105,8 @@ TEST(SolveEikonal, AnisotropicWithEqualSpacingsIsBitIdenticalToIsotropic)
         float const limit = n % 5 ? wideFloat(rng) : anyFloat(rng);
         float const iso = solveEikonal(h, a, b, c, limit);
         float const aniso = solveEikonal(h, h, h, a, b, c, limit);
-        ASSERT_EQ(bitsOf(iso), bitsOf(aniso)) << "h " << h << " a " << a << " b " << b << " c "
-                                             << c << " limit " << limit;
+        ASSERT_EQ(bitsOf(iso), bitsOf(aniso))
+            << "h " << h << " a " << a << " b " << b << " c " << c << " limit " << limit;
     }
 }
 
@@ -152,7 +163,8 @@ TEST(SolveEikonal, NegatingInputsNegatesResultBitExactly)
         float const b = raw ? anyFloat(rng) : wideFloat(rng);
         float const c = raw ? anyFloat(rng) : wideFloat(rng);
         float limit = raw ? anyFloat(rng) : wideFloat(rng);
-        if (limit == 0.0f || std::isnan(limit)) limit = 1.0f;
+        if (limit == 0.0f || std::isnan(limit))
+            limit = 1.0f;
 
         float const iso = solveEikonal(hx, a, b, c, limit);
         float const isoNegated = solveEikonal(hx, -a, -b, -c, -limit);
@@ -200,7 +212,8 @@ TEST(SolveEikonal, ResultIsNeverZeroUnlessLimitIsZero)
         float const hz = float(std::pow(10.0, -30.0 + 60.0 * unit(rng)));
         float const a = wideFloat(rng), b = wideFloat(rng), c = wideFloat(rng);
         float limit = wideFloat(rng);
-        if (limit == 0.0f) limit = -1.0f;
+        if (limit == 0.0f)
+            limit = -1.0f;
         ASSERT_NE(solveEikonal(hx, a, b, c, limit), 0.0f);
         ASSERT_NE(solveEikonal(hx, hy, hz, a, b, c, limit), 0.0f);
     }
@@ -231,7 +244,8 @@ TEST(SolveEikonal, TwoNeighbourValueStandsWhenEqualToTheThird)
         float const d02 = s2 - s0, d12 = s2 - s1;
         float const three =
             (s0 + s1 + s2 + std::sqrt(3.0f * h * h - d01 * d01 - d02 * d02 - d12 * d12)) / 3.0f;
-        if (bitsOf(three) != bitsOf(two)) ++distinguishing;
+        if (bitsOf(three) != bitsOf(two))
+            ++distinguishing;
         ASSERT_EQ(bitsOf(solveEikonal(h, s2, s0, s1, FLT_MAX)), bitsOf(two)) << "h " << h;
     }
     EXPECT_GT(distinguishing, 0);
@@ -258,7 +272,8 @@ TEST(SolveEikonal, AnisotropicThirdNeighbourJoinsWhenEqual)
         float const C3 = s2 * s2 / (h2 * h2) + C;
         float const D3 = B3 * B3 - 4.0f * A3 * (C3 - 1.0f);
         float const three = D3 < 0.0f ? two : (std::sqrt(D3) - B3) / (A3 + A3);
-        if (bitsOf(three) != bitsOf(two)) ++distinguishing;
+        if (bitsOf(three) != bitsOf(two))
+            ++distinguishing;
         ASSERT_EQ(bitsOf(solveEikonal(h2, h0, h1, s2, s0, s1, FLT_MAX)), bitsOf(three))
             << "h0 " << h0;
     }
@@ -324,10 +339,12 @@ TEST(SolveEikonal, AnisotropicAgreesWithDoubleUpwindSolveWhenWellConditioned)
     for (int n = 0; n < 200000; ++n) {
         double const scale = std::pow(10.0, -3.0 + 6.0 * unit(rng));
         float h[3];
-        for (float& hi : h) hi = float(scale * std::pow(1000.0, unit(rng)));
+        for (float& hi : h)
+            hi = float(scale * std::pow(1000.0, unit(rng)));
         float const hMin = std::min({h[0], h[1], h[2]});
         float v[3];
-        for (float& vi : v) vi = float(hMin * std::pow(kValueToSpacing, unit(rng)));
+        for (float& vi : v)
+            vi = float(hMin * std::pow(kValueToSpacing, unit(rng)));
         if (unit(rng) < 0.7) {
             // Cluster within the smallest spacing so that several neighbours join.
             v[1] = std::min(v[0] + float(hMin * unit(rng)), float(kValueToSpacing * hMin));
@@ -337,12 +354,12 @@ TEST(SolveEikonal, AnisotropicAgreesWithDoubleUpwindSolveWhenWellConditioned)
         float const limit = sign * FLT_MAX;
         float const result =
             solveEikonal(h[0], h[1], h[2], sign * v[0], sign * v[1], sign * v[2], limit);
-        Reference const reference = referenceSolve(h[0], h[1], h[2], sign * v[0], sign * v[1],
-                                                   sign * v[2], double(limit));
+        Reference const reference =
+            referenceSolve(h[0], h[1], h[2], sign * v[0], sign * v[1], sign * v[2], double(limit));
         double const error = std::fabs(result - reference.value) / std::fabs(reference.value);
         ASSERT_LE(error, kRelativeTolerance)
-            << "h " << h[0] << ", " << h[1] << ", " << h[2] << " values " << v[0] << ", "
-            << v[1] << ", " << v[2] << " sign " << sign;
+            << "h " << h[0] << ", " << h[1] << ", " << h[2] << " values " << v[0] << ", " << v[1]
+            << ", " << v[2] << " sign " << sign;
         ++used[reference.neighbours];
     }
     EXPECT_GT(used[1], 10000);
@@ -359,7 +376,8 @@ TEST(SolveEikonal, AnisotropicErrorGrowsOnlyWithValueToSpacingRatio)
     for (int n = 0; n < 100000; ++n) {
         double const scale = std::pow(10.0, -3.0 + 6.0 * unit(rng));
         float h[3];
-        for (float& hi : h) hi = float(scale * std::pow(1000.0, unit(rng)));
+        for (float& hi : h)
+            hi = float(scale * std::pow(1000.0, unit(rng)));
         float const hMin = std::min({h[0], h[1], h[2]});
         float const hMax = std::max({h[0], h[1], h[2]});
         float v[3];
@@ -367,12 +385,11 @@ TEST(SolveEikonal, AnisotropicErrorGrowsOnlyWithValueToSpacingRatio)
         v[1] = v[0] + float(2.0 * hMax * unit(rng));
         v[2] = v[0] + float(2.0 * hMax * unit(rng));
         float const result = solveEikonal(h[0], h[1], h[2], v[0], v[1], v[2], FLT_MAX);
-        double const reference =
-            referenceSolve(h[0], h[1], h[2], v[0], v[1], v[2], DBL_MAX).value;
+        double const reference = referenceSolve(h[0], h[1], h[2], v[0], v[1], v[2], DBL_MAX).value;
         double const ratio = std::max({v[0], v[1], v[2]}) / hMin;
         double const tolerance = 1e-5 + FLT_EPSILON * ratio * ratio;
         ASSERT_LE(std::fabs(result - reference) / reference, tolerance)
-            << "h " << h[0] << ", " << h[1] << ", " << h[2] << " values " << v[0] << ", "
-            << v[1] << ", " << v[2];
+            << "h " << h[0] << ", " << h[1] << ", " << h[2] << " values " << v[0] << ", " << v[1]
+            << ", " << v[2];
     }
 }

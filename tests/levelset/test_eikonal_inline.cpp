@@ -17,7 +17,10 @@ using CoreGL::detail::eikonalThreeHSquared;
 using CoreGL::detail::eikonalTwoHSquared;
 using CoreGL::detail::solveEikonalInline;
 
-std::uint32_t bitsOf(float value) { return std::bit_cast<std::uint32_t>(value); }
+std::uint32_t bitsOf(float value)
+{
+    return std::bit_cast<std::uint32_t>(value);
+}
 
 float inlineSolve(float h, float a, float b, float c, float v)
 {
@@ -73,7 +76,8 @@ TEST(SolveEikonalInline, ThreeNeighbourSumIsMultipliedByFloatOneThird)
         float const h = 0.001f * float(n);
         float const root = std::sqrt(eikonalThreeHSquared(h));
         float const expected = (0.0f + 0.0f + 0.0f + root) * 0.33333334f;
-        if (bitsOf(expected) != bitsOf(root / 3.0f)) ++distinguishing;
+        if (bitsOf(expected) != bitsOf(root / 3.0f))
+            ++distinguishing;
         ASSERT_EQ(bitsOf(inlineSolve(h, 0.0f, 0.0f, 0.0f, FLT_MAX)), bitsOf(expected));
     }
     EXPECT_GT(distinguishing, 0);

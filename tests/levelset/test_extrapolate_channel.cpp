@@ -3,25 +3,25 @@
 // determinism, cancellation and bad input.
 #include <gtest/gtest.h>
 
+#include "support/level_set_scenes.h"
+#include "support/trees.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <hexmold/levelset/extrapolate_channel.h>
+#include <hexmold/logging/logger.h>
+#include <hexmold/platform/quillon/job.h>
+#include <hexmold/platform/tavrel/math_support.h>
+#include <hexmold/substrate/parallel.h>
+#include <hexmold/substrate/type_lists.h>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <vector>
-#include <hexmold/logging/logger.h>
-#include <hexmold/levelset/extrapolate_channel.h>
-#include <hexmold/platform/quillon/job.h>
-#include <hexmold/platform/tavrel/math_support.h>
-#include <hexmold/substrate/parallel.h>
-#include <hexmold/substrate/type_lists.h>
-#include "support/level_set_scenes.h"
-#include "support/trees.h"
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
@@ -29,10 +29,14 @@ using namespace testlevelset;
 
 namespace {
 
-template <typename Tr> class ExtrapolateChannel : public ::testing::Test {};
+template <typename Tr> class ExtrapolateChannel : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(ExtrapolateChannel, TraitsTypes, TraitsNames);
 
@@ -52,21 +56,24 @@ struct Verbosity {
 
 /// A channel of element type T over all depths, every element at @p fill.
 template <typename Tr, typename T>
-std::unique_ptr<VoxelChannel<Tr, T>> makeChannel(LevelSetScene<Tr> const& s, T fill, char const* name)
+std::unique_ptr<VoxelChannel<Tr, T>> makeChannel(LevelSetScene<Tr> const& s, T fill,
+                                                 char const* name)
 {
-    auto ch = std::make_unique<VoxelChannel<Tr, T>>(name, &fill, kDataElementInitializerDefaultValue, false, true, 0,
-                                                    Tr::kMaxDepth);
+    auto ch = std::make_unique<VoxelChannel<Tr, T>>(
+        name, &fill, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
     ch->update(s.topology);
     return ch;
 }
 
 /// Corner, on each axis, of the deepest tile that holds the tile-space origin: the tile lattice
 /// of `Traits<5,5,1>` is not aligned with the origin.
-template <typename Tr> constexpr int kBase = -int(Tr::kCentreOffset % Tr::tileVoxelWidth(Tr::kMaxDepth));
+template <typename Tr>
+constexpr int kBase = -int(Tr::kCentreOffset % Tr::tileVoxelWidth(Tr::kMaxDepth));
 
 /// The element of @p ch at the deepest-depth voxel (x, y, z), counted in finest voxels from the
 /// corner of the deepest tile that holds the origin.
-template <typename Tr, typename Ch> auto& finest(LevelSetScene<Tr> const& s, Ch& ch, int x, int y, int z)
+template <typename Tr, typename Ch>
+auto& finest(LevelSetScene<Tr> const& s, Ch& ch, int x, int y, int z)
 {
     x += kBase<Tr>, y += kBase<Tr>, z += kBase<Tr>;
     auto acc = s.tree.tileAccessor();
@@ -79,11 +86,14 @@ template <typename Tr, typename Ch> auto& finest(LevelSetScene<Tr> const& s, Ch&
 /// finest voxels 0 .. 2W-1 on each axis.
 template <typename Tr> void buildBlock(LevelSetScene<Tr>& s)
 {
-    s.build([](Container<Tr>& c) { testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {0, 0, 0}, {1, 1, 1}); });
+    s.build([](Container<Tr>& c) {
+        testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {0, 0, 0}, {1, 1, 1});
+    });
 }
 
 /// Every element of a channel, tile after tile, depth after depth.
-template <typename Tr, typename T> std::vector<T> valuesOf(LevelSetScene<Tr> const& s, VoxelChannel<Tr, T> const& ch)
+template <typename Tr, typename T>
+std::vector<T> valuesOf(LevelSetScene<Tr> const& s, VoxelChannel<Tr, T> const& ch)
 {
     std::vector<T> out;
     s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
@@ -94,10 +104,12 @@ template <typename Tr, typename T> std::vector<T> valuesOf(LevelSetScene<Tr> con
 
 /// The child voxel at the low corner of the region that voxel (i, j, k) of @p tile covers;
 /// false for a leaf voxel.
-template <typename Tr> bool lowCornerChild(Tile<Tr> const& tile, int i, int j, int k, TreeIndex& child, int3& c)
+template <typename Tr>
+bool lowCornerChild(Tile<Tr> const& tile, int i, int j, int k, TreeIndex& child, int3& c)
 {
     constexpr int P = Tr::kVoxelsPerSlot, W = Tr::kTileWidth;
-    if (tile.depth() == Tr::kMaxDepth || tile.isLeaf(i, j, k)) return false;
+    if (tile.depth() == Tr::kMaxDepth || tile.isLeaf(i, j, k))
+        return false;
     child = tile.childTreeIndex(i / P, j / P, k / P);
     c = int3{(i % P) * W / P, (j % P) * W / P, (k % P) * W / P};
     return true;
@@ -127,10 +139,11 @@ TYPED_TEST(ExtrapolateChannel, TypeFMMLeavesTheChannelsUntouchedAndPrintsOneLine
 
     Verbosity const v(1, 1);
     ::testing::internal::CaptureStdout();
-    extrapolateChannel<Tr, float>(kExtrapolateFMM, s.tree, s.topology, *known, *value, distance.get(), nullptr, 0,
-                                  Tr::kMaxDepth, true);
+    extrapolateChannel<Tr, float>(kExtrapolateFMM, s.tree, s.topology, *known, *value,
+                                  distance.get(), nullptr, 0, Tr::kMaxDepth, true);
     std::string const out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, "extrapolateChannel: kExtrapolateFMM not yet implemented (use kExtrapolateFSM)\n");
+    EXPECT_EQ(out,
+              "extrapolateChannel: kExtrapolateFMM not yet implemented (use kExtrapolateFSM)\n");
     EXPECT_TRUE(sameBits(valuesOf(s, *known), knownBefore));
     EXPECT_TRUE(sameBits(valuesOf(s, *value), valueBefore));
 }
@@ -147,11 +160,12 @@ TYPED_TEST(ExtrapolateChannel, TypeFSMWithoutDistancePrintsTheErrorAndNoTimeLine
     Verbosity const v(1, 1);
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
-    extrapolateChannel<Tr, float>(kExtrapolateFSM, s.tree, s.topology, *known, *value, nullptr, nullptr, 0,
-                                  Tr::kMaxDepth, false);
+    extrapolateChannel<Tr, float>(kExtrapolateFSM, s.tree, s.topology, *known, *value, nullptr,
+                                  nullptr, 0, Tr::kMaxDepth, false);
     std::string const err = ::testing::internal::GetCapturedStderr();
     std::string const out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(err, "Error: extrapolateChannel.extrapolateFSM requires in_distanceChannel!=nullptr\n");
+    EXPECT_EQ(err,
+              "Error: extrapolateChannel.extrapolateFSM requires in_distanceChannel!=nullptr\n");
     EXPECT_EQ(out.find("Extrapolation time"), std::string::npos) << out;
     EXPECT_TRUE(sameBits(valuesOf(s, *value), before));
 }
@@ -168,9 +182,10 @@ TYPED_TEST(ExtrapolateChannel, AnUnknownTypePrintsItsNumberAndDoesNothing)
 
     Verbosity const v(1, 1);
     ::testing::internal::CaptureStdout();
-    extrapolateChannel<Tr, float>(ExtrapolationType(7), s.tree, s.topology, *known, *value, distance.get(), nullptr, 0,
-                                  Tr::kMaxDepth, false);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "extrapolateChannel: unknown extrapolation mode = 7\n");
+    extrapolateChannel<Tr, float>(ExtrapolationType(7), s.tree, s.topology, *known, *value,
+                                  distance.get(), nullptr, 0, Tr::kMaxDepth, false);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "extrapolateChannel: unknown extrapolation mode = 7\n");
     EXPECT_TRUE(sameBits(valuesOf(s, *value), before));
 }
 
@@ -186,12 +201,14 @@ TYPED_TEST(ExtrapolateChannel, TheFastSweepPrintsItsLinesAndTheTime)
 
     Verbosity const v(1, 1);
     ::testing::internal::CaptureStdout();
-    extrapolateChannel<Tr, float>(kExtrapolateFSM, s.tree, s.topology, *known, *value, distance.get(), nullptr, 0,
-                                  Tr::kMaxDepth, false);
+    extrapolateChannel<Tr, float>(kExtrapolateFSM, s.tree, s.topology, *known, *value,
+                                  distance.get(), nullptr, 0, Tr::kMaxDepth, false);
     std::string const out = ::testing::internal::GetCapturedStdout();
-    for (char const* line : {"extrapolateChannel.extrapolateFSM.begin:\n", "extrapolateChannel.extrapolateFSM.iter 0, change(inf) = ",
-                             "extrapolateChannel.extrapolateFSM: depth = ", ", maxChange = ", ", numSweeps = ",
-                             "extrapolateChannel.extrapolateFSM.end:\n", "Extrapolation time = "})
+    for (char const* line :
+         {"extrapolateChannel.extrapolateFSM.begin:\n",
+          "extrapolateChannel.extrapolateFSM.iter 0, change(inf) = ",
+          "extrapolateChannel.extrapolateFSM: depth = ", ", maxChange = ", ", numSweeps = ",
+          "extrapolateChannel.extrapolateFSM.end:\n", "Extrapolation time = "})
         EXPECT_NE(out.find(line), std::string::npos) << line << " missing in:\n" << out;
     EXPECT_EQ(out.compare(out.size() - 9, 9, " seconds\n"), 0) << out;
 }
@@ -213,8 +230,9 @@ TYPED_TEST(ExtrapolateChannel, AVoxelWithAllNeighboursFartherTakesTheMeanOfSix)
     for (int z = 0; z < 2 * W; ++z)
         for (int y = 0; y < 2 * W; ++y)
             for (int x = 0; x < 2 * W; ++x)
-                finest(s, *distance, x, y, z) =
-                    float(h * std::sqrt(double((x - c) * (x - c) + (y - c) * (y - c) + (z - c) * (z - c))));
+                finest(s, *distance, x, y, z) = float(
+                    h *
+                    std::sqrt(double((x - c) * (x - c) + (y - c) * (y - c) + (z - c) * (z - c))));
     auto known = makeChannel<Tr, unsigned char>(s, 1, "known");
     finest(s, *known, c, c, c) = 0;
     auto value = makeChannel<Tr, float>(s, 0.0f, "value");
@@ -226,8 +244,8 @@ TYPED_TEST(ExtrapolateChannel, AVoxelWithAllNeighboursFartherTakesTheMeanOfSix)
     finest(s, *value, c, c, c - 1) = 6.0f;
     finest(s, *value, c, c, c) = -100.0f;
 
-    extrapolateChannel<Tr, float>(kExtrapolateFSM, s.tree, s.topology, *known, *value, distance.get(), nullptr, 0,
-                                  Tr::kMaxDepth, false);
+    extrapolateChannel<Tr, float>(kExtrapolateFSM, s.tree, s.topology, *known, *value,
+                                  distance.get(), nullptr, 0, Tr::kMaxDepth, false);
     EXPECT_EQ(finest(s, *value, c, c, c), 3.5f);
     EXPECT_EQ(finest(s, *value, c - 1, c, c), 2.0f) << "a known voxel stays";
 }
@@ -244,7 +262,8 @@ TYPED_TEST(ExtrapolateChannel, TheUpwindNeighboursAreWeightedByTheirDistanceDiff
     auto distance = makeChannel<Tr, float>(s, 1000.0f, "distance");
     for (int z = 0; z < 2 * W; ++z)
         for (int y = 0; y < 2 * W; ++y)
-            for (int x = 0; x < 2 * W; ++x) finest(s, *distance, x, y, z) = float(x + 2 * y);
+            for (int x = 0; x < 2 * W; ++x)
+                finest(s, *distance, x, y, z) = float(x + 2 * y);
     auto known = makeChannel<Tr, unsigned char>(s, 1, "known");
     finest(s, *known, c, c, c) = 0;
     auto value = makeChannel<Tr, double>(s, 0.0, "value");
@@ -255,8 +274,8 @@ TYPED_TEST(ExtrapolateChannel, TheUpwindNeighboursAreWeightedByTheirDistanceDiff
     finest(s, *value, c, c, c + 1) = 1000.0;
     finest(s, *value, c, c, c - 1) = 1000.0;
 
-    extrapolateChannel<Tr, double>(kExtrapolateFSM, s.tree, s.topology, *known, *value, distance.get(), nullptr, 0,
-                                   Tr::kMaxDepth, false);
+    extrapolateChannel<Tr, double>(kExtrapolateFSM, s.tree, s.topology, *known, *value,
+                                   distance.get(), nullptr, 0, Tr::kMaxDepth, false);
     // Weights 1 (x) and 2 (y): (1 * 3 + 2 * 6) / 3.
     EXPECT_EQ(finest(s, *value, c, c, c), 5.0);
 }
@@ -273,14 +292,15 @@ template <typename Tr, typename T> T planeQuotient(T a, T b)
     auto distance = makeChannel<Tr, float>(s, 1000.0f, "distance");
     for (int z = 0; z < 2 * W; ++z)
         for (int y = 0; y < 2 * W; ++y)
-            for (int x = 0; x < 2 * W; ++x) finest(s, *distance, x, y, z) = float(x + y);
+            for (int x = 0; x < 2 * W; ++x)
+                finest(s, *distance, x, y, z) = float(x + y);
     auto known = makeChannel<Tr, unsigned char>(s, 1, "known");
     finest(s, *known, c, c, c) = 0;
     auto value = makeChannel<Tr, T>(s, T{}, "value");
     finest(s, *value, c - 1, c, c) = a;
     finest(s, *value, c, c - 1, c) = b;
-    extrapolateChannel<Tr, T>(kExtrapolateFSM, s.tree, s.topology, *known, *value, distance.get(), nullptr, 0,
-                              Tr::kMaxDepth, false);
+    extrapolateChannel<Tr, T>(kExtrapolateFSM, s.tree, s.topology, *known, *value, distance.get(),
+                              nullptr, 0, Tr::kMaxDepth, false);
     return finest(s, *value, c, c, c);
 }
 
@@ -341,15 +361,17 @@ TYPED_TEST(ExtrapolateChannel, ATileWithAllVoxelsKnownIsInNeitherList)
 
     Verbosity const v(3, 1);
     ::testing::internal::CaptureStdout();
-    extrapolateChannel<Tr, float>(kExtrapolateFSM, s.tree, s.topology, *known, *value, distance.get(), nullptr, 0,
-                                  Tr::kMaxDepth, false);
+    extrapolateChannel<Tr, float>(kExtrapolateFSM, s.tree, s.topology, *known, *value,
+                                  distance.get(), nullptr, 0, Tr::kMaxDepth, false);
     std::string const out = ::testing::internal::GetCapturedStdout();
-    std::string const expected = "extrapolateChannel.extrapolateFSM: depth = " + std::to_string(Tr::kMaxDepth) +
-                                 ", red tiles = 1, black tiles = 1, unknown voxels = 2\n";
+    std::string const expected =
+        "extrapolateChannel.extrapolateFSM: depth = " + std::to_string(Tr::kMaxDepth) +
+        ", red tiles = 1, black tiles = 1, unknown voxels = 2\n";
     EXPECT_NE(out.find(expected), std::string::npos) << out;
     // The coarser depths are all known: both lists are empty.
-    std::string const coarser = "extrapolateChannel.extrapolateFSM: depth = " + std::to_string(Tr::kMaxDepth - 1) +
-                                ", red tiles = 0, black tiles = 0, unknown voxels = 0\n";
+    std::string const coarser =
+        "extrapolateChannel.extrapolateFSM: depth = " + std::to_string(Tr::kMaxDepth - 1) +
+        ", red tiles = 0, black tiles = 0, unknown voxels = 0\n";
     EXPECT_NE(out.find(coarser), std::string::npos) << out;
 }
 
@@ -374,18 +396,31 @@ double direction(double x, double y, double z)
 }
 
 template <typename T> T sample(double g, double scale);
-template <> float sample<float>(double g, double) { return float(g); }
-template <> int sample<int>(double g, double scale) { return int(std::lround(g * scale)); }
-template <> float3 sample<float3>(double g, double) { return float3{float(g), float(-2.0 * g), 1.0f}; }
+template <> float sample<float>(double g, double)
+{
+    return float(g);
+}
+template <> int sample<int>(double g, double scale)
+{
+    return int(std::lround(g * scale));
+}
+template <> float3 sample<float3>(double g, double)
+{
+    return float3{float(g), float(-2.0 * g), 1.0f};
+}
 template <typename T> double componentError(T const& a, T const& b, double scale);
-template <> double componentError<float>(float const& a, float const& b, double) { return std::fabs(double(a) - b); }
+template <> double componentError<float>(float const& a, float const& b, double)
+{
+    return std::fabs(double(a) - b);
+}
 template <> double componentError<int>(int const& a, int const& b, double scale)
 {
     return std::fabs(double(a) - double(b)) / scale;
 }
 template <> double componentError<float3>(float3 const& a, float3 const& b, double)
 {
-    return std::max({std::fabs(double(a.x) - b.x), std::fabs(double(a.y) - b.y) / 2.0, std::fabs(double(a.z) - b.z)});
+    return std::max({std::fabs(double(a.x) - b.x), std::fabs(double(a.y) - b.y) / 2.0,
+                     std::fabs(double(a.z) - b.z)});
 }
 
 /// The sphere scene, its exact distance, the known shell (deepest leaf voxels within a voxel of
@@ -406,18 +441,22 @@ template <typename Tr, typename T> struct SphereExtension {
         known = makeChannel<Tr, unsigned char>(s, 0, "known");
         value = makeChannel<Tr, T>(s, T{}, "value");
         double const h = s.voxelSize();
-        s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-            if (tile.depth() != Tr::kMaxDepth) return;
-            if (std::fabs(shape.distance(p[0], p[1], p[2])) > h) return;
-            known->tileData(tile.index(), tile.depth())(i, j, k) = 1;
-            value->tileData(tile.index(), tile.depth())(i, j, k) = sample<T>(direction(p[0], p[1], p[2]), scale);
-        });
+        s.forEachVoxel(
+            [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+                if (tile.depth() != Tr::kMaxDepth)
+                    return;
+                if (std::fabs(shape.distance(p[0], p[1], p[2])) > h)
+                    return;
+                known->tileData(tile.index(), tile.depth())(i, j, k) = 1;
+                value->tileData(tile.index(), tile.depth())(i, j, k) =
+                    sample<T>(direction(p[0], p[1], p[2]), scale);
+            });
     }
 
     void run(VoxelChannel<Tr, T>& out)
     {
-        extrapolateChannel<Tr, T>(kExtrapolateFSM, s.tree, s.topology, *known, out, distance.get(), nullptr, 0,
-                                  Tr::kMaxDepth, true);
+        extrapolateChannel<Tr, T>(kExtrapolateFSM, s.tree, s.topology, *known, out, distance.get(),
+                                  nullptr, 0, Tr::kMaxDepth, true);
     }
 
     ErrorStats errors(VoxelChannel<Tr, T> const& out) const
@@ -425,12 +464,16 @@ template <typename Tr, typename T> struct SphereExtension {
         ErrorStats e;
         double const h = s.voxelSize();
         Shape const shape = sphere(kSphereVoxels * h);
-        s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-            if (tile.depth() != Tr::kMaxDepth) return;
-            if (std::fabs(shape.distance(p[0], p[1], p[2])) > kCompareVoxels * h) return;
-            T const exact = sample<T>(direction(p[0], p[1], p[2]), scale);
-            e.add(componentError<T>(out.tileData(tile.index(), tile.depth())(i, j, k), exact, scale));
-        });
+        s.forEachVoxel(
+            [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+                if (tile.depth() != Tr::kMaxDepth)
+                    return;
+                if (std::fabs(shape.distance(p[0], p[1], p[2])) > kCompareVoxels * h)
+                    return;
+                T const exact = sample<T>(direction(p[0], p[1], p[2]), scale);
+                e.add(componentError<T>(out.tileData(tile.index(), tile.depth())(i, j, k), exact,
+                                        scale));
+            });
         return e;
     }
 };
@@ -453,10 +496,13 @@ void expectExtended(float voxelSize, double scale, char const* label, double max
     VoxelChannel<Tr, T> out(*x.value);
     auto const t0 = std::chrono::steady_clock::now();
     x.run(out);
-    double const ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    double const ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     ErrorStats const e = x.errors(out);
-    std::printf("  %s %s: extension error within %.0f voxels of the sphere: max %.4f mean %.5f (%lld voxels, %.1f ms)\n",
-                std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55", label, kCompareVoxels, e.max, e.mean(), e.n, ms);
+    std::printf("  %s %s: extension error within %.0f voxels of the sphere: max %.4f mean %.5f "
+                "(%lld voxels, %.1f ms)\n",
+                std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55", label, kCompareVoxels,
+                e.max, e.mean(), e.n, ms);
     EXPECT_GT(e.n, 10000);
     EXPECT_LE(e.max, maxTol);
     EXPECT_LE(e.mean(), meanTol);
@@ -478,7 +524,8 @@ TYPED_TEST(ExtrapolateChannel, VectorDataStaysConstantAlongTheNormals)
 /// size 1, and data scaled by 1000.
 TYPED_TEST(ExtrapolateChannel, IntegerDataStaysConstantAlongTheNormals)
 {
-    expectExtended<TypeParam, int>(1.0f, 1000.0, "int x 1000", kIntegerExtensionMaxTol, kIntegerExtensionMeanTol);
+    expectExtended<TypeParam, int>(1.0f, 1000.0, "int x 1000", kIntegerExtensionMaxTol,
+                                   kIntegerExtensionMeanTol);
 }
 
 TYPED_TEST(ExtrapolateChannel, OneThreadAndAllThreadsGiveTheSameBits)
@@ -487,12 +534,14 @@ TYPED_TEST(ExtrapolateChannel, OneThreadAndAllThreadsGiveTheSameBits)
     SphereExtension<Tr, float3> x(0.025f, 1.0);
     VoxelChannel<Tr, float3> one(*x.value), all(*x.value);
     {
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
         x.run(one);
     }
     x.run(all);
     EXPECT_TRUE(sameBits(valuesOf(x.s, one), valuesOf(x.s, all)));
-    EXPECT_FALSE(sameBits(valuesOf(x.s, one), valuesOf(x.s, *x.value))) << "nothing was extrapolated";
+    EXPECT_FALSE(sameBits(valuesOf(x.s, one), valuesOf(x.s, *x.value)))
+        << "nothing was extrapolated";
 }
 
 // ---- the layer wavefront --------------------------------------------------------------------
@@ -508,7 +557,9 @@ template <typename Tr> struct LayerRow {
 
     LayerRow()
     {
-        s.build([](Container<Tr>& c) { testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {0, 0, 0}, {2, 0, 0}); });
+        s.build([](Container<Tr>& c) {
+            testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {0, 0, 0}, {2, 0, 0});
+        });
         known = makeChannel<Tr, unsigned char>(s, 0, "known");
         value = makeChannel<Tr, int>(s, -1, "value");
         for (int z = 0; z < Tr::kTileWidth; ++z)
@@ -528,16 +579,18 @@ TYPED_TEST(ExtrapolateChannel, TheLayersReachEveryVoxelOfTheRequestedDepths)
     using Tr = TypeParam;
     constexpr int W = Tr::kTileWidth;
     LayerRow<Tr> r;
-    extrapolateChannel<Tr, int>(kExtrapolateLayers, r.s.tree, r.s.topology, *r.known, *r.value, nullptr, nullptr, 0,
-                                Tr::kMaxDepth, false);
+    extrapolateChannel<Tr, int>(kExtrapolateLayers, r.s.tree, r.s.topology, *r.known, *r.value,
+                                nullptr, nullptr, 0, Tr::kMaxDepth, false);
     for (int z = 0; z < W; ++z)
         for (int y = 0; y < W; ++y)
-            for (int x = 0; x < 3 * W; ++x) EXPECT_EQ(finest(r.s, *r.value, x, y, z), y + 10 * z) << x << " " << y << " " << z;
+            for (int x = 0; x < 3 * W; ++x)
+                EXPECT_EQ(finest(r.s, *r.value, x, y, z), y + 10 * z) << x << " " << y << " " << z;
     // The coarser depths hold no known voxel, so the wavefront leaves them alone; then the known
     // data climbs one depth, to the voxels whose low-corner child voxel is known.
     long long carried = 0;
     r.s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-        if (tile.depth() == Tr::kMaxDepth) return;
+        if (tile.depth() == Tr::kMaxDepth)
+            return;
         int const got = r.value->tileData(tile.index(), tile.depth())(i, j, k);
         TreeIndex child;
         int3 c;
@@ -558,8 +611,8 @@ TYPED_TEST(ExtrapolateChannel, TheLayersLeaveDepthsOutsideTheRequestedRangeAlone
     LayerRow<Tr> r;
     auto const before = valuesOf(r.s, *r.value);
     // The deepest depth is outside [0, deepest - 1]: nothing changes there.
-    extrapolateChannel<Tr, int>(kExtrapolateLayers, r.s.tree, r.s.topology, *r.known, *r.value, nullptr, nullptr, 0,
-                                Tr::kMaxDepth - 1, false);
+    extrapolateChannel<Tr, int>(kExtrapolateLayers, r.s.tree, r.s.topology, *r.known, *r.value,
+                                nullptr, nullptr, 0, Tr::kMaxDepth - 1, false);
     EXPECT_TRUE(sameBits(valuesOf(r.s, *r.value), before));
 }
 
@@ -570,11 +623,12 @@ TYPED_TEST(ExtrapolateChannel, TheLayersRestrictToMinDepthFromBelow)
     using Tr = TypeParam;
     LayerRow<Tr> r;
     int const d = Tr::kMaxDepth - 1;
-    extrapolateChannel<Tr, int>(kExtrapolateLayers, r.s.tree, r.s.topology, *r.known, *r.value, nullptr, nullptr, d,
-                                Tr::kMaxDepth, false);
+    extrapolateChannel<Tr, int>(kExtrapolateLayers, r.s.tree, r.s.topology, *r.known, *r.value,
+                                nullptr, nullptr, d, Tr::kMaxDepth, false);
     long long covered = 0;
     r.s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-        if (tile.depth() != d) return;
+        if (tile.depth() != d)
+            return;
         int const got = r.value->tileData(tile.index(), tile.depth())(i, j, k);
         if (tile.isLeaf(i, j, k)) {
             EXPECT_EQ(got, -1);
@@ -597,21 +651,27 @@ TYPED_TEST(ExtrapolateChannel, TheLayersInterpolateHangingVoxelsFromTheCoarserDe
     LayerRow<Tr> r;
     auto const dof = r.s.makeDOF();
     auto value = makeChannel<Tr, double>(r.s, -1.0, "value");
-    auto linear = [](std::int64_t x, std::int64_t y, std::int64_t z) { return double(x) + 2.0 * y - 3.0 * z; };
+    auto linear = [](std::int64_t x, std::int64_t y, std::int64_t z) {
+        return double(x) + 2.0 * y - 3.0 * z;
+    };
     r.s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
         std::int64_t const w = tile.voxelDataWidth();
         double const f = linear(tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w);
-        if (tile.depth() < Tr::kMaxDepth) r.known->tileData(tile.index(), tile.depth())(i, j, k) = 1;
+        if (tile.depth() < Tr::kMaxDepth)
+            r.known->tileData(tile.index(), tile.depth())(i, j, k) = 1;
         if (r.known->tileData(tile.index(), tile.depth())(i, j, k) != 0)
             value->tileData(tile.index(), tile.depth())(i, j, k) = f;
     });
-    extrapolateChannel<Tr, double>(kExtrapolateLayers, r.s.tree, r.s.topology, *r.known, *value, nullptr, dof.get(), 0,
-                                   Tr::kMaxDepth, false);
+    extrapolateChannel<Tr, double>(kExtrapolateLayers, r.s.tree, r.s.topology, *r.known, *value,
+                                   nullptr, dof.get(), 0, Tr::kMaxDepth, false);
     long long hanging = 0;
     r.s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-        if (tile.depth() != Tr::kMaxDepth || r.known->tileData(tile.index(), tile.depth())(i, j, k) != 0) return;
+        if (tile.depth() != Tr::kMaxDepth ||
+            r.known->tileData(tile.index(), tile.depth())(i, j, k) != 0)
+            return;
         short const flags = dof->tileData(tile.index(), tile.depth())(i, j, k);
-        if (!(flags & 4) || (flags & 32)) return;
+        if (!(flags & 4) || (flags & 32))
+            return;
         std::int64_t const w = tile.voxelDataWidth();
         // Exact where the coarser depth itself holds the whole lattice cell around the voxel;
         // elsewhere the deepest tile above stands in, whose voxels sit elsewhere.
@@ -624,7 +684,8 @@ TYPED_TEST(ExtrapolateChannel, TheLayersInterpolateHangingVoxelsFromTheCoarserDe
                 std::int64_t const rest = (p[a] + Tr::kCentreOffset) % pw;
                 q[a] = p[a] - rest + (((corner >> a) & 1) && rest != 0 ? pw : 0);
             }
-            if (acc.tile(q[0], q[1], q[2], Tr::kMaxDepth - 1).depth() != Tr::kMaxDepth - 1) return;
+            if (acc.tile(q[0], q[1], q[2], Tr::kMaxDepth - 1).depth() != Tr::kMaxDepth - 1)
+                return;
         }
         ++hanging;
         // Fractions of fifths are not exact in binary: the mix is exact up to rounding.
@@ -654,12 +715,14 @@ TYPED_TEST(ExtrapolateChannel, CancellationThrowsAndLeavesTheChannelsUsable)
         thrown = true;
         EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
     }
-    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    double const seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     Quillon::clearJobCancellation();
     EXPECT_TRUE(thrown);
     EXPECT_LT(seconds, 1.0);
     EXPECT_TRUE(sameBits(valuesOf(x.s, *x.known), knownBefore));
-    EXPECT_TRUE(sameBits(valuesOf(x.s, out), valuesOf(x.s, *x.value))) << "cancelled before any voxel was written";
+    EXPECT_TRUE(sameBits(valuesOf(x.s, out), valuesOf(x.s, *x.value)))
+        << "cancelled before any voxel was written";
 
     // The same channels run to the end afterwards, as fresh ones do.
     VoxelChannel<Tr, float> fresh(*x.value);
@@ -690,7 +753,8 @@ TYPED_TEST(ExtrapolateChannel, CancellationDuringTheSweepsThrowsAndTheChannelsTa
         thrown = true;
         EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
     }
-    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    double const seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     canceller.join();
     Quillon::clearJobCancellation();
     EXPECT_TRUE(thrown) << "the run ended before the cancellation, after " << seconds << " s";
@@ -708,7 +772,9 @@ TYPED_TEST(ExtrapolateChannel, ChannelsOfAnotherTreeAreReportedAndLeftAlone)
     using Tr = TypeParam;
     LevelSetScene<Tr> s(1.0f), other(1.0f);
     buildBlock(s);
-    other.build([](Container<Tr>& c) { testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {0, 0, 0}, {2, 2, 2}); });
+    other.build([](Container<Tr>& c) {
+        testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {0, 0, 0}, {2, 2, 2});
+    });
     auto known = makeChannel<Tr, unsigned char>(s, 0, "known");
     auto value = makeChannel<Tr, float>(other, 2.0f, "value");
     auto distance = makeChannel<Tr, float>(s, 1.0f, "distance");
@@ -716,10 +782,12 @@ TYPED_TEST(ExtrapolateChannel, ChannelsOfAnotherTreeAreReportedAndLeftAlone)
     for (ExtrapolationType type : {kExtrapolateFSM, kExtrapolateLayers}) {
         Verbosity const v(0, 1);
         ::testing::internal::CaptureStderr();
-        extrapolateChannel<Tr, float>(type, s.tree, s.topology, *known, *value, distance.get(), nullptr, 0,
-                                      Tr::kMaxDepth, true);
+        extrapolateChannel<Tr, float>(type, s.tree, s.topology, *known, *value, distance.get(),
+                                      nullptr, 0, Tr::kMaxDepth, true);
         std::string const err = ::testing::internal::GetCapturedStderr();
-        EXPECT_NE(err.find("Error: extrapolateChannel: channel tiles do not match the tree"), std::string::npos) << err;
+        EXPECT_NE(err.find("Error: extrapolateChannel: channel tiles do not match the tree"),
+                  std::string::npos)
+            << err;
         EXPECT_TRUE(sameBits(valuesOf(other, *value), before));
     }
 }
@@ -733,8 +801,8 @@ TYPED_TEST(ExtrapolateChannel, AnEmptyTreeIsANoOp)
     auto value = makeChannel<Tr, float3>(s, float3{1, 2, 3}, "value");
     auto distance = makeChannel<Tr, float>(s, 1.0f, "distance");
     for (ExtrapolationType type : {kExtrapolateFSM, kExtrapolateLayers})
-        extrapolateChannel<Tr, float3>(type, s.tree, s.topology, *known, *value, distance.get(), nullptr, 0,
-                                       Tr::kMaxDepth, true);
+        extrapolateChannel<Tr, float3>(type, s.tree, s.topology, *known, *value, distance.get(),
+                                       nullptr, 0, Tr::kMaxDepth, true);
     EXPECT_EQ(value->tileCount(-1), 0);
 }
 
@@ -746,5 +814,6 @@ TEST(ExtrapolateChannelExports, EveryInstanceIsExported)
     HEXMOLD_FOR_EACH_TRAITS_ELEMENT(HEXMOLD_TEST_TAKE_ADDRESS)
 #undef HEXMOLD_TEST_TAKE_ADDRESS
     EXPECT_EQ(addresses.size(), 36u);
-    for (void const* a : addresses) EXPECT_NE(a, nullptr);
+    for (void const* a : addresses)
+        EXPECT_NE(a, nullptr);
 }

@@ -4,22 +4,22 @@
 // result on one thread and on all; cancellation mid-solve; the exported instances.
 #include <gtest/gtest.h>
 
+#include "support/cancel_on_timer.h"
+#include "support/level_set_scenes.h"
+#include "support/linked.h"
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <stdexcept>
-#include <string>
-#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/levelset/redistance_tiles.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/math_support.h>
 #include <hexmold/substrate/parallel.h>
-#include "support/cancel_on_timer.h"
-#include "support/level_set_scenes.h"
-#include "support/linked.h"
+#include <stdexcept>
+#include <string>
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
@@ -27,10 +27,14 @@ using namespace testlevelset;
 
 namespace {
 
-template <typename Tr> class LevelSetRedistance : public ::testing::Test {};
+template <typename Tr> class LevelSetRedistance : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(LevelSetRedistance, TraitsTypes, TraitsNames);
 
@@ -62,15 +66,27 @@ constexpr double kConvexEdgeMaxTol = 2.0;
 enum class TreeKind { kUniformBand, kGraded };
 enum class Path { kRecursive, kDOF };
 
-Shape sphereShape() { return sphere(kSphereRadius); }
-Shape torusShape() { return torus(26.0 * kVoxel, 10.0 * kVoxel); }
+Shape sphereShape()
+{
+    return sphere(kSphereRadius);
+}
+Shape torusShape()
+{
+    return torus(26.0 * kVoxel, 10.0 * kVoxel);
+}
 /// Faces between voxel centres, off the tile lattice.
-Shape boxShape() { return box(30.3 * kVoxel, 22.6 * kVoxel, 16.2 * kVoxel, 0.3 * kVoxel, -0.2 * kVoxel, 0.1 * kVoxel, kVoxel); }
+Shape boxShape()
+{
+    return box(30.3 * kVoxel, 22.6 * kVoxel, 16.2 * kVoxel, 0.3 * kVoxel, -0.2 * kVoxel,
+               0.1 * kVoxel, kVoxel);
+}
 
 template <typename Tr> void build(LevelSetScene<Tr>& s, Shape const& shape, TreeKind kind)
 {
-    if (kind == TreeKind::kUniformBand) s.buildUniformBand(shape, kBandVoxels);
-    else s.buildGraded(shape, kGradedBandTiles);
+    if (kind == TreeKind::kUniformBand)
+        s.buildUniformBand(shape, kBandVoxels);
+    else
+        s.buildGraded(shape, kGradedBandTiles);
 }
 
 std::string label(Shape const& shape, TreeKind kind, Path path)
@@ -85,7 +101,8 @@ template <typename Tr> void expectAccurate(Shape const& shape, TreeKind kind, Pa
     LevelSetScene<Tr> s(kVoxel);
     build(s, shape, kind);
     if (kind == TreeKind::kGraded) {
-        ASSERT_LE(s.maxNeighbourDepthJump(), 1) << "the graded tree must change by one depth at most";
+        ASSERT_LE(s.maxNeighbourDepthJump(), 1)
+            << "the graded tree must change by one depth at most";
     }
     auto const in = s.makeChannel(shape.field);
     VoxelChannel<Tr, float> out(*in);
@@ -97,42 +114,84 @@ template <typename Tr> void expectAccurate(Shape const& shape, TreeKind kind, Pa
     }
     call.run(s, out);
     auto const a = measure(s, out, *in, shape);
-    std::printf("  %s %s: near surface mean %.4f h max %.4f h (%lld voxels; near sharp edges max %.4f h, %lld "
+    std::printf("  %s %s: near surface mean %.4f h max %.4f h (%lld voxels; near sharp edges max "
+                "%.4f h, %lld "
                 "voxels); band max per depth:",
-                std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55", label(shape, kind, path).c_str(),
-                a.nearSurface.mean(), a.nearSurface.max, a.nearSurface.n, a.nearEdges.max, a.nearEdges.n);
+                std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55",
+                label(shape, kind, path).c_str(), a.nearSurface.mean(), a.nearSurface.max,
+                a.nearSurface.n, a.nearEdges.max, a.nearEdges.n);
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
-        if (a.band[d].n) std::printf(" %d:%.2f", d, a.band[d].max);
+        if (a.band[d].n)
+            std::printf(" %d:%.2f", d, a.band[d].max);
     std::printf("\n");
     EXPECT_EQ(a.nonFinite, 0);
     EXPECT_EQ(a.unreached, 0) << "first unreached voxel: " << a.firstUnreached.str();
     EXPECT_EQ(a.signFlips, 0) << "first flipped voxel: " << a.firstFlip.str();
     EXPECT_GT(a.nearSurface.n, 1000);
-    EXPECT_LE(a.allNearSurface().mean(), kNearMeanTol) << "all voxels within 3 voxels of the surface";
+    EXPECT_LE(a.allNearSurface().mean(), kNearMeanTol)
+        << "all voxels within 3 voxels of the surface";
     EXPECT_LE(a.nearSurface.max, kNearMaxTol) << "worst: " << a.worstNear.str();
     EXPECT_LE(a.nearEdges.max, kConvexEdgeMaxTol) << "worst: " << a.worstNearEdges.str();
     for (int d = 0; d <= Tr::kMaxDepth; ++d) {
         bool const resolved = shape.featureSize >= kResolvedVoxels * s.spacing(d);
         EXPECT_LE(a.band[d].max, resolved ? kBandMaxTol : kUnresolvedMaxTol)
-            << "depth " << d << (resolved ? "" : " (shape not resolved)") << ", worst: " << a.worstBand[d].str();
-        EXPECT_LE(a.bandEdges[d].max, kConvexEdgeMaxTol) << "depth " << d << ", worst: " << a.worstBandEdges[d].str();
+            << "depth " << d << (resolved ? "" : " (shape not resolved)")
+            << ", worst: " << a.worstBand[d].str();
+        EXPECT_LE(a.bandEdges[d].max, kConvexEdgeMaxTol)
+            << "depth " << d << ", worst: " << a.worstBandEdges[d].str();
     }
 }
 
 } // namespace
 
-TYPED_TEST(LevelSetRedistance, SphereUniformBandRecursion) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kUniformBand, Path::kRecursive); }
-TYPED_TEST(LevelSetRedistance, SphereUniformBandDOFSweep) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kUniformBand, Path::kDOF); }
-TYPED_TEST(LevelSetRedistance, SphereGradedTreeRecursion) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kGraded, Path::kRecursive); }
-TYPED_TEST(LevelSetRedistance, SphereGradedTreeDOFSweep) { expectAccurate<TypeParam>(sphereShape(), TreeKind::kGraded, Path::kDOF); }
-TYPED_TEST(LevelSetRedistance, TorusUniformBandRecursion) { expectAccurate<TypeParam>(torusShape(), TreeKind::kUniformBand, Path::kRecursive); }
-TYPED_TEST(LevelSetRedistance, TorusUniformBandDOFSweep) { expectAccurate<TypeParam>(torusShape(), TreeKind::kUniformBand, Path::kDOF); }
-TYPED_TEST(LevelSetRedistance, TorusGradedTreeRecursion) { expectAccurate<TypeParam>(torusShape(), TreeKind::kGraded, Path::kRecursive); }
-TYPED_TEST(LevelSetRedistance, TorusGradedTreeDOFSweep) { expectAccurate<TypeParam>(torusShape(), TreeKind::kGraded, Path::kDOF); }
-TYPED_TEST(LevelSetRedistance, BoxUniformBandRecursion) { expectAccurate<TypeParam>(boxShape(), TreeKind::kUniformBand, Path::kRecursive); }
-TYPED_TEST(LevelSetRedistance, BoxUniformBandDOFSweep) { expectAccurate<TypeParam>(boxShape(), TreeKind::kUniformBand, Path::kDOF); }
-TYPED_TEST(LevelSetRedistance, BoxGradedTreeRecursion) { expectAccurate<TypeParam>(boxShape(), TreeKind::kGraded, Path::kRecursive); }
-TYPED_TEST(LevelSetRedistance, BoxGradedTreeDOFSweep) { expectAccurate<TypeParam>(boxShape(), TreeKind::kGraded, Path::kDOF); }
+TYPED_TEST(LevelSetRedistance, SphereUniformBandRecursion)
+{
+    expectAccurate<TypeParam>(sphereShape(), TreeKind::kUniformBand, Path::kRecursive);
+}
+TYPED_TEST(LevelSetRedistance, SphereUniformBandDOFSweep)
+{
+    expectAccurate<TypeParam>(sphereShape(), TreeKind::kUniformBand, Path::kDOF);
+}
+TYPED_TEST(LevelSetRedistance, SphereGradedTreeRecursion)
+{
+    expectAccurate<TypeParam>(sphereShape(), TreeKind::kGraded, Path::kRecursive);
+}
+TYPED_TEST(LevelSetRedistance, SphereGradedTreeDOFSweep)
+{
+    expectAccurate<TypeParam>(sphereShape(), TreeKind::kGraded, Path::kDOF);
+}
+TYPED_TEST(LevelSetRedistance, TorusUniformBandRecursion)
+{
+    expectAccurate<TypeParam>(torusShape(), TreeKind::kUniformBand, Path::kRecursive);
+}
+TYPED_TEST(LevelSetRedistance, TorusUniformBandDOFSweep)
+{
+    expectAccurate<TypeParam>(torusShape(), TreeKind::kUniformBand, Path::kDOF);
+}
+TYPED_TEST(LevelSetRedistance, TorusGradedTreeRecursion)
+{
+    expectAccurate<TypeParam>(torusShape(), TreeKind::kGraded, Path::kRecursive);
+}
+TYPED_TEST(LevelSetRedistance, TorusGradedTreeDOFSweep)
+{
+    expectAccurate<TypeParam>(torusShape(), TreeKind::kGraded, Path::kDOF);
+}
+TYPED_TEST(LevelSetRedistance, BoxUniformBandRecursion)
+{
+    expectAccurate<TypeParam>(boxShape(), TreeKind::kUniformBand, Path::kRecursive);
+}
+TYPED_TEST(LevelSetRedistance, BoxUniformBandDOFSweep)
+{
+    expectAccurate<TypeParam>(boxShape(), TreeKind::kUniformBand, Path::kDOF);
+}
+TYPED_TEST(LevelSetRedistance, BoxGradedTreeRecursion)
+{
+    expectAccurate<TypeParam>(boxShape(), TreeKind::kGraded, Path::kRecursive);
+}
+TYPED_TEST(LevelSetRedistance, BoxGradedTreeDOFSweep)
+{
+    expectAccurate<TypeParam>(boxShape(), TreeKind::kGraded, Path::kDOF);
+}
 
 TYPED_TEST(LevelSetRedistance, OneThreadAndAllThreadsGiveTheSameBits)
 {
@@ -146,7 +205,8 @@ TYPED_TEST(LevelSetRedistance, OneThreadAndAllThreadsGiveTheSameBits)
         call.dof = path == Path::kDOF ? dof.get() : nullptr;
         VoxelChannel<Tr, float> one(*in), all(*in);
         {
-            TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+            TVL::Parallel::global_control limit(
+                TVL::Parallel::global_control::max_allowed_parallelism, 1);
             call.run(s, one);
         }
         call.run(s, all);
@@ -195,8 +255,10 @@ template <typename Tr> void expectCancelled(Path path, std::string const& timerN
     s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
         float const v = out.tileData(tile.index(), tile.depth())(i, j, k);
         float const v0 = in->tileData(tile.index(), tile.depth())(i, j, k);
-        if (!std::isfinite(v)) ++nonFinite;
-        else if (LevelSetScene<Tr>::isLeafVoxel(tile, i, j, k) && (0.0f > v) != (0.0f > v0)) ++flips;
+        if (!std::isfinite(v))
+            ++nonFinite;
+        else if (LevelSetScene<Tr>::isLeafVoxel(tile, i, j, k) && (0.0f > v) != (0.0f > v0))
+            ++flips;
     });
     EXPECT_EQ(nonFinite, 0);
     EXPECT_EQ(flips, 0);
@@ -226,6 +288,6 @@ TEST(LevelSetRedistanceExports, EveryFormIsExported)
 {
     testlinked::requireLinked(&levelSetRedistance<Traits24>, &levelSetRedistance<Traits55>,
                               &levelSetReInitialize<Traits24>, &levelSetReInitialize<Traits55>,
-                              &redistanceTiles<Traits24>, &redistanceTiles<Traits55>, &tileColor<Traits24>,
-                              &tileColor<Traits55>);
+                              &redistanceTiles<Traits24>, &redistanceTiles<Traits55>,
+                              &tileColor<Traits24>, &tileColor<Traits55>);
 }

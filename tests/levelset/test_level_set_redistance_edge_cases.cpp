@@ -5,14 +5,14 @@
 // every voxel is at the zero crossing, values exactly zero.
 #include <gtest/gtest.h>
 
+#include "support/level_set_scenes.h"
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <hexmold/levelset/level_set_redistance.h>
+#include <hexmold/logging/logger.h>
 #include <sstream>
 #include <string>
-#include <hexmold/logging/logger.h>
-#include <hexmold/levelset/level_set_redistance.h>
-#include "support/level_set_scenes.h"
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
@@ -20,10 +20,14 @@ using namespace testlevelset;
 
 namespace {
 
-template <typename Tr> class LevelSetRedistanceEdgeCases : public ::testing::Test {};
+template <typename Tr> class LevelSetRedistanceEdgeCases : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(LevelSetRedistanceEdgeCases, TraitsTypes, TraitsNames);
 
@@ -31,7 +35,10 @@ constexpr float kVoxel = 0.05f;
 /// A sphere of 20 finest voxels on a band of 8 voxels: small enough for many runs.
 constexpr double kRadiusVoxels = 20.0;
 constexpr double kBandVoxels = 8.0;
-Shape smallSphere() { return sphere(kRadiusVoxels * kVoxel); }
+Shape smallSphere()
+{
+    return sphere(kRadiusVoxels * kVoxel);
+}
 
 constexpr double kNearMeanTol = 0.05; ///< as for the accuracy tests, in h
 constexpr double kNearMaxTol = 0.25;
@@ -46,28 +53,35 @@ template <typename Tr> bool atBackground(float v, float sign)
     return std::abs(double(v) - sign * bg) <= kBackgroundRelTol * bg;
 }
 
-float signOf(float v) { return 0.0f > v ? -1.0f : 1.0f; }
+float signOf(float v)
+{
+    return 0.0f > v ? -1.0f : 1.0f;
+}
 
 /// The value of the deepest voxel that holds the finest-voxel point (x, y, z).
 template <typename Tr>
-float valueAt(Scene<Tr> const& s, VoxelChannel<Tr, float> const& ch, std::int64_t x, std::int64_t y, std::int64_t z)
+float valueAt(Scene<Tr> const& s, VoxelChannel<Tr, float> const& ch, std::int64_t x, std::int64_t y,
+              std::int64_t z)
 {
     auto acc = s.tree.tileAccessor();
     auto const& t = acc.tile(x, y, z, Tr::kMaxDepth);
     std::int64_t const w = t.voxelDataWidth();
-    return ch.tileData(t.index(), t.depth())(int((x - t.ti()) / w), int((y - t.tj()) / w), int((z - t.tk()) / w));
+    return ch.tileData(t.index(), t.depth())(int((x - t.ti()) / w), int((y - t.tj()) / w),
+                                             int((z - t.tk()) / w));
 }
 
 /// Whether a voxel of a deepest tile has a face neighbour of the other sign (0 counts as
 /// positive); a neighbour outside the deepest tiles is the coarser voxel that holds it.
 template <typename Tr>
-bool atZeroCrossing(Scene<Tr> const& s, VoxelChannel<Tr, float> const& ch, Tile<Tr> const& tile, int i, int j, int k)
+bool atZeroCrossing(Scene<Tr> const& s, VoxelChannel<Tr, float> const& ch, Tile<Tr> const& tile,
+                    int i, int j, int k)
 {
     std::int64_t const x = tile.ti() + i, y = tile.tj() + j, z = tile.tk() + k;
     bool const negative = 0.0f > valueAt(s, ch, x, y, z);
     int const step[6][3] = {{1, 0, 0}, {-1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 1}, {0, 0, -1}};
     for (auto const& d : step)
-        if ((0.0f > valueAt(s, ch, x + d[0], y + d[1], z + d[2])) != negative) return true;
+        if ((0.0f > valueAt(s, ch, x + d[0], y + d[1], z + d[2])) != negative)
+            return true;
     return false;
 }
 
@@ -80,11 +94,13 @@ template <typename Tr, typename F> void forEachDeepestVoxel(Scene<Tr> const& s, 
         Tile<Tr> const& tile = s.tree.tile(t, d);
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
-                for (int i = 0; i < W; ++i) fn(tile, i, j, k, voxelCentre(tile, i, j, k, s.voxelSize()));
+                for (int i = 0; i < W; ++i)
+                    fn(tile, i, j, k, voxelCentre(tile, i, j, k, s.voxelSize()));
     }
 }
 
-template <typename Tr, typename T> T at(VoxelChannel<Tr, T> const& ch, Tile<Tr> const& tile, int i, int j, int k)
+template <typename Tr, typename T>
+T at(VoxelChannel<Tr, T> const& ch, Tile<Tr> const& tile, int i, int j, int k)
 {
     return ch.tileData(tile.index(), tile.depth())(i, j, k);
 }
@@ -114,7 +130,8 @@ public:
     }
     ~VerboseCapture()
     {
-        if (!mDone) finish();
+        if (!mDone)
+            finish();
     }
 
 private:
@@ -161,7 +178,8 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, ReInitializationWithoutDOFChannelChanges
     EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(float)), 0);
 }
 
-TYPED_TEST(LevelSetRedistanceEdgeCases, OddReInitializationPassCountLeavesTheResultInTheCallersChannel)
+TYPED_TEST(LevelSetRedistanceEdgeCases,
+           OddReInitializationPassCountLeavesTheResultInTheCallersChannel)
 {
     using Tr = TypeParam;
     Scene<Tr> s(kVoxel);
@@ -180,9 +198,10 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, OddReInitializationPassCountLeavesTheRes
     VoxelChannel<Tr, float> one(*in);
     passes(one, 1, 0);
     long long changed = 0;
-    forEachDeepestVoxel(s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-        changed += at(one, tile, i, j, k) != at(*in, tile, i, j, k);
-    });
+    forEachDeepestVoxel(
+        s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+            changed += at(one, tile, i, j, k) != at(*in, tile, i, j, k);
+        });
     EXPECT_GT(changed, 1000);
     // Three passes in one call equal two passes and then one.
     VoxelChannel<Tr, float> three(*in), twoThenOne(*in);
@@ -209,14 +228,17 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, ReInitializationMovesTheFieldTowardsTheD
     call.post = 21;
     call.run(s, out);
     ErrorStats before, after;
-    forEachDeepestVoxel(s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-        double const exact = shape.distance(p[0], p[1], p[2]);
-        if (std::abs(exact) > 5 * kVoxel || (at(*dof, tile, i, j, k) & 1) == 0) return;
-        before.add(std::abs(at(*in, tile, i, j, k) - exact) / kVoxel);
-        after.add(std::abs(at(out, tile, i, j, k) - exact) / kVoxel);
-    });
-    std::printf("  re-initialization, 41 passes, within 5 voxels: mean error %.4f h before, %.4f h after\n",
-                before.mean(), after.mean());
+    forEachDeepestVoxel(
+        s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+            double const exact = shape.distance(p[0], p[1], p[2]);
+            if (std::abs(exact) > 5 * kVoxel || (at(*dof, tile, i, j, k) & 1) == 0)
+                return;
+            before.add(std::abs(at(*in, tile, i, j, k) - exact) / kVoxel);
+            after.add(std::abs(at(out, tile, i, j, k) - exact) / kVoxel);
+        });
+    std::printf(
+        "  re-initialization, 41 passes, within 5 voxels: mean error %.4f h before, %.4f h after\n",
+        before.mean(), after.mean());
     EXPECT_LT(after.mean(), before.mean());
 }
 
@@ -240,13 +262,18 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, MaskWithNoNegativeVoxelSolvesNothing)
         // Every leaf voxel is excluded from the solve: it keeps its value or holds the background
         // of its sign; none is computed.
         long long kept = 0, background = 0, solved = 0;
-        s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-            if (!Scene<Tr>::isLeafVoxel(tile, i, j, k)) return;
-            float const v = at(out, tile, i, j, k), v0 = at(*in, tile, i, j, k);
-            if (v == v0) ++kept;
-            else if (atBackground<Tr>(v, signOf(v0))) ++background;
-            else ++solved;
-        });
+        s.forEachVoxel(
+            [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+                if (!Scene<Tr>::isLeafVoxel(tile, i, j, k))
+                    return;
+                float const v = at(out, tile, i, j, k), v0 = at(*in, tile, i, j, k);
+                if (v == v0)
+                    ++kept;
+                else if (atBackground<Tr>(v, signOf(v0)))
+                    ++background;
+                else
+                    ++solved;
+            });
         std::printf("  %s: leaf voxels kept %lld, at the background %lld, solved %lld\n",
                     useDOF ? "DOF sweep" : "recursion", kept, background, solved);
         EXPECT_EQ(solved, 0);
@@ -278,19 +305,23 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, InteriorPocketBehindAMaskEndsAtMinusTheB
         call.run(s, out);
         long long pocket = 0, pocketWrong = 0, shellChanged = 0;
         ErrorStats outside;
-        s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-            if (!Scene<Tr>::isLeafVoxel(tile, i, j, k)) return;
-            double const r = radiusVoxels(p);
-            float const v = at(out, tile, i, j, k);
-            if (r < kShellIn) {
-                ++pocket;
-                if (!atBackground<Tr>(v, -1.0f)) ++pocketWrong;
-            } else if (r <= kShellOut) {
-                shellChanged += v != at(*in, tile, i, j, k);
-            } else if (tile.depth() == Tr::kMaxDepth && r >= kShellOut + 2 && std::abs(r - kRadiusVoxels) <= 3) {
-                outside.add(std::abs(v - shape.distance(p[0], p[1], p[2])) / kVoxel);
-            }
-        });
+        s.forEachVoxel(
+            [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+                if (!Scene<Tr>::isLeafVoxel(tile, i, j, k))
+                    return;
+                double const r = radiusVoxels(p);
+                float const v = at(out, tile, i, j, k);
+                if (r < kShellIn) {
+                    ++pocket;
+                    if (!atBackground<Tr>(v, -1.0f))
+                        ++pocketWrong;
+                } else if (r <= kShellOut) {
+                    shellChanged += v != at(*in, tile, i, j, k);
+                } else if (tile.depth() == Tr::kMaxDepth && r >= kShellOut + 2 &&
+                           std::abs(r - kRadiusVoxels) <= 3) {
+                    outside.add(std::abs(v - shape.distance(p[0], p[1], p[2])) / kVoxel);
+                }
+            });
         EXPECT_GT(pocket, 1000);
         EXPECT_EQ(pocketWrong, 0) << "of " << pocket << " pocket voxels";
         EXPECT_EQ(shellChanged, 0);
@@ -308,8 +339,8 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, MaskedVoxelsKeepTheirValuesAndTheOthersA
     s.buildUniformBand(shape, kBandVoxels);
     auto const in = s.makeChannel(shape.field);
     constexpr double kMaskFrom = 4.0; ///< finest voxels: x above this is frozen
-    auto const mask = s.makeChannel([](double x, double, double) { return x / kVoxel > kMaskFrom ? 1.0 : -1.0; },
-                                    "mask");
+    auto const mask = s.makeChannel(
+        [](double x, double, double) { return x / kVoxel > kMaskFrom ? 1.0 : -1.0; }, "mask");
     auto const dof = s.makeDOF();
     for (bool useDOF : {false, true}) {
         SCOPED_TRACE(useDOF ? "DOF sweep" : "recursion");
@@ -320,16 +351,18 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, MaskedVoxelsKeepTheirValuesAndTheOthersA
         call.run(s, out);
         long long frozenChanged = 0, frozen = 0;
         ErrorStats free;
-        forEachDeepestVoxel(s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-            float const v = at(out, tile, i, j, k);
-            if (p[0] / kVoxel > kMaskFrom) {
-                ++frozen;
-                frozenChanged += v != at(*in, tile, i, j, k);
-            } else if (p[0] / kVoxel < kMaskFrom - 4) {
-                double const exact = shape.distance(p[0], p[1], p[2]);
-                if (std::abs(exact) <= 3 * kVoxel) free.add(std::abs(v - exact) / kVoxel);
-            }
-        });
+        forEachDeepestVoxel(
+            s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+                float const v = at(out, tile, i, j, k);
+                if (p[0] / kVoxel > kMaskFrom) {
+                    ++frozen;
+                    frozenChanged += v != at(*in, tile, i, j, k);
+                } else if (p[0] / kVoxel < kMaskFrom - 4) {
+                    double const exact = shape.distance(p[0], p[1], p[2]);
+                    if (std::abs(exact) <= 3 * kVoxel)
+                        free.add(std::abs(v - exact) / kVoxel);
+                }
+            });
         EXPECT_GT(frozen, 1000);
         EXPECT_EQ(frozenChanged, 0);
         EXPECT_GT(free.n, 1000);
@@ -350,9 +383,11 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, BothSidesOffWithValueTypesChangeNoDOFVox
     auto const dof = s.makeDOF();
     // The caller knows the zero crossing; everything else is unknown.
     auto types = s.makeValueTypes();
-    forEachDeepestVoxel(s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-        if (atZeroCrossing(s, *in, tile, i, j, k)) types->tileData(tile.index(), tile.depth())(i, j, k) = kValueTypeKnown;
-    });
+    forEachDeepestVoxel(
+        s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+            if (atZeroCrossing(s, *in, tile, i, j, k))
+                types->tileData(tile.index(), tile.depth())(i, j, k) = kValueTypeKnown;
+        });
     auto const typesBefore = channelValues(s, *types);
     for (bool useDOF : {false, true}) {
         SCOPED_TRACE(useDOF ? "DOF sweep" : "recursion");
@@ -373,20 +408,23 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, BothSidesOffWithValueTypesChangeNoDOFVox
         // The sweeps run (useValues), driven by the types: no side is redistanced, so the unknown
         // voxels become known and no DOF voxel changes; the known ones stay known.
         long long dofChanged = 0, knownLost = 0, dofVoxels = 0;
-        s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-            if ((at(*dof, tile, i, j, k) & 1) == 0) return;
-            ++dofVoxels;
-            dofChanged += at(out, tile, i, j, k) != at(*in, tile, i, j, k);
-            knownLost += at(*types, tile, i, j, k) == kValueTypeKnown &&
-                         at(callerTypes, tile, i, j, k) != kValueTypeKnown;
-        });
+        s.forEachVoxel(
+            [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+                if ((at(*dof, tile, i, j, k) & 1) == 0)
+                    return;
+                ++dofVoxels;
+                dofChanged += at(out, tile, i, j, k) != at(*in, tile, i, j, k);
+                knownLost += at(*types, tile, i, j, k) == kValueTypeKnown &&
+                             at(callerTypes, tile, i, j, k) != kValueTypeKnown;
+            });
         EXPECT_GT(dofVoxels, 1000);
         EXPECT_EQ(dofChanged, 0);
         EXPECT_EQ(knownLost, 0);
     }
 }
 
-TYPED_TEST(LevelSetRedistanceEdgeCases, KnownVoxelsAreBoundaryConditionsAndExcludedOnesAreNeverTouched)
+TYPED_TEST(LevelSetRedistanceEdgeCases,
+           KnownVoxelsAreBoundaryConditionsAndExcludedOnesAreNeverTouched)
 {
     using Tr = TypeParam;
     Scene<Tr> s(kVoxel);
@@ -400,7 +438,8 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, KnownVoxelsAreBoundaryConditionsAndExclu
     VoxelChannel<Tr, float> in(*field);
     auto types = s.makeValueTypes();
     s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-        if (!Scene<Tr>::isLeafVoxel(tile, i, j, k)) return;
+        if (!Scene<Tr>::isLeafVoxel(tile, i, j, k))
+            return;
         auto& v = in.tileData(tile.index(), tile.depth())(i, j, k);
         auto& t = types->tileData(tile.index(), tile.depth())(i, j, k);
         if (p[0] / kVoxel > kExcludedFrom) {
@@ -421,17 +460,22 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, KnownVoxelsAreBoundaryConditionsAndExclu
         call.run(s, out);
         long long knownChanged = 0, excludedChanged = 0, typesChanged = 0;
         ErrorStats unknown;
-        forEachDeepestVoxel(s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-            unsigned char const t = at(*types, tile, i, j, k);
-            float const v = at(out, tile, i, j, k);
-            if (t == kValueTypeKnown) knownChanged += v != at(in, tile, i, j, k);
-            if (t == kValueTypeExcluded) excludedChanged += v != at(in, tile, i, j, k);
-            if (t != kValueTypeUnknown) typesChanged += at(callerTypes, tile, i, j, k) != t;
-            if (t == kValueTypeUnknown && p[0] / kVoxel < kExcludedFrom - 4) {
-                double const exact = shape.distance(p[0], p[1], p[2]);
-                if (std::abs(exact) <= 3 * kVoxel) unknown.add(std::abs(v - exact) / kVoxel);
-            }
-        });
+        forEachDeepestVoxel(
+            s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+                unsigned char const t = at(*types, tile, i, j, k);
+                float const v = at(out, tile, i, j, k);
+                if (t == kValueTypeKnown)
+                    knownChanged += v != at(in, tile, i, j, k);
+                if (t == kValueTypeExcluded)
+                    excludedChanged += v != at(in, tile, i, j, k);
+                if (t != kValueTypeUnknown)
+                    typesChanged += at(callerTypes, tile, i, j, k) != t;
+                if (t == kValueTypeUnknown && p[0] / kVoxel < kExcludedFrom - 4) {
+                    double const exact = shape.distance(p[0], p[1], p[2]);
+                    if (std::abs(exact) <= 3 * kVoxel)
+                        unknown.add(std::abs(v - exact) / kVoxel);
+                }
+            });
         EXPECT_EQ(knownChanged, 0);
         EXPECT_EQ(excludedChanged, 0);
         EXPECT_EQ(typesChanged, 0);
@@ -462,19 +506,22 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, MinDepthEqualToMaxDepthSolvesOneDepth)
         // interpolation from a coarser depth, which is not treated) are reached and accurate.
         ErrorStats near, all;
         long long solved = 0, unreached = 0;
-        forEachDeepestVoxel(s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-            if (useDOF && (at(*dof, tile, i, j, k) & 1) == 0) return;
-            ++solved;
-            float const v = at(out, tile, i, j, k);
-            if (atBackground<Tr>(v, signOf(v))) {
-                ++unreached;
-                return;
-            }
-            double const exact = shape.distance(p[0], p[1], p[2]);
-            double const e = std::abs(v - exact) / kVoxel;
-            all.add(e);
-            if (std::abs(exact) <= 3 * kVoxel) near.add(e);
-        });
+        forEachDeepestVoxel(
+            s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+                if (useDOF && (at(*dof, tile, i, j, k) & 1) == 0)
+                    return;
+                ++solved;
+                float const v = at(out, tile, i, j, k);
+                if (atBackground<Tr>(v, signOf(v))) {
+                    ++unreached;
+                    return;
+                }
+                double const exact = shape.distance(p[0], p[1], p[2]);
+                double const e = std::abs(v - exact) / kVoxel;
+                all.add(e);
+                if (std::abs(exact) <= 3 * kVoxel)
+                    near.add(e);
+            });
         EXPECT_GT(solved, 1000);
         EXPECT_EQ(unreached, 0);
         EXPECT_LE(near.mean(), kNearMeanTol);
@@ -483,9 +530,11 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, MinDepthEqualToMaxDepthSolvesOneDepth)
         if (useDOF) {
             // Restriction and interpolation have nothing to do: coarser depths as they were.
             long long coarseChanged = 0;
-            s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-                if (tile.depth() < Tr::kMaxDepth) coarseChanged += at(out, tile, i, j, k) != at(*in, tile, i, j, k);
-            });
+            s.forEachVoxel(
+                [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+                    if (tile.depth() < Tr::kMaxDepth)
+                        coarseChanged += at(out, tile, i, j, k) != at(*in, tile, i, j, k);
+                });
             EXPECT_EQ(coarseChanged, 0);
         }
     }
@@ -508,19 +557,22 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, NoPassesLeaveTheResetFieldWithOnlyTheZer
         call.dof = dof.get();
         call.run(s, out);
         long long crossing = 0, crossingWrong = 0, others = 0, othersWrong = 0;
-        forEachDeepestVoxel(s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-            if ((at(*dof, tile, i, j, k) & 1) == 0) return;
-            float const v = at(out, tile, i, j, k), v0 = at(*in, tile, i, j, k);
-            if (atZeroCrossing(s, *in, tile, i, j, k)) {
-                ++crossing;
-                bool const right = overwrite ? std::abs(v - shape.distance(p[0], p[1], p[2])) <= kNearMaxTol * kVoxel
-                                             : v == v0;
-                crossingWrong += !right || signOf(v) != signOf(v0);
-            } else {
-                ++others;
-                othersWrong += !atBackground<Tr>(v, signOf(v0));
-            }
-        });
+        forEachDeepestVoxel(
+            s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+                if ((at(*dof, tile, i, j, k) & 1) == 0)
+                    return;
+                float const v = at(out, tile, i, j, k), v0 = at(*in, tile, i, j, k);
+                if (atZeroCrossing(s, *in, tile, i, j, k)) {
+                    ++crossing;
+                    bool const right = overwrite ? std::abs(v - shape.distance(p[0], p[1], p[2])) <=
+                                                       kNearMaxTol * kVoxel
+                                                 : v == v0;
+                    crossingWrong += !right || signOf(v) != signOf(v0);
+                } else {
+                    ++others;
+                    othersWrong += !atBackground<Tr>(v, signOf(v0));
+                }
+            });
         EXPECT_GT(crossing, 1000);
         EXPECT_EQ(crossingWrong, 0);
         EXPECT_GT(others, 1000);
@@ -538,7 +590,8 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, AllOneSignPutsEveryVoxelAtTheBackground)
         for (bool useDOF : {false, true}) {
             SCOPED_TRACE(std::string(sign < 0 ? "all negative, " : "all positive, ") +
                          (useDOF ? "DOF sweep" : "recursion"));
-            auto const in = s.makeChannel([sign](double x, double, double) { return sign * (1.0 + std::abs(x)); });
+            auto const in = s.makeChannel(
+                [sign](double x, double, double) { return sign * (1.0 + std::abs(x)); });
             VoxelChannel<Tr, float> out(*in);
             RedistanceCall<Tr> call;
             call.dof = useDOF ? dof.get() : nullptr;
@@ -547,10 +600,12 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, AllOneSignPutsEveryVoxelAtTheBackground)
             std::string const printed = capture.finish();
             long long wrong = 0;
             std::string first;
-            s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+            s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k,
+                               std::array<double, 3> const&) {
                 float const v = at(out, tile, i, j, k);
                 if (!atBackground<Tr>(v, sign) && wrong++ == 0)
-                    first = "depth " + std::to_string(tile.depth()) + ", value " + std::to_string(v);
+                    first =
+                        "depth " + std::to_string(tile.depth()) + ", value " + std::to_string(v);
             });
             EXPECT_EQ(wrong, 0) << "first: " << first;
             if (useDOF) {
@@ -559,8 +614,10 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, AllOneSignPutsEveryVoxelAtTheBackground)
                     if (s.tree.tileCount(d) > 0) {
                         EXPECT_NE(printed.find(sweepLine(d, 20, 10)), std::string::npos)
                             << "printed: "
-                            << printed.substr(std::min(printed.size(), printed.find("Depth " + std::to_string(d) + " ")),
-                                              40);
+                            << printed.substr(
+                                   std::min(printed.size(),
+                                            printed.find("Depth " + std::to_string(d) + " ")),
+                                   40);
                     }
             }
         }
@@ -589,7 +646,8 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, HangingVoxelsAtACoarseFineBorderAgreeWit
     // The coarse voxel holding a lattice point: its value, and whether it is restricted from a
     // finer voxel (flag 2), which the last restriction may change after the interpolation, or
     // lies outside the tree's domain; a voxel with such a point in its stencil is not compared.
-    auto coarseValue = [&](std::int64_t x, std::int64_t y, std::int64_t z, int depth, bool& restricted) {
+    auto coarseValue = [&](std::int64_t x, std::int64_t y, std::int64_t z, int depth,
+                           bool& restricted) {
         auto const& t = acc.tile(x, y, z, depth);
         if (!t.valid()) {
             restricted = true;
@@ -610,10 +668,12 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, HangingVoxelsAtACoarseFineBorderAgreeWit
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) {
                         short const f = at(*dof, tile, i, j, k);
-                        if ((f & 4) == 0 || (f & 32) != 0) continue;
+                        if ((f & 4) == 0 || (f & 32) != 0)
+                            continue;
                         // The coarse lattice points around the voxel's corner, weighted by the
                         // voxel's offset in the coarse voxel; an axis on the lattice does not mix.
-                        std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
+                        std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w,
+                                                   tile.tk() + k * w};
                         std::int64_t base[3];
                         double frac[3];
                         for (int a = 0; a < 3; ++a) {
@@ -628,11 +688,14 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, HangingVoxelsAtACoarseFineBorderAgreeWit
                             std::int64_t q[3];
                             for (int a = 0; a < 3; ++a) {
                                 bool const up = (c >> a) & 1;
-                                if (up && frac[a] == 0) weight = 0;
+                                if (up && frac[a] == 0)
+                                    weight = 0;
                                 weight *= up ? frac[a] : 1 - frac[a];
                                 q[a] = base[a] + (up ? pw : 0);
                             }
-                            if (weight != 0) expected += weight * coarseValue(q[0], q[1], q[2], d - 1, restricted);
+                            if (weight != 0)
+                                expected +=
+                                    weight * coarseValue(q[0], q[1], q[2], d - 1, restricted);
                         }
                         if (restricted) {
                             ++skipped;
@@ -644,30 +707,37 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, HangingVoxelsAtACoarseFineBorderAgreeWit
                         ++hanging;
                         // Where the sphere spans fewer than 8 voxels of the depth, first-order
                         // sweeps from what is in effect a point source are held to 2 spacings.
-                        double const tolerance = (shape.featureSize >= 8.0 * s.spacing(d) ? 1.0 : 2.0) * s.spacing(d);
-                        if (std::abs(v - exact) > tolerance || std::abs(v - expected) > s.spacing(d - 1)) {
+                        double const tolerance =
+                            (shape.featureSize >= 8.0 * s.spacing(d) ? 1.0 : 2.0) * s.spacing(d);
+                        if (std::abs(v - exact) > tolerance ||
+                            std::abs(v - expected) > s.spacing(d - 1)) {
                             if (wrong++ == 0)
-                                first = "depth " + std::to_string(d) + " voxel (" + std::to_string(p[0]) + ", " +
-                                        std::to_string(p[1]) + ", " + std::to_string(p[2]) + "): value " +
-                                        std::to_string(v) + ", interpolated " + std::to_string(expected) + ", exact " +
+                                first = "depth " + std::to_string(d) + " voxel (" +
+                                        std::to_string(p[0]) + ", " + std::to_string(p[1]) + ", " +
+                                        std::to_string(p[2]) + "): value " + std::to_string(v) +
+                                        ", interpolated " + std::to_string(expected) + ", exact " +
                                         std::to_string(exact);
                         }
                     }
         }
-    std::printf("  hanging voxels compared %lld, skipped %lld (a restricted coarse voxel or a point outside the domain in the stencil)\n", hanging,
-                skipped);
+    std::printf("  hanging voxels compared %lld, skipped %lld (a restricted coarse voxel or a "
+                "point outside the domain in the stencil)\n",
+                hanging, skipped);
     EXPECT_GT(hanging, 100);
     EXPECT_EQ(wrong, 0) << "of " << hanging << "; first: " << first;
 }
 
-TYPED_TEST(LevelSetRedistanceEdgeCases, BandWithEveryVoxelAtTheZeroCrossingEndsTheDepthAfterTwoSweeps)
+TYPED_TEST(LevelSetRedistanceEdgeCases,
+           BandWithEveryVoxelAtTheZeroCrossingEndsTheDepthAfterTwoSweeps)
 {
     using Tr = TypeParam;
     constexpr int W = Tr::kTileWidth;
     Scene<Tr> s(kVoxel);
     // One layer of deepest tiles; the field changes sign from each voxel layer to the next, so
     // every voxel has a face neighbour of the other sign inside its own tile.
-    s.build([](Container<Tr>& c) { testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {-2, -2, 0}, {1, 1, 0}); });
+    s.build([](Container<Tr>& c) {
+        testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {-2, -2, 0}, {1, 1, 0});
+    });
     auto const in = s.makeChannel([](double, double, double z) {
         long long const layer = (long long)std::floor(z / kVoxel);
         return (layer % 2 == 0 ? 0.5 : -0.5) * kVoxel;
@@ -680,13 +750,16 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, BandWithEveryVoxelAtTheZeroCrossingEndsT
     VerboseCapture capture(3);
     call.run(s, out);
     std::string const printed = capture.finish();
-    EXPECT_NE(printed.find(sweepLine(Tr::kMaxDepth, 2, 10)), std::string::npos) << printed.substr(0, 2000);
+    EXPECT_NE(printed.find(sweepLine(Tr::kMaxDepth, 2, 10)), std::string::npos)
+        << printed.substr(0, 2000);
     long long changed = 0, dofVoxels = 0;
-    forEachDeepestVoxel(s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-        if ((at(*dof, tile, i, j, k) & 1) == 0) return;
-        ++dofVoxels;
-        changed += at(out, tile, i, j, k) != at(*in, tile, i, j, k);
-    });
+    forEachDeepestVoxel(
+        s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+            if ((at(*dof, tile, i, j, k) & 1) == 0)
+                return;
+            ++dofVoxels;
+            changed += at(out, tile, i, j, k) != at(*in, tile, i, j, k);
+        });
     EXPECT_GT(dofVoxels, 8 * W * W);
     EXPECT_EQ(changed, 0);
 }
@@ -697,7 +770,9 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, ValueExactlyZeroCountsAsPositive)
     Scene<Tr> s(kVoxel);
     // A block of deepest tiles and the plane x = 2.5 voxels through a layer of voxel centres,
     // which hold exactly 0.
-    s.build([](Container<Tr>& c) { testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {-2, -2, -2}, {2, 1, 1}); });
+    s.build([](Container<Tr>& c) {
+        testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {-2, -2, -2}, {2, 1, 1});
+    });
     double const x0 = 2.5 * kVoxel;
     auto const in = s.makeChannel([x0](double x, double, double) { return x - x0; });
     // The centres of the block's outermost voxels (world units).
@@ -711,32 +786,38 @@ TYPED_TEST(LevelSetRedistanceEdgeCases, ValueExactlyZeroCountsAsPositive)
     auto const dof = s.makeDOF();
     for (bool useDOF : {false, true})
         for (bool overwrite : {false, true}) {
-            SCOPED_TRACE(std::string(useDOF ? "DOF sweep" : "recursion") + (overwrite ? ", surface recomputed" : ""));
+            SCOPED_TRACE(std::string(useDOF ? "DOF sweep" : "recursion") +
+                         (overwrite ? ", surface recomputed" : ""));
             VoxelChannel<Tr, float> out(*in);
             RedistanceCall<Tr> call;
             call.overwriteSurface = overwrite;
             call.dof = useDOF ? dof.get() : nullptr;
             call.run(s, out);
             long long zeros = 0, zeroWrong = 0, sideWrong = 0, inaccurate = 0;
-            forEachDeepestVoxel(s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-                if ((at(*dof, tile, i, j, k) & 1) == 0) return;
-                float const v = at(out, tile, i, j, k), v0 = at(*in, tile, i, j, k);
-                if (v0 == 0.0f) {
-                    ++zeros;
-                    // The surface distance returns a zero unchanged; the recursion keeps it on the
-                    // positive side, within the floor of the eikonal update.
-                    if (useDOF || !overwrite) zeroWrong += v != 0.0f;
-                    else zeroWrong += 0.0f > v || v > 0.001f * kVoxel;
-                } else {
-                    sideWrong += signOf(v) != signOf(v0);
-                    // Next to the plane and off the block's sides: farther out, and at the sides,
-                    // coarser voxels beside the block (sampled at their own centres) enter the
-                    // sign tests and the halo across the resolution jump.
-                    bool const offSides = p[1] > lo[1] && p[1] < hi[1] && p[2] > lo[2] && p[2] < hi[2];
-                    if (std::abs(p[0] - x0) <= 1.01 * kVoxel && offSides)
-                        inaccurate += std::abs(v - (p[0] - x0)) > kNearMaxTol * kVoxel;
-                }
-            });
+            forEachDeepestVoxel(
+                s, [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+                    if ((at(*dof, tile, i, j, k) & 1) == 0)
+                        return;
+                    float const v = at(out, tile, i, j, k), v0 = at(*in, tile, i, j, k);
+                    if (v0 == 0.0f) {
+                        ++zeros;
+                        // The surface distance returns a zero unchanged; the recursion keeps it on
+                        // the positive side, within the floor of the eikonal update.
+                        if (useDOF || !overwrite)
+                            zeroWrong += v != 0.0f;
+                        else
+                            zeroWrong += 0.0f > v || v > 0.001f * kVoxel;
+                    } else {
+                        sideWrong += signOf(v) != signOf(v0);
+                        // Next to the plane and off the block's sides: farther out, and at the
+                        // sides, coarser voxels beside the block (sampled at their own centres)
+                        // enter the sign tests and the halo across the resolution jump.
+                        bool const offSides =
+                            p[1] > lo[1] && p[1] < hi[1] && p[2] > lo[2] && p[2] < hi[2];
+                        if (std::abs(p[0] - x0) <= 1.01 * kVoxel && offSides)
+                            inaccurate += std::abs(v - (p[0] - x0)) > kNearMaxTol * kVoxel;
+                    }
+                });
             EXPECT_GT(zeros, 16);
             EXPECT_EQ(zeroWrong, 0);
             EXPECT_EQ(sideWrong, 0);

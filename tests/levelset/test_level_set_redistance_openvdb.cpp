@@ -3,10 +3,10 @@
 // its zero set. Our mean error near the surface must be no worse. Skipped without OpenVDB.
 #include <gtest/gtest.h>
 
+#include "support/level_set_scenes.h"
 #include <cmath>
 #include <cstdio>
 #include <string>
-#include "support/level_set_scenes.h"
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
@@ -18,10 +18,14 @@ using namespace testlevelset;
 
 namespace {
 
-template <typename Tr> class LevelSetRedistanceOracle : public ::testing::Test {};
+template <typename Tr> class LevelSetRedistanceOracle : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(LevelSetRedistanceOracle, TraitsTypes, TraitsNames);
 
@@ -53,7 +57,8 @@ template <typename Tr> void compareWithOpenVDB(Shape const& shape)
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i)
-                        acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k), td(i, j, k));
+                        acc.setValueOn(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k),
+                                       td(i, j, k));
         }
     }
     auto const peer = openvdb::tools::sdfToSdf(*grid);
@@ -70,8 +75,10 @@ template <typename Tr> void compareWithOpenVDB(Shape const& shape)
                 for (int i = 0; i < W; ++i) {
                     auto const p = voxelCentre(tile, i, j, k, s.voxelSize());
                     double const exact = shape.distance(p[0], p[1], p[2]);
-                    if (std::abs(exact) > Accuracy<Tr>::kNearSurface * kVoxel) continue;
-                    float const v = peerAcc.getValue(openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k));
+                    if (std::abs(exact) > Accuracy<Tr>::kNearSurface * kVoxel)
+                        continue;
+                    float const v = peerAcc.getValue(
+                        openvdb::Coord(tile.ti() + i, tile.tj() + j, tile.tk() + k));
                     peerNear.add(std::abs(double(v) - exact) / kVoxel);
                 }
     }
@@ -83,13 +90,15 @@ template <typename Tr> void compareWithOpenVDB(Shape const& shape)
         call.dof = useDOF ? dof.get() : nullptr;
         call.run(s, out);
         auto const ours = measure(s, out, *in, shape).allNearSurface();
-        std::printf("  %s %s, %s: mean error within 3 voxels: ours %.4f h (max %.4f h, %lld voxels), "
-                    "OpenVDB sdfToSdf %.4f h (max %.4f h, %lld voxels)\n",
-                    std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55", shape.name.c_str(),
-                    useDOF ? "DOF sweep" : "recursion", ours.mean(), ours.max, ours.n, peerNear.mean(), peerNear.max,
-                    peerNear.n);
+        std::printf(
+            "  %s %s, %s: mean error within 3 voxels: ours %.4f h (max %.4f h, %lld voxels), "
+            "OpenVDB sdfToSdf %.4f h (max %.4f h, %lld voxels)\n",
+            std::is_same_v<Tr, Traits24> ? "Traits24" : "Traits55", shape.name.c_str(),
+            useDOF ? "DOF sweep" : "recursion", ours.mean(), ours.max, ours.n, peerNear.mean(),
+            peerNear.max, peerNear.n);
         EXPECT_EQ(ours.n, peerNear.n);
-        EXPECT_LE(ours.mean(), peerNear.mean() + kMeanSlack) << (useDOF ? "DOF sweep" : "recursion");
+        EXPECT_LE(ours.mean(), peerNear.mean() + kMeanSlack)
+            << (useDOF ? "DOF sweep" : "recursion");
     }
 }
 #endif
@@ -119,6 +128,7 @@ TYPED_TEST(LevelSetRedistanceOracle, BoxNoWorseThanOpenVDBSdfToSdf)
 #if !HEXMOLD_HAVE_OPENVDB
     GTEST_SKIP() << "OpenVDB not available";
 #else
-    compareWithOpenVDB<TypeParam>(box(30.3 * kVoxel, 22.6 * kVoxel, 16.2 * kVoxel, 0.3 * kVoxel, -0.2 * kVoxel, 0.1 * kVoxel, kVoxel));
+    compareWithOpenVDB<TypeParam>(box(30.3 * kVoxel, 22.6 * kVoxel, 16.2 * kVoxel, 0.3 * kVoxel,
+                                      -0.2 * kVoxel, 0.1 * kVoxel, kVoxel));
 #endif
 }

@@ -5,15 +5,15 @@
 // same result on one thread and on all.
 #include <gtest/gtest.h>
 
+#include "support/level_set_scenes.h"
 #include <cfloat>
 #include <cmath>
 #include <cstring>
-#include <random>
-#include <string>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/levelset/redistance_tiles.h>
 #include <hexmold/substrate/parallel.h>
-#include "support/level_set_scenes.h"
+#include <random>
+#include <string>
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
@@ -21,10 +21,14 @@ using namespace testlevelset;
 
 namespace {
 
-template <typename Tr> class RedistanceTiles : public ::testing::Test {};
+template <typename Tr> class RedistanceTiles : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(RedistanceTiles, TraitsTypes, TraitsNames);
 
@@ -35,11 +39,11 @@ constexpr double kPlaneTol = 1e-4;
 /// A block of deepest tiles (4 x 4 x 4 for both trees; for Traits<2,4,1> the children of 2 x 2 x 2
 /// tiles of the depth above) around the plane z = 0.3 voxels, whose distance the upwind solve
 /// reproduces exactly everywhere in the block (an oblique plane would not be reproduced near the
-/// faces of the block, where the solve lacks the values beyond them). The coarser voxels hold the background of
-/// the plane's side at their centres, so that the halo of the block, which reads them across the
-/// resolution jump, never offers a smaller magnitude than the block's own voxels. The deepest
-/// voxels with a face neighbour of the other sign (outside the block: the coarser voxel that
-/// holds the neighbour's point) hold the plane's distance and are known; all others hold the
+/// faces of the block, where the solve lacks the values beyond them). The coarser voxels hold the
+/// background of the plane's side at their centres, so that the halo of the block, which reads them
+/// across the resolution jump, never offers a smaller magnitude than the block's own voxels. The
+/// deepest voxels with a face neighbour of the other sign (outside the block: the coarser voxel
+/// that holds the neighbour's point) hold the plane's distance and are known; all others hold the
 /// background of their side and are unknown.
 template <typename Tr> struct PlaneBlock {
     static constexpr int W = Tr::kTileWidth;
@@ -54,24 +58,29 @@ template <typename Tr> struct PlaneBlock {
         n[0] = 0.0;
         n[1] = 0.0;
         n[2] = 1.0;
-        s.build([](Container<Tr>& c) { testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {-2, -2, -2}, {1, 1, 1}); });
+        s.build([](Container<Tr>& c) {
+            testtrees::addBlock<Tr>(c, Tr::kMaxDepth, {-2, -2, -2}, {1, 1, 1});
+        });
         int const d = Tr::kMaxDepth;
         float const bg = LevelSetScene<Tr>::kBackground;
         distance = s.makeChannel([this](double x, double y, double z) { return exact(x, y, z); });
-        s.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-            auto& v = distance->tileData(tile.index(), tile.depth())(i, j, k);
-            if (tile.depth() < d) v = 0.0f > v ? -bg : bg;
-        });
+        s.forEachVoxel(
+            [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+                auto& v = distance->tileData(tile.index(), tile.depth())(i, j, k);
+                if (tile.depth() < d)
+                    v = 0.0f > v ? -bg : bg;
+            });
         VoxelChannel<Tr, float> const plane(*distance);
         types = s.makeValueTypes();
         auto acc = s.tree.tileAccessor();
         auto valueAt = [&](std::int64_t x, std::int64_t y, std::int64_t z) {
             auto const& t = acc.tile(x, y, z, d);
             std::int64_t const w = t.voxelDataWidth();
-            return plane.tileData(t.index(), t.depth())(int((x - t.ti()) / w), int((y - t.tj()) / w),
-                                                        int((z - t.tk()) / w));
+            return plane.tileData(t.index(), t.depth())(
+                int((x - t.ti()) / w), int((y - t.tj()) / w), int((z - t.tk()) / w));
         };
-        int const step[6][3] = {{1, 0, 0}, {-1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 1}, {0, 0, -1}};
+        int const step[6][3] = {{1, 0, 0},  {-1, 0, 0}, {0, 1, 0},
+                                {0, -1, 0}, {0, 0, 1},  {0, 0, -1}};
         for (std::int64_t t = 0; t < s.tree.tileCount(d); ++t) {
             Tile<Tr> const& tile = s.tree.tile(t, d);
             for (int k = 0; k < W; ++k)
@@ -94,13 +103,17 @@ template <typename Tr> struct PlaneBlock {
         }
     }
 
-    double exact(double x, double y, double z) const { return n[0] * x + n[1] * y + n[2] * z - offset; }
-
-    float sweep(RedBlackType colour, VoxelChannel<Tr, float>& ch, bool useBandAtTiles = true, bool coalesced = false,
-                VoxelChannel<Tr, unsigned char> const* valueTypes = nullptr)
+    double exact(double x, double y, double z) const
     {
-        return redistanceTiles<Tr>(colour, ch, nullptr, s.tree, valueTypes ? valueTypes : types.get(), Tr::kMaxDepth,
-                                   FLT_MAX, FLT_MAX, useBandAtTiles, false, coalesced);
+        return n[0] * x + n[1] * y + n[2] * z - offset;
+    }
+
+    float sweep(RedBlackType colour, VoxelChannel<Tr, float>& ch, bool useBandAtTiles = true,
+                bool coalesced = false, VoxelChannel<Tr, unsigned char> const* valueTypes = nullptr)
+    {
+        return redistanceTiles<Tr>(colour, ch, nullptr, s.tree,
+                                   valueTypes ? valueTypes : types.get(), Tr::kMaxDepth, FLT_MAX,
+                                   FLT_MAX, useBandAtTiles, false, coalesced);
     }
 
     /// Alternates the colours until neither changes anything; returns the number of pairs.
@@ -109,7 +122,8 @@ template <typename Tr> struct PlaneBlock {
         for (int pair = 1; pair <= 64; ++pair) {
             float const red = sweep(kRed, ch, true, coalesced);
             float const black = sweep(kBlack, ch, true, coalesced);
-            if (red == 0.0f && black == 0.0f) return pair;
+            if (red == 0.0f && black == 0.0f)
+                return pair;
         }
         return -1;
     }
@@ -125,7 +139,9 @@ template <typename Tr> struct PlaneBlock {
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) {
                         auto const p = voxelCentre(tile, i, j, k, s.voxelSize());
-                        e = std::max(e, std::abs(ch.tileData(t, d)(i, j, k) - exact(p[0], p[1], p[2])) / kVoxel);
+                        e = std::max(
+                            e, std::abs(ch.tileData(t, d)(i, j, k) - exact(p[0], p[1], p[2])) /
+                                   kVoxel);
                     }
         }
         return e;
@@ -148,7 +164,8 @@ TYPED_TEST(RedistanceTiles, TileColorIsTheParityOfTheTileLatticeCoordinates)
             std::int64_t const m[3] = {ordinal(rng), ordinal(rng), ordinal(rng)};
             int3 const corner{int(m[0] * w - Tr::kCentreOffset), int(m[1] * w - Tr::kCentreOffset),
                               int(m[2] * w - Tr::kCentreOffset)};
-            EXPECT_EQ(int(tileColor<Tr>(corner, d)), int((m[0] + m[1] + m[2]) % 2)) << "depth " << d;
+            EXPECT_EQ(int(tileColor<Tr>(corner, d)), int((m[0] + m[1] + m[2]) % 2))
+                << "depth " << d;
             // A face neighbour has the other colour.
             if (m[0] + 1 < count) {
                 int3 const next{int((m[0] + 1) * w - Tr::kCentreOffset), corner.y, corner.z};
@@ -174,12 +191,17 @@ TYPED_TEST(RedistanceTiles, OneColourChangesOnlyItsOwnTilesAndOnlyUnknownVoxels)
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) {
-                    float const before = b.distance->tileData(t, d)(i, j, k), after = ch.tileData(t, d)(i, j, k);
-                    if (before == after) continue;
+                    float const before = b.distance->tileData(t, d)(i, j, k),
+                                after = ch.tileData(t, d)(i, j, k);
+                    if (before == after)
+                        continue;
                     largest = std::max(largest, std::abs(double(before) - double(after)));
-                    if (!red) ++otherColourChanged;
-                    else if (b.types->tileData(t, d)(i, j, k) != kValueTypeUnknown) ++knownChanged;
-                    else ++unknownChanged;
+                    if (!red)
+                        ++otherColourChanged;
+                    else if (b.types->tileData(t, d)(i, j, k) != kValueTypeUnknown)
+                        ++knownChanged;
+                    else
+                        ++unknownChanged;
                 }
     }
     EXPECT_EQ(otherColourChanged, 0);
@@ -232,7 +254,8 @@ TYPED_TEST(RedistanceTiles, TilesUnderUnknownParentVoxelsWaitUnlessTheBandAtTile
     int const parentDepth = Tr::kMaxDepth - 1;
     for (std::int64_t t = 0; t < b.s.tree.tileCount(parentDepth); ++t) {
         auto td = types.tileData(t, parentDepth);
-        for (int e = 0; e < Tr::kTileSize; ++e) td.data()[e] = kValueTypeKnown;
+        for (int e = 0; e < Tr::kTileSize; ++e)
+            td.data()[e] = kValueTypeKnown;
     }
     EXPECT_GT(b.sweep(kRed, ch, false, false, &types), 0.0f);
 }
@@ -258,7 +281,8 @@ TYPED_TEST(RedistanceTiles, OneThreadAndAllThreadsGiveTheSameBits)
     PlaneBlock<Tr> b;
     VoxelChannel<Tr, float> one(*b.distance), all(*b.distance);
     {
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
         b.sweep(kRed, one);
         b.sweep(kBlack, one);
     }

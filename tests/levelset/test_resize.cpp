@@ -3,28 +3,28 @@
 // one call serving either tree type; the value types of a voxel at zero whose partner of the
 // other sign is a diagonal neighbour, against the adaptive sweep; log lines, timers, other
 // channels, threads, cancellation.
-#include <gtest/gtest.h>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <hexmold/analysis/grade_tile_tree.h>
 
+#include "support/analysis_scene.h"
+#include "support/linked.h"
+#include "support/random_trees.h"
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
-#include <hexmold/logging/logger.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/levelset/resize.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/platform/testing/recording_services.h>
 #include <hexmold/substrate/parallel.h>
-#include "support/analysis_scene.h"
-#include "support/random_trees.h"
-#include "support/linked.h"
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D::LevelSet;
@@ -33,10 +33,14 @@ using Tavrel::Geometry::sVoxelTileTree;
 
 namespace {
 
-template <typename Tr> class Resize : public ::testing::Test {};
+template <typename Tr> class Resize : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
-    template <typename T> static std::string GetName(int) { return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55"; }
+    template <typename T> static std::string GetName(int)
+    {
+        return std::is_same_v<T, Traits24> ? "Traits24" : "Traits55";
+    }
 };
 TYPED_TEST_SUITE(Resize, TraitsTypes, TraitsNames);
 
@@ -44,12 +48,16 @@ constexpr float kVoxel = 0.125f; ///< finest voxel, world units
 constexpr double kRadius = 40.0; ///< sphere radius in finest voxels
 char const* const kPhi = "phi";
 
-double exactDistance(double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - kRadius * kVoxel; }
+double exactDistance(double x, double y, double z)
+{
+    return std::sqrt(x * x + y * y + z * z) - kRadius * kVoxel;
+}
 
 /// Where the solves place voxel (i, j, k) of @p tile, at every depth: at the sample of the finest
 /// voxel at its corner.
 template <typename Tr>
-Tavrel::Math::Vec3<double> samplePosition(testscene::Scene<Tr> const& scene, Tile<Tr> const& tile, int i, int j, int k)
+Tavrel::Math::Vec3<double> samplePosition(testscene::Scene<Tr> const& scene, Tile<Tr> const& tile,
+                                          int i, int j, int k)
 {
     auto p = scene.position(tile, i, j, k, true);
     return {p.x + 0.5 * kVoxel, p.y + 0.5 * kVoxel, p.z + 0.5 * kVoxel};
@@ -63,18 +71,24 @@ template <typename Tr> testscene::Scene<Tr> sphereBand(double band)
     scene.buildUniformBand(kRadius, band);
     // Graded, as the voxelizers leave their trees: every new tile of a dilation has a parent
     // voxel close by to take its first value from.
-    scene.build([](Container<Tr>& c) { CoreGL::TileTree3D::gradeTileTree<Tr>(c, nullptr, nullptr, 0, Tr::kMaxDepth); });
+    scene.build([](Container<Tr>& c) {
+        CoreGL::TileTree3D::gradeTileTree<Tr>(c, nullptr, nullptr, 0, Tr::kMaxDepth);
+    });
     scene.template add<float>(kPhi, [&](Tile<Tr> const& t, int i, int j, int k) {
         auto const p = samplePosition(scene, t, i, j, k);
         return float(exactDistance(p.x, p.y, p.z));
     });
     // The default value's magnitude is the background that redistancing starts from.
     float const background = 1e30f;
-    static_cast<VoxelChannel<Tr, float>*>(scene.object->mutableComponent(kPhi))->setDefaultValue(&background);
+    static_cast<VoxelChannel<Tr, float>*>(scene.object->mutableComponent(kPhi))
+        ->setDefaultValue(&background);
     return scene;
 }
 
-template <typename Tr> Container<Tr> const& treeOf(TVL::Object const& o) { return *o.component<Container<Tr>>(sVoxelTileTree); }
+template <typename Tr> Container<Tr> const& treeOf(TVL::Object const& o)
+{
+    return *o.component<Container<Tr>>(sVoxelTileTree);
+}
 
 /// Errors against the exact distance, in units of the voxel size of each voxel's depth.
 struct Errors {
@@ -99,7 +113,8 @@ template <typename Tr> Errors measure(testscene::Scene<Tr> const& scene, double 
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) {
-                        if (d < Tr::kMaxDepth && !tile.isLeaf(i, j, k)) continue;
+                        if (d < Tr::kMaxDepth && !tile.isLeaf(i, j, k))
+                            continue;
                         auto const p = samplePosition(scene, tile, i, j, k);
                         double const exact = exactDistance(p.x, p.y, p.z);
                         double const err = std::abs(double(td(i, j, k)) - exact) / h;
@@ -118,25 +133,30 @@ template <typename Tr> Errors measure(testscene::Scene<Tr> const& scene, double 
                         }
                     }
         }
-    if (e.near) e.nearMean /= double(e.near);
+    if (e.near)
+        e.nearMean /= double(e.near);
     return e;
 }
 
 /// Finest voxels within @p bandwidth of the sphere that no deepest tile holds; @p nearest gets
 /// the smallest |distance| (finest voxels) of such a voxel.
-template <typename Tr> int uncovered(Container<Tr> const& c, double bandwidth, double* nearest = nullptr)
+template <typename Tr>
+int uncovered(Container<Tr> const& c, double bandwidth, double* nearest = nullptr)
 {
-    if (nearest) *nearest = 1e30;
+    if (nearest)
+        *nearest = 1e30;
     testtrees::TileSet<Tr> tiles(c);
     int missing = 0;
     int const reach = int(kRadius + bandwidth / kVoxel) + 2;
     for (int z = -reach; z < reach; ++z)
         for (int y = -reach; y < reach; ++y)
             for (int x = -reach; x < reach; ++x) {
-                double const d = exactDistance((x + 0.5) * kVoxel, (y + 0.5) * kVoxel, (z + 0.5) * kVoxel);
+                double const d =
+                    exactDistance((x + 0.5) * kVoxel, (y + 0.5) * kVoxel, (z + 0.5) * kVoxel);
                 if (std::abs(d) <= bandwidth && !tiles.at(x, y, z, Tr::kMaxDepth)) {
                     ++missing;
-                    if (nearest) *nearest = std::min(*nearest, std::abs(d) / kVoxel);
+                    if (nearest)
+                        *nearest = std::min(*nearest, std::abs(d) / kVoxel);
                 }
             }
     return missing;
@@ -153,7 +173,8 @@ template <typename Tr> int farTiles(testscene::Scene<Tr> const& scene, double ba
             auto const& tile = c.tile(t, d);
             // Erosion judges a tile by the values it holds before the redistance; beyond the band
             // of the previous call those are good to about a voxel of the tile's depth.
-            double const limit = bandwidth + 1.01 * std::sqrt(3.0) * double(tile.tileVoxelWidth()) * kVoxel +
+            double const limit = bandwidth +
+                                 1.01 * std::sqrt(3.0) * double(tile.tileVoxelWidth()) * kVoxel +
                                  double(tile.voxelDataWidth()) * kVoxel;
             bool nearOne = false;
             for (int k = 0; k < W && !nearOne; ++k)
@@ -180,13 +201,15 @@ TYPED_TEST(Resize, WidenThenNarrowASphereBandIsAccurateNearTheSurface)
     auto scene = sphereBand<Tr>(3.0);
     for (double voxels : {12.0, 4.0}) {
         double const bandwidth = voxels * kVoxel;
-        resize(float(bandwidth), *scene.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::NOPLogger{});
+        resize(float(bandwidth), *scene.object, sVoxelTileTree, sVoxelComp, kPhi,
+               CoreGL::NOPLogger{});
         Errors const e = measure(scene, bandwidth);
         EXPECT_GT(e.near, 1000);
         EXPECT_LE(e.nearMean, kNearMeanTol) << voxels << " voxels";
         EXPECT_LE(e.nearMax, kNearMaxTol) << voxels << " voxels";
         auto const& phi = scene.template channel<float>(kPhi);
-        for (int d = 0; d <= Tr::kMaxDepth; ++d) EXPECT_EQ(phi.tileCount(d), scene.tree().tileCount(d));
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            EXPECT_EQ(phi.tileCount(d), scene.tree().tileCount(d));
     }
 }
 
@@ -198,12 +221,14 @@ TYPED_TEST(Resize, WidenThenNarrowASphereBandMeetsTheWholeBandBarAndTheTileRules
     auto scene = sphereBand<Tr>(3.0);
     for (double voxels : {12.0, 4.0}) {
         double const bandwidth = voxels * kVoxel;
-        resize(float(bandwidth), *scene.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::NOPLogger{});
+        resize(float(bandwidth), *scene.object, sVoxelTileTree, sVoxelComp, kPhi,
+               CoreGL::NOPLogger{});
         Errors const e = measure(scene, bandwidth);
-        EXPECT_LE(e.bandMax, kBandMaxTol) << voxels << " voxels; worst at depth " << e.bandMaxDepth << ", "
-                                          << e.bandMaxExact << " voxels from the surface";
+        EXPECT_LE(e.bandMax, kBandMaxTol) << voxels << " voxels; worst at depth " << e.bandMaxDepth
+                                          << ", " << e.bandMaxExact << " voxels from the surface";
         double nearest = 0;
-        EXPECT_EQ(uncovered(scene.tree(), bandwidth, &nearest), 0) << voxels << " voxels; nearest uncovered " << nearest;
+        EXPECT_EQ(uncovered(scene.tree(), bandwidth, &nearest), 0)
+            << voxels << " voxels; nearest uncovered " << nearest;
         EXPECT_EQ(farTiles(scene, bandwidth), 0) << voxels << " voxels";
     }
 }
@@ -221,7 +246,9 @@ template <typename Tr> struct DiagonalPartner {
 
     DiagonalPartner()
     {
-        scene.build([](Container<Tr>& c) { testtrees::addBlock<Tr>(c, D, {-2, -2, -2}, {1, 1, 1}); });
+        scene.build([](Container<Tr>& c) {
+            testtrees::addBlock<Tr>(c, D, {-2, -2, -2}, {1, 1, 1});
+        });
         int3 const corner = scene.tree().tileAccessor().tile(0, 0, 0, D).tijk();
         q = {corner.x + 1, corner.y + 1, corner.z + 1};
         v = {q.x + 1, q.y + 1, q.z};
@@ -229,13 +256,16 @@ template <typename Tr> struct DiagonalPartner {
         scene.template add<float>(kPhi, [&](Tile<Tr> const& t, int i, int j, int k) {
             std::int64_t const w = t.voxelDataWidth();
             int3 const p{int(t.ti() + i * w), int(t.tj() + j * w), int(t.tk() + k * w)};
-            if (t.depth() == D && p == q) return kQ;
-            if (t.depth() == D && p == v) return kV;
+            if (t.depth() == D && p == q)
+                return kQ;
+            if (t.depth() == D && p == v)
+                return kV;
             double const dx = p.x - q.x, dy = p.y - q.y, dz = p.z - q.z;
             return float(std::sqrt(dx * dx + dy * dy + dz * dz) * kVoxel);
         });
         float const background = 1e30f;
-        static_cast<VoxelChannel<Tr, float>*>(scene.object->mutableComponent(kPhi))->setDefaultValue(&background);
+        static_cast<VoxelChannel<Tr, float>*>(scene.object->mutableComponent(kPhi))
+            ->setDefaultValue(&background);
     }
     VoxelChannel<Tr, float> const& phi() const { return scene.template channel<float>(kPhi); }
     /// The deepest voxel at finest-voxel corner @p p of @p channel.
@@ -244,7 +274,8 @@ template <typename Tr> struct DiagonalPartner {
         auto accessor = scene.tree().tileAccessor();
         auto const& t = accessor.tile(p, D);
         EXPECT_EQ(t.depth(), D);
-        return channel.tileData(t.index(), D)(int(p.x - t.ti()), int(p.y - t.tj()), int(p.z - t.tk()));
+        return channel.tileData(t.index(), D)(int(p.x - t.ti()), int(p.y - t.tj()),
+                                              int(p.z - t.tk()));
     }
     /// Whether the deepest voxel at @p p lies two voxels or more inside the block of tiles.
     bool inner(int3 const& p) const
@@ -253,15 +284,16 @@ template <typename Tr> struct DiagonalPartner {
         for (int dz = -2; dz <= 2; ++dz)
             for (int dy = -2; dy <= 2; ++dy)
                 for (int dx = -2; dx <= 2; ++dx)
-                    if (accessor.tile(p.x + dx, p.y + dy, p.z + dz, D).depth() != D) return false;
+                    if (accessor.tile(p.x + dx, p.y + dy, p.z + dz, D).depth() != D)
+                        return false;
         return true;
     }
     /// The value types a resize starts from, on the field as built.
     std::unique_ptr<VoxelChannel<Tr, unsigned char>> resizeTypes() const
     {
         unsigned char const unknown = kValueTypeUnknown;
-        auto types = std::make_unique<VoxelChannel<Tr, unsigned char>>("", &unknown, kDataElementInitializerDefaultValue,
-                                                                       false, true, 0, D);
+        auto types = std::make_unique<VoxelChannel<Tr, unsigned char>>(
+            "", &unknown, kDataElementInitializerDefaultValue, false, true, 0, D);
         types->update(scene.topology());
         resizeValueTypes(scene.tree(), scene.topology(), phi(), *types);
         return types;
@@ -294,11 +326,12 @@ TYPED_TEST(Resize, ValueTypesAgreeWithTheAdaptiveSweepsZeroCrossingOnTheDiagonal
     auto const& topology = f.scene.topology();
     VoxelChannel<Tr, float> out(f.phi());
     short const zero = 0;
-    VoxelChannel<Tr, short> dof("dof", &zero, kDataElementInitializerDefaultValue, false, true, 0, D);
+    VoxelChannel<Tr, short> dof("dof", &zero, kDataElementInitializerDefaultValue, false, true, 0,
+                                D);
     dof.update(topology);
     classifyDegreesOfFreedom<Tr>(tree, dof);
-    levelSetRedistance<Tr>(tree, topology, out, true, true, false, 0, D, nullptr, nullptr, 0.01f, FLT_MAX, FLT_MAX, 0, 0,
-                           false, false, &dof, "test", kRedistanceSweeping);
+    levelSetRedistance<Tr>(tree, topology, out, true, true, false, 0, D, nullptr, nullptr, 0.01f,
+                           FLT_MAX, FLT_MAX, 0, 0, false, false, &dof, "test", kRedistanceSweeping);
     EXPECT_EQ(f.at(out, f.v), DiagonalPartner<Tr>::kV);
     EXPECT_EQ(f.at(out, f.far), 1e30f);
     // Voxel by voxel, away from the block's faces (where the two read the rim in different modes).
@@ -310,7 +343,8 @@ TYPED_TEST(Resize, ValueTypesAgreeWithTheAdaptiveSweepsZeroCrossingOnTheDiagonal
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) {
                     int3 const p{int(tile.ti() + i), int(tile.tj() + j), int(tile.tk() + k)};
-                    if (!f.inner(p)) continue;
+                    if (!f.inner(p))
+                        continue;
                     bool const keptByTheSweep = f.at(out, p) == f.at(f.phi(), p);
                     EXPECT_EQ(f.at(*types, p) == kValueTypeKnown, keptByTheSweep)
                         << "voxel " << p.x << ", " << p.y << ", " << p.z;
@@ -329,12 +363,15 @@ TEST(Resize, BandwidthAtOrBelowEpsilonOnlyWarns)
     int const saved = CoreGL::Logger::verboseLevel();
     CoreGL::Logger::setVerboseLevel(2);
     ::testing::internal::CaptureStdout();
-    resize(1e-8f, *scene.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::QuillonLogger(&services));
-    resize(kResizeMinimumBandwidth, *scene.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::QuillonLogger(&services));
+    resize(1e-8f, *scene.object, sVoxelTileTree, sVoxelComp, kPhi,
+           CoreGL::QuillonLogger(&services));
+    resize(kResizeMinimumBandwidth, *scene.object, sVoxelTileTree, sVoxelComp, kPhi,
+           CoreGL::QuillonLogger(&services));
     std::string const out = ::testing::internal::GetCapturedStdout();
     CoreGL::Logger::setVerboseLevel(saved);
     EXPECT_EQ(services.texts(Quillon::RuntimeMessageCategory::kWarning).size(), 2u);
-    EXPECT_TRUE(services.contains(Quillon::RuntimeMessageCategory::kWarning, "Bandwidth <= epsilon. Resize skipped."));
+    EXPECT_TRUE(services.contains(Quillon::RuntimeMessageCategory::kWarning,
+                                  "Bandwidth <= epsilon. Resize skipped."));
     EXPECT_EQ(services.texts(Quillon::RuntimeMessageCategory::kInfo).size(), 0u);
     EXPECT_EQ(out.find("levelset_resize.begin"), std::string::npos);
     EXPECT_EQ(scene.tree().tileCount(-1), tiles);
@@ -358,8 +395,11 @@ TEST(ResizePasses, FortyVoxelSizesTurnCoalescingOnAndLessThanThirtySixAndAHalfLe
     for (float h : {1.0f, 0.125f, 0.5f, 2.0f}) {
         EXPECT_TRUE(resizePasses(40.0f * h, h).performCoalescedRedistance) << h; // x = 10
         // The ceiling is compared, not x: coalescing stays on down to x just above 9.
-        EXPECT_TRUE(resizePasses(std::nextafter(40.0f * h, 0.0f), h).performCoalescedRedistance) << h;
-        EXPECT_TRUE(resizePasses(std::nextafter(36.0f * h, 100.0f * h), h).performCoalescedRedistance) << h;
+        EXPECT_TRUE(resizePasses(std::nextafter(40.0f * h, 0.0f), h).performCoalescedRedistance)
+            << h;
+        EXPECT_TRUE(
+            resizePasses(std::nextafter(36.0f * h, 100.0f * h), h).performCoalescedRedistance)
+            << h;
         EXPECT_FALSE(resizePasses(36.0f * h, h).performCoalescedRedistance) << h; // x = 9
         EXPECT_FALSE(resizePasses(8.0f * h, h).performCoalescedRedistance) << h;
     }
@@ -377,11 +417,15 @@ TEST(ResizePasses, EightVoxelSizesGiveTwoPostPasses)
 }
 
 std::vector<std::string> gTimers;
-void recordTimer(Quillon::StringView name, double) { gTimers.emplace_back(name); }
+void recordTimer(Quillon::StringView name, double)
+{
+    gTimers.emplace_back(name);
+}
 int countOf(std::string const& name)
 {
     int n = 0;
-    for (auto const& t : gTimers) n += t == name;
+    for (auto const& t : gTimers)
+        n += t == name;
     return n;
 }
 
@@ -392,14 +436,17 @@ TEST(Resize, ATraits55ObjectIsLeftToTheSecondBody)
     gTimers.clear();
     CoreGL::Logger::setTimerObserver(&recordTimer);
     Quillon::Testing::RecordingServices services;
-    resize(6.0f * kVoxel, *scene.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::QuillonLogger(&services));
+    resize(6.0f * kVoxel, *scene.object, sVoxelTileTree, sVoxelComp, kPhi,
+           CoreGL::QuillonLogger(&services));
     CoreGL::Logger::setTimerObserver(nullptr);
     // One body ran: each stage once.
-    for (char const* stage : {"Volume::resize_level_set.dilate", "Volume::resize_level_set.initialize_tiles",
-                              "Volume::resize_level_set.erode", "Volume::resize_level_set.redistance"})
+    for (char const* stage :
+         {"Volume::resize_level_set.dilate", "Volume::resize_level_set.initialize_tiles",
+          "Volume::resize_level_set.erode", "Volume::resize_level_set.redistance"})
         EXPECT_EQ(countOf(stage), 1) << stage;
     EXPECT_EQ(services.texts(Quillon::RuntimeMessageCategory::kInfo).size() >= 3, true);
-    EXPECT_TRUE(services.contains(Quillon::RuntimeMessageCategory::kInfo, "Redistancing distance channel."));
+    EXPECT_TRUE(services.contains(Quillon::RuntimeMessageCategory::kInfo,
+                                  "Redistancing distance channel."));
     EXPECT_GT(scene.tree().tileCount(-1), before);
     EXPECT_LE(measure(scene, 6.0 * kVoxel).nearMax, kNearMaxTol);
     // A Traits<2,4,1> object is the first body's alone.
@@ -416,7 +463,8 @@ TEST(Resize, MissingComponentsLeaveTheObjectAsItWas)
     auto scene = sphereBand<Traits24>(2.0);
     std::size_t const components = scene.object->componentCount();
     auto const before = scene.template values<float>(kPhi);
-    resize(5.0f * kVoxel, *scene.object, sVoxelTileTree, sVoxelComp, "no_such_channel", CoreGL::NOPLogger{});
+    resize(5.0f * kVoxel, *scene.object, sVoxelTileTree, sVoxelComp, "no_such_channel",
+           CoreGL::NOPLogger{});
     resize(5.0f * kVoxel, *scene.object, sVoxelTileTree, "no_topology", kPhi, CoreGL::NOPLogger{});
     resize(5.0f * kVoxel, *scene.object, "no_tree", sVoxelComp, kPhi, CoreGL::NOPLogger{});
     EXPECT_EQ(scene.object->componentCount(), components);
@@ -438,29 +486,36 @@ TEST(Resize, PrintsItsLinesAndTimesItsStagesInOrder)
     CoreGL::Logger::setVerboseLevel(saved);
     CoreGL::Logger::setTimerObserver(nullptr);
     std::size_t at = 0;
-    for (char const* line : {"levelset_resize.begin", "levelset_dilate.begin", "Added ", "levelset_dilate.end",
-                             "Removed ", "Redistancing distance channel.", "maxNumPreSmoothingPasses = 2",
-                             "maxNumPostSmoothingPasses = 2", "performCoalescedRedistance = 0", "levelset_resize.end"}) {
+    for (char const* line : {"levelset_resize.begin", "levelset_dilate.begin", "Added ",
+                             "levelset_dilate.end", "Removed ", "Redistancing distance channel.",
+                             "maxNumPreSmoothingPasses = 2", "maxNumPostSmoothingPasses = 2",
+                             "performCoalescedRedistance = 0", "levelset_resize.end"}) {
         std::size_t const next = out.find(line, at);
         EXPECT_NE(next, std::string::npos) << line;
-        if (next != std::string::npos) at = next;
+        if (next != std::string::npos)
+            at = next;
     }
     std::vector<std::string> stages;
     for (auto const& t : gTimers)
-        if (t.rfind("Volume::resize_level_set.", 0) == 0 && t.find('.', 25) == std::string::npos) stages.push_back(t);
-    std::vector<std::string> const expected{"Volume::resize_level_set.dilate", "Volume::resize_level_set.initialize_tiles",
-                                            "Volume::resize_level_set.erode", "Volume::resize_level_set.redistance"};
+        if (t.rfind("Volume::resize_level_set.", 0) == 0 && t.find('.', 25) == std::string::npos)
+            stages.push_back(t);
+    std::vector<std::string> const expected{
+        "Volume::resize_level_set.dilate", "Volume::resize_level_set.initialize_tiles",
+        "Volume::resize_level_set.erode", "Volume::resize_level_set.redistance"};
     EXPECT_EQ(stages, expected);
 }
 
 TEST(Resize, OtherChannelsFollowTheTilesAndInheritFromTheirParents)
 {
     auto scene = sphereBand<Traits24>(2.0);
-    scene.template addScalar<float>("other", [](double, double, double) { return 7.0; }, false);
+    scene.template addScalar<float>(
+        "other", [](double, double, double) { return 7.0; }, false);
     resize(6.0f * kVoxel, *scene.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::NOPLogger{});
     auto const& other = scene.template channel<float>("other");
-    for (int d = 0; d <= Traits24::kMaxDepth; ++d) EXPECT_EQ(other.tileCount(d), scene.tree().tileCount(d));
-    for (float v : scene.template values<float>("other")) ASSERT_EQ(v, 7.0f);
+    for (int d = 0; d <= Traits24::kMaxDepth; ++d)
+        EXPECT_EQ(other.tileCount(d), scene.tree().tileCount(d));
+    for (float v : scene.template values<float>("other"))
+        ASSERT_EQ(v, 7.0f);
 }
 
 TEST(Resize, OneAndAllThreadsGiveTheSameVolume)
@@ -468,13 +523,15 @@ TEST(Resize, OneAndAllThreadsGiveTheSameVolume)
     auto a = sphereBand<Traits24>(2.0);
     auto b = sphereBand<Traits24>(2.0);
     {
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
         resize(7.0f * kVoxel, *a.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::NOPLogger{});
     }
     resize(7.0f * kVoxel, *b.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::NOPLogger{});
     for (int d = 0; d <= Traits24::kMaxDepth; ++d) {
         ASSERT_EQ(a.tree().tileCount(d), b.tree().tileCount(d));
-        for (std::int64_t t = 0; t < a.tree().tileCount(d); ++t) ASSERT_EQ(a.tree().tile(t, d).tijk(), b.tree().tile(t, d).tijk());
+        for (std::int64_t t = 0; t < a.tree().tileCount(d); ++t)
+            ASSERT_EQ(a.tree().tile(t, d).tijk(), b.tree().tile(t, d).tijk());
     }
     EXPECT_EQ(a.template values<float>(kPhi), b.template values<float>(kPhi));
 }
@@ -484,8 +541,9 @@ TEST(Resize, CancellationThrowsAndTheComponentsReturn)
     auto scene = sphereBand<Traits24>(2.0);
     std::size_t const components = scene.object->componentCount();
     Quillon::requestJobCancellation();
-    EXPECT_THROW(resize(6.0f * kVoxel, *scene.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::NOPLogger{}),
-                 std::runtime_error);
+    EXPECT_THROW(
+        resize(6.0f * kVoxel, *scene.object, sVoxelTileTree, sVoxelComp, kPhi, CoreGL::NOPLogger{}),
+        std::runtime_error);
     Quillon::clearJobCancellation();
     EXPECT_EQ(scene.object->componentCount(), components);
     EXPECT_TRUE(scene.object->hasComponentFromName(sVoxelTileTree));

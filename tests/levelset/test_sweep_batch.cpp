@@ -7,11 +7,11 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <hexmold/levelset/detail/redistance_impl.h>
+#include <hexmold/levelset/detail/sweep_batch.h>
 #include <limits>
 #include <random>
 #include <vector>
-#include <hexmold/levelset/detail/redistance_impl.h>
-#include <hexmold/levelset/detail/sweep_batch.h>
 
 namespace {
 
@@ -29,15 +29,24 @@ float randomValue(std::mt19937& rng, float h, float background)
     std::uniform_int_distribution<int> kind(0, 11);
     std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
     switch (kind(rng)) {
-    case 0: return background;
-    case 1: return -background;
-    case 2: return 0.0f;
-    case 3: return -0.0f;
-    case 4: return unit(rng) * 0.001f * h;
-    case 5: return std::numeric_limits<float>::quiet_NaN();
-    case 6: return unit(rng) * 1e20f;
-    case 7: return unit(rng) * 1e5f * h;
-    default: return unit(rng) * 6.0f * h;
+    case 0:
+        return background;
+    case 1:
+        return -background;
+    case 2:
+        return 0.0f;
+    case 3:
+        return -0.0f;
+    case 4:
+        return unit(rng) * 0.001f * h;
+    case 5:
+        return std::numeric_limits<float>::quiet_NaN();
+    case 6:
+        return unit(rng) * 1e20f;
+    case 7:
+        return unit(rng) * 1e5f * h;
+    default:
+        return unit(rng) * 6.0f * h;
     }
 }
 
@@ -46,7 +55,8 @@ template <int W> Case<W> randomCase(std::mt19937& rng, float h, float background
     Case<W> c;
     for (std::size_t n = 0; n < c.block.size(); ++n) {
         float v = randomValue(rng, h, background);
-        while (!withNaN && std::isnan(v)) v = randomValue(rng, h, background);
+        while (!withNaN && std::isnan(v))
+            v = randomValue(rng, h, background);
         c.block[n] = v;
     }
     // A smooth part too, so that the two- and three-neighbour solves are taken.
@@ -55,24 +65,35 @@ template <int W> Case<W> randomCase(std::mt19937& rng, float h, float background
     for (int k = -1; k <= W; ++k)
         for (int j = -1; j <= W; ++j)
             for (int i = -1; i <= W; ++i)
-                if ((i + j + k) % 3 == 0) c.block(i, j, k) = (gx * float(i) + gy * float(j) + gz * float(k)) * h;
+                if ((i + j + k) % 3 == 0)
+                    c.block(i, j, k) = (gx * float(i) + gy * float(j) + gz * float(k)) * h;
     std::uniform_int_distribution<int> type(0, 5);
-    for (auto& t : c.types) t = (unsigned char)std::min(type(rng), 3);
+    for (auto& t : c.types)
+        t = (unsigned char)std::min(type(rng), 3);
     return c;
 }
 
-std::uint32_t bits(float v) { return std::bit_cast<std::uint32_t>(v); }
+std::uint32_t bits(float v)
+{
+    return std::bit_cast<std::uint32_t>(v);
+}
 
-constexpr SweepIsa kIsas[] = {SweepIsa::kPortable, SweepIsa::kSse2, SweepIsa::kAvx2, SweepIsa::kAvx512};
+constexpr SweepIsa kIsas[] = {SweepIsa::kPortable, SweepIsa::kSse2, SweepIsa::kAvx2,
+                              SweepIsa::kAvx512};
 
 char const* isaName(SweepIsa isa)
 {
     switch (isa) {
-    case SweepIsa::kBest: return "Best";
-    case SweepIsa::kPortable: return "Portable";
-    case SweepIsa::kSse2: return "Sse2";
-    case SweepIsa::kAvx2: return "Avx2";
-    case SweepIsa::kAvx512: return "Avx512";
+    case SweepIsa::kBest:
+        return "Best";
+    case SweepIsa::kPortable:
+        return "Portable";
+    case SweepIsa::kSse2:
+        return "Sse2";
+    case SweepIsa::kAvx2:
+        return "Avx2";
+    case SweepIsa::kAvx512:
+        return "Avx512";
     }
     return "Unknown";
 }
@@ -85,15 +106,17 @@ protected:
     {
         if (!sweepIsaAvailable(GetParam()))
             GTEST_SKIP() << "no " << isaName(GetParam())
-                         << " kernel: the build was not given the instruction set, or the processor lacks it";
+                         << " kernel: the build was not given the instruction set, or the "
+                            "processor lacks it";
     }
 };
 
-template <int W> void compareBatches(std::uint32_t seed, float h, float background, bool withNaN, SweepIsa isa)
+template <int W>
+void compareBatches(std::uint32_t seed, float h, float background, bool withNaN, SweepIsa isa)
 {
     std::mt19937 rng(seed);
-    DepthNumbers const numbers{h, CoreGL::detail::eikonalTwoHSquared(h), CoreGL::detail::eikonalThreeHSquared(h),
-                               0.0f};
+    DepthNumbers const numbers{h, CoreGL::detail::eikonalTwoHSquared(h),
+                               CoreGL::detail::eikonalThreeHSquared(h), 0.0f};
     SweepBatch<W> batch;
     for (int round = 0; round < 48; ++round) {
         int const lanes = 1 + round % SweepBatch<W>::kLanes;
@@ -107,19 +130,22 @@ template <int W> void compareBatches(std::uint32_t seed, float h, float backgrou
         for (int lane = 0; lane < lanes; ++lane) {
             Case<W>& c = cases[std::size_t(lane)];
             float const expectedChange =
-                sweepTile<W>(FLT_MAX, FLT_MAX, numbers, c.types.data(), c.block, kSweepEightDirections, false,
-                             W * W * W, PlainNeighbour{});
+                sweepTile<W>(FLT_MAX, FLT_MAX, numbers, c.types.data(), c.block,
+                             kSweepEightDirections, false, W * W * W, PlainNeighbour{});
             std::vector<float> got(static_cast<std::size_t>(W * W * W));
             batch.interior(lane, got.data());
-            EXPECT_EQ(bits(changes[lane]), bits(expectedChange)) << "round " << round << " lane " << lane;
+            EXPECT_EQ(bits(changes[lane]), bits(expectedChange))
+                << "round " << round << " lane " << lane;
             int mismatches = 0;
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i)
-                        mismatches += bits(got[std::size_t(i + W * (j + W * k))]) != bits(c.block(i, j, k));
+                        mismatches +=
+                            bits(got[std::size_t(i + W * (j + W * k))]) != bits(c.block(i, j, k));
             EXPECT_EQ(mismatches, 0) << "round " << round << " lane " << lane;
         }
-        for (int lane = lanes; lane < SweepBatch<W>::kLanes; ++lane) EXPECT_EQ(changes[lane], 0.0f);
+        for (int lane = lanes; lane < SweepBatch<W>::kLanes; ++lane)
+            EXPECT_EQ(changes[lane], 0.0f);
         batch.clear();
         EXPECT_EQ(batch.size(), 0);
     }
@@ -149,7 +175,9 @@ TEST_P(SweepBatchOnIsa, NaNIsCarriedLikeTheTileSweep)
 }
 
 INSTANTIATE_TEST_SUITE_P(Isa, SweepBatchOnIsa, ::testing::ValuesIn(kIsas),
-                         [](::testing::TestParamInfo<SweepIsa> const& info) { return isaName(info.param); });
+                         [](::testing::TestParamInfo<SweepIsa> const& info) {
+                             return isaName(info.param);
+                         });
 
 TEST(SweepBatch, PortableAndSse2AreAlwaysThere)
 {
@@ -173,7 +201,8 @@ TEST(SweepBatch, LanesWithoutUnknownVoxelsStayAsTheyAre)
     batch.interior(0, got.data());
     for (int k = 0; k < 4; ++k)
         for (int j = 0; j < 4; ++j)
-            for (int i = 0; i < 4; ++i) EXPECT_EQ(bits(got[std::size_t(i + 4 * (j + 4 * k))]), bits(c.block(i, j, k)));
+            for (int i = 0; i < 4; ++i)
+                EXPECT_EQ(bits(got[std::size_t(i + 4 * (j + 4 * k))]), bits(c.block(i, j, k)));
     EXPECT_EQ(changes[0], 0.0f);
 }
 

@@ -1,11 +1,11 @@
 // Tests of the loggers, the verbose levels and the stage timers.
+#include <gtest/gtest.h>
+#include <hexmold/logging/logger.h>
+#include <hexmold/platform/testing/recording_services.h>
 #include <sstream>
 #include <string>
 #include <type_traits>
 #include <vector>
-#include <gtest/gtest.h>
-#include <hexmold/logging/logger.h>
-#include <hexmold/platform/testing/recording_services.h>
 
 using Quillon::RuntimeMessageCategory;
 using Quillon::Testing::RecordingServices;
@@ -63,22 +63,30 @@ TEST_F(Logger, VerboseLevelIsReadAtEachUse)
     std::ostringstream debug;
     CoreGL::Logger::setDebugFileStream(&debug);
     CoreGL::Logger::setVerboseLevel(0);
-    { auto timer = CoreGL::Logger::timer("stage.quiet", nullptr); }
+    {
+        auto timer = CoreGL::Logger::timer("stage.quiet", nullptr);
+    }
     EXPECT_EQ(debug.str(), "");
     // Changed between two uses: the second one sees the new level.
     CoreGL::Logger::setVerboseLevel(1);
-    { auto timer = CoreGL::Logger::timer("stage.loud", nullptr); }
+    {
+        auto timer = CoreGL::Logger::timer("stage.loud", nullptr);
+    }
     EXPECT_EQ(debug.str().rfind("timer stage.loud = ", 0), 0u) << debug.str();
     CoreGL::Logger::setVerboseLevel(0);
     debug.str("");
-    { auto timer = CoreGL::Logger::timer("stage.quiet_again", nullptr); }
+    {
+        auto timer = CoreGL::Logger::timer("stage.quiet_again", nullptr);
+    }
     EXPECT_EQ(debug.str(), "");
 }
 
 TEST_F(Logger, TimerWithNullServicesDoesNotCrash)
 {
     CoreGL::Logger::setVerboseLevel(0);
-    { auto timer = CoreGL::Logger::timer("null.services", nullptr); }
+    {
+        auto timer = CoreGL::Logger::timer("null.services", nullptr);
+    }
     auto timer = CoreGL::Logger::timerPtr("null.services.ptr", nullptr);
     EXPECT_EQ(timer->name(), "null.services.ptr");
     EXPECT_GE(timer->elapsedMilliseconds(), 0.0);
@@ -86,7 +94,9 @@ TEST_F(Logger, TimerWithNullServicesDoesNotCrash)
     std::ostringstream debug;
     CoreGL::Logger::setDebugFileStream(&debug);
     CoreGL::Logger::setVerboseLevel(3);
-    { CoreGL::Logger::Timer direct("null.services.direct", nullptr); }
+    {
+        CoreGL::Logger::Timer direct("null.services.direct", nullptr);
+    }
     EXPECT_NE(debug.str().find("null.services.direct"), std::string::npos);
 }
 
@@ -94,7 +104,9 @@ TEST_F(Logger, TimerReportsToServicesAsInfo)
 {
     CoreGL::Logger::setVerboseLevel(0);
     RecordingServices services;
-    { auto timer = CoreGL::Logger::timer("Volume::analyze_volume.compute", &services); }
+    {
+        auto timer = CoreGL::Logger::timer("Volume::analyze_volume.compute", &services);
+    }
     auto const infos = services.texts(RuntimeMessageCategory::kInfo);
     ASSERT_EQ(infos.size(), 1u);
     EXPECT_EQ(infos[0].rfind("timer Volume::analyze_volume.compute = ", 0), 0u) << infos[0];
@@ -106,7 +118,9 @@ TEST_F(Logger, TimerSkipsServicesWithInfoOff)
 {
     RecordingServices services;
     services.setEnabled(RuntimeMessageCategory::kInfo, false);
-    { auto timer = CoreGL::Logger::timer("stage", &services); }
+    {
+        auto timer = CoreGL::Logger::timer("stage", &services);
+    }
     EXPECT_EQ(services.size(), 0u);
     EXPECT_EQ(services.ignoredCount(), 0u);
 }
@@ -117,7 +131,9 @@ TEST_F(Logger, TimerObserverSeesEveryTimer)
     CoreGL::Logger::setTimerObserver(&observeTimer);
     {
         auto outer = CoreGL::Logger::timer("op.total", nullptr);
-        { auto inner = CoreGL::Logger::timer("op.stage", nullptr); }
+        {
+            auto inner = CoreGL::Logger::timer("op.stage", nullptr);
+        }
     }
     ASSERT_EQ(gObservedTimers.size(), 2u);
     EXPECT_EQ(gObservedTimers[0], "op.stage");

@@ -26,7 +26,8 @@ inline std::vector<std::string> lines(std::string const& text)
 {
     std::vector<std::string> result;
     std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) result.push_back(line);
+    for (std::string line; std::getline(in, line);)
+        result.push_back(line);
     return result;
 }
 
@@ -42,7 +43,8 @@ public:
     double evaluate()
     {
         double const value = sum();
-        if (mPos != mText.size()) throw std::runtime_error("trailing text in expression");
+        if (mPos != mText.size())
+            throw std::runtime_error("trailing text in expression");
         return value;
     }
 
@@ -97,7 +99,8 @@ private:
         if (c == '(') {
             ++mPos;
             double const value = sum();
-            if (peek() != ')') throw std::runtime_error("missing ) in expression");
+            if (peek() != ')')
+                throw std::runtime_error("missing ) in expression");
             ++mPos;
             return value;
         }
@@ -112,11 +115,16 @@ private:
         }
         ++mPos;
         switch (c) {
-        case 'x': return mX;
-        case 'y': return mY;
-        case 'z': return mZ;
-        case 'h': return mH;
-        default: throw std::runtime_error(std::string("unknown symbol in expression: ") + c);
+        case 'x':
+            return mX;
+        case 'y':
+            return mY;
+        case 'z':
+            return mZ;
+        case 'h':
+            return mH;
+        default:
+            throw std::runtime_error(std::string("unknown symbol in expression: ") + c);
         }
     }
 
@@ -153,7 +161,8 @@ inline std::vector<std::string> braceEntries(std::string const& text)
     std::vector<std::string> entries;
     std::string current;
     auto flush = [&] {
-        if (!current.empty()) entries.push_back(current);
+        if (!current.empty())
+            entries.push_back(current);
         current.clear();
     };
     for (char c : text) {

@@ -35,7 +35,8 @@ std::vector<double> evaluateIntegrals(std::string const& printed, std::string co
     for (int a = 0; a < 8; ++a)
         for (int b = 0; b < 8; ++b) {
             std::size_t const at = 2 * std::size_t(8 * a + b);
-            if (at + 1 >= text.size()) return values;
+            if (at + 1 >= text.size())
+                return values;
             EXPECT_EQ(text[at], label(a, b));
             std::string const& line = text[at + 1];
             EXPECT_EQ(line.rfind(kIntegratePrefix, 0), 0u) << line;
@@ -74,8 +75,8 @@ std::vector<float> readStencil(std::string const& printed, std::string const& na
 
 TEST(FemGenerators, MassIntegralsEvaluateToTheMassMatrix)
 {
-    std::vector<double> const values = evaluateIntegrals(
-        printed_text::capture(generateMassElementMatrixIntegrals), "");
+    std::vector<double> const values =
+        evaluateIntegrals(printed_text::capture(generateMassElementMatrixIntegrals), "");
     ASSERT_EQ(values.size(), 64u);
     for (int a = 0; a < 8; ++a)
         for (int b = 0; b < 8; ++b)
@@ -85,8 +86,8 @@ TEST(FemGenerators, MassIntegralsEvaluateToTheMassMatrix)
 
 TEST(FemGenerators, StiffnessIntegralsEvaluateToTheStiffnessMatrix)
 {
-    std::vector<double> const values = evaluateIntegrals(
-        printed_text::capture(generateStiffnessElementMatrixIntegrals), "");
+    std::vector<double> const values =
+        evaluateIntegrals(printed_text::capture(generateStiffnessElementMatrixIntegrals), "");
     ASSERT_EQ(values.size(), 64u);
     for (int a = 0; a < 8; ++a)
         for (int b = 0; b < 8; ++b)
@@ -99,8 +100,8 @@ TEST(FemGenerators, GradientIntegralsEvaluateToTheGradientMatrices)
     void (*generators[3])(std::ostream&) = {generateGradientXElementMatrixIntegrals,
                                             generateGradientYElementMatrixIntegrals,
                                             generateGradientZElementMatrixIntegrals};
-    float const (*tables[3])[8] = {gradientXElementMatrix, gradientYElementMatrix,
-                                   gradientZElementMatrix};
+    float const(*tables[3])[8] = {gradientXElementMatrix, gradientYElementMatrix,
+                                  gradientZElementMatrix};
     for (int axis = 0; axis < 3; ++axis) {
         std::vector<double> const values =
             evaluateIntegrals(printed_text::capture(generators[axis]), "1.0f/.0f;");
@@ -143,7 +144,7 @@ TEST(FemGenerators, GradientStencilsPrintTheGradientStencils)
     void (*generators[3])(std::ostream&) = {generateGradientXStencil, generateGradientYStencil,
                                             generateGradientZStencil};
     char const* names[3] = {"gradientXStencil", "gradientYStencil", "gradientZStencil"};
-    float const (*tables[3])[3][3] = {gradientXStencil, gradientYStencil, gradientZStencil};
+    float const(*tables[3])[3][3] = {gradientXStencil, gradientYStencil, gradientZStencil};
     for (int axis = 0; axis < 3; ++axis) {
         std::vector<float> const values =
             readStencil(printed_text::capture(generators[axis]), names[axis], "72.0f");
@@ -162,11 +163,11 @@ TEST(FemGenerators, LumpedMassStencilPrintsOneWithoutError)
 TEST(FemGenerators, LumpedMassStencilReportsAMismatchedRow)
 {
     float lumped[8];
-    for (int a = 0; a < 8; ++a) lumped[a] = lumpedMassElementMatrix[a];
+    for (int a = 0; a < 8; ++a)
+        lumped[a] = lumpedMassElementMatrix[a];
     lumped[5] = 0.126f;
-    std::string const printed = printed_text::capture([&](std::ostream& out) {
-        detail::printLumpedMassStencil(massElementMatrix, lumped, out);
-    });
+    std::string const printed = printed_text::capture(
+        [&](std::ostream& out) { detail::printLumpedMassStencil(massElementMatrix, lumped, out); });
     std::vector<std::string> const text = printed_text::lines(printed);
     ASSERT_EQ(text.size(), 2u) << printed;
     EXPECT_EQ(text[0], "Error in massElementMatrix 5");

@@ -17,7 +17,10 @@ constexpr double kSide = 0.75;
 /// Quadrature error is at rounding level; the tables hold floats.
 constexpr double kFloatTolerance = 1e-7;
 
-int coordinate(int node, int axis) { return (node >> (2 - axis)) & 1; }
+int coordinate(int node, int axis)
+{
+    return (node >> (2 - axis)) & 1;
+}
 
 /// Trilinear shape function of @p node at p, and its derivative along @p axis.
 double shape(int node, std::array<double, 3> const& p)
@@ -78,7 +81,8 @@ double stencilSum(float const (&stencil)[3][3][3])
     double sum = 0.0;
     for (auto const& slab : stencil)
         for (auto const& row : slab)
-            for (float entry : row) sum += entry;
+            for (float entry : row)
+                sum += entry;
     return sum;
 }
 
@@ -96,7 +100,8 @@ TEST(FemTables, MassMatrixIsTheIntegralOfShapeProducts)
         }
     // Row 0 times 216: 8 4 4 2 4 2 2 1.
     int const row0[8] = {8, 4, 4, 2, 4, 2, 2, 1};
-    for (int b = 0; b < 8; ++b) EXPECT_NEAR(massElementMatrix[0][b] * 216.0, row0[b], 1e-5);
+    for (int b = 0; b < 8; ++b)
+        EXPECT_NEAR(massElementMatrix[0][b] * 216.0, row0[b], 1e-5);
 }
 
 TEST(FemTables, StiffnessMatrixIsTheIntegralOfGradientProducts)
@@ -114,13 +119,14 @@ TEST(FemTables, StiffnessMatrixIsTheIntegralOfGradientProducts)
             EXPECT_EQ(stiffnessElementMatrix[a][b], std::round(stiffnessElementMatrix[a][b]));
         }
     float const row0[8] = {12, 0, 0, -3, 0, -3, -3, -3};
-    for (int b = 0; b < 8; ++b) EXPECT_EQ(stiffnessElementMatrix[0][b], row0[b]);
+    for (int b = 0; b < 8; ++b)
+        EXPECT_EQ(stiffnessElementMatrix[0][b], row0[b]);
 }
 
 TEST(FemTables, GradientMatricesAreIntegralsOfShapeTimesDerivative)
 {
-    float const (*tables[3])[8] = {gradientXElementMatrix, gradientYElementMatrix,
-                                   gradientZElementMatrix};
+    float const(*tables[3])[8] = {gradientXElementMatrix, gradientYElementMatrix,
+                                  gradientZElementMatrix};
     for (int axis = 0; axis < 3; ++axis)
         for (int a = 0; a < 8; ++a)
             for (int b = 0; b < 8; ++b) {
@@ -132,7 +138,8 @@ TEST(FemTables, GradientMatricesAreIntegralsOfShapeTimesDerivative)
                 EXPECT_EQ(tables[axis][a][b], float(unitsOfH2));
             }
     int const row0[8] = {-4, -2, -2, -1, 4, 2, 2, 1};
-    for (int b = 0; b < 8; ++b) EXPECT_NEAR(gradientXElementMatrix[0][b] * 72.0, row0[b], 1e-5);
+    for (int b = 0; b < 8; ++b)
+        EXPECT_NEAR(gradientXElementMatrix[0][b] * 72.0, row0[b], 1e-5);
 }
 
 TEST(FemTables, GradientXRowsRepeatAcrossTheXAxis)
@@ -162,7 +169,8 @@ TEST(FemTables, StiffnessRowsSumToZero)
 {
     for (int a = 0; a < 8; ++a) {
         double sum = 0.0;
-        for (int b = 0; b < 8; ++b) sum += stiffnessElementMatrix[a][b];
+        for (int b = 0; b < 8; ++b)
+            sum += stiffnessElementMatrix[a][b];
         EXPECT_EQ(sum, 0.0) << "row " << a;
     }
 }
@@ -171,7 +179,8 @@ TEST(FemTables, MassRowsSumToOneEighth)
 {
     for (int a = 0; a < 8; ++a) {
         double sum = 0.0;
-        for (int b = 0; b < 8; ++b) sum += massElementMatrix[a][b];
+        for (int b = 0; b < 8; ++b)
+            sum += massElementMatrix[a][b];
         EXPECT_NEAR(sum, 0.125, kFloatTolerance) << "row " << a;
         EXPECT_NEAR(sum * 216.0, 27.0, 1e-5) << "row " << a;
     }
@@ -179,7 +188,8 @@ TEST(FemTables, MassRowsSumToOneEighth)
 
 TEST(FemTables, LumpedMassIsTheMassRowSum)
 {
-    for (int a = 0; a < 8; ++a) EXPECT_EQ(lumpedMassElementMatrix[a], 0.125f);
+    for (int a = 0; a < 8; ++a)
+        EXPECT_EQ(lumpedMassElementMatrix[a], 0.125f);
     EXPECT_EQ(lumpedMassStencil, 1.0f);
 }
 
@@ -196,13 +206,16 @@ TEST(FemTables, StiffnessStencilIsAssembledFromTheElementMatrix)
             }
 }
 
-TEST(FemTables, StiffnessStencilSumsToZero) { EXPECT_EQ(stencilSum(stiffnessStencil), 0.0); }
+TEST(FemTables, StiffnessStencilSumsToZero)
+{
+    EXPECT_EQ(stencilSum(stiffnessStencil), 0.0);
+}
 
 TEST(FemTables, GradientStencilsAreAssembledFromTheElementMatrices)
 {
-    float const (*matrices[3])[8] = {gradientXElementMatrix, gradientYElementMatrix,
-                                     gradientZElementMatrix};
-    float const (*stencils[3])[3][3] = {gradientXStencil, gradientYStencil, gradientZStencil};
+    float const(*matrices[3])[8] = {gradientXElementMatrix, gradientYElementMatrix,
+                                    gradientZElementMatrix};
+    float const(*stencils[3])[3][3] = {gradientXStencil, gradientYStencil, gradientZStencil};
     for (int axis = 0; axis < 3; ++axis) {
         Stencil const assembled = assemble(matrices[axis]);
         for (int i = 0; i < 3; ++i)

@@ -50,11 +50,13 @@ Printed runGenerator()
         else
             ADD_FAILURE() << "unexpected line: " << l;
     }
-    if (line == lines.size()) return printed;
+    if (line == lines.size())
+        return printed;
     printed.head = lines[line];
     printed.tail = lines.back();
     std::string body;
-    for (std::size_t i = line + 1; i + 1 < lines.size(); ++i) body += lines[i] + "\n";
+    for (std::size_t i = line + 1; i + 1 < lines.size(); ++i)
+        body += lines[i] + "\n";
     for (std::string const& entry : printed_text::braceEntries(body)) {
         EXPECT_EQ(entry.back(), 'f') << entry;
         printed.table.push_back(std::strtof(entry.c_str(), nullptr));
@@ -102,7 +104,10 @@ Stencil separableStencil(int depth)
     return s;
 }
 
-int offAxes(int i, int j, int k) { return (i != 1) + (j != 1) + (k != 1); }
+int offAxes(int i, int j, int k)
+{
+    return (i != 1) + (j != 1) + (k != 1);
+}
 
 } // namespace
 
@@ -219,7 +224,8 @@ TEST(GalerkinLaplacian, StencilsAreSymmetricUnderTheCubeSymmetries)
             for (int j = 0; j < 3; ++j)
                 for (int k = 0; k < 3; ++k) {
                     int const c = offAxes(i, j, k);
-                    if (c == 0) continue;
+                    if (c == 0)
+                        continue;
                     EXPECT_EQ(s[i][j][k], c == 1 ? face : (c == 2 ? edge : corner))
                         << "depth " << depth << " entry " << i << j << k;
                 }

@@ -1,9 +1,9 @@
 // Tests of Tavrel::Geometry: names, data properties of all element types, checked reads,
 // point clouds and meshes.
-#include <set>
-#include <string>
 #include <gtest/gtest.h>
 #include <hexmold/platform/tavrel/geometry.h>
+#include <set>
+#include <string>
 
 using namespace Tavrel::Geometry;
 using Tavrel::Object;
@@ -55,8 +55,8 @@ TEST(Geometry, PrototypesAreDistinctAndStable)
 {
     std::set<Object const*> seen;
     for (char const* name : {"int8", "uint8", "int16", "uint16", "int32", "uint32", "float",
-                             "double", "int64", "uint64", "float2", "float3", "float4",
-                             "float3x3", "float4x2", "float4x4", "double3", "int3"}) {
+                             "double", "int64", "uint64", "float2", "float3", "float4", "float3x3",
+                             "float4x2", "float4x4", "double3", "int3"}) {
         auto const prototype = getDataGeoPropPrototype(name);
         ASSERT_TRUE(prototype) << name;
         EXPECT_TRUE(prototype->isInstanceOf(getGenericDataGeoPropPrototype())) << name;
@@ -282,7 +282,8 @@ TEST(Geometry, ElementCountOfComponents)
 
 // ---- all 18 element types ---------------------------------------------------------------------
 
-template <typename T> class GeometryElement : public ::testing::Test {};
+template <typename T> class GeometryElement : public ::testing::Test {
+};
 
 namespace {
 using ElementTypes =
@@ -322,9 +323,8 @@ TYPED_TEST(GeometryElement, RoundTripsValuesAndDefault)
 {
     using T = TypeParam;
     Object object = pointsObject(3);
-    ASSERT_TRUE(setDataGeoProperty<T>(object, "p", sPointComp,
-                                      {valueOf<T>(1), valueOf<T>(2), valueOf<T>(3)},
-                                      valueOf<T>(9)));
+    ASSERT_TRUE(setDataGeoProperty<T>(
+        object, "p", sPointComp, {valueOf<T>(1), valueOf<T>(2), valueOf<T>(3)}, valueOf<T>(9)));
     auto const* values = getDataGeoPropertyValues<T>(object, "p");
     ASSERT_NE(values, nullptr);
     ASSERT_EQ(values->size(), 3u);
@@ -398,9 +398,9 @@ TEST(Geometry, EmptyPointCloud)
 TEST(Geometry, MeshHasPointsFacesAndFaceArrays)
 {
     // A quad and a triangle sharing an edge.
-    auto mesh = createMesh({float3{0, 0, 0}, float3{1, 0, 0}, float3{1, 1, 0}, float3{0, 1, 0},
-                            float3{2, 0, 0}},
-                           {0, 1, 2, 3, 1, 4, 2}, {0, 4, 7});
+    auto mesh = createMesh(
+        {float3{0, 0, 0}, float3{1, 0, 0}, float3{1, 1, 0}, float3{0, 1, 0}, float3{2, 0, 0}},
+        {0, 1, 2, 3, 1, 4, 2}, {0, 4, 7});
     ASSERT_TRUE(mesh);
     EXPECT_TRUE(mesh->isInstanceOf(getMeshPrototype()));
     EXPECT_FALSE(mesh->isInstanceOf(getPointCloudPrototype()));
@@ -436,7 +436,7 @@ TEST(Geometry, InconsistentMeshArraysAreRefused)
     EXPECT_FALSE(createMesh(points, {0, 1, 2}, {0, 3, 1, 3})); // decreasing
     EXPECT_FALSE(createMesh(points, {0, 1, 3}, {0, 3}));       // index out of range
     EXPECT_TRUE(createMesh(points, {0, 1, 2}, {0, 3}));
-    EXPECT_TRUE(createMesh({}, {}, {0}));                      // no faces
+    EXPECT_TRUE(createMesh({}, {}, {0})); // no faces
 }
 
 TEST(Geometry, DamagedMeshIsNotRead)

@@ -1,8 +1,8 @@
 // Tests of Tavrel::Object: properties of any type, components, prototypes.
-#include <string>
 #include <gtest/gtest.h>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/platform/tavrel/object.h>
+#include <string>
 
 using Tavrel::Object;
 

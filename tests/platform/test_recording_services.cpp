@@ -1,8 +1,8 @@
 // Tests of the recording RuntimeServices double.
-#include <thread>
-#include <vector>
 #include <gtest/gtest.h>
 #include <hexmold/platform/testing/recording_services.h>
+#include <thread>
+#include <vector>
 
 using Quillon::RuntimeMessageCategory;
 using Quillon::Testing::RecordingServices;
@@ -70,6 +70,7 @@ TEST(RecordingServices, ConcurrentLoggingLosesNothing)
             for (int i = 0; i < kPerThread; ++i)
                 services.logImpl(RuntimeMessageCategory::kInfo, "line");
         });
-    for (auto& t : threads) t.join();
+    for (auto& t : threads)
+        t.join();
     EXPECT_EQ(services.size(), static_cast<std::size_t>(kThreads * kPerThread));
 }

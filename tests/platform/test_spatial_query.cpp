@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <limits>
-#include <random>
 #include <gtest/gtest.h>
 #include <hexmold/platform/tavrel/spatial_query.h>
+#include <limits>
+#include <random>
 
 using namespace Tavrel::SpatialQuery;
 using Tavrel::Math::double3;
@@ -19,10 +19,22 @@ using Real = long double;
 struct R3 {
     Real x, y, z;
 };
-R3 sub(R3 a, R3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
-Real dotR(R3 a, R3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-R3 toR(float3 v) { return {v.x, v.y, v.z}; }
-R3 toR(double3 v) { return {v.x, v.y, v.z}; }
+R3 sub(R3 a, R3 b)
+{
+    return {a.x - b.x, a.y - b.y, a.z - b.z};
+}
+Real dotR(R3 a, R3 b)
+{
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+R3 toR(float3 v)
+{
+    return {v.x, v.y, v.z};
+}
+R3 toR(double3 v)
+{
+    return {v.x, v.y, v.z};
+}
 
 Real segmentDistance2(R3 p, R3 a, R3 b)
 {
@@ -43,8 +55,8 @@ template <typename V> Real referenceDistance2(V p3, V a3, V b3, V c3)
     Real const m00 = dotR(e0, e0), m01 = dotR(e0, e1), m11 = dotR(e1, e1);
     Real const r0 = dotR(ap, e0), r1 = dotR(ap, e1);
     Real const det = m00 * m11 - m01 * m01;
-    Real best = std::min({segmentDistance2(p, a, b), segmentDistance2(p, b, c),
-                          segmentDistance2(p, c, a)});
+    Real best =
+        std::min({segmentDistance2(p, a, b), segmentDistance2(p, b, c), segmentDistance2(p, c, a)});
     if (det > 1e-24L * m00 * m11) {
         Real const s = (r0 * m11 - r1 * m01) / det;
         Real const t = (r1 * m00 - r0 * m01) / det;
@@ -414,12 +426,12 @@ TEST(SpatialQuery, PointInDegenerateTriangle)
     EXPECT_TRUE(pointInTriangle(float2{0, 1}, a, a, float2{0, 3}, u, v, w, &edge));
     EXPECT_TRUE(edge);
     // A single point.
-    EXPECT_TRUE(pointInTriangle(float2{1, 2}, float2{1, 2}, float2{1, 2}, float2{1, 2}, u, v, w,
-                                &edge));
+    EXPECT_TRUE(
+        pointInTriangle(float2{1, 2}, float2{1, 2}, float2{1, 2}, float2{1, 2}, u, v, w, &edge));
     EXPECT_TRUE(edge);
     EXPECT_EQ(u, 1.0f);
-    EXPECT_FALSE(pointInTriangle(float2{1, 3}, float2{1, 2}, float2{1, 2}, float2{1, 2}, u, v,
-                                 w, &edge));
+    EXPECT_FALSE(
+        pointInTriangle(float2{1, 3}, float2{1, 2}, float2{1, 2}, float2{1, 2}, u, v, w, &edge));
 }
 
 TEST(SpatialQuery, PointInTriangleNanIsOutside)
@@ -443,9 +455,8 @@ TEST(SpatialQuery, PointInTriangleIsExactOnIntegerGrid)
     std::mt19937 rng(7);
     std::uniform_int_distribution<int> coord(-1000, 1000);
     auto orient = [](std::int64_t ax, std::int64_t ay, std::int64_t bx, std::int64_t by,
-                     std::int64_t cx, std::int64_t cy) {
-        return (bx - ax) * (cy - ay) - (by - ay) * (cx - ax);
-    };
+                     std::int64_t cx,
+                     std::int64_t cy) { return (bx - ax) * (cy - ay) - (by - ay) * (cx - ax); };
     int onEdge = 0;
     for (int i = 0; i < 20000; ++i) {
         int const ax = coord(rng), ay = coord(rng), bx = coord(rng), by = coord(rng);
@@ -460,19 +471,20 @@ TEST(SpatialQuery, PointInTriangleIsExactOnIntegerGrid)
             }
         }
         std::int64_t const area = orient(ax, ay, bx, by, cx, cy);
-        if (area == 0) continue;
+        if (area == 0)
+            continue;
         std::int64_t const wa = orient(px, py, bx, by, cx, cy);
         std::int64_t const wb = orient(ax, ay, px, py, cx, cy);
         std::int64_t const wc = orient(ax, ay, bx, by, px, py);
-        bool const inside = area > 0 ? (wa >= 0 && wb >= 0 && wc >= 0)
-                                     : (wa <= 0 && wb <= 0 && wc <= 0);
+        bool const inside =
+            area > 0 ? (wa >= 0 && wb >= 0 && wc >= 0) : (wa <= 0 && wb <= 0 && wc <= 0);
         bool const boundary = inside && (wa == 0 || wb == 0 || wc == 0);
         onEdge += boundary;
         float u, v, w;
         bool edge = false;
         bool const got = pointInTriangle(float2{float(px), float(py)}, float2{float(ax), float(ay)},
-                                         float2{float(bx), float(by)},
-                                         float2{float(cx), float(cy)}, u, v, w, &edge);
+                                         float2{float(bx), float(by)}, float2{float(cx), float(cy)},
+                                         u, v, w, &edge);
         ASSERT_EQ(got, inside) << "case " << i;
         ASSERT_EQ(edge, boundary) << "case " << i;
     }

@@ -1,11 +1,11 @@
 // Tests of Tavrel::Math::Stepper: step counts, equal increments, invalid input, logging.
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <gtest/gtest.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/stepper.h>
 #include <hexmold/platform/testing/recording_services.h>
+#include <limits>
 
 using Tavrel::Math::Stepper;
 
@@ -51,9 +51,9 @@ TEST(Stepper, StepCountIsCeilingOfQuotient)
     };
     // The quotient is that of the two floats as stored: 0.3f / 0.1f is 3.00000007 and
     // 100 / 0.01f is 10000.0002, so both need one step more than their decimal reading.
-    Case const cases[] = {{1.0f, 1.0f, 1},   {1.0f, 0.5f, 2},  {1.0f, 0.3f, 4},
-                          {3.4f, 1.7f, 2},   {0.3f, 0.1f, 4},  {10.0f, 3.0f, 4},
-                          {0.1f, 7.0f, 1},   {100.0f, 0.01f, 10001}};
+    Case const cases[] = {{1.0f, 1.0f, 1}, {1.0f, 0.5f, 2},       {1.0f, 0.3f, 4},
+                          {3.4f, 1.7f, 2}, {0.3f, 0.1f, 4},       {10.0f, 3.0f, 4},
+                          {0.1f, 7.0f, 1}, {100.0f, 0.01f, 10001}};
     for (Case const& c : cases) {
         Stepper stepper(c.total, c.maximum);
         double const exact = std::ceil(static_cast<double>(c.total) / c.maximum);
@@ -154,12 +154,14 @@ TEST(Stepper, LogsEachStepOnlyAboveVerboseLevelTwo)
 
     CoreGL::Logger::setVerboseLevel(2);
     Stepper quiet(1.0f, 0.5f);
-    while (quiet) quiet.step(logger);
+    while (quiet)
+        quiet.step(logger);
     EXPECT_EQ(services.size(), 0u);
 
     CoreGL::Logger::setVerboseLevel(3);
     Stepper loud(1.0f, 0.5f);
-    while (loud) loud.step(logger);
+    while (loud)
+        loud.step(logger);
     auto const infos = services.texts(Quillon::RuntimeMessageCategory::kInfo);
     ASSERT_EQ(infos.size(), 2u);
     EXPECT_EQ(infos[0].rfind("Stepper: step 1 of 2, increment 0.5", 0), 0u) << infos[0];

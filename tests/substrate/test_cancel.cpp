@@ -1,11 +1,11 @@
 // Cancellation: throwIfJobCancelled throws the shared message only when the host asked, and
 // bodyCancelled reports the host's flag outside a parallel construct.
 #include <gtest/gtest.h>
-#include <stdexcept>
-#include <string>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/math_support.h>
 #include <hexmold/substrate/cancel.h>
+#include <stdexcept>
+#include <string>
 
 TEST(Cancel, NothingIsThrownWithoutARequest)
 {

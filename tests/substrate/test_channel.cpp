@@ -1,11 +1,11 @@
 // Channels over a topology: ranges, initialisers, updates after tree changes, point channels.
 #include <gtest/gtest.h>
 
-#include <sstream>
-#include <vector>
 #include <hexmold/platform/quillon/array.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/topology.h>
+#include <sstream>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 
@@ -30,7 +30,8 @@ template <typename Tr> using HaloChannel = Channel<Tr, float, Tr::kTileWidth, 1,
 template <typename Tr> VoxelTopology<Tr> topologyWith(std::vector<std::int64_t> const& counts)
 {
     VoxelTopology<Tr> t("topology", "tree", 0.1f);
-    for (std::size_t d = 0; d < counts.size(); ++d) t.setTileCount(int(d), counts[d]);
+    for (std::size_t d = 0; d < counts.size(); ++d)
+        t.setTileCount(int(d), counts[d]);
     return t;
 }
 
@@ -48,15 +49,18 @@ C makeChannel(Topo const& topo, typename C::ValueType value, int minDepth, int d
 template <typename C> void stamp(C& c, std::int64_t index, int depth)
 {
     auto td = c.tileData(index, depth);
-    for (std::size_t n = 0; n < td.size(); ++n) td[n] = float(1000 * index + 100000 * depth + n);
+    for (std::size_t n = 0; n < td.size(); ++n)
+        td[n] = float(1000 * index + 100000 * depth + n);
 }
 template <typename C>
 bool hasStamp(C const& c, std::int64_t index, int depth, std::int64_t stampIndex)
 {
     auto td = c.tileData(index, depth);
-    if (td.empty()) return false;
+    if (td.empty())
+        return false;
     for (std::size_t n = 0; n < td.size(); ++n)
-        if (td[n] != float(1000 * stampIndex + 100000 * depth + n)) return false;
+        if (td[n] != float(1000 * stampIndex + 100000 * depth + n))
+            return false;
     return true;
 }
 
@@ -117,7 +121,8 @@ TYPED_TEST(ChannelTest, NewTileOfInitializerTwoReadsTheDefaultEverywhere)
     for (auto t : {TreeIndex{2, 1}, TreeIndex{3, 1}, TreeIndex{0, 2}, TreeIndex{2, 2}}) {
         auto td = c.tileData(t);
         ASSERT_EQ(td.size(), std::size_t(TypeParam::kTileSize));
-        for (float v : td) EXPECT_EQ(v, 7.5f);
+        for (float v : td)
+            EXPECT_EQ(v, 7.5f);
     }
     EXPECT_TRUE(hasStamp(c, 0, 1, 0));
 }
@@ -129,20 +134,23 @@ TYPED_TEST(ChannelTest, InitializerZeroConstructsOnlyWhenAsked)
     FloatChannel<TypeParam> constructed("", &d, kDataElementInitializerTemporary, false, true, 0,
                                         0);
     constructed.update(topo);
-    for (float v : constructed.tileData(1, 0)) EXPECT_EQ(v, 0.0f);
+    for (float v : constructed.tileData(1, 0))
+        EXPECT_EQ(v, 0.0f);
     FloatChannel<TypeParam> raw("", &d, kDataElementInitializerTemporary, false, false, 0, 0);
     raw.update(topo);
     EXPECT_EQ(raw.tileData(1, 0).size(), std::size_t(TypeParam::kTileSize));
     FloatChannel<TypeParam> one("", &d, kDataElementInitializerConstruct, false, false, 0, 0);
     one.update(topo);
-    for (float v : one.tileData(0, 0)) EXPECT_EQ(v, 0.0f);
+    for (float v : one.tileData(0, 0))
+        EXPECT_EQ(v, 0.0f);
 }
 
 TYPED_TEST(ChannelTest, SurvivingBlocksKeepTheirValuesAfterUpdateTilesRemoved)
 {
     auto topo = topologyWith<TypeParam>({1, 6});
     auto c = makeChannel<FloatChannel<TypeParam>>(topo, 0.0f, 0, 1);
-    for (int i = 0; i < 6; ++i) stamp(c, i, 1);
+    for (int i = 0; i < 6; ++i)
+        stamp(c, i, 1);
     float const* block4 = c.tileData(4, 1).data();
     // Tiles 1 and 3 are removed: 2 -> 1, 4 -> 2, 5 -> 3.
     std::vector<TileMoveList> moved(TypeParam::kDepthCount);
@@ -161,7 +169,8 @@ TYPED_TEST(ChannelTest, RemovalPairsNamingNoBlockAreIgnoredWithAMessage)
 {
     auto topo = topologyWith<TypeParam>({1, 3});
     auto c = makeChannel<FloatChannel<TypeParam>>(topo, 0.0f, 0, 1);
-    for (int i = 0; i < 3; ++i) stamp(c, i, 1);
+    for (int i = 0; i < 3; ++i)
+        stamp(c, i, 1);
     std::vector<TileMoveList> moved(TypeParam::kDepthCount);
     moved[1] = {{-1, 0}, {7, 1}, {2, 99}, {2, 1}};
     topo.setTileCount(1, 2);
@@ -178,7 +187,8 @@ TYPED_TEST(ChannelTest, PermutationReordersBlocksAndABadOneChangesNothing)
 {
     auto topo = topologyWith<TypeParam>({1, 4});
     auto c = makeChannel<FloatChannel<TypeParam>>(topo, 0.0f, 0, 1);
-    for (int i = 0; i < 4; ++i) stamp(c, i, 1);
+    for (int i = 0; i < 4; ++i)
+        stamp(c, i, 1);
     std::vector<TilePermutation> perm(TypeParam::kDepthCount);
     perm[0] = {0};
     perm[1] = {2, 0, 3, 1};
@@ -223,7 +233,8 @@ TYPED_TEST(ChannelTest, DepthRangeChangesAllocateAndFree)
     EXPECT_EQ(c.minDepth(), 0);
     EXPECT_EQ(c.depth(), 2);
     EXPECT_EQ(c.tileCount(-1), 7);
-    for (float v : c.tileData(3, 2)) EXPECT_EQ(v, 2.0f);
+    for (float v : c.tileData(3, 2))
+        EXPECT_EQ(v, 2.0f);
     c.setMinDepth(2, topo);
     EXPECT_EQ(c.tileCount(-1), 4);
     EXPECT_TRUE(c.tileData(0, 1).empty());
@@ -270,7 +281,8 @@ TYPED_TEST(ChannelTest, ChannelDataRoundTrips)
 {
     auto topo = topologyWith<TypeParam>({1, 3});
     auto c = makeChannel<FloatChannel<TypeParam>>(topo, 0.0f, 0, 1);
-    for (int i = 0; i < 3; ++i) stamp(c, i, 1);
+    for (int i = 0; i < 3; ++i)
+        stamp(c, i, 1);
     auto data = c.channelData(1, Quillon::Any(0.0f));
     ASSERT_TRUE(data);
     auto const& values = *static_cast<Quillon::Array<float> const*>(data.get());
@@ -279,7 +291,8 @@ TYPED_TEST(ChannelTest, ChannelDataRoundTrips)
     EXPECT_FALSE(c.channelData(5, Quillon::Any(0.0f))); // outside the range
     auto other = makeChannel<FloatChannel<TypeParam>>(topo, 0.0f, 0, 1);
     EXPECT_TRUE(other.setChannelData(1, Quillon::Any(0.0f), data));
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(hasStamp(other, i, 1, i));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(hasStamp(other, i, 1, i));
     auto shorter = std::make_shared<Quillon::Array<float>>(5, 0.0f);
     EXPECT_FALSE(other.setChannelData(1, Quillon::Any(0.0f), shorter));
     EXPECT_FALSE(other.setChannelData(1, Quillon::Any(0.0f), nullptr));
@@ -297,7 +310,8 @@ TYPED_TEST(ChannelTest, AllocateEmptyBracketSizesBlocks)
     EXPECT_EQ(c.tileData(2, 1).size(), std::size_t(TypeParam::kTileSize));
     topo.setTileCount(1, 4);
     c.update(topo);
-    for (float v : c.tileData(3, 1)) EXPECT_EQ(v, 4.0f);
+    for (float v : c.tileData(3, 1))
+        EXPECT_EQ(v, 4.0f);
 }
 
 TYPED_TEST(ChannelTest, SetDefaultValueAppliesToNewBlocks)
@@ -386,7 +400,8 @@ TYPED_TEST(ChannelTest, PointTopologyFollowsRemovalAndPermutation)
 {
     PointTopology<TypeParam> points("tree");
     points.setTileCount(1, 3);
-    for (int i = 0; i < 3; ++i) points.setElementCount(TreeIndex{i, 1}, std::uint64_t(10 + i));
+    for (int i = 0; i < 3; ++i)
+        points.setElementCount(TreeIndex{i, 1}, std::uint64_t(10 + i));
     VoxelTopology<TypeParam> after = topologyWith<TypeParam>({0, 2});
     std::vector<TileMoveList> moved(TypeParam::kDepthCount);
     moved[1] = {{2, 1}};

@@ -1,12 +1,12 @@
 // The channel pool, the memory pool behind it, and temporary channels.
 #include <gtest/gtest.h>
 
-#include <set>
-#include <sstream>
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/channel_pool.h>
 #include <hexmold/substrate/channel_temporary.h>
 #include <hexmold/substrate/topology.h>
+#include <set>
+#include <sstream>
 
 using namespace TVL::TileTree3D;
 
@@ -44,7 +44,8 @@ TYPED_TEST_SUITE(ChannelPoolTest, TraitsTypes, TraitsNames);
 template <typename Tr> VoxelTopology<Tr> topologyWith(std::vector<std::int64_t> const& counts)
 {
     VoxelTopology<Tr> t("topology", "tree", 1.0f);
-    for (std::size_t d = 0; d < counts.size(); ++d) t.setTileCount(int(d), counts[d]);
+    for (std::size_t d = 0; d < counts.size(); ++d)
+        t.setTileCount(int(d), counts[d]);
     return t;
 }
 
@@ -66,7 +67,8 @@ struct DebugCapture {
     {
         std::vector<std::string> out;
         std::istringstream in(text.str());
-        for (std::string l; std::getline(in, l);) out.push_back(l);
+        for (std::string l; std::getline(in, l);)
+            out.push_back(l);
         return out;
     }
     std::ostringstream text;
@@ -100,7 +102,8 @@ TYPED_TEST(ChannelPoolTest, AllocateBindsAndSizesTheChannel)
     EXPECT_TRUE(c->usesPool());
     constexpr int E = TypeParam::kTileWidth + 2;
     EXPECT_EQ(c->tileData(2, 1).size(), std::size_t(E * E * E));
-    for (double v : c->tileData(2, 1)) EXPECT_EQ(v, 0.0); // constructed, not defaulted
+    for (double v : c->tileData(2, 1))
+        EXPECT_EQ(v, 0.0); // constructed, not defaulted
 }
 
 TYPED_TEST(ChannelPoolTest, BlocksOfADeadPooledChannelAreReused)
@@ -112,14 +115,16 @@ TYPED_TEST(ChannelPoolTest, BlocksOfADeadPooledChannelAreReused)
             0.0f, false, false, 0, 2, 0, &topo);
         ASSERT_TRUE(c);
         for (int d = 0; d <= 2; ++d)
-            for (auto const& b : c->blocks(d)) first.insert(b.data());
+            for (auto const& b : c->blocks(d))
+                first.insert(b.data());
     }
     EXPECT_GT(ChannelMemoryPool::heldBytes(), 73u * TypeParam::kTileSize * sizeof(float));
     auto again = ChannelPool::allocate<TypeParam, float, TypeParam::kTileWidth, 0>(
         0.0f, false, false, 0, 2, 0, &topo);
     EXPECT_EQ(ChannelMemoryPool::heldBytes(), 0u);
     for (int d = 0; d <= 2; ++d)
-        for (auto const& b : again->blocks(d)) EXPECT_TRUE(first.count(b.data()));
+        for (auto const& b : again->blocks(d))
+            EXPECT_TRUE(first.count(b.data()));
 }
 
 TYPED_TEST(ChannelPoolTest, ReusedBlocksOfInitializerTwoReadTheDefault)
@@ -133,7 +138,8 @@ TYPED_TEST(ChannelPoolTest, ReusedBlocksOfInitializerTwoReadTheDefault)
     FloatChannel<TypeParam> c("", &two, kDataElementInitializerDefaultValue, true, true, 0, 0);
     c.update(topo);
     for (int i = 0; i < 4; ++i)
-        for (float v : c.tileData(i, 0)) EXPECT_EQ(v, 2.0f);
+        for (float v : c.tileData(i, 0))
+            EXPECT_EQ(v, 2.0f);
 }
 
 TYPED_TEST(ChannelPoolTest, CapacityBoundsWhatThePoolKeeps)
@@ -179,7 +185,8 @@ TYPED_TEST(ChannelPoolTest, TemporaryCopiesTheSourceInsideItsRange)
         EXPECT_EQ(t->tileData(1, 1)[3], -4.0f);
         EXPECT_EQ(t->tileData(0, 0)[0], 5.0f);
         // Depth 2 lies beyond the source: value-initialised.
-        for (float v : t->tileData(2, 2)) EXPECT_EQ(v, 0.0f);
+        for (float v : t->tileData(2, 2))
+            EXPECT_EQ(v, 0.0f);
         t->tileData(1, 1)[3] = 0.0f;
         EXPECT_EQ(source.tileData(1, 1)[3], -4.0f);
     }
@@ -205,7 +212,8 @@ TYPED_TEST(ChannelPoolTest, TemporaryFromThePoolReportsMemoryAtVerboseThree)
         << lines[3];
     EXPECT_TRUE(startsWith(lines[4], "channelTemporary.availablePhysicalAndPoolMemory.after = "))
         << lines[4];
-    for (std::size_t i = 1; i < 5; ++i) EXPECT_EQ(lines[i].substr(lines[i].size() - 3), " MB");
+    for (std::size_t i = 1; i < 5; ++i)
+        EXPECT_EQ(lines[i].substr(lines[i].size() - 3), " MB");
 }
 
 TYPED_TEST(ChannelPoolTest, TemporaryWithoutThePoolWarnsAboutTheConstructorFlag)

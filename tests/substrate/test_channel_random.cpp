@@ -2,14 +2,14 @@
 // of the tree, with their values intact; new tiles take their parent's values.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <random>
-#include <set>
-#include <vector>
 #include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
+#include <map>
+#include <random>
+#include <set>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 
@@ -67,7 +67,8 @@ template <typename Tr> struct Scenario {
         auto ta = a().tileData(t.treeIndex());
         auto& ma = modelA[t.voxelCoord()];
         ma.resize(ta.size());
-        for (std::size_t n = 0; n < ta.size(); ++n) ma[n] = ta[n] = int(signature * 4096 + n);
+        for (std::size_t n = 0; n < ta.size(); ++n)
+            ma[n] = ta[n] = int(signature * 4096 + n);
         auto tb = b->tileData(t.treeIndex());
         auto& mb = modelB[t.voxelCoord()];
         mb.resize(tb.size());
@@ -87,7 +88,8 @@ template <typename Tr> struct Scenario {
             if (container->tileCount(-1) > 0 && rng() % 2) {
                 // Near what exists: inside a random existing tile.
                 int d = 0;
-                while (d < kDeepest && container->tileCount(d + 1) > 0 && rng() % 2) ++d;
+                while (d < kDeepest && container->tileCount(d + 1) > 0 && rng() % 2)
+                    ++d;
                 auto const& t = container->tile(std::int64_t(rng() % container->tileCount(d)), d);
                 std::uniform_int_distribution<std::int64_t> in(0, t.tileVoxelWidth() - 1);
                 i = t.ti() + in(rng);
@@ -120,7 +122,8 @@ template <typename Tr> struct Scenario {
                 auto ta = a().tileData(t.treeIndex());
                 ASSERT_EQ(ta.size(), std::size_t(Tr::kTileSize));
                 if (d == 0) {
-                    for (int v : ta) EXPECT_EQ(v, kDefault);
+                    for (int v : ta)
+                        EXPECT_EQ(v, kDefault);
                 } else {
                     VoxelCoord const p{int(cornerOf<Tr>(c.x, d - 1)), int(cornerOf<Tr>(c.y, d - 1)),
                                        int(cornerOf<Tr>(c.z, d - 1)), d - 1};
@@ -139,12 +142,14 @@ template <typename Tr> struct Scenario {
                             }
                 }
                 if (d >= 1)
-                    for (UInt64 v : b->tileData(t.treeIndex())) EXPECT_EQ(v, 5u);
+                    for (UInt64 v : b->tileData(t.treeIndex()))
+                        EXPECT_EQ(v, 5u);
                 // What the tile holds now is what its own new children were given.
                 modelA[t.voxelCoord()].assign(ta.begin(), ta.end());
             }
         for (int d = 0; d < Tr::kDepthCount; ++d)
-            for (int3 const& c : newTiles[d]) stamp(acc2.tile(c.x, c.y, c.z, d));
+            for (int3 const& c : newTiles[d])
+                stamp(acc2.tile(c.x, c.y, c.z, d));
     }
 
     void shrink()
@@ -152,7 +157,8 @@ template <typename Tr> struct Scenario {
         TileIndexLists<Tr> toRemove;
         for (int d = 1; d < Tr::kDepthCount; ++d)
             for (std::int64_t t = 0; t < container->tileCount(d); ++t)
-                if (rng() % 6 == 0) toRemove[d].push_back(t);
+                if (rng() % 6 == 0)
+                    toRemove[d].push_back(t);
         TileMoveLists<Tr> moved;
         container->removeTiles(toRemove, moved, true);
         topology->update(*container);
@@ -185,12 +191,15 @@ template <typename Tr> struct Scenario {
                 auto ta = a().tileData(tile.treeIndex());
                 auto const& ma = modelA.at(tile.voxelCoord());
                 ASSERT_EQ(ta.size(), ma.size());
-                for (std::size_t n = 0; n < ta.size(); ++n) ASSERT_EQ(ta[n], ma[n]);
-                if (d == 0) continue;
+                for (std::size_t n = 0; n < ta.size(); ++n)
+                    ASSERT_EQ(ta[n], ma[n]);
+                if (d == 0)
+                    continue;
                 auto tb = b->tileData(tile.treeIndex());
                 auto const& mb = modelB.at(tile.voxelCoord());
                 ASSERT_EQ(tb.size(), mb.size());
-                for (std::size_t n = 0; n < tb.size(); ++n) ASSERT_EQ(std::int64_t(tb[n]), mb[n]);
+                for (std::size_t n = 0; n < tb.size(); ++n)
+                    ASSERT_EQ(std::int64_t(tb[n]), mb[n]);
             }
     }
 

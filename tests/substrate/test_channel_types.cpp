@@ -14,7 +14,8 @@ template <typename T> T sample()
 {
     T v{};
     auto* bytes = reinterpret_cast<unsigned char*>(&v);
-    for (std::size_t i = 0; i < sizeof(T); ++i) bytes[i] = 0;
+    for (std::size_t i = 0; i < sizeof(T); ++i)
+        bytes[i] = 0;
     if constexpr (std::is_arithmetic_v<T>)
         v = T(7);
     else if constexpr (requires { v.m; })

@@ -2,17 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <hexmold/substrate/container.h>
 #include <random>
 #include <set>
 #include <thread>
 #include <vector>
-#include <hexmold/substrate/container.h>
 
 using namespace TVL::TileTree3D;
 
 namespace {
 
-template <typename Tr> class ContainerTest : public ::testing::Test {};
+template <typename Tr> class ContainerTest : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
     template <typename T> static std::string GetName(int)
@@ -22,7 +23,10 @@ struct TraitsNames {
 };
 TYPED_TEST_SUITE(ContainerTest, TraitsTypes, TraitsNames);
 
-template <typename Tr> std::int64_t lo() { return -Tr::kCentreOffset; }
+template <typename Tr> std::int64_t lo()
+{
+    return -Tr::kCentreOffset;
+}
 
 /// Corner of the tile of @p depth holding coordinate @p c (independent of the library).
 template <typename Tr> std::int64_t cornerOf(std::int64_t c, int depth)
@@ -34,7 +38,8 @@ template <typename Tr> std::int64_t cornerOf(std::int64_t c, int depth)
 
 template <typename Tr> VoxelCoord coordOf(std::int64_t i, std::int64_t j, std::int64_t k, int depth)
 {
-    return {int(cornerOf<Tr>(i, depth)), int(cornerOf<Tr>(j, depth)), int(cornerOf<Tr>(k, depth)), depth};
+    return {int(cornerOf<Tr>(i, depth)), int(cornerOf<Tr>(j, depth)), int(cornerOf<Tr>(k, depth)),
+            depth};
 }
 
 /// The reference model: a set of tiles named by corner and depth, closed under ancestors.
@@ -42,7 +47,8 @@ template <typename Tr> struct Model {
     std::set<VoxelCoord> tiles;
     void add(std::int64_t i, std::int64_t j, std::int64_t k, int depth)
     {
-        for (int d = 0; d <= depth; ++d) tiles.insert(coordOf<Tr>(i, j, k, d));
+        for (int d = 0; d <= depth; ++d)
+            tiles.insert(coordOf<Tr>(i, j, k, d));
     }
     /// Removes @p v and everything inside it at deeper depths.
     void remove(VoxelCoord const& v)
@@ -84,7 +90,8 @@ template <typename Tr> void expectConsistent(Container<Tr> const& c, Model<Tr> c
             }
             for (int s = 0; s < Tr::kChildCount; ++s) {
                 std::int64_t const ch = tile.childIndex(s);
-                if (ch < 0) continue;
+                if (ch < 0)
+                    continue;
                 ASSERT_LT(ch, c.tileCount(d + 1));
                 ASSERT_EQ(c.tile(ch, d + 1).parent(), t);
                 int3 const sc = TileT::slotCoordinates(s);
@@ -138,7 +145,8 @@ TYPED_TEST(ContainerTest, DeepestDepthWidths)
     }
     for (int d = 0; d <= dmax; ++d) {
         EXPECT_EQ(C::tileVoxelWidth(d), C::voxelDataWidth(d) * TypeParam::kTileWidth);
-        if (d > 0) EXPECT_EQ(C::tileVoxelWidth(d - 1), C::tileVoxelWidth(d) * TypeParam::kRatio);
+        if (d > 0)
+            EXPECT_EQ(C::tileVoxelWidth(d - 1), C::tileVoxelWidth(d) * TypeParam::kRatio);
     }
     C c("t", 1.0f);
     auto acc = c.tileAccessor();
@@ -174,7 +182,8 @@ TYPED_TEST(ContainerTest, NeighborAtTheEdgeOfEverythingIsCoarserOrSentinel)
     auto const& t = acc.addTile(0, 0, 0, d);
     auto const tcopy = t.treeIndex();
     for (int dir = 0; dir < 27; ++dir) {
-        if (dir == kNeighborSelf) continue;
+        if (dir == kNeighborSelf)
+            continue;
         auto const& n = acc.tileNeighbor(c.tile(tcopy), dir);
         EXPECT_NE(n.depth(), d) << "direction " << dir;
     }
@@ -230,14 +239,17 @@ TYPED_TEST(ContainerTest, RemovePairsReproduceCompactedOrder)
     ASSERT_GE(n, 12);
     // A side array holding each tile's corner.
     std::vector<VoxelCoord> side;
-    for (std::int64_t t = 0; t < n; ++t) side.push_back(c.tile(t, d).voxelCoord());
+    for (std::int64_t t = 0; t < n; ++t)
+        side.push_back(c.tile(t, d).voxelCoord());
     TileIndexLists<TypeParam> rm;
     rm[d] = {1, 4, 5, n - 1};
     TileMoveLists<TypeParam> moved;
     EXPECT_EQ(c.removeTiles(rm, moved), 4);
-    for (auto [from, to] : moved[d]) side[to] = side[from];
+    for (auto [from, to] : moved[d])
+        side[to] = side[from];
     side.resize(static_cast<std::size_t>(c.tileCount(d)));
-    for (std::int64_t t = 0; t < c.tileCount(d); ++t) EXPECT_EQ(side[t], c.tile(t, d).voxelCoord());
+    for (std::int64_t t = 0; t < c.tileCount(d); ++t)
+        EXPECT_EQ(side[t], c.tile(t, d).voxelCoord());
 }
 
 TYPED_TEST(ContainerTest, RemovingATileRemovesItsDescendantsAndClearsTheParentSlot)
@@ -273,7 +285,8 @@ TYPED_TEST(ContainerTest, BadInputIsRejectedWithoutCorruption)
     EXPECT_FALSE(acc.addTile(0, 0, 0, -1).valid());
     EXPECT_FALSE(acc.addTile(std::numeric_limits<std::int32_t>::max(), 0, 0, d).valid());
     EXPECT_FALSE(acc.addTile(lo<TypeParam>() - 1, 0, 0, 3).valid());
-    EXPECT_EQ(acc.addTiles(int3{1 << 30, 1 << 30, 1 << 30}, int3{(1 << 30) + 5, (1 << 30) + 5, (1 << 30) + 5}, 2),
+    EXPECT_EQ(acc.addTiles(int3{1 << 30, 1 << 30, 1 << 30},
+                           int3{(1 << 30) + 5, (1 << 30) + 5, (1 << 30) + 5}, 2),
               0);
     expectConsistent(c, m);
     // Removal lists with bad indices: the bad entries are ignored.
@@ -344,11 +357,13 @@ TYPED_TEST(ContainerTest, MortonSortPermutesTilesAndLinks)
         m.add(i, j, k, d);
     }
     std::vector<VoxelCoord> before;
-    for (std::int64_t t = 0; t < c.tileCount(d); ++t) before.push_back(c.tile(t, d).voxelCoord());
+    for (std::int64_t t = 0; t < c.tileCount(d); ++t)
+        before.push_back(c.tile(t, d).voxelCoord());
     auto perm = c.sortIntoMortonOrder();
     expectConsistent(c, m);
     ASSERT_EQ(perm[d].size(), before.size());
-    for (std::size_t n = 0; n < before.size(); ++n) EXPECT_EQ(c.tile(std::int64_t(n), d).voxelCoord(), before[perm[d][n]]);
+    for (std::size_t n = 0; n < before.size(); ++n)
+        EXPECT_EQ(c.tile(std::int64_t(n), d).voxelCoord(), before[perm[d][n]]);
     // Morton order: increasing interleaved ordinals. Check with an independent comparison.
     auto lessMsb = [](std::uint64_t a, std::uint64_t b) { return a < b && a < (a ^ b); };
     auto key = [&](VoxelCoord const& v, int a) {
@@ -389,15 +404,19 @@ TYPED_TEST(ContainerTest, LookupsAgreeWithBruteForceWithAndWithoutTables)
     auto brute = [&](int i, int j, int k, int d) -> VoxelCoord {
         for (int q = std::min(d, dmax); q >= 0; --q) {
             VoxelCoord v = coordOf<TypeParam>(i, j, k, q);
-            if (m.tiles.count(v)) return v;
+            if (m.tiles.count(v))
+                return v;
         }
         return VoxelCoord{0, 0, 0, -1};
     };
     std::vector<std::array<int, 4>> queries;
-    for (int n = 0; n < 3000; ++n) queries.push_back({u(rng), u(rng), u(rng), ud(rng)});
+    for (int n = 0; n < 3000; ++n)
+        queries.push_back({u(rng), u(rng), u(rng), ud(rng)});
     for (int pass = 0; pass < 3; ++pass) {
-        if (pass == 1) c.buildAccessorAccelerationStructure(-1);
-        if (pass == 2) c.precomputeTileNeighbors();
+        if (pass == 1)
+            c.buildAccessorAccelerationStructure(-1);
+        if (pass == 2)
+            c.precomputeTileNeighbors();
         auto cacc = std::as_const(c).tileAccessor();
         for (auto const& q : queries) {
             auto const& t = cacc.tile(q[0], q[1], q[2], q[3]);
@@ -410,8 +429,9 @@ TYPED_TEST(ContainerTest, LookupsAgreeWithBruteForceWithAndWithoutTables)
             auto const& n = cacc.tileNeighbor(t, dir);
             auto plain = Container<TypeParam>(c).tileAccessor();
             (void)plain;
-            VoxelCoord const en = brute(int(t.ti() + neighborDx(dir) * w), int(t.tj() + neighborDy(dir) * w),
-                                        int(t.tk() + neighborDz(dir) * w), t.depth());
+            VoxelCoord const en =
+                brute(int(t.ti() + neighborDx(dir) * w), int(t.tj() + neighborDy(dir) * w),
+                      int(t.tk() + neighborDz(dir) * w), t.depth());
             ASSERT_EQ(n.voxelCoord(), en);
         }
     }
@@ -430,13 +450,15 @@ TYPED_TEST(ContainerTest, RandomizedSequencesMatchTheReferenceModel)
         auto syncSide = [&](TileCornerLists<TypeParam> const* created) {
             for (int d = 0; d <= dmax; ++d) {
                 if (created)
-                    for (auto const& p : (*created)[d]) side[d].push_back(VoxelCoord{p.x, p.y, p.z, d});
+                    for (auto const& p : (*created)[d])
+                        side[d].push_back(VoxelCoord{p.x, p.y, p.z, d});
             }
         };
         auto refreshSideFromTree = [&]() {
             for (int d = 0; d <= dmax; ++d) {
                 side[d].clear();
-                for (std::int64_t t = 0; t < c.tileCount(d); ++t) side[d].push_back(c.tile(t, d).voxelCoord());
+                for (std::int64_t t = 0; t < c.tileCount(d); ++t)
+                    side[d].push_back(c.tile(t, d).voxelCoord());
             }
         };
         std::uniform_int_distribution<int> coord(-500, 500);
@@ -459,10 +481,12 @@ TYPED_TEST(ContainerTest, RandomizedSequencesMatchTheReferenceModel)
                 std::int64_t const w = TypeParam::tileVoxelWidth(d);
                 for (std::int64_t k = cornerOf<TypeParam>(a.z, d); k <= b.z; k += w)
                     for (std::int64_t j = cornerOf<TypeParam>(a.y, d); j <= b.y; j += w)
-                        for (std::int64_t i = cornerOf<TypeParam>(a.x, d); i <= b.x; i += w) m.add(i, j, k, d);
+                        for (std::int64_t i = cornerOf<TypeParam>(a.x, d); i <= b.x; i += w)
+                            m.add(i, j, k, d);
                 refreshSideFromTree();
             } else if (o < 8) {
-                // Refine from a scratch tree filled with random tiles; created corners are reported.
+                // Refine from a scratch tree filled with random tiles; created corners are
+                // reported.
                 Container<TypeParam>* scratch = c.threadLocalContainer(0);
                 auto sacc = scratch->tileAccessor();
                 for (int n = 0; n < 20; ++n) {
@@ -474,20 +498,23 @@ TYPED_TEST(ContainerTest, RandomizedSequencesMatchTheReferenceModel)
                 std::int64_t const before = c.tileCount(-1);
                 c.refine(*scratch, &created, true);
                 std::int64_t createdCount = 0;
-                for (auto const& a : created) createdCount += std::int64_t(a.size());
+                for (auto const& a : created)
+                    createdCount += std::int64_t(a.size());
                 ASSERT_EQ(createdCount, c.tileCount(-1) - before);
                 syncSide(&created);
                 // Created tiles are appended in order, so the side array equals the tree's order.
                 for (int d = 0; d <= dmax; ++d) {
                     ASSERT_EQ(std::int64_t(side[d].size()), c.tileCount(d));
-                    for (std::int64_t t = 0; t < c.tileCount(d); ++t) ASSERT_EQ(side[d][t], c.tile(t, d).voxelCoord());
+                    for (std::int64_t t = 0; t < c.tileCount(d); ++t)
+                        ASSERT_EQ(side[d][t], c.tile(t, d).voxelCoord());
                 }
                 c.freeThreadLocalContainer(scratch);
             } else {
                 TileIndexLists<TypeParam> rm;
                 for (int d = 0; d <= dmax; ++d) {
                     std::int64_t const n = c.tileCount(d);
-                    if (n == 0) continue;
+                    if (n == 0)
+                        continue;
                     std::uniform_int_distribution<std::int64_t> pick(0, n - 1);
                     int const count = d >= dmax - 3 ? 3 : (op(rng) == 0 ? 1 : 0);
                     for (int q = 0; q < count; ++q) {
@@ -504,11 +531,13 @@ TYPED_TEST(ContainerTest, RandomizedSequencesMatchTheReferenceModel)
                         side[d][to] = side[d][from];
                     }
                     side[d].resize(std::size_t(c.tileCount(d)));
-                    for (std::int64_t t = 0; t < c.tileCount(d); ++t) ASSERT_EQ(side[d][t], c.tile(t, d).voxelCoord());
+                    for (std::int64_t t = 0; t < c.tileCount(d); ++t)
+                        ASSERT_EQ(side[d][t], c.tile(t, d).voxelCoord());
                 }
             }
             expectConsistent(c, m);
-            if (::testing::Test::HasFatalFailure()) return;
+            if (::testing::Test::HasFatalFailure())
+                return;
         }
     }
 }
@@ -537,16 +566,19 @@ TYPED_TEST(ContainerTest, ConcurrentAddTileLosesNothingAndDuplicatesNothing)
             auto acc = scratch->tileAccessor();
             for (auto const& q : work[t]) {
                 auto const& tile = acc.addTile(q[0], q[1], q[2], q[3]);
-                if (!tile.contains(q[0], q[1], q[2]) || tile.depth() != q[3]) std::abort();
+                if (!tile.contains(q[0], q[1], q[2]) || tile.depth() != q[3])
+                    std::abort();
             }
         });
-    for (auto& th : pool) th.join();
+    for (auto& th : pool)
+        th.join();
     expectConsistent(*scratch, m);
     TileCornerLists<TypeParam> created;
     real.refine(*scratch, &created, true);
     expectConsistent(real, m);
     real.clearThreadLocalData(created);
-    for (auto const& a : created) EXPECT_TRUE(a.empty());
+    for (auto const& a : created)
+        EXPECT_TRUE(a.empty());
 }
 
 TYPED_TEST(ContainerTest, CopyIsDeepAndIndependent)

@@ -13,7 +13,10 @@ using namespace TVL::TileTree3D;
 
 namespace {
 
-bool contractsOn() { return HEXMOLD_CONTRACTS_ON != 0; }
+bool contractsOn()
+{
+    return HEXMOLD_CONTRACTS_ON != 0;
+}
 
 } // namespace
 
@@ -30,7 +33,8 @@ TEST(Contract, InRangeAccessPasses)
 
 TEST(ContractDeathTest, TileDataOutsideItsBlockStops)
 {
-    if (!contractsOn()) GTEST_SKIP() << "precondition checks are off in this build (NDEBUG)";
+    if (!contractsOn())
+        GTEST_SKIP() << "precondition checks are off in this build (NDEBUG)";
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     TileData<float, 4, 1, 0> td(TileData<float, 4, 1, 0>::kVoxelCount, 1.0f);
     EXPECT_DEATH((void)td(5, 0, 0), "precondition failed");
@@ -42,7 +46,8 @@ TEST(ContractDeathTest, TileDataOutsideItsBlockStops)
 
 TEST(ContractDeathTest, TileStorePastItsSizeStops)
 {
-    if (!contractsOn()) GTEST_SKIP() << "precondition checks are off in this build (NDEBUG)";
+    if (!contractsOn())
+        GTEST_SKIP() << "precondition checks are off in this build (NDEBUG)";
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     TVL::TileTree3D::detail::TileStore<int> store;
     store.push_back(1);
@@ -52,7 +57,8 @@ TEST(ContractDeathTest, TileStorePastItsSizeStops)
 
 TEST(ContractDeathTest, TreeDepthOutsideTheTreeStops)
 {
-    if (!contractsOn()) GTEST_SKIP() << "precondition checks are off in this build (NDEBUG)";
+    if (!contractsOn())
+        GTEST_SKIP() << "precondition checks are off in this build (NDEBUG)";
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Container<Traits24> tree("tree", 1.0f);
     tree.tileAccessor().addTile(0, 0, 0, 2);

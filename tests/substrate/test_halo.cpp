@@ -2,13 +2,13 @@
 // extra sample per axis, and coarse copies of finer data in non-leaf voxels.
 #include <gtest/gtest.h>
 
+#include "support/trees.h"
 #include <cstring>
-#include <random>
-#include <vector>
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/visitor.h>
-#include "support/trees.h"
+#include <random>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 
@@ -30,12 +30,16 @@ template <typename T> T element(int n)
 {
     using S = typename Scalar<T>::Type;
     S s[Scalar<T>::kCount];
-    for (int c = 0; c < Scalar<T>::kCount; ++c) s[c] = static_cast<S>((n + 3 * c) % 100);
+    for (int c = 0; c < Scalar<T>::kCount; ++c)
+        s[c] = static_cast<S>((n + 3 * c) % 100);
     T v;
     std::memcpy(&v, s, sizeof(T));
     return v;
 }
-template <typename T> bool same(T const& a, T const& b) { return std::memcmp(&a, &b, sizeof(T)) == 0; }
+template <typename T> bool same(T const& a, T const& b)
+{
+    return std::memcmp(&a, &b, sizeof(T)) == 0;
+}
 
 template <typename Tr, typename T, int H = 0> using Ch = Channel<Tr, T, Tr::kTileWidth, H, 0>;
 
@@ -48,8 +52,8 @@ template <typename Tr, typename T, int H = 0> struct Volume {
     void bind(T def = T{})
     {
         topology.update(tree);
-        channel = std::make_unique<Ch<Tr, T, H>>("values", &def, kDataElementInitializerDefaultValue, false, true, 0,
-                                                 Tr::kMaxDepth);
+        channel = std::make_unique<Ch<Tr, T, H>>(
+            "values", &def, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
         channel->setTargetName("topology");
         channel->update(topology);
     }
@@ -62,25 +66,31 @@ template <typename Tr, typename T, int H = 0> struct Volume {
                 auto td = channel->tileData(t, d);
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
-                        for (int i = 0; i < W; ++i) td(i, j, k) = element<T>(code(tree.tile(t, d), i, j, k));
+                        for (int i = 0; i < W; ++i)
+                            td(i, j, k) = element<T>(code(tree.tile(t, d), i, j, k));
             }
     }
 };
 
-template <typename Tr> int3 finestOrdinal(int i, int j, int k) { return {i, j, k}; }
+template <typename Tr> int3 finestOrdinal(int i, int j, int k)
+{
+    return {i, j, k};
+}
 
 template <typename Tr, typename T, int Hin, int Hout>
-TileData<T, Tr::kTileWidth, Hout, 0> haloOf(Container<Tr> const& tree, Ch<Tr, T, Hin> const& ch, TreeIndex t,
-                                             HaloType type, T def)
+TileData<T, Tr::kTileWidth, Hout, 0> haloOf(Container<Tr> const& tree, Ch<Tr, T, Hin> const& ch,
+                                            TreeIndex t, HaloType type, T def)
 {
     constexpr int E = Tr::kTileWidth + 2 * Hout;
     TileData<T, Tr::kTileWidth, Hout, 0> out(std::size_t(E) * E * E);
     auto acc = tree.tileAccessor();
-    setHaloTile<Tr, T, Hin, Hout, 0, 0>(t, ch, kHaloModeGeneral, type, acc, out, def, 1.0f, kVoxelOffsetCenter);
+    setHaloTile<Tr, T, Hin, Hout, 0, 0>(t, ch, kHaloModeGeneral, type, acc, out, def, 1.0f,
+                                        kVoxelOffsetCenter);
     return out;
 }
 
-template <typename Tr> class Halo : public ::testing::Test {};
+template <typename Tr> class Halo : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
     template <typename T> static std::string GetName(int)
@@ -106,7 +116,8 @@ TYPED_TEST(Halo, SingleTileHasDefaultRimAndItsOwnInterior)
             for (int j = -1; j <= W; ++j)
                 for (int i = -1; i <= W; ++i) {
                     bool const inside = i >= 0 && i < W && j >= 0 && j < W && k >= 0 && k < W;
-                    EXPECT_EQ(out(i, j, k), inside ? float((1 + i + W * (j + W * k)) % 100) : -7.0f);
+                    EXPECT_EQ(out(i, j, k),
+                              inside ? float((1 + i + W * (j + W * k)) % 100) : -7.0f);
                 }
     }
 }
@@ -120,7 +131,9 @@ TYPED_TEST(Halo, SameDepthNeighborsGiveTheirFirstVoxelLayer)
     testtrees::addBlock(v.tree, d, {0, 0, 0}, {1, 0, 0}); // two tiles side by side along x
     v.bind();
     // A value that tells the tile (by its corner) and the voxel.
-    v.fill([](Tile<Tr> const& t, int i, int j, int k) { return (t.ti() > 0 ? 50 : 0) + i + 2 * j + 4 * k; });
+    v.fill([](Tile<Tr> const& t, int i, int j, int k) {
+        return (t.ti() > 0 ? 50 : 0) + i + 2 * j + 4 * k;
+    });
     auto acc = v.tree.tileAccessor();
     TreeIndex const a = acc.tile(0, 0, 0, d).treeIndex();
     TreeIndex const b = acc.tile(Tr::tileVoxelWidth(d), 0, 0, d).treeIndex();
@@ -130,8 +143,10 @@ TYPED_TEST(Halo, SameDepthNeighborsGiveTheirFirstVoxelLayer)
     auto const hb = haloOf<Tr, float, 0, 1>(v.tree, *v.channel, b, kHaloTypeFacesAndEdges, -1.0f);
     for (int k = 0; k < W; ++k)
         for (int j = 0; j < W; ++j) {
-            EXPECT_EQ(ha(W, j, k), float(50 + 0 + 2 * j + 4 * k)) << "first layer of the right tile";
-            EXPECT_EQ(hb(-1, j, k), float(0 + (W - 1) + 2 * j + 4 * k)) << "last layer of the left tile";
+            EXPECT_EQ(ha(W, j, k), float(50 + 0 + 2 * j + 4 * k))
+                << "first layer of the right tile";
+            EXPECT_EQ(hb(-1, j, k), float(0 + (W - 1) + 2 * j + 4 * k))
+                << "last layer of the left tile";
         }
 }
 
@@ -146,26 +161,32 @@ TYPED_TEST(Halo, CoarserNeighborGivesTheCoveringVoxel)
     // Coarse voxels carry their tile-space corner; the fine tile carries a marker.
     v.fill([](Tile<Tr> const& t, int i, int j, int k) {
         std::int64_t const w = t.voxelDataWidth();
-        return t.depth() == Tr::kMaxDepth ? 99 : int((t.ti() + i * w) * 7 + (t.tj() + j * w) * 3 + (t.tk() + k * w)) & 63;
+        return t.depth() == Tr::kMaxDepth
+                   ? 99
+                   : int((t.ti() + i * w) * 7 + (t.tj() + j * w) * 3 + (t.tk() + k * w)) & 63;
     });
     auto acc = v.tree.tileAccessor();
     Tile<Tr> const& fine = acc.tile(0, 0, 0, d);
     ASSERT_EQ(fine.depth(), d);
     Tile<Tr> const& parent = v.tree.tile(fine.parentTreeIndex());
-    auto const h = haloOf<Tr, float, 0, 1>(v.tree, *v.channel, fine.treeIndex(), kHaloTypeAll, -1.0f);
+    auto const h =
+        haloOf<Tr, float, 0, 1>(v.tree, *v.channel, fine.treeIndex(), kHaloTypeAll, -1.0f);
     std::int64_t const wp = parent.voxelDataWidth();
     for (int k = -1; k <= W; ++k)
         for (int j = -1; j <= W; ++j)
             for (int i = -1; i <= W; ++i) {
-                if (i >= 0 && i < W && j >= 0 && j < W && k >= 0 && k < W) continue;
-                // The rim voxel's corner in tile space, snapped to the voxel of the tile that holds it.
+                if (i >= 0 && i < W && j >= 0 && j < W && k >= 0 && k < W)
+                    continue;
+                // The rim voxel's corner in tile space, snapped to the voxel of the tile that holds
+                // it.
                 std::int64_t const p[3] = {fine.ti() + i, fine.tj() + j, fine.tk() + k};
                 Tile<Tr> const& holder = acc.tile(p[0], p[1], p[2], d);
                 ASSERT_LT(holder.depth(), d);
                 std::int64_t const w = holder.voxelDataWidth();
                 std::int64_t c[3];
                 int3 const hc = holder.tijk();
-                for (int a = 0; a < 3; ++a) c[a] = hc[a] + (p[a] - hc[a]) / w * w;
+                for (int a = 0; a < 3; ++a)
+                    c[a] = hc[a] + (p[a] - hc[a]) / w * w;
                 float const expected = float(int(c[0] * 7 + c[1] * 3 + c[2]) & 63);
                 EXPECT_EQ(h(i, j, k), expected) << i << " " << j << " " << k;
             }
@@ -177,13 +198,15 @@ TYPED_TEST(Halo, TrilinearRimIsExactForLinearDataAcrossJumps)
     using Tr = TypeParam;
     constexpr int W = Tr::kTileWidth;
     Volume<Tr, double> v;
-    testtrees::buildGradedSphere(v.tree, std::is_same_v<Tr, Traits24> ? 20.0 : 30.0, Tr::kMaxDepth, 0.5);
+    testtrees::buildGradedSphere(v.tree, std::is_same_v<Tr, Traits24> ? 20.0 : 30.0, Tr::kMaxDepth,
+                                 0.5);
     v.bind();
     // A linear function of the voxel centre, in finest voxels, at every voxel of every depth.
     auto f = [](double x, double y, double z) { return 0.5 * x - 0.25 * y + 0.125 * z + 3.0; };
     auto centre = [](Tile<Tr> const& t, int i, int j, int k) {
         double const w = double(t.voxelDataWidth());
-        return Tavrel::Math::double3{t.ti() + (i + 0.5) * w, t.tj() + (j + 0.5) * w, t.tk() + (k + 0.5) * w};
+        return Tavrel::Math::double3{t.ti() + (i + 0.5) * w, t.tj() + (j + 0.5) * w,
+                                     t.tk() + (k + 0.5) * w};
     };
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < v.tree.tileCount(d); ++t) {
@@ -202,19 +225,23 @@ TYPED_TEST(Halo, TrilinearRimIsExactForLinearDataAcrossJumps)
     for (int d = 4; d <= Tr::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < v.tree.tileCount(d); ++t) {
             Tile<Tr> const& tile = v.tree.tile(t, d);
-            auto const h = haloOf<Tr, double, 0, 2>(v.tree, *v.channel, tile.treeIndex(),
-                                                    HaloType(kHaloTypeAll | kHaloTypeTrilinearJumps), -1.0);
+            auto const h =
+                haloOf<Tr, double, 0, 2>(v.tree, *v.channel, tile.treeIndex(),
+                                         HaloType(kHaloTypeAll | kHaloTypeTrilinearJumps), -1.0);
             std::int64_t const w = tile.voxelDataWidth();
             for (int k = -2; k < W + 2; ++k)
                 for (int j = -2; j < W + 2; ++j)
                     for (int i = -2; i < W + 2; ++i) {
-                        if (i >= 0 && i < W && j >= 0 && j < W && k >= 0 && k < W) continue;
-                        Tile<Tr> const& holder = acc.tile(tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w, d);
+                        if (i >= 0 && i < W && j >= 0 && j < W && k >= 0 && k < W)
+                            continue;
+                        Tile<Tr> const& holder =
+                            acc.tile(tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w, d);
                         auto const p = centre(tile, i, j, k);
                         // Rounding of a few blends of values up to the coarse voxels' coordinates.
                         double const tol = 1e-12 * (std::abs(p.x) + std::abs(p.y) + std::abs(p.z) +
                                                     16.0 * double(holder.voxelDataWidth()) + 1.0);
-                        EXPECT_NEAR(h(i, j, k), f(p.x, p.y, p.z), tol) << i << " " << j << " " << k << " depth " << d;
+                        EXPECT_NEAR(h(i, j, k), f(p.x, p.y, p.z), tol)
+                            << i << " " << j << " " << k << " depth " << d;
                         atJumps += holder.depth() < d;
                     }
         }
@@ -225,7 +252,8 @@ TYPED_TEST(Halo, SameResultWithAndWithoutPrecomputedTables)
 {
     using Tr = TypeParam;
     Volume<Tr, float> v;
-    testtrees::buildGradedSphere(v.tree, std::is_same_v<Tr, Traits24> ? 20.0 : 30.0, Tr::kMaxDepth, 0.5);
+    testtrees::buildGradedSphere(v.tree, std::is_same_v<Tr, Traits24> ? 20.0 : 30.0, Tr::kMaxDepth,
+                                 0.5);
     v.bind();
     std::mt19937 rng(5);
     v.fill([&](Tile<Tr> const&, int, int, int) { return int(rng() % 90); });
@@ -240,7 +268,8 @@ TYPED_TEST(Halo, SameResultWithAndWithoutPrecomputedTables)
             auto dst = vh.channel->tileData(t, d);
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i) dst(i, j, k) = src(i, j, k);
+                    for (int i = 0; i < W; ++i)
+                        dst(i, j, k) = src(i, j, k);
         }
     auto collect = [&](Container<Tr>& tree) {
         std::vector<float> all;
@@ -253,7 +282,8 @@ TYPED_TEST(Halo, SameResultWithAndWithoutPrecomputedTables)
                     all.insert(all.end(), a.begin(), a.end());
                     auto const b = haloOf<Tr, float, 0, 2>(c, *v.channel, {t, d}, type, -1.0f);
                     all.insert(all.end(), b.begin(), b.end());
-                    auto const h = haloOf<Tr, float, 1, 1>(vh.tree, *vh.channel, {t, d}, type, -1.0f);
+                    auto const h =
+                        haloOf<Tr, float, 1, 1>(vh.tree, *vh.channel, {t, d}, type, -1.0f);
                     EXPECT_TRUE(std::equal(a.begin(), a.end(), h.begin())) << "stored halo ignored";
                 }
             }
@@ -279,7 +309,8 @@ TYPED_TEST(Halo, FacesAndEdgesLeaveCornersAtTheDefault)
     v.bind(5.0f);
     auto acc = v.tree.tileAccessor();
     TreeIndex const centre = acc.tile(0, 0, 0, d).treeIndex();
-    auto const faces = haloOf<Tr, float, 0, 1>(v.tree, *v.channel, centre, kHaloTypeFacesAndEdges, -1.0f);
+    auto const faces =
+        haloOf<Tr, float, 0, 1>(v.tree, *v.channel, centre, kHaloTypeFacesAndEdges, -1.0f);
     auto const all = haloOf<Tr, float, 0, 1>(v.tree, *v.channel, centre, kHaloTypeAll, -1.0f);
     EXPECT_EQ(faces(-1, -1, -1), -1.0f);
     EXPECT_EQ(faces(W, W, W), -1.0f);
@@ -297,11 +328,13 @@ TYPED_TEST(Halo, ComputeHaloHoldsTheNextLayer)
     testtrees::addBlock(v.tree, d, {0, 0, 0}, {1, 1, 1});
     v.bind(-3.0f);
     v.fill([](Tile<Tr> const& t, int i, int j, int k) {
-        return int(((std::int64_t(t.ti()) + i) + 11 * (std::int64_t(t.tj()) + j) + 3 * (std::int64_t(t.tk()) + k)) % 97);
+        return int(((std::int64_t(t.ti()) + i) + 11 * (std::int64_t(t.tj()) + j) +
+                    3 * (std::int64_t(t.tk()) + k)) %
+                   97);
     });
     float const def = -3.0f;
-    Channel<Tr, float, W + 1, 0, 0> out("copy", &def, kDataElementInitializerDefaultValue, false, true, 0,
-                                         Tr::kMaxDepth);
+    Channel<Tr, float, W + 1, 0, 0> out("copy", &def, kDataElementInitializerDefaultValue, false,
+                                        true, 0, Tr::kMaxDepth);
     out.update(v.topology);
     computeHalo<Tr, float, 0, 0, 1, 0>(*v.channel, v.tree, out, 0, Tr::kMaxDepth);
     auto acc = v.tree.tileAccessor();
@@ -312,7 +345,9 @@ TYPED_TEST(Halo, ComputeHaloHoldsTheNextLayer)
         for (int j = 0; j <= W; ++j)
             for (int i = 0; i <= W; ++i)
                 EXPECT_EQ(b[i + (W + 1) * (j + (W + 1) * k)],
-                          float(int(((std::int64_t(t.ti()) + i) + 11 * (std::int64_t(t.tj()) + j) + 3 * (std::int64_t(t.tk()) + k)) % 97)));
+                          float(int(((std::int64_t(t.ti()) + i) + 11 * (std::int64_t(t.tj()) + j) +
+                                     3 * (std::int64_t(t.tk()) + k)) %
+                                    97)));
 }
 
 TYPED_TEST(Halo, NonLeafVoxelsTakeTheMeanOfTheirChildren)
@@ -363,26 +398,29 @@ TYPED_TEST(Halo, NonLeafVoxelsTakeTheMeanOfTheirChildren)
                 expected += i + 2 * j + 4 * k;
             }
     expected /= Tr::kRatio * Tr::kRatio * Tr::kRatio;
-    setNonLeafValueToChildValue(*v.channel, std::as_const(v.tree), kVoxelOffsetCenter, d - 1, d - 1);
+    setNonLeafValueToChildValue(*v.channel, std::as_const(v.tree), kVoxelOffsetCenter, d - 1,
+                                d - 1);
     Tile<Tr> const& parent = v.tree.tile(v.tree.tileAccessor().tile(0, 0, 0, d).parentTreeIndex());
     int3 const slot = parent.childIJK(int3{0, 0, 0});
     int const r = Tr::kVoxelsPerSlot;
-    EXPECT_FLOAT_EQ(std::as_const(*v.channel).tileData(parent.treeIndex())(slot.x * r, slot.y * r, slot.z * r),
-                    float(expected));
+    EXPECT_FLOAT_EQ(
+        std::as_const(*v.channel).tileData(parent.treeIndex())(slot.x * r, slot.y * r, slot.z * r),
+        float(expected));
 }
 
 // ---- every element type ------------------------------------------------------------------------
 
 namespace {
 
-template <typename P> class HaloElement : public ::testing::Test {};
+template <typename P> class HaloElement : public ::testing::Test {
+};
 template <typename Tr, typename T> struct Case {
     using Traits = Tr;
     using Type = T;
 };
 #define HEXMOLD_CASE(TR, T) Case<TR, T>,
-using ElementCases = ::testing::Types<HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_CASE, Traits24)
-                                          HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_CASE, Traits55) Case<Traits24, float>>;
+using ElementCases = ::testing::Types<HEXMOLD_FOR_EACH_ELEMENT(
+    HEXMOLD_CASE, Traits24) HEXMOLD_FOR_EACH_ELEMENT(HEXMOLD_CASE, Traits55) Case<Traits24, float>>;
 #undef HEXMOLD_CASE
 TYPED_TEST_SUITE(HaloElement, ElementCases);
 
@@ -397,11 +435,15 @@ TYPED_TEST(HaloElement, AllFormsCopyTheInteriorAndTheNeighborLayers)
     Volume<Tr, T> v;
     testtrees::addBlock(v.tree, d, {0, 0, 0}, {1, 0, 0});
     v.bind();
-    v.fill([](Tile<Tr> const& t, int i, int j, int k) { return (t.ti() > 0 ? 40 : 0) + i + 2 * j + 7 * k; });
+    v.fill([](Tile<Tr> const& t, int i, int j, int k) {
+        return (t.ti() > 0 ? 40 : 0) + i + 2 * j + 7 * k;
+    });
     Volume<Tr, T, 1> vh;
     vh.tree = v.tree;
     vh.bind();
-    vh.fill([](Tile<Tr> const& t, int i, int j, int k) { return (t.ti() > 0 ? 40 : 0) + i + 2 * j + 7 * k; });
+    vh.fill([](Tile<Tr> const& t, int i, int j, int k) {
+        return (t.ti() > 0 ? 40 : 0) + i + 2 * j + 7 * k;
+    });
     T const def = element<T>(77);
     TreeIndex const a = v.tree.tileAccessor().tile(0, 0, 0, d).treeIndex();
     auto const h1 = haloOf<Tr, T, 0, 1>(v.tree, *v.channel, a, kHaloTypeAll, def);
@@ -420,16 +462,18 @@ TYPED_TEST(HaloElement, AllFormsCopyTheInteriorAndTheNeighborLayers)
     // The F2 = 1 form fills alike.
     TileData<T, W, 1, 0> f(std::size_t(W + 2) * (W + 2) * (W + 2));
     auto acc = v.tree.tileAccessor();
-    setHaloTile<Tr, T, 0, 1, 0, 1>(a, *v.channel, kHaloModeTransfer, kHaloTypeAll, acc, f, def, 1.0f,
-                                   kVoxelOffsetCenter);
+    setHaloTile<Tr, T, 0, 1, 0, 1>(a, *v.channel, kHaloModeTransfer, kHaloTypeAll, acc, f, def,
+                                   1.0f, kVoxelOffsetCenter);
     EXPECT_EQ(std::memcmp(f.data(), h1.data(), sizeof(T) * f.size()), 0);
     // Non-leaf voxels: the mean of constant children is that constant.
     auto child = v.channel->tileData(a);
     child.set(element<T>(9));
-    setNonLeafValueToChildValue(*v.channel, std::as_const(v.tree), kVoxelOffsetCenter, d - 1, d - 1);
+    setNonLeafValueToChildValue(*v.channel, std::as_const(v.tree), kVoxelOffsetCenter, d - 1,
+                                d - 1);
     Tile<Tr> const& parent = v.tree.tile(v.tree.tile(a).parentTreeIndex());
     int3 const slot = parent.childIJK(v.tree.tile(a).tijk());
     int const r = Tr::kVoxelsPerSlot;
-    EXPECT_TRUE(same(std::as_const(*v.channel).tileData(parent.treeIndex())(slot.x * r, slot.y * r, slot.z * r),
-                     element<T>(9)));
+    EXPECT_TRUE(same(
+        std::as_const(*v.channel).tileData(parent.treeIndex())(slot.x * r, slot.y * r, slot.z * r),
+        element<T>(9)));
 }

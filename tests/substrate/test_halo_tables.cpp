@@ -1,14 +1,15 @@
 // Compressed halo tables of the tile tree: agreement with accessor lookups, and their lifetime.
 #include <gtest/gtest.h>
 
-#include <hexmold/substrate/container.h>
 #include "support/trees.h"
+#include <hexmold/substrate/container.h>
 
 using namespace TVL::TileTree3D;
 
 namespace {
 
-template <typename Tr> class HaloTables : public ::testing::Test {};
+template <typename Tr> class HaloTables : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
     template <typename T> static std::string GetName(int)
@@ -40,7 +41,8 @@ TYPED_TEST(HaloTables, CompressedTableAgreesWithLookups)
         for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
             Tile<Tr> const& tile = cc.tile(t, d);
             for (int dir = 0; dir < 27; ++dir) {
-                Tile<Tr> const& expected = dir == kNeighborSelf ? tile : acc.tileNeighbor(tile, dir);
+                Tile<Tr> const& expected =
+                    dir == kNeighborSelf ? tile : acc.tileNeighbor(tile, dir);
                 Tile<Tr> const& got = cc.compressedHaloNeighbor(tile, dir);
                 ASSERT_EQ(&got, &expected) << "depth " << d << " tile " << t << " dir " << dir;
                 coarser += expected.valid() && expected.depth() < d;
@@ -57,7 +59,8 @@ TYPED_TEST(HaloTables, CompressedTableAgreesWithLookups)
         for (std::int64_t t = 0; t < c.tileCount(d); t += 7)
             for (int dir = 0; dir < 27; ++dir)
                 if (dir != kNeighborSelf)
-                    EXPECT_EQ(&cc.compressedHaloNeighbor(cc.tile(t, d), dir), &acc2.tileNeighbor(cc.tile(t, d), dir));
+                    EXPECT_EQ(&cc.compressedHaloNeighbor(cc.tile(t, d), dir),
+                              &acc2.tileNeighbor(cc.tile(t, d), dir));
 }
 
 TYPED_TEST(HaloTables, TablesAreDroppedByTreeChangesAndByClear)

@@ -2,16 +2,16 @@
 // the free channel updates, the pairs of a removal recovered from the layout before it.
 #include <gtest/gtest.h>
 
+#include "support/random_trees.h"
 #include <algorithm>
 #include <cstdint>
-#include <stdexcept>
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/topology.h>
-#include "support/random_trees.h"
+#include <stdexcept>
 
 using namespace TVL::TileTree3D;
 using TVL::Object;
@@ -256,7 +256,8 @@ TYPED_TEST(ObjectTest, FreeUpdatesReachTheChannelsInTheObjectOnly)
 
     // And back: remove everything below the root's first children.
     TileIndexLists<TypeParam> toRemove;
-    for (std::int64_t i = 0; i < extracted->tileCount(1); ++i) toRemove[1].push_back(i);
+    for (std::int64_t i = 0; i < extracted->tileCount(1); ++i)
+        toRemove[1].push_back(i);
     TileMoveLists<TypeParam> moved;
     extracted->removeTiles(toRemove, moved, true);
     topo->update(*extracted);
@@ -280,11 +281,13 @@ TYPED_TEST(ObjectTest, TheLayoutBeforeARemovalGivesTheRemovalsOwnPairs)
         // Every third tile of every depth but 0; their descendants go with them.
         TileIndexLists<Tr> toRemove;
         for (int d = 1; d <= Tr::kMaxDepth; ++d)
-            for (std::int64_t t = seed % 3; t < c.tileCount(d); t += 3) toRemove[d].push_back(t);
+            for (std::int64_t t = seed % 3; t < c.tileCount(d); t += 3)
+                toRemove[d].push_back(t);
         TileMoveLists<Tr> moved;
         ASSERT_GT(c.removeTiles(toRemove, moved, true), 0);
         TileMoveLists<Tr> const recovered = tileMovesSince(layout, c);
-        for (int d = 0; d <= Tr::kMaxDepth; ++d) EXPECT_EQ(recovered[d], moved[d]) << "seed " << seed << ", depth " << d;
+        for (int d = 0; d <= Tr::kMaxDepth; ++d)
+            EXPECT_EQ(recovered[d], moved[d]) << "seed " << seed << ", depth " << d;
     }
 }
 

@@ -74,7 +74,8 @@ TEST(SceneConversion, PropertyNamesMapToVoxelChannels)
 {
     Tavrel::Object plain;
     EXPECT_EQ(Tavrel::mapGeoPropertyNameToTVLVolume("temperature", plain), "voxel_temperature");
-    EXPECT_EQ(Tavrel::mapGeoPropertyNameToTVLVolume("voxel_temperature", plain), "voxel_temperature");
+    EXPECT_EQ(Tavrel::mapGeoPropertyNameToTVLVolume("voxel_temperature", plain),
+              "voxel_temperature");
     EXPECT_EQ(Tavrel::mapGeoPropertyNameToTVLVolume("voxel_", plain), "voxel_voxel_");
     EXPECT_EQ(Tavrel::mapGeoPropertyNameToTVLVolume("", plain), "");
     auto volume = makeVolume();

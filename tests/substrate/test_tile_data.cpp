@@ -34,7 +34,8 @@ template <int W> int outside(int i, int j, int k)
 template <typename TD> TD numbered()
 {
     TD td(TD::kVoxelCount, 0.0f);
-    for (std::size_t n = 0; n < td.size(); ++n) td[n] = float(n);
+    for (std::size_t n = 0; n < td.size(); ++n)
+        td[n] = float(n);
     return td;
 }
 
@@ -136,7 +137,8 @@ TEST(TileData, CopiesOfOwningHandlesDoNotShareElements)
 TEST(TileData, SizedHandleIsValueInitialised)
 {
     TileData<float3, 5, 0, 0> td(125);
-    for (std::size_t n = 0; n < td.size(); ++n) EXPECT_EQ(td[n], (float3{0, 0, 0}));
+    for (std::size_t n = 0; n < td.size(); ++n)
+        EXPECT_EQ(td[n], (float3{0, 0, 0}));
 }
 
 TEST(TileData, CopiesOfReferringHandlesWriteTheSameBlock)
@@ -157,7 +159,8 @@ TEST(TileData, SetFillsTheBlock)
     TileDataBlock<double> block(64, 0.0);
     TileData<double, 4, 0, 0> td(&block);
     td.set(2.5);
-    for (double v : block) EXPECT_EQ(v, 2.5);
+    for (double v : block)
+        EXPECT_EQ(v, 2.5);
 }
 
 TEST(TileData, SetFromAnotherHandleTakesOverItsBlock)

@@ -68,7 +68,8 @@ TYPED_TEST(TopologyTest, UpdateRecordsTheContainersTileCounts)
     VoxelTopology<TypeParam> t("voxels", "tree", 1.0f);
     t.update(c);
     EXPECT_EQ(t.voxelSize(), 0.5f);
-    for (int d = -1; d < TypeParam::kDepthCount; ++d) EXPECT_EQ(t.tileCount(d), c.tileCount(d));
+    for (int d = -1; d < TypeParam::kDepthCount; ++d)
+        EXPECT_EQ(t.tileCount(d), c.tileCount(d));
     EXPECT_EQ(t.elementCount(-1), std::uint64_t(4 * TypeParam::kTileSize));
     EXPECT_EQ(t.elementCount(TreeIndex{0, 3}), std::uint64_t(TypeParam::kTileSize));
     EXPECT_EQ(t.elementCount(TreeIndex{1, 3}), 0u);
@@ -123,7 +124,8 @@ TYPED_TEST(TopologyTest, NewTilesTakeTheValueOfTheParentVoxelCoveringThem)
     object->addComponent(pointChannel);
     auto const& parent = tree->tile(0, 1);
     auto pd = a->tileData(parent.treeIndex());
-    for (std::size_t n = 0; n < pd.size(); ++n) pd[n] = float(n);
+    for (std::size_t n = 0; n < pd.size(); ++n)
+        pd[n] = float(n);
     // The values by themselves: the handle goes with the channel the update replaces.
     TileData<float, TW, 0, 0> parentValues(pd.size(), 0.0f);
     std::copy(pd.begin(), pd.end(), parentValues.begin());
@@ -165,7 +167,8 @@ TYPED_TEST(TopologyTest, NewTilesTakeTheValueOfTheParentVoxelCoveringThem)
                 EXPECT_EQ(cd(i, j, k), parentValues(pi, pj, pk)) << i << ' ' << j << ' ' << k;
             }
     // The parent lies outside the shallow channel's range: the new tile keeps the default.
-    for (float v : shallow->tileData(child.treeIndex())) EXPECT_EQ(v, -2.0f);
+    for (float v : shallow->tileData(child.treeIndex()))
+        EXPECT_EQ(v, -2.0f);
     // Channels bound to a point topology are not touched.
     EXPECT_EQ(pointChannel->tileCount(-1), 0);
 }

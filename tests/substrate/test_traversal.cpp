@@ -2,26 +2,27 @@
 // joins, determinism across thread counts, cancellation and exceptions.
 #include <gtest/gtest.h>
 
+#include "support/trees.h"
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <hexmold/platform/quillon/job.h>
+#include <hexmold/platform/tavrel/math_support.h>
+#include <hexmold/substrate/parallel.h>
+#include <hexmold/substrate/visitor.h>
 #include <mutex>
 #include <set>
 #include <stdexcept>
 #include <thread>
 #include <vector>
-#include <hexmold/platform/quillon/job.h>
-#include <hexmold/platform/tavrel/math_support.h>
-#include <hexmold/substrate/parallel.h>
-#include <hexmold/substrate/visitor.h>
-#include "support/trees.h"
 
 using namespace TVL::TileTree3D;
 
 namespace {
 
-template <typename Tr> class Traversal : public ::testing::Test {};
+template <typename Tr> class Traversal : public ::testing::Test {
+};
 using TraitsTypes = ::testing::Types<Traits24, Traits55>;
 struct TraitsNames {
     template <typename T> static std::string GetName(int)
@@ -44,25 +45,33 @@ template <typename Tr> Container<Tr> makeTree()
 }
 
 /// Flat index over all depths of a tile.
-template <typename Tr> std::int64_t flat(Container<Tr> const& c, TreeIndex t) { return c.tileIndex(t); }
+template <typename Tr> std::int64_t flat(Container<Tr> const& c, TreeIndex t)
+{
+    return c.tileIndex(t);
+}
 
 /// Per tile, the order in which it was visited (a global counter), filled by a traversal.
-template <typename Tr> std::vector<std::int64_t> visitOrder(Container<Tr> const& c, TraversalMode mode, int lo,
-                                                             int hi, TreeIndex start = kNoTile)
+template <typename Tr>
+std::vector<std::int64_t> visitOrder(Container<Tr> const& c, TraversalMode mode, int lo, int hi,
+                                     TreeIndex start = kNoTile)
 {
     std::vector<std::atomic<std::int64_t>> seq(static_cast<std::size_t>(c.tileCount(-1)));
-    for (auto& s : seq) s = -1;
+    for (auto& s : seq)
+        s = -1;
     std::atomic<std::int64_t> counter{0};
     std::atomic<int> repeats{0};
-    c.traverse(noop, noop,
-               [&](Tile<Tr> const& t) {
-                   std::int64_t const was = seq[flat(c, t.treeIndex())].exchange(counter++);
-                   if (was >= 0) ++repeats;
-               },
-               noop, NoVoxelVisit{}, mode, start, lo, hi, 1, true, 0, 2, false, 25);
+    c.traverse(
+        noop, noop,
+        [&](Tile<Tr> const& t) {
+            std::int64_t const was = seq[flat(c, t.treeIndex())].exchange(counter++);
+            if (was >= 0)
+                ++repeats;
+        },
+        noop, NoVoxelVisit{}, mode, start, lo, hi, 1, true, 0, 2, false, 25);
     EXPECT_EQ(repeats.load(), 0) << "a tile was visited twice";
     std::vector<std::int64_t> out(seq.size());
-    for (std::size_t n = 0; n < seq.size(); ++n) out[n] = seq[n];
+    for (std::size_t n = 0; n < seq.size(); ++n)
+        out[n] = seq[n];
     return out;
 }
 
@@ -95,8 +104,8 @@ TYPED_TEST(Traversal, ReductionWithEmptyRangeReturnsInitialValue)
     auto join = [](std::int64_t& l, std::int64_t const& r) { l += r; };
     for (auto [lo, hi] : {std::pair{5, 3}, std::pair{40, 50}, std::pair{-7, -1}}) {
         std::int64_t value = 42;
-        c.reduce(noop, noop, count, noop, NoVoxelVisit{}, join, value, kTraversalUnordered, kNoTile, lo, hi, 50,
-                 0, 2);
+        c.reduce(noop, noop, count, noop, NoVoxelVisit{}, join, value, kTraversalUnordered, kNoTile,
+                 lo, hi, 50, 0, 2);
         EXPECT_EQ(value, 42) << "range " << lo << ".." << hi;
     }
 }
@@ -106,9 +115,9 @@ TYPED_TEST(Traversal, EveryModeVisitsEveryTileOfTheRangeOnce)
     using Tr = TypeParam;
     auto const c = makeTree<Tr>();
     int const lo = 2, hi = Tr::kMaxDepth - 1;
-    for (TraversalMode mode : {kTraversalDepthRange, kTraversalSubtree, kTraversalClampedRange,
-                               kTraversalChildrenFirst, kTraversalCoarsen, kTraversalUnordered,
-                               kTraversalUnorderedSecond}) {
+    for (TraversalMode mode :
+         {kTraversalDepthRange, kTraversalSubtree, kTraversalClampedRange, kTraversalChildrenFirst,
+          kTraversalCoarsen, kTraversalUnordered, kTraversalUnorderedSecond}) {
         auto const seq = visitOrder(c, mode, lo, hi);
         for (int d = 0; d <= Tr::kMaxDepth; ++d)
             for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
@@ -123,7 +132,8 @@ TYPED_TEST(Traversal, RangesAreClampedToTheTree)
     using Tr = TypeParam;
     auto const c = makeTree<Tr>();
     auto const seq = visitOrder(c, kTraversalUnordered, -10, 1000);
-    EXPECT_EQ(std::count_if(seq.begin(), seq.end(), [](std::int64_t s) { return s >= 0; }), c.tileCount(-1));
+    EXPECT_EQ(std::count_if(seq.begin(), seq.end(), [](std::int64_t s) { return s >= 0; }),
+              c.tileCount(-1));
 }
 
 TYPED_TEST(Traversal, ChildrenFirstVisitsATileAfterItsChildren)
@@ -146,15 +156,18 @@ TYPED_TEST(Traversal, OrderedModesVisitParentsBeforeChildren)
 {
     using Tr = TypeParam;
     auto const c = makeTree<Tr>();
-    for (TraversalMode mode : {kTraversalDepthRange, kTraversalSubtree, kTraversalClampedRange, kTraversalCoarsen}) {
+    for (TraversalMode mode :
+         {kTraversalDepthRange, kTraversalSubtree, kTraversalClampedRange, kTraversalCoarsen}) {
         auto const seq = visitOrder(c, mode, 0, Tr::kMaxDepth);
         // Depth after depth: every tile of depth d before every tile of depth d + 1.
         for (int d = 0; d < Tr::kMaxDepth; ++d) {
             std::int64_t latest = -1, earliest = std::numeric_limits<std::int64_t>::max();
-            for (std::int64_t t = 0; t < c.tileCount(d); ++t) latest = std::max(latest, seq[flat(c, {t, d})]);
+            for (std::int64_t t = 0; t < c.tileCount(d); ++t)
+                latest = std::max(latest, seq[flat(c, {t, d})]);
             for (std::int64_t t = 0; t < c.tileCount(d + 1); ++t)
                 earliest = std::min(earliest, seq[flat(c, {t, d + 1})]);
-            if (c.tileCount(d + 1) > 0) EXPECT_LT(latest, earliest) << "mode " << mode << " depth " << d;
+            if (c.tileCount(d + 1) > 0)
+                EXPECT_LT(latest, earliest) << "mode " << mode << " depth " << d;
         }
     }
 }
@@ -167,7 +180,8 @@ TYPED_TEST(Traversal, SingleDepthModeVisitsOnlyTheMinimumDepth)
     for (int hi : {d, Tr::kMaxDepth}) {
         auto const seq = visitOrder(c, kTraversalSingleDepth, d, hi);
         for (int e = 0; e <= Tr::kMaxDepth; ++e)
-            for (std::int64_t t = 0; t < c.tileCount(e); ++t) EXPECT_EQ(seq[flat(c, {t, e})] >= 0, e == d);
+            for (std::int64_t t = 0; t < c.tileCount(e); ++t)
+                EXPECT_EQ(seq[flat(c, {t, e})] >= 0, e == d);
     }
 }
 
@@ -179,7 +193,8 @@ TYPED_TEST(Traversal, StartTileRestrictsTheWalkToItsSubtree)
     int const d = Tr::kMaxDepth - 2;
     std::int64_t pick = -1;
     for (std::int64_t t = 0; t < c.tileCount(d) && pick < 0; ++t)
-        if (!c.tile(t, d).isLeaf()) pick = t;
+        if (!c.tile(t, d).isLeaf())
+            pick = t;
     ASSERT_GE(pick, 0);
     Tile<Tr> const& root = c.tile(pick, d);
     std::int64_t const w = root.tileVoxelWidth();
@@ -189,14 +204,15 @@ TYPED_TEST(Traversal, StartTileRestrictsTheWalkToItsSubtree)
         for (std::int64_t t = 0; t < c.tileCount(e); ++t) {
             Tile<Tr> const& tile = c.tile(t, e);
             bool const inside = e > d && tile.ti() >= root.ti() && tile.ti() < root.ti() + w &&
-                                tile.tj() >= root.tj() && tile.tj() < root.tj() + w && tile.tk() >= root.tk() &&
-                                tile.tk() < root.tk() + w;
+                                tile.tj() >= root.tj() && tile.tj() < root.tj() + w &&
+                                tile.tk() >= root.tk() && tile.tk() < root.tk() + w;
             EXPECT_EQ(seq[flat(c, {t, e})] >= 0, inside);
             visited += inside;
         }
     EXPECT_GT(visited, 0);
     // A start tile that is not in the tree selects nothing.
-    auto const none = visitOrder(c, kTraversalSubtree, 0, Tr::kMaxDepth, TreeIndex{c.tileCount(d) + 5, d});
+    auto const none =
+        visitOrder(c, kTraversalSubtree, 0, Tr::kMaxDepth, TreeIndex{c.tileCount(d) + 5, d});
     EXPECT_EQ(std::count_if(none.begin(), none.end(), [](std::int64_t s) { return s >= 0; }), 0);
 }
 
@@ -249,18 +265,21 @@ TYPED_TEST(Traversal, VoxelsAreVisitedWithIFastestBetweenBeginAndEndTile)
         using Visitor<Container<Tr>>::visitInteriorVoxel;
         void beginTile(Tile<Tr> const&) override
         {
-            if (next != -1) ++*bad;
+            if (next != -1)
+                ++*bad;
             next = 0;
         }
         bool visitInteriorVoxel(Tile<Tr> const&, int3 const& v) override
         {
-            if (v.x + W * (v.y + W * v.z) != next) ++*bad;
+            if (v.x + W * (v.y + W * v.z) != next)
+                ++*bad;
             ++next;
             return true;
         }
         void endTile(Tile<Tr> const&) override
         {
-            if (next != W * W * W) ++*bad;
+            if (next != W * W * W)
+                ++*bad;
             next = -1;
         }
         Visitor<Container<Tr>>* copy() const override { return new Ordered(*this); }
@@ -277,12 +296,13 @@ TYPED_TEST(Traversal, FalseFromVoxelVisitSkipsTheRestOfTheTile)
     using Tr = TypeParam;
     auto const c = makeTree<Tr>();
     std::atomic<std::int64_t> voxels{0}, ends{0};
-    c.traverse(noop, noop, noop, [&](Tile<Tr> const&) { ++ends; },
-               [&](Tile<Tr> const&, int3 const& v) {
-                   ++voxels;
-                   return v.x < 1; // stops at the second voxel
-               },
-               kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, true, 0, 2, false, 25);
+    c.traverse(
+        noop, noop, noop, [&](Tile<Tr> const&) { ++ends; },
+        [&](Tile<Tr> const&, int3 const& v) {
+            ++voxels;
+            return v.x < 1; // stops at the second voxel
+        },
+        kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, true, 0, 2, false, 25);
     EXPECT_EQ(voxels.load(), 2 * c.tileCount(-1));
     EXPECT_EQ(ends.load(), c.tileCount(-1));
 }
@@ -299,8 +319,9 @@ TYPED_TEST(Traversal, WorkersRunOnCopiesAndTheCallerGetsBeginAndEnd)
         std::atomic<int>* sharedScratch;
         using Visitor<Container<Tr>>::beginTile;
         Tracking() = default;
-        Tracking(Tracking const& o) : Visitor<Container<Tr>>(o), copies(o.copies), scratch(o.scratch),
-                                      original(false), sharedScratch(o.sharedScratch)
+        Tracking(Tracking const& o)
+            : Visitor<Container<Tr>>(o), copies(o.copies), scratch(o.scratch), original(false),
+              sharedScratch(o.sharedScratch)
         {
             ++*copies;
         }
@@ -308,10 +329,13 @@ TYPED_TEST(Traversal, WorkersRunOnCopiesAndTheCallerGetsBeginAndEnd)
         void endTraverse() override { ++ends; }
         void beginTile(Tile<Tr> const& t) override
         {
-            if (original) ++*sharedScratch; // tile work must not reach the caller's visitor
-            for (int& s : scratch) s = static_cast<int>(t.index());
+            if (original)
+                ++*sharedScratch; // tile work must not reach the caller's visitor
+            for (int& s : scratch)
+                s = static_cast<int>(t.index());
             for (int s : scratch)
-                if (s != static_cast<int>(t.index())) ++*sharedScratch;
+                if (s != static_cast<int>(t.index()))
+                    ++*sharedScratch;
         }
         Visitor<Container<Tr>>* copy() const override { return new Tracking(*this); }
     };
@@ -333,8 +357,9 @@ TYPED_TEST(Traversal, SerialTraversalVisitsInTileOrderOnTheCallersVisitor)
     using Tr = TypeParam;
     auto const c = makeTree<Tr>();
     std::vector<TreeIndex> seen;
-    c.traverse(noop, noop, [&](Tile<Tr> const& t) { seen.push_back(t.treeIndex()); }, noop, NoVoxelVisit{},
-               kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, false, 0, 2, false, 25);
+    c.traverse(
+        noop, noop, [&](Tile<Tr> const& t) { seen.push_back(t.treeIndex()); }, noop, NoVoxelVisit{},
+        kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, false, 0, 2, false, 25);
     ASSERT_EQ(std::int64_t(seen.size()), c.tileCount(-1));
     EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
 }
@@ -346,18 +371,20 @@ TYPED_TEST(Traversal, JoinMergesRangesInOrder)
     using List = std::vector<TreeIndex>;
     for (TraversalMode mode : {kTraversalUnordered, kTraversalChildrenFirst}) {
         List all;
-        c.reduce(noop, noop, [](Tile<Tr> const& t, List& acc) { acc.push_back(t.treeIndex()); }, noop,
-                 NoVoxelVisit{}, [](List& l, List const& r) { l.insert(l.end(), r.begin(), r.end()); }, all,
-                 mode, kNoTile, 0, Tr::kMaxDepth, 1, 0, 2);
+        c.reduce(
+            noop, noop, [](Tile<Tr> const& t, List& acc) { acc.push_back(t.treeIndex()); }, noop,
+            NoVoxelVisit{}, [](List& l, List const& r) { l.insert(l.end(), r.begin(), r.end()); },
+            all, mode, kNoTile, 0, Tr::kMaxDepth, 1, 0, 2);
         ASSERT_EQ(std::int64_t(all.size()), c.tileCount(-1));
         if (mode == kTraversalUnordered) {
             // One construct over all depths from coarse to fine: range order is tile order.
             EXPECT_TRUE(std::is_sorted(all.begin(), all.end()));
         } else {
             // Depth by depth from fine to coarse, each depth in index order.
-            EXPECT_TRUE(std::is_sorted(all.begin(), all.end(), [](TreeIndex const& a, TreeIndex const& b) {
-                return a.depth != b.depth ? a.depth > b.depth : a.index < b.index;
-            }));
+            EXPECT_TRUE(
+                std::is_sorted(all.begin(), all.end(), [](TreeIndex const& a, TreeIndex const& b) {
+                    return a.depth != b.depth ? a.depth > b.depth : a.index < b.index;
+                }));
         }
     }
 }
@@ -371,21 +398,23 @@ TYPED_TEST(Traversal, SumReductionAgreesOnOneAndAllThreads)
         double total = 0;
         c.reduceVoxels(
             [](Tile<Tr> const& t, int3 const& v, double& acc) {
-                acc += std::sin(0.001 * double(t.ti() + v.x)) * double(t.voxelDataWidth()) + 1e-3 * v.z;
+                acc += std::sin(0.001 * double(t.ti() + v.x)) * double(t.voxelDataWidth()) +
+                       1e-3 * v.z;
             },
             total, kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 50, 0, 2);
         return total;
     };
     double one, all;
     {
-        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+        TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism,
+                                            1);
         one = sum();
     }
     all = sum();
     EXPECT_NEAR(one, all, 1e-9 * std::max(1.0, std::abs(one)));
     std::int64_t count = 0;
-    c.reduceVoxels([](Tile<Tr> const&, int3 const&, std::int64_t& acc) { ++acc; }, count, kTraversalUnordered,
-                   kNoTile, 0, Tr::kMaxDepth, 50, 0, 2);
+    c.reduceVoxels([](Tile<Tr> const&, int3 const&, std::int64_t& acc) { ++acc; }, count,
+                   kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 50, 0, 2);
     EXPECT_EQ(count, c.tileCount(-1) * Tr::kTileSize);
 }
 
@@ -394,12 +423,13 @@ TYPED_TEST(Traversal, MutableTraversalPassesMutableTilesAndSetsTheTileFlag)
     using Tr = TypeParam;
     auto c = makeTree<Tr>();
     std::atomic<std::int64_t> tiles{0};
-    c.traverse(noop, noop, [&](Tile<Tr>& t) { tiles += t.valid(); }, noop, NoVoxelVisit{}, kTraversalUnordered,
-               kNoTile, 0, Tr::kMaxDepth, 1, true, 0, 2, true, 25);
+    c.traverse(
+        noop, noop, [&](Tile<Tr>& t) { tiles += t.valid(); }, noop, NoVoxelVisit{},
+        kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, true, 0, 2, true, 25);
     EXPECT_EQ(tiles.load(), c.tileCount(-1));
     // The flag reaches the base at each endTile.
-    detail::MyVisitor<Container<Tr>, Tile<Tr> const&, decltype(noop), decltype(noop), decltype(noop),
-                      decltype(noop), NoVoxelVisit>
+    detail::MyVisitor<Container<Tr>, Tile<Tr> const&, decltype(noop), decltype(noop),
+                      decltype(noop), decltype(noop), NoVoxelVisit>
         v(noop, noop, noop, noop, NoVoxelVisit{}, true);
     EXPECT_FALSE(v.tileFlag());
     v.endTile(std::as_const(c).tile(0, 0));
@@ -413,8 +443,8 @@ TYPED_TEST(Traversal, TraverseVoxelsVisitsEveryVoxel)
     using Tr = TypeParam;
     auto const c = makeTree<Tr>();
     std::atomic<std::int64_t> n{0};
-    c.traverseVoxels([&](Tile<Tr> const&, int3 const&) { ++n; }, kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth,
-                     1, true, 0, 2, false, 25);
+    c.traverseVoxels([&](Tile<Tr> const&, int3 const&) { ++n; }, kTraversalUnordered, kNoTile, 0,
+                     Tr::kMaxDepth, 1, true, 0, 2, false, 25);
     EXPECT_EQ(n.load(), c.tileCount(-1) * Tr::kTileSize);
 }
 
@@ -424,12 +454,14 @@ TYPED_TEST(Traversal, NestedTraversalsComplete)
     auto const c = makeTree<Tr>();
     std::atomic<std::int64_t> inner{0};
     int const d = Tr::kMaxDepth - 1;
-    c.traverse(noop, noop,
-               [&](Tile<Tr> const& t) {
-                   c.traverse(noop, noop, [&](Tile<Tr> const&) { ++inner; }, noop, NoVoxelVisit{},
-                              kTraversalSubtree, t.treeIndex(), d + 1, d + 1, 1, true, 0, 2, false, 25);
-               },
-               noop, NoVoxelVisit{}, kTraversalSingleDepth, kNoTile, d, d, 1, true, 0, 2, false, 25);
+    c.traverse(
+        noop, noop,
+        [&](Tile<Tr> const& t) {
+            c.traverse(
+                noop, noop, [&](Tile<Tr> const&) { ++inner; }, noop, NoVoxelVisit{},
+                kTraversalSubtree, t.treeIndex(), d + 1, d + 1, 1, true, 0, 2, false, 25);
+        },
+        noop, NoVoxelVisit{}, kTraversalSingleDepth, kNoTile, d, d, 1, true, 0, 2, false, 25);
     EXPECT_EQ(inner.load(), c.tileCount(d + 1));
 }
 
@@ -437,12 +469,14 @@ TYPED_TEST(Traversal, ExceptionFromAVisitorLeavesTheTraversal)
 {
     using Tr = TypeParam;
     auto const c = makeTree<Tr>();
-    EXPECT_THROW(c.traverse(noop, noop,
-                            [&](Tile<Tr> const& t) {
-                                if (t.depth() == Tr::kMaxDepth) throw std::logic_error("visitor failed");
-                            },
-                            noop, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, true, 0, 2,
-                            false, 25),
+    EXPECT_THROW(c.traverse(
+                     noop, noop,
+                     [&](Tile<Tr> const& t) {
+                         if (t.depth() == Tr::kMaxDepth)
+                             throw std::logic_error("visitor failed");
+                     },
+                     noop, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, true,
+                     0, 2, false, 25),
                  std::logic_error);
 }
 
@@ -456,7 +490,8 @@ TYPED_TEST(Traversal, CancellationStopsWorkersAndThrows)
         Quillon::clearJobCancellation();
         std::atomic<std::int64_t> visited{0};
         auto slowTile = [&](Tile<Tr> const&) {
-            if (++visited == 20) Quillon::requestJobCancellation();
+            if (++visited == 20)
+                Quillon::requestJobCancellation();
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         };
         bool ended = false;
@@ -464,18 +499,22 @@ TYPED_TEST(Traversal, CancellationStopsWorkersAndThrows)
         try {
             if (reduction) {
                 int value = 0;
-                c.reduce(noop, [&](int&) { ended = true; }, [&](Tile<Tr> const& t, int&) { slowTile(t); }, noop,
-                         NoVoxelVisit{}, [](int&, int const&) {}, value, kTraversalUnordered, kNoTile, 0,
-                         Tr::kMaxDepth, 1, 0, 2);
+                c.reduce(
+                    noop, [&](int&) { ended = true; },
+                    [&](Tile<Tr> const& t, int&) { slowTile(t); }, noop, NoVoxelVisit{},
+                    [](int&, int const&) {}, value, kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth,
+                    1, 0, 2);
             } else {
-                c.traverse(noop, [&] { ended = true; }, slowTile, noop, NoVoxelVisit{}, kTraversalUnordered,
-                           kNoTile, 0, Tr::kMaxDepth, 1, true, 0, 2, false, 25);
+                c.traverse(
+                    noop, [&] { ended = true; }, slowTile, noop, NoVoxelVisit{},
+                    kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, true, 0, 2, false, 25);
             }
             ADD_FAILURE() << "no exception";
         } catch (std::runtime_error const& e) {
             EXPECT_EQ(std::string(e.what()), TVL::exceptionMessage);
         }
-        double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        double const seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
         Quillon::clearJobCancellation();
         EXPECT_FALSE(ended);
         EXPECT_LT(visited.load(), total / 2) << "workers did not stop early";
@@ -489,12 +528,14 @@ TYPED_TEST(Traversal, CancellationOfASerialTraversalThrows)
     auto const c = makeTree<Tr>();
     Quillon::clearJobCancellation();
     std::int64_t visited = 0;
-    EXPECT_THROW(c.traverse(noop, noop,
-                            [&](Tile<Tr> const&) {
-                                if (++visited == 5) Quillon::requestJobCancellation();
-                            },
-                            noop, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, false, 0, 2,
-                            false, 25),
+    EXPECT_THROW(c.traverse(
+                     noop, noop,
+                     [&](Tile<Tr> const&) {
+                         if (++visited == 5)
+                             Quillon::requestJobCancellation();
+                     },
+                     noop, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0, Tr::kMaxDepth, 1, false,
+                     0, 2, false, 25),
                  std::runtime_error);
     Quillon::clearJobCancellation();
     EXPECT_EQ(visited, 5);

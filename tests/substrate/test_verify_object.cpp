@@ -1,11 +1,11 @@
 // Object structure checks and channel name tests.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/verify_object.h>
+#include <sstream>
 
 using namespace TVL::TileTree3D;
 

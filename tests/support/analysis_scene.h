@@ -1,14 +1,14 @@
 // A volume object for operator tests: a tree (graded towards a sphere, or a uniform band around
 // it), its topology, and channels filled from analytic functions at every voxel of every depth.
 #pragma once
+#include "support/trees.h"
 #include <cmath>
 #include <cstdint>
 #include <functional>
-#include <vector>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/commands.h>
 #include <hexmold/substrate/object.h>
-#include "support/trees.h"
+#include <vector>
 
 namespace testscene {
 
@@ -21,8 +21,9 @@ public:
     Quillon::Ptr<TVL::Object> object;
 
     explicit Scene(float voxelSize)
-        : object(Command::createVoxelTVL<Tr>(Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp,
-                                             voxelSize, kVoxelOffsetCenter))
+        : object(Command::createVoxelTVL<Tr>(Tavrel::Geometry::sVoxelTileTree,
+                                             Tavrel::Geometry::sVoxelComp, voxelSize,
+                                             kVoxelOffsetCenter))
     {
     }
 
@@ -30,7 +31,9 @@ public:
     /// finest voxels, down to the deepest depth: resolution jumps near the surface.
     void buildGradedSphere(double r, double bandTiles)
     {
-        build([&](Container<Tr>& c) { testtrees::buildGradedSphere(c, r, Tr::kMaxDepth, bandTiles); });
+        build([&](Container<Tr>& c) {
+            testtrees::buildGradedSphere(c, r, Tr::kMaxDepth, bandTiles);
+        });
     }
     /// The deepest tiles within @p band finest voxels of the sphere, with their ancestors only.
     void buildUniformBand(double r, double band)
@@ -67,15 +70,16 @@ public:
 
     template <typename T, int H = 0, typename F> void add(char const* name, F const& value)
     {
-        auto ch = Command::createChannel<T, Tr::kRatio, W, W, H>(name, topology(), *object, T{},
-                                                                 kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
+        auto ch = Command::createChannel<T, Tr::kRatio, W, W, H>(
+            name, topology(), *object, T{}, kDataElementInitializerDefaultValue, 0, Tr::kMaxDepth);
         Container<Tr> const& c = tree();
         for (int d = 0; d <= Tr::kMaxDepth; ++d)
             for (std::int64_t t = 0; t < c.tileCount(d); ++t) {
                 auto td = ch->tileData(t, d);
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
-                        for (int i = 0; i < W; ++i) td(i, j, k) = value(c.tile(t, d), i, j, k);
+                        for (int i = 0; i < W; ++i)
+                            td(i, j, k) = value(c.tile(t, d), i, j, k);
             }
     }
     template <typename S, typename F> void addScalar(char const* name, F const& f, bool corner)
@@ -108,12 +112,14 @@ public:
     template <typename T> Channel<Tr, T, W, 0, 0> const& channel(char const* name) const
     {
         auto ch = object->template component<Channel<Tr, T, W, 0, 0>>(name);
-        if (!ch) throw std::logic_error(std::string("no channel ") + name + " of that type");
+        if (!ch)
+            throw std::logic_error(std::string("no channel ") + name + " of that type");
         return *ch;
     }
 
     /// @p fn(value, h, position) for every voxel of every tile; h is the voxel's world size.
-    template <typename T, typename F> void forEachVoxel(char const* name, F const& fn, bool corner = false) const
+    template <typename T, typename F>
+    void forEachVoxel(char const* name, F const& fn, bool corner = false) const
     {
         auto const& ch = channel<T>(name);
         Container<Tr> const& c = tree();
@@ -124,7 +130,8 @@ public:
                 double const h = double(tile.voxelDataWidth()) * c.voxelSize();
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
-                        for (int i = 0; i < W; ++i) fn(td(i, j, k), h, position(tile, i, j, k, corner));
+                        for (int i = 0; i < W; ++i)
+                            fn(td(i, j, k), h, position(tile, i, j, k, corner));
             }
     }
 
@@ -150,12 +157,15 @@ public:
                                 for (int b = -1; b <= 1 && ok; ++b)
                                     for (int e = -1; e <= 1 && ok; ++e) {
                                         int const n = (a != 0) + (b != 0) + (e != 0);
-                                        if (n == 0 || n > reach || n == 3) continue;
-                                        std::int64_t const x = tile.ti() + (i + a) * w, y = tile.tj() + (j + b) * w,
+                                        if (n == 0 || n > reach || n == 3)
+                                            continue;
+                                        std::int64_t const x = tile.ti() + (i + a) * w,
+                                                           y = tile.tj() + (j + b) * w,
                                                            z = tile.tk() + (k + e) * w;
                                         ok = acc.tile(x, y, z, d).depth() == d;
                                     }
-                            if (ok) fn(td(i, j, k), h, position(tile, i, j, k, corner));
+                            if (ok)
+                                fn(td(i, j, k), h, position(tile, i, j, k, corner));
                         }
             }
     }
@@ -170,7 +180,8 @@ public:
                 auto const td = ch.tileData(t, d);
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
-                        for (int i = 0; i < W; ++i) fn(td(i, j, k), i);
+                        for (int i = 0; i < W; ++i)
+                            fn(td(i, j, k), i);
             }
     }
 

@@ -4,8 +4,6 @@
 #pragma once
 #include <cstdint>
 #include <cstring>
-#include <string>
-#include <type_traits>
 #include <gtest/gtest.h>
 #include <hexmold/api/error.h>
 #include <hexmold/api/volume.h>
@@ -15,6 +13,8 @@
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/topology.h>
+#include <string>
+#include <type_traits>
 
 namespace testapi {
 
@@ -22,7 +22,8 @@ using namespace TVL::TileTree3D;
 
 template <typename Tr> constexpr hexmold::TraitsKind kindOf()
 {
-    return std::is_same_v<Tr, Traits24> ? hexmold::TraitsKind::kTraits24 : hexmold::TraitsKind::kTraits55;
+    return std::is_same_v<Tr, Traits24> ? hexmold::TraitsKind::kTraits24
+                                        : hexmold::TraitsKind::kTraits55;
 }
 
 template <typename Tr> Container<Tr> const& treeOf(TVL::Object const& object)
@@ -36,35 +37,40 @@ template <typename Tr> VoxelTopology<Tr> const& topologyOf(TVL::Object const& ob
 }
 
 template <typename Tr, typename T = float>
-VoxelChannel<Tr, T> const& channelOf(TVL::Object const& object, std::string const& name = hexmold::kDistanceChannel)
+VoxelChannel<Tr, T> const& channelOf(TVL::Object const& object,
+                                     std::string const& name = hexmold::kDistanceChannel)
 {
     auto ch = object.component<VoxelChannel<Tr, T>>(name);
-    if (!ch) throw std::runtime_error("test: no channel " + name);
+    if (!ch)
+        throw std::runtime_error("test: no channel " + name);
     return *ch;
 }
 
 /// The voxel hash of a channel with one thread, so that equal channels give equal hashes.
 template <typename Tr, typename T = float>
-double hashOnOneThread(TVL::Object const& object, std::string const& name = hexmold::kDistanceChannel)
+double hashOnOneThread(TVL::Object const& object,
+                       std::string const& name = hexmold::kDistanceChannel)
 {
     TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
     return CoreGL::voxelHash(treeOf<Tr>(object), channelOf<Tr, T>(object, name));
 }
 
 /// Whether two objects hold the same tiles, in the same order, at every depth.
-template <typename Tr> ::testing::AssertionResult sameTiles(TVL::Object const& a, TVL::Object const& b)
+template <typename Tr>
+::testing::AssertionResult sameTiles(TVL::Object const& a, TVL::Object const& b)
 {
     auto const& ta = treeOf<Tr>(a);
     auto const& tb = treeOf<Tr>(b);
     for (int d = 0; d <= Tr::kMaxDepth; ++d) {
         if (ta.tileCount(d) != tb.tileCount(d))
-            return ::testing::AssertionFailure() << "depth " << d << ": " << ta.tileCount(d) << " tiles against "
-                                                 << tb.tileCount(d);
+            return ::testing::AssertionFailure() << "depth " << d << ": " << ta.tileCount(d)
+                                                 << " tiles against " << tb.tileCount(d);
         for (std::int64_t t = 0; t < ta.tileCount(d); ++t) {
             auto const& x = ta.tile(t, d);
             auto const& y = tb.tile(t, d);
             if (x.ti() != y.ti() || x.tj() != y.tj() || x.tk() != y.tk())
-                return ::testing::AssertionFailure() << "depth " << d << ", tile " << t << " differs";
+                return ::testing::AssertionFailure()
+                       << "depth " << d << ", tile " << t << " differs";
         }
     }
     return ::testing::AssertionSuccess();
@@ -75,7 +81,8 @@ template <typename Tr, typename T = float>
 ::testing::AssertionResult sameBits(TVL::Object const& a, TVL::Object const& b,
                                     std::string const& name = hexmold::kDistanceChannel)
 {
-    if (auto r = sameTiles<Tr>(a, b); !r) return r;
+    if (auto r = sameTiles<Tr>(a, b); !r)
+        return r;
     auto const& ca = channelOf<Tr, T>(a, name);
     auto const& cb = channelOf<Tr, T>(b, name);
     auto const& tree = treeOf<Tr>(a);
@@ -84,30 +91,37 @@ template <typename Tr, typename T = float>
         for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
             auto const x = ca.tileData(t, d);
             auto const y = cb.tileData(t, d);
-            if (x.empty() != y.empty()) return ::testing::AssertionFailure() << "depth " << d << ", tile " << t;
-            if (x.empty()) continue;
+            if (x.empty() != y.empty())
+                return ::testing::AssertionFailure() << "depth " << d << ", tile " << t;
+            if (x.empty())
+                continue;
             if (std::memcmp(&x(0, 0, 0), &y(0, 0, 0), sizeof(T) * Tr::kTileSize) != 0)
-                return ::testing::AssertionFailure() << name << ": depth " << d << ", tile " << t << " differs";
+                return ::testing::AssertionFailure()
+                       << name << ": depth " << d << ", tile " << t << " differs";
             voxels += Tr::kTileSize;
         }
-    if (voxels == 0) return ::testing::AssertionFailure() << name << " has no voxels";
+    if (voxels == 0)
+        return ::testing::AssertionFailure() << name << " has no voxels";
     return ::testing::AssertionSuccess();
 }
 
 /// Replaces every voxel v of the float channel @p name of @p io_object by @p f(v), through
 /// extract and put as a driver writes.
 template <typename Tr, typename F>
-void rewrite(TVL::Object& io_object, F const& f, std::string const& name = hexmold::kDistanceChannel)
+void rewrite(TVL::Object& io_object, F const& f,
+             std::string const& name = hexmold::kDistanceChannel)
 {
     TVL::ComponentGuard<VoxelChannel<Tr, float>> ch(io_object, name);
     auto const& tree = treeOf<Tr>(io_object);
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < tree.tileCount(d); ++t) {
             auto data = ch->tileData(t, d);
-            if (data.empty()) continue;
+            if (data.empty())
+                continue;
             for (int k = 0; k < Tr::kTileWidth; ++k)
                 for (int j = 0; j < Tr::kTileWidth; ++j)
-                    for (int i = 0; i < Tr::kTileWidth; ++i) data(i, j, k) = f(data(i, j, k));
+                    for (int i = 0; i < Tr::kTileWidth; ++i)
+                        data(i, j, k) = f(data(i, j, k));
         }
 }
 

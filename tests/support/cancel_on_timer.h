@@ -2,9 +2,9 @@
 // suffix reports, the job is asked to stop, so that the next parallel construct throws.
 #pragma once
 #include <atomic>
-#include <string>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
+#include <string>
 
 namespace testcancel {
 
@@ -22,7 +22,8 @@ inline std::atomic<int>& reports()
 inline void observe(Quillon::StringView name, double)
 {
     std::string const& end = suffix();
-    if (!end.empty() && name.size() >= end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0) {
+    if (!end.empty() && name.size() >= end.size() &&
+        name.compare(name.size() - end.size(), end.size(), end) == 0) {
         ++reports();
         Quillon::requestJobCancellation();
     }

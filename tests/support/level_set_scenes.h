@@ -4,23 +4,23 @@
 // tree); channels filled at every voxel of every depth; error statistics against the exact
 // distance, per depth and near the surface.
 #pragma once
+#include "trees.h"
 #include <algorithm>
 #include <array>
+#include <cfloat>
 #include <cmath>
 #include <cstdint>
 #include <functional>
-#include <limits>
-#include <memory>
-#include <string>
-#include <vector>
-#include <cfloat>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
-#include "trees.h"
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace testlevelset {
 
@@ -41,14 +41,19 @@ struct Shape {
     /// which a first-order upwind solve overestimates by more than a voxel (OpenVDB's sdfToSdf
     /// alike); inside, within two voxels of the planes where two faces are equally far, where the
     /// solve mixes the faces' gradients and underestimates.
-    std::function<bool(double, double, double)> nearEdges = [](double, double, double) { return false; };
+    std::function<bool(double, double, double)> nearEdges = [](double, double, double) {
+        return false;
+    };
 };
 
 /// Sphere of radius @p r centred on the origin; field (|x|^2 - r^2) / (2 r) = d + d^2 / (2 r).
 inline Shape sphere(double r)
 {
-    return {"sphere", [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
-            [r](double x, double y, double z) { return (x * x + y * y + z * z - r * r) / (2.0 * r); }, r};
+    return {
+        "sphere",
+        [r](double x, double y, double z) { return std::sqrt(x * x + y * y + z * z) - r; },
+        [r](double x, double y, double z) { return (x * x + y * y + z * z - r * r) / (2.0 * r); },
+        r};
 }
 
 /// Torus around the z axis: tube of radius @p minor around a circle of radius @p major; field
@@ -73,15 +78,18 @@ inline Shape torus(double major, double minor)
 inline Shape box(double hx, double hy, double hz, double cx, double cy, double cz, double voxelSize)
 {
     auto d = [=](double x, double y, double z) {
-        double const qx = std::abs(x - cx) - hx, qy = std::abs(y - cy) - hy, qz = std::abs(z - cz) - hz;
+        double const qx = std::abs(x - cx) - hx, qy = std::abs(y - cy) - hy,
+                     qz = std::abs(z - cz) - hz;
         double const ox = std::max(qx, 0.0), oy = std::max(qy, 0.0), oz = std::max(qz, 0.0);
-        return std::sqrt(ox * ox + oy * oy + oz * oz) + std::min(std::max(qx, std::max(qy, qz)), 0.0);
+        return std::sqrt(ox * ox + oy * oy + oz * oz) +
+               std::min(std::max(qx, std::max(qy, qz)), 0.0);
     };
     double const m = std::max(hx, std::max(hy, hz));
     auto edge = [=](double x, double y, double z, double voxelSize) {
         double q[3] = {std::abs(x - cx) - hx, std::abs(y - cy) - hy, std::abs(z - cz) - hz};
         std::sort(q, q + 3);
-        if (q[2] > 0) return q[1] > -2.0 * voxelSize;
+        if (q[2] > 0)
+            return q[1] > -2.0 * voxelSize;
         return q[2] - q[1] <= 2.0 * voxelSize;
     };
     return {"box", d,
@@ -97,7 +105,8 @@ inline Shape box(double hx, double hy, double hz, double cx, double cy, double c
 /// depth: the sample (centre) of the finest voxel at the voxel's corner. A covered voxel thus
 /// coincides with the child voxel at the low corner of its region, and a hanging voxel with its
 /// place on the coarser lattice.
-template <typename Tr> std::array<double, 3> voxelCentre(Tile<Tr> const& tile, int i, int j, int k, double voxelSize)
+template <typename Tr>
+std::array<double, 3> voxelCentre(Tile<Tr> const& tile, int i, int j, int k, double voxelSize)
 {
     double const w = double(tile.voxelDataWidth());
     return {(tile.ti() + i * w + 0.5) * voxelSize, (tile.tj() + j * w + 0.5) * voxelSize,
@@ -106,7 +115,8 @@ template <typename Tr> std::array<double, 3> voxelCentre(Tile<Tr> const& tile, i
 
 /// Lower bound of |distance| over the box of the tile (@p corner, @p depth): the value at the
 /// box centre minus the half diagonal (a signed distance is 1-Lipschitz).
-template <typename Tr> double tileLowerBound(Shape const& shape, int3 const& corner, int depth, double voxelSize)
+template <typename Tr>
+double tileLowerBound(Shape const& shape, int3 const& corner, int depth, double voxelSize)
 {
     double const w = double(Container<Tr>::tileVoxelWidth(depth));
     double const cx = (corner.x + 0.5 * w) * voxelSize, cy = (corner.y + 0.5 * w) * voxelSize,
@@ -143,9 +153,10 @@ public:
     {
         double const s = voxelSize();
         testtrees::refineWhere<Tr>(tree, Tr::kMaxDepth, [&](int3 const& corner, int depth) {
-            double const reach = depth == Tr::kMaxDepth
-                                     ? bandVoxels
-                                     : std::max(bandVoxels, double(Container<Tr>::tileVoxelWidth(depth)));
+            double const reach =
+                depth == Tr::kMaxDepth
+                    ? bandVoxels
+                    : std::max(bandVoxels, double(Container<Tr>::tileVoxelWidth(depth)));
             return tileLowerBound<Tr>(shape, corner, depth, s) <= reach * s;
         });
         CoreGL::TileTree3D::gradeTileTree<Tr>(tree, nullptr, nullptr, 0, Tr::kMaxDepth);
@@ -184,8 +195,10 @@ public:
                 for (int dz = -1; dz <= 1; ++dz)
                     for (int dy = -1; dy <= 1; ++dy)
                         for (int dx = -1; dx <= 1; ++dx) {
-                            auto const& n = acc.tile(tile.ti() + dx * w, tile.tj() + dy * w, tile.tk() + dz * w, d);
-                            if (n.valid()) jump = std::max(jump, d - n.depth());
+                            auto const& n = acc.tile(tile.ti() + dx * w, tile.tj() + dy * w,
+                                                     tile.tk() + dz * w, d);
+                            if (n.valid())
+                                jump = std::max(jump, d - n.depth());
                         }
             }
         return jump;
@@ -193,17 +206,20 @@ public:
 
     /// A float channel of default `kBackground` over all depths, every voxel set to
     /// @p value(x, y, z) at its centre, clamped to plus or minus the background.
-    std::unique_ptr<VoxelChannel<Tr, float>> makeChannel(std::function<double(double, double, double)> const& value,
-                                                         char const* name = "distance") const
+    std::unique_ptr<VoxelChannel<Tr, float>>
+    makeChannel(std::function<double(double, double, double)> const& value,
+                char const* name = "distance") const
     {
         float const background = kBackground;
-        auto ch = std::make_unique<VoxelChannel<Tr, float>>(name, &background, kDataElementInitializerDefaultValue,
-                                                            false, true, 0, Tr::kMaxDepth);
+        auto ch = std::make_unique<VoxelChannel<Tr, float>>(
+            name, &background, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
         ch->update(topology);
-        forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-            double const v = std::clamp(value(p[0], p[1], p[2]), -double(kBackground), double(kBackground));
-            ch->tileData(tile.index(), tile.depth())(i, j, k) = float(v);
-        });
+        forEachVoxel(
+            [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+                double const v =
+                    std::clamp(value(p[0], p[1], p[2]), -double(kBackground), double(kBackground));
+                ch->tileData(tile.index(), tile.depth())(i, j, k) = float(v);
+            });
         return ch;
     }
 
@@ -211,8 +227,8 @@ public:
     std::unique_ptr<VoxelChannel<Tr, short>> makeDOF() const
     {
         short const zero = 0;
-        auto ch = std::make_unique<VoxelChannel<Tr, short>>("dof", &zero, kDataElementInitializerDefaultValue, false,
-                                                            true, 0, Tr::kMaxDepth);
+        auto ch = std::make_unique<VoxelChannel<Tr, short>>(
+            "dof", &zero, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
         ch->update(topology);
         VolumeGL::TileTree3D::LevelSet::classifyDegreesOfFreedom<Tr>(tree, *ch);
         return ch;
@@ -221,9 +237,9 @@ public:
     /// A value-type channel (default 2, unknown) over all depths.
     std::unique_ptr<VoxelChannel<Tr, unsigned char>> makeValueTypes(unsigned char fill = 2) const
     {
-        auto ch = std::make_unique<VoxelChannel<Tr, unsigned char>>("value_type", &fill,
-                                                                    kDataElementInitializerDefaultValue, false, true,
-                                                                    0, Tr::kMaxDepth);
+        auto ch = std::make_unique<VoxelChannel<Tr, unsigned char>>(
+            "value_type", &fill, kDataElementInitializerDefaultValue, false, true, 0,
+            Tr::kMaxDepth);
         ch->update(topology);
         return ch;
     }
@@ -236,7 +252,8 @@ public:
                 Tile<Tr> const& tile = tree.tile(t, d);
                 for (int k = 0; k < W; ++k)
                     for (int j = 0; j < W; ++j)
-                        for (int i = 0; i < W; ++i) fn(tile, i, j, k, voxelCentre(tile, i, j, k, voxelSize()));
+                        for (int i = 0; i < W; ++i)
+                            fn(tile, i, j, k, voxelCentre(tile, i, j, k, voxelSize()));
             }
     }
 
@@ -275,8 +292,9 @@ struct Worst {
     std::string str() const
     {
         return "depth " + std::to_string(depth) + " at (" + std::to_string(position[0]) + ", " +
-               std::to_string(position[1]) + ", " + std::to_string(position[2]) + "): value " + std::to_string(value) +
-               ", exact " + std::to_string(exact) + ", error " + std::to_string(error) + " h";
+               std::to_string(position[1]) + ", " + std::to_string(position[2]) + "): value " +
+               std::to_string(value) + ", exact " + std::to_string(exact) + ", error " +
+               std::to_string(error) + " h";
     }
 };
 
@@ -291,11 +309,13 @@ template <typename Tr> struct Accuracy {
 
     ErrorStats nearSurface; ///< away from sharp edges
     Worst worstNear;
-    ErrorStats nearEdges;   ///< near the surface and near sharp edges (`Shape::nearEdges`)
+    ErrorStats nearEdges; ///< near the surface and near sharp edges (`Shape::nearEdges`)
     Worst worstNearEdges;
-    std::array<ErrorStats, Tr::kDepthCount> band{}; ///< reached voxels away from sharp edges, per depth
+    std::array<ErrorStats, Tr::kDepthCount>
+        band{}; ///< reached voxels away from sharp edges, per depth
     std::array<Worst, Tr::kDepthCount> worstBand{};
-    std::array<ErrorStats, Tr::kDepthCount> bandEdges{}; ///< reached voxels near sharp edges, per depth
+    std::array<ErrorStats, Tr::kDepthCount>
+        bandEdges{}; ///< reached voxels near sharp edges, per depth
     std::array<Worst, Tr::kDepthCount> worstBandEdges{};
     long long voxels = 0, unreached = 0, signFlips = 0, nonFinite = 0;
     Worst firstUnreached, firstFlip;
@@ -320,46 +340,51 @@ Accuracy<Tr> measure(LevelSetScene<Tr> const& scene, VoxelChannel<Tr, float> con
 {
     Accuracy<Tr> a;
     double const background = double(std::abs(out.defaultValue()));
-    scene.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
-        int const d = tile.depth();
-        double const h = scene.spacing(d);
-        float const v = out.tileData(tile.index(), d)(i, j, k);
-        float const v0 = in.tileData(tile.index(), d)(i, j, k);
-        double const exact = shape.distance(p[0], p[1], p[2]);
-        bool const leaf = LevelSetScene<Tr>::isLeafVoxel(tile, i, j, k);
-        ++a.voxels;
-        auto where = [&](double e) {
-            Worst w;
-            w.error = e;
-            w.value = v;
-            w.exact = exact;
-            w.depth = d;
-            w.position = p;
-            return w;
-        };
-        if (!std::isfinite(v)) {
-            ++a.nonFinite;
-            return;
-        }
-        if (std::abs(double(v)) >= background * (1.0 - 1e-6)) {
-            if (a.unreached++ == 0) a.firstUnreached = where(0);
-            return;
-        }
-        bool const flipped = (0.0f > v) != (0.0f > v0);
-        if (flipped && (leaf || std::abs(exact) > Accuracy<Tr>::kRestrictedSignBand * h)) {
-            if (a.signFlips++ == 0) a.firstFlip = where(0);
-        }
-        double const e = std::abs(double(v) - exact) / h;
-        bool const fan = shape.nearEdges(p[0], p[1], p[2]);
-        (fan ? a.bandEdges : a.band)[d].add(e);
-        Worst& wb = (fan ? a.worstBandEdges : a.worstBand)[d];
-        if (e > wb.error) wb = where(e);
-        if (leaf && std::abs(exact) <= Accuracy<Tr>::kNearSurface * scene.voxelSize()) {
-            (fan ? a.nearEdges : a.nearSurface).add(e);
-            Worst& wn = fan ? a.worstNearEdges : a.worstNear;
-            if (e > wn.error) wn = where(e);
-        }
-    });
+    scene.forEachVoxel(
+        [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const& p) {
+            int const d = tile.depth();
+            double const h = scene.spacing(d);
+            float const v = out.tileData(tile.index(), d)(i, j, k);
+            float const v0 = in.tileData(tile.index(), d)(i, j, k);
+            double const exact = shape.distance(p[0], p[1], p[2]);
+            bool const leaf = LevelSetScene<Tr>::isLeafVoxel(tile, i, j, k);
+            ++a.voxels;
+            auto where = [&](double e) {
+                Worst w;
+                w.error = e;
+                w.value = v;
+                w.exact = exact;
+                w.depth = d;
+                w.position = p;
+                return w;
+            };
+            if (!std::isfinite(v)) {
+                ++a.nonFinite;
+                return;
+            }
+            if (std::abs(double(v)) >= background * (1.0 - 1e-6)) {
+                if (a.unreached++ == 0)
+                    a.firstUnreached = where(0);
+                return;
+            }
+            bool const flipped = (0.0f > v) != (0.0f > v0);
+            if (flipped && (leaf || std::abs(exact) > Accuracy<Tr>::kRestrictedSignBand * h)) {
+                if (a.signFlips++ == 0)
+                    a.firstFlip = where(0);
+            }
+            double const e = std::abs(double(v) - exact) / h;
+            bool const fan = shape.nearEdges(p[0], p[1], p[2]);
+            (fan ? a.bandEdges : a.band)[d].add(e);
+            Worst& wb = (fan ? a.worstBandEdges : a.worstBand)[d];
+            if (e > wb.error)
+                wb = where(e);
+            if (leaf && std::abs(exact) <= Accuracy<Tr>::kNearSurface * scene.voxelSize()) {
+                (fan ? a.nearEdges : a.nearSurface).add(e);
+                Worst& wn = fan ? a.worstNearEdges : a.worstNear;
+                if (e > wn.error)
+                    wn = where(e);
+            }
+        });
     return a;
 }
 
@@ -374,25 +399,28 @@ template <typename Tr> struct RedistanceCall {
     int pre = 10, post = 10;
     bool haloByExtrapolation = false, coalesced = false;
     VoxelChannel<Tr, short> const* dof = nullptr;
-    VolumeGL::TileTree3D::LevelSet::RedistancingScheme scheme = VolumeGL::TileTree3D::LevelSet::kRedistanceSweeping;
+    VolumeGL::TileTree3D::LevelSet::RedistancingScheme scheme =
+        VolumeGL::TileTree3D::LevelSet::kRedistanceSweeping;
     char const* name = "test";
 
     void run(LevelSetScene<Tr> const& scene, VoxelChannel<Tr, float>& io_distance) const
     {
         VolumeGL::TileTree3D::LevelSet::levelSetRedistance<Tr>(
-            scene.tree, scene.topology, io_distance, redistanceInterior, redistanceExterior, overwriteSurface,
-            minDepth, maxDepth, mask, valueType, tolerance, interiorBand, exteriorBand, pre, post,
-            haloByExtrapolation, coalesced, dof, name, scheme);
+            scene.tree, scene.topology, io_distance, redistanceInterior, redistanceExterior,
+            overwriteSurface, minDepth, maxDepth, mask, valueType, tolerance, interiorBand,
+            exteriorBand, pre, post, haloByExtrapolation, coalesced, dof, name, scheme);
     }
 };
 
 /// All values of a channel, tile after tile, depth after depth.
-template <typename Tr, typename T> std::vector<T> channelValues(LevelSetScene<Tr> const& scene, VoxelChannel<Tr, T> const& ch)
+template <typename Tr, typename T>
+std::vector<T> channelValues(LevelSetScene<Tr> const& scene, VoxelChannel<Tr, T> const& ch)
 {
     std::vector<T> out;
-    scene.forEachVoxel([&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
-        out.push_back(ch.tileData(tile.index(), tile.depth())(i, j, k));
-    });
+    scene.forEachVoxel(
+        [&](Tile<Tr> const& tile, int i, int j, int k, std::array<double, 3> const&) {
+            out.push_back(ch.tileData(tile.index(), tile.depth())(i, j, k));
+        });
     return out;
 }
 

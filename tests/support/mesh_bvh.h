@@ -2,6 +2,7 @@
 // point-triangle distance as `BruteForce`, visiting boxes nearest first and stopping when no box
 // can beat the best, so that large meshes (the armadillo) can be checked voxel by voxel.
 #pragma once
+#include "support/meshes.h"
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -10,7 +11,6 @@
 #include <numeric>
 #include <utility>
 #include <vector>
-#include "support/meshes.h"
 
 namespace testmeshes {
 
@@ -31,7 +31,8 @@ public:
                 mBoxes[t][3 + k] = std::max({a[k], b[k], c[k]});
             }
         }
-        if (!mOrder.empty()) build(0, int(mOrder.size()));
+        if (!mOrder.empty())
+            build(0, int(mOrder.size()));
     }
 
     /// Distance from @p p to the mesh (long double, returned as double). With a @p limit, only
@@ -39,20 +40,24 @@ public:
     /// found without visiting the far triangles.
     double operator()(float3 const& p, double limit = std::numeric_limits<double>::infinity()) const
     {
-        if (mNodes.empty()) return std::numeric_limits<double>::infinity();
-        Real best = std::isfinite(limit) ? Real(limit) * (1.0L + 1e-6L) + Real(1e-30) : std::numeric_limits<Real>::infinity();
+        if (mNodes.empty())
+            return std::numeric_limits<double>::infinity();
+        Real best = std::isfinite(limit) ? Real(limit) * (1.0L + 1e-6L) + Real(1e-30)
+                                         : std::numeric_limits<Real>::infinity();
         std::vector<std::pair<double, int>> stack;
         stack.reserve(64);
         stack.push_back({boxDistance(mNodes[0].box, p), 0});
         while (!stack.empty()) {
             auto const [d, index] = stack.back();
             stack.pop_back();
-            if (Real(d) > best * (1.0L + 1e-12L)) continue;
+            if (Real(d) > best * (1.0L + 1e-12L))
+                continue;
             Node const& n = mNodes[std::size_t(index)];
             if (n.left < 0) {
                 for (int q = n.first; q < n.first + n.count; ++q) {
                     auto const& tri = mMesh->triangles[std::size_t(mOrder[std::size_t(q)])];
-                    best = std::min(best, triangleDistance(p, mMesh->positions[tri.x], mMesh->positions[tri.y],
+                    best = std::min(best, triangleDistance(p, mMesh->positions[tri.x],
+                                                           mMesh->positions[tri.y],
                                                            mMesh->positions[tri.z]));
                 }
                 continue;
@@ -81,7 +86,8 @@ private:
     {
         double s = 0.0;
         for (int k = 0; k < 3; ++k) {
-            double const d = std::max({double(b[k]) - double(p[k]), 0.0, double(p[k]) - double(b[3 + k])});
+            double const d =
+                std::max({double(b[k]) - double(p[k]), 0.0, double(p[k]) - double(b[3 + k])});
             s += d * d;
         }
         // A hair below, so that rounding never prunes the box holding the nearest triangle.
@@ -106,13 +112,15 @@ private:
         if (count > 8) {
             int axis = 0;
             for (int k = 1; k < 3; ++k)
-                if (n.box[3 + k] - n.box[k] > n.box[3 + axis] - n.box[axis]) axis = k;
+                if (n.box[3 + k] - n.box[k] > n.box[3 + axis] - n.box[axis])
+                    axis = k;
             int const half = count / 2;
-            std::nth_element(mOrder.begin() + first, mOrder.begin() + first + half, mOrder.begin() + first + count,
-                             [&](int x, int y) {
-                                 return mBoxes[std::size_t(x)][axis] + mBoxes[std::size_t(x)][3 + axis] <
-                                        mBoxes[std::size_t(y)][axis] + mBoxes[std::size_t(y)][3 + axis];
-                             });
+            std::nth_element(
+                mOrder.begin() + first, mOrder.begin() + first + half,
+                mOrder.begin() + first + count, [&](int x, int y) {
+                    return mBoxes[std::size_t(x)][axis] + mBoxes[std::size_t(x)][3 + axis] <
+                           mBoxes[std::size_t(y)][axis] + mBoxes[std::size_t(y)][3 + axis];
+                });
             n.left = build(first, half);
             n.right = build(first + half, count - half);
         }

@@ -2,9 +2,9 @@
 // any size between neighbouring tiles, and a set of the tiles by corner for independent lookups.
 #pragma once
 #include <cstdint>
+#include <hexmold/substrate/container.h>
 #include <map>
 #include <random>
-#include <hexmold/substrate/container.h>
 
 namespace testtrees {
 
@@ -19,8 +19,8 @@ using TVL::TileTree3D::VoxelCoord;
 /// With @p backgroundDepth >= 0 the cube is first covered by tiles of that depth, which bounds
 /// the size of the coarsest cells there.
 template <typename Tr>
-void growRandomTree(Container<Tr>& c, std::uint32_t seed, int points, int spread, int minDepth, double siblings,
-                    int backgroundDepth = -1)
+void growRandomTree(Container<Tr>& c, std::uint32_t seed, int points, int spread, int minDepth,
+                    double siblings, int backgroundDepth = -1)
 {
     std::mt19937 rng(seed);
     std::uniform_int_distribution<int> coord(-spread, spread - 1);
@@ -29,14 +29,16 @@ void growRandomTree(Container<Tr>& c, std::uint32_t seed, int points, int spread
     std::uniform_real_distribution<double> chance(0.0, 1.0);
     auto acc = c.tileAccessor();
     acc.addTile(0, 0, 0, 0);
-    if (backgroundDepth >= 0) acc.addTiles({-spread, -spread, -spread}, {spread, spread, spread}, backgroundDepth);
+    if (backgroundDepth >= 0)
+        acc.addTiles({-spread, -spread, -spread}, {spread, spread, spread}, backgroundDepth);
     for (int n = 0; n < points; ++n) {
         int3 const p{coord(rng), coord(rng), coord(rng)};
         int const deepest = depthOf(rng);
         for (int d = 1; d <= deepest; ++d) {
             auto const& t = acc.addTile(p, d);
             if (d < Tr::kMaxDepth && chance(rng) < siblings) {
-                int3 const corner = t.childTIJK(Container<Tr>::TileType::slotCoordinates(slot(rng)));
+                int3 const corner =
+                    t.childTIJK(Container<Tr>::TileType::slotCoordinates(slot(rng)));
                 acc.addTile(corner, d + 1);
             }
         }
@@ -55,25 +57,31 @@ public:
             }
     }
     /// The tile of @p depth that holds the tile-space point, or null.
-    typename Container<Tr>::TileType const* at(std::int64_t x, std::int64_t y, std::int64_t z, int depth) const
+    typename Container<Tr>::TileType const* at(std::int64_t x, std::int64_t y, std::int64_t z,
+                                               int depth) const
     {
-        if (depth < 0 || depth > Tr::kMaxDepth) return nullptr;
+        if (depth < 0 || depth > Tr::kMaxDepth)
+            return nullptr;
         std::int64_t const w = Tr::tileVoxelWidth(depth);
         auto snap = [w](std::int64_t v) {
             std::int64_t const u = v + Tr::kCentreOffset;
-            if (u < 0 || u >= Tr::tileVoxelWidth(0)) return std::int64_t(-1) << 40;
+            if (u < 0 || u >= Tr::tileVoxelWidth(0))
+                return std::int64_t(-1) << 40;
             return u - u % w - Tr::kCentreOffset;
         };
         std::int64_t const sx = snap(x), sy = snap(y), sz = snap(z);
-        if (sx < -Tr::kCentreOffset || sy < -Tr::kCentreOffset || sz < -Tr::kCentreOffset) return nullptr;
+        if (sx < -Tr::kCentreOffset || sy < -Tr::kCentreOffset || sz < -Tr::kCentreOffset)
+            return nullptr;
         auto const it = mTiles.find(VoxelCoord{int(sx), int(sy), int(sz), depth});
         return it == mTiles.end() ? nullptr : it->second;
     }
     /// The deepest tile of depth at most @p depth that holds the point, or null.
-    typename Container<Tr>::TileType const* deepest(std::int64_t x, std::int64_t y, std::int64_t z, int depth) const
+    typename Container<Tr>::TileType const* deepest(std::int64_t x, std::int64_t y, std::int64_t z,
+                                                    int depth) const
     {
         for (int d = depth; d >= 0; --d)
-            if (auto const* t = at(x, y, z, d)) return t;
+            if (auto const* t = at(x, y, z, d))
+                return t;
         return nullptr;
     }
 

@@ -11,6 +11,9 @@ inline constexpr bool kSanitized = false;
 #endif
 
 /// @p full in a normal build, @p reduced under the sanitizers.
-template <typename T> constexpr T unlessSanitized(T full, T reduced) { return kSanitized ? reduced : full; }
+template <typename T> constexpr T unlessSanitized(T full, T reduced)
+{
+    return kSanitized ? reduced : full;
+}
 
 } // namespace testbuild

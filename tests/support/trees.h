@@ -3,9 +3,9 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <hexmold/substrate/container.h>
 #include <set>
 #include <tuple>
-#include <hexmold/substrate/container.h>
 
 namespace testtrees {
 
@@ -35,7 +35,8 @@ template <typename Tr> void addBlock(Container<Tr>& c, int depth, int3 lo, int3 
     std::int64_t const w = Container<Tr>::tileVoxelWidth(depth);
     for (int k = lo.z; k <= hi.z; ++k)
         for (int j = lo.y; j <= hi.y; ++j)
-            for (int i = lo.x; i <= hi.x; ++i) acc.addTile(i * w, j * w, k * w, depth);
+            for (int i = lo.x; i <= hi.x; ++i)
+                acc.addTile(i * w, j * w, k * w, depth);
 }
 
 /// Refines from the root down to @p finestDepth: a child is added wherever @p wanted(corner,
@@ -52,7 +53,8 @@ void refineWhere(Container<Tr>& c, int finestDepth,
         for (std::int64_t t = 0; t < n; ++t) {
             for (int s = 0; s < Tr::kChildCount; ++s) {
                 int3 const corner = c.tile(t, d).childTIJK(C::TileType::slotCoordinates(s));
-                if (wanted(corner, d + 1)) acc.addTile(corner, d + 1);
+                if (wanted(corner, d + 1))
+                    acc.addTile(corner, d + 1);
             }
         }
     }
@@ -72,17 +74,20 @@ template <typename Tr> double boxSphereDistance(int3 const& corner, int depth, d
         hi2 += far * far;
     }
     double const lo = std::sqrt(lo2), hi = std::sqrt(hi2);
-    if (lo <= r && r <= hi) return 0;
+    if (lo <= r && r <= hi)
+        return 0;
     return lo > r ? lo - r : r - hi;
 }
 
 /// A tree graded towards a sphere of radius @p r (finest voxels) around the origin: tiles of
 /// every depth within @p bandTiles of their own tile widths from the surface are refined, down
 /// to @p finestDepth. Neighbouring tiles then differ by at most one depth near the surface.
-template <typename Tr> void buildGradedSphere(Container<Tr>& c, double r, int finestDepth, double bandTiles)
+template <typename Tr>
+void buildGradedSphere(Container<Tr>& c, double r, int finestDepth, double bandTiles)
 {
     refineWhere<Tr>(c, finestDepth, [&](int3 const& corner, int depth) {
-        return boxSphereDistance<Tr>(corner, depth, r) <= bandTiles * double(Container<Tr>::tileVoxelWidth(depth));
+        return boxSphereDistance<Tr>(corner, depth, r) <=
+               bandTiles * double(Container<Tr>::tileVoxelWidth(depth));
     });
 }
 

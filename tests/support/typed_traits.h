@@ -1,9 +1,9 @@
 // The two tree instances as the type list of typed test suites, with readable names.
 #pragma once
-#include <string>
-#include <type_traits>
 #include <gtest/gtest.h>
 #include <hexmold/substrate/traits.h>
+#include <string>
+#include <type_traits>
 
 namespace testtraits {
 

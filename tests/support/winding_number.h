@@ -7,13 +7,13 @@
 // triangle count; a cluster counts exactly while the point is within `kBeta` times its radius.
 // The far-field error is far below the 0.5 that separates inside from outside.
 #pragma once
+#include "support/meshes.h"
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
 #include <numeric>
 #include <vector>
-#include "support/meshes.h"
 
 namespace testmeshes {
 
@@ -28,25 +28,29 @@ public:
             std::array<double, 9> v{};
             std::uint64_t const id[3] = {t.x, t.y, t.z};
             for (int c = 0; c < 3; ++c)
-                for (int a = 0; a < 3; ++a) v[3 * c + a] = m.positions[id[c]][a];
+                for (int a = 0; a < 3; ++a)
+                    v[3 * c + a] = m.positions[id[c]][a];
             mTris.push_back(v);
         }
         mOrder.resize(mTris.size());
         std::iota(mOrder.begin(), mOrder.end(), 0);
-        if (!mTris.empty()) build(0, int(mTris.size()));
+        if (!mTris.empty())
+            build(0, int(mTris.size()));
     }
 
     /// The exact sum over every triangle (for checking the clustered one).
     double exact(double const p[3]) const
     {
         double w = 0.0;
-        for (auto const& t : mTris) w += solidAngle(t, p);
+        for (auto const& t : mTris)
+            w += solidAngle(t, p);
         return w / (4.0 * M_PI);
     }
 
     double operator()(double const p[3]) const
     {
-        if (mNodes.empty()) return 0.0;
+        if (mNodes.empty())
+            return 0.0;
         double w = 0.0;
         int stack[128];
         int top = 0;
@@ -56,7 +60,8 @@ public:
             double const d[3] = {n.centre[0] - p[0], n.centre[1] - p[1], n.centre[2] - p[2]};
             double const r2 = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
             if (n.left < 0) {
-                for (int q = n.first; q < n.first + n.count; ++q) w += solidAngle(mTris[std::size_t(mOrder[std::size_t(q)])], p);
+                for (int q = n.first; q < n.first + n.count; ++q)
+                    w += solidAngle(mTris[std::size_t(mOrder[std::size_t(q)])], p);
                 continue;
             }
             if (r2 > kBeta * kBeta * n.radius * n.radius) {
@@ -73,7 +78,8 @@ public:
     static double solidAngle(std::array<double, 9> const& t, double const p[3])
     {
         double a[3], b[3], c[3];
-        for (int k = 0; k < 3; ++k) a[k] = t[k] - p[k], b[k] = t[3 + k] - p[k], c[k] = t[6 + k] - p[k];
+        for (int k = 0; k < 3; ++k)
+            a[k] = t[k] - p[k], b[k] = t[3 + k] - p[k], c[k] = t[6 + k] - p[k];
         double const la = std::sqrt(a[0] * a[0] + a[1] * a[1] + a[2] * a[2]);
         double const lb = std::sqrt(b[0] * b[0] + b[1] * b[1] + b[2] * b[2]);
         double const lc = std::sqrt(c[0] * c[0] + c[1] * c[1] + c[2] * c[2]);
@@ -102,8 +108,10 @@ private:
         for (int q = first; q < first + count; ++q) {
             auto const& t = mTris[std::size_t(mOrder[std::size_t(q)])];
             double e1[3], e2[3];
-            for (int k = 0; k < 3; ++k) e1[k] = t[3 + k] - t[k], e2[k] = t[6 + k] - t[k];
-            double const n[3] = {0.5 * (e1[1] * e2[2] - e1[2] * e2[1]), 0.5 * (e1[2] * e2[0] - e1[0] * e2[2]),
+            for (int k = 0; k < 3; ++k)
+                e1[k] = t[3 + k] - t[k], e2[k] = t[6 + k] - t[k];
+            double const n[3] = {0.5 * (e1[1] * e2[2] - e1[2] * e2[1]),
+                                 0.5 * (e1[2] * e2[0] - e1[0] * e2[2]),
                                  0.5 * (e1[0] * e2[1] - e1[1] * e2[0])};
             double const a = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
             for (int k = 0; k < 3; ++k) {
@@ -123,7 +131,8 @@ private:
         for (int q = first; q < first + count; ++q) {
             auto const& t = mTris[std::size_t(mOrder[std::size_t(q)])];
             for (int c = 0; c < 3; ++c) {
-                double const d[3] = {t[3 * c] - n.centre[0], t[3 * c + 1] - n.centre[1], t[3 * c + 2] - n.centre[2]};
+                double const d[3] = {t[3 * c] - n.centre[0], t[3 * c + 1] - n.centre[1],
+                                     t[3 * c + 2] - n.centre[2]};
                 n.radius = std::max(n.radius, std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]));
             }
         }
@@ -132,13 +141,15 @@ private:
         if (count > 8) {
             int axis = 0;
             for (int k = 1; k < 3; ++k)
-                if (hi[k] - lo[k] > hi[axis] - lo[axis]) axis = k;
+                if (hi[k] - lo[k] > hi[axis] - lo[axis])
+                    axis = k;
             int const half = count / 2;
             auto key = [&](int id) {
                 auto const& t = mTris[std::size_t(id)];
                 return t[axis] + t[3 + axis] + t[6 + axis];
             };
-            std::nth_element(mOrder.begin() + first, mOrder.begin() + first + half, mOrder.begin() + first + count,
+            std::nth_element(mOrder.begin() + first, mOrder.begin() + first + half,
+                             mOrder.begin() + first + count,
                              [&](int x, int y) { return key(x) < key(y); });
             n.left = build(first, half);
             n.right = build(first + half, count - half);

@@ -2,19 +2,19 @@
 // generalized winding number (solid angles in long double) on closed meshes, lines through
 // shared vertices and along shared edges, the 32-bit and 128-bit paths, and the clamp of the
 // fixed-point grid.
+#include "support/meshes.h"
+#include "support/typed_traits.h"
 #include <array>
-#include <limits>
 #include <cmath>
 #include <cstdint>
+#include <gtest/gtest.h>
+#include <hexmold/substrate/container.h>
+#include <hexmold/voxelize/mesh/edge_intersections.h>
+#include <limits>
 #include <map>
 #include <random>
 #include <tuple>
 #include <vector>
-#include <gtest/gtest.h>
-#include <hexmold/substrate/container.h>
-#include <hexmold/voxelize/mesh/edge_intersections.h>
-#include "support/meshes.h"
-#include "support/typed_traits.h"
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D;
@@ -40,7 +40,9 @@ Real windingNumber(TriangleMesh const& m, Real const p[3])
         Real const det = v[0][0] * (v[1][1] * v[2][2] - v[1][2] * v[2][1]) -
                          v[0][1] * (v[1][0] * v[2][2] - v[1][2] * v[2][0]) +
                          v[0][2] * (v[1][0] * v[2][1] - v[1][1] * v[2][0]);
-        auto dot = [&](int i, int j) { return v[i][0] * v[j][0] + v[i][1] * v[j][1] + v[i][2] * v[j][2]; };
+        auto dot = [&](int i, int j) {
+            return v[i][0] * v[j][0] + v[i][1] * v[j][1] + v[i][2] * v[j][2];
+        };
         Real const den = la * lb * lc + dot(0, 1) * lc + dot(1, 2) * la + dot(2, 0) * lb;
         total += 2 * std::atan2(det, den);
     }
@@ -50,7 +52,8 @@ Real windingNumber(TriangleMesh const& m, Real const p[3])
 /// Counts every triangle's crossings in a block of finest tiles covering [lo, hi) tiles per
 /// axis, then walks each grid line along each axis from outside and compares the parity with
 /// the winding number at every sample farther than @p skip world units from the surface.
-template <typename Tr> void expectParityMatchesWindingNumber(TriangleMesh const& m, float h, int lo, int hi, float skip)
+template <typename Tr>
+void expectParityMatchesWindingNumber(TriangleMesh const& m, float h, int lo, int hi, float skip)
 {
     constexpr int W = Tr::kTileWidth;
     constexpr int kMax = Tr::kMaxDepth;
@@ -59,17 +62,21 @@ template <typename Tr> void expectParityMatchesWindingNumber(TriangleMesh const&
     FixedPointCoords const coords = makeFixedPointCoords<Tr>(container, m.positions, offset);
     int const n = (hi - lo) * W; // samples per axis
     std::vector<int3> counts(std::size_t(n) * n * n, int3{0, 0, 0});
-    auto at = [&](int x, int y, int z) -> int3& { return counts[std::size_t(x) + std::size_t(n) * (std::size_t(y) + std::size_t(n) * z)]; };
+    auto at = [&](int x, int y, int z) -> int3& {
+        return counts[std::size_t(x) + std::size_t(n) * (std::size_t(y) + std::size_t(n) * z)];
+    };
     for (int tz = lo; tz < hi; ++tz)
         for (int ty = lo; ty < hi; ++ty)
             for (int tx = lo; tx < hi; ++tx) {
                 TileData<int3, W, 0, 0> tile(W * W * W, int3{0, 0, 0});
                 int3 const corner{tx * W, ty * W, tz * W};
-                for (auto const& t : m.triangles) countEdgeIntersections<Tr>(t, coords, corner, kMax, tile);
+                for (auto const& t : m.triangles)
+                    countEdgeIntersections<Tr>(t, coords, corner, kMax, tile);
                 for (int z = 0; z < W; ++z)
                     for (int y = 0; y < W; ++y)
                         for (int x = 0; x < W; ++x)
-                            at((tx - lo) * W + x, (ty - lo) * W + y, (tz - lo) * W + z) = tile(x, y, z);
+                            at((tx - lo) * W + x, (ty - lo) * W + y, (tz - lo) * W + z) =
+                                tile(x, y, z);
             }
     testmeshes::BruteForce const brute(m);
     int checked = 0, mismatches = 0, near = 0;
@@ -84,7 +91,8 @@ template <typename Tr> void expectParityMatchesWindingNumber(TriangleMesh const&
                     if (i > 0) {
                         int prev[3] = {idx[0], idx[1], idx[2]};
                         prev[a] = i - 1;
-                        if (at(prev[0], prev[1], prev[2])[a] % 2 != 0) inside = !inside;
+                        if (at(prev[0], prev[1], prev[2])[a] % 2 != 0)
+                            inside = !inside;
                     }
                     float3 const p{(lo * W + idx[0] + 0.5f) * h, (lo * W + idx[1] + 0.5f) * h,
                                    (lo * W + idx[2] + 0.5f) * h};
@@ -96,19 +104,22 @@ template <typename Tr> void expectParityMatchesWindingNumber(TriangleMesh const&
                     bool const truth = std::abs(windingNumber(m, q)) > 0.5L;
                     ++checked;
                     if (truth != inside && ++mismatches <= 5)
-                        ADD_FAILURE() << "axis " << a << " sample " << idx[0] << "," << idx[1] << "," << idx[2]
-                                      << ": parity says " << inside << ", winding number " << truth;
+                        ADD_FAILURE()
+                            << "axis " << a << " sample " << idx[0] << "," << idx[1] << ","
+                            << idx[2] << ": parity says " << inside << ", winding number " << truth;
                 }
             }
     }
-    std::printf("[          ] %d samples checked on three axes, %d on the surface skipped\n", checked, near);
+    std::printf("[          ] %d samples checked on three axes, %d on the surface skipped\n",
+                checked, near);
     EXPECT_GT(checked, 100);
     EXPECT_EQ(mismatches, 0);
 }
 
 } // namespace
 
-template <typename Tr> class EdgeIntersections : public ::testing::Test {};
+template <typename Tr> class EdgeIntersections : public ::testing::Test {
+};
 TYPED_TEST_SUITE(EdgeIntersections, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 // An icosphere in general position: the parity along every grid line, on all three axes, gives
@@ -127,7 +138,8 @@ TYPED_TEST(EdgeIntersections, LinesThroughSharedVerticesAndEdgesCountOnce)
 {
     float const h = 0.125f;
     // Vertices at sample positions (n + 0.5) h.
-    TriangleMesh const m = testmeshes::box({-4.5f * h, -3.5f * h, -2.5f * h}, {3.5f * h, 4.5f * h, 5.5f * h});
+    TriangleMesh const m =
+        testmeshes::box({-4.5f * h, -3.5f * h, -2.5f * h}, {3.5f * h, 4.5f * h, 5.5f * h});
     expectParityMatchesWindingNumber<TypeParam>(m, h, -2, 2, 1e-6f);
 }
 
@@ -138,8 +150,10 @@ TYPED_TEST(EdgeIntersections, LineThroughAFanVertexCountsOnce)
     float const h = 0.125f;
     TriangleMesh m;
     float const r = 6 * h, o = 0.5f * h;
-    m.positions = {{o + r, o, o}, {o - r, o, o}, {o, o + r, o}, {o, o - r, o}, {o, o, o + r}, {o, o, o - r}};
-    m.triangles = {{0, 2, 4}, {2, 1, 4}, {1, 3, 4}, {3, 0, 4}, {2, 0, 5}, {1, 2, 5}, {3, 1, 5}, {0, 3, 5}};
+    m.positions = {{o + r, o, o}, {o - r, o, o}, {o, o + r, o},
+                   {o, o - r, o}, {o, o, o + r}, {o, o, o - r}};
+    m.triangles = {{0, 2, 4}, {2, 1, 4}, {1, 3, 4}, {3, 0, 4},
+                   {2, 0, 5}, {1, 2, 5}, {3, 1, 5}, {0, 3, 5}};
     expectParityMatchesWindingNumber<TypeParam>(m, h, -3, 3, 1e-6f);
 }
 
@@ -155,17 +169,23 @@ TEST(EdgeIntersections, LineTestMatchesReferenceOnBothPaths)
         int hits = 0;
         for (int n = 0; n < 20000; ++n) {
             std::array<std::int64_t, 3> v[3];
-            for (auto& p : v) p = {base + coord(rng), base + coord(rng), base + coord(rng)};
+            for (auto& p : v)
+                p = {base + coord(rng), base + coord(rng), base + coord(rng)};
             int const a = n % 3, b = (a + 1) % 3, c = (a + 2) % 3;
             std::int64_t const pb = base + coord(rng), pc = base + coord(rng);
             double hit = 0.0;
             int const got = lineCrossesTriangle(a, pb, pc, v[0], v[1], v[2], hit);
             // Reference: barycentric weights of the point in the (b, c) plane, long double.
-            Real const w0 = Real(v[1][b] - pb) * Real(v[2][c] - pc) - Real(v[2][b] - pb) * Real(v[1][c] - pc);
-            Real const w1 = Real(v[2][b] - pb) * Real(v[0][c] - pc) - Real(v[0][b] - pb) * Real(v[2][c] - pc);
-            Real const w2 = Real(v[0][b] - pb) * Real(v[1][c] - pc) - Real(v[1][b] - pb) * Real(v[0][c] - pc);
-            if (w0 == 0 || w1 == 0 || w2 == 0) continue; // not general position
-            int const want = (w0 > 0 && w1 > 0 && w2 > 0) ? 1 : ((w0 < 0 && w1 < 0 && w2 < 0) ? -1 : 0);
+            Real const w0 =
+                Real(v[1][b] - pb) * Real(v[2][c] - pc) - Real(v[2][b] - pb) * Real(v[1][c] - pc);
+            Real const w1 =
+                Real(v[2][b] - pb) * Real(v[0][c] - pc) - Real(v[0][b] - pb) * Real(v[2][c] - pc);
+            Real const w2 =
+                Real(v[0][b] - pb) * Real(v[1][c] - pc) - Real(v[1][b] - pb) * Real(v[0][c] - pc);
+            if (w0 == 0 || w1 == 0 || w2 == 0)
+                continue; // not general position
+            int const want =
+                (w0 > 0 && w1 > 0 && w2 > 0) ? 1 : ((w0 < 0 && w1 < 0 && w2 < 0) ? -1 : 0);
             ASSERT_EQ(got, want) << "case " << n;
             if (want != 0) {
                 ++hits;
@@ -182,16 +202,21 @@ TYPED_TEST(EdgeIntersections, CoordinatesBeyondTheClampCollapseToIt)
 {
     using Tr = TypeParam;
     Container<Tr> container("tree", 1e-6f);
-    Quillon::Array<float3> const positions = {{1e30f, -1e30f, 0.0f}, {std::numeric_limits<float>::quiet_NaN(), 0, 0}};
-    FixedPointCoords const coords = makeFixedPointCoords<Tr>(container, positions, float3{0.5f, 0.5f, 0.5f});
+    Quillon::Array<float3> const positions = {{1e30f, -1e30f, 0.0f},
+                                              {std::numeric_limits<float>::quiet_NaN(), 0, 0}};
+    FixedPointCoords const coords =
+        makeFixedPointCoords<Tr>(container, positions, float3{0.5f, 0.5f, 0.5f});
     EXPECT_EQ(coords.points[0][0], kFixedPointLimit);
     EXPECT_EQ(coords.points[0][1], -kFixedPointLimit);
-    EXPECT_EQ(coords.points[0][2], (Tr::kCentreOffset) * kFixedPointScale);
+    EXPECT_EQ(coords.points[0][2], (Tr::kCentreOffset)*kFixedPointScale);
     EXPECT_EQ(coords.points[1][0], -kFixedPointLimit);
     ASSERT_EQ(coords.widths.size(), std::size_t(Tr::kDepthCount));
     EXPECT_EQ(coords.widths[Tr::kMaxDepth], kFixedPointScale);
-    for (std::int64_t w : coords.widths) EXPECT_LE(w, kFixedPointLimit);
+    for (std::int64_t w : coords.widths)
+        EXPECT_LE(w, kFixedPointLimit);
     // A triangle at the clamp crosses nothing near the origin and does not overflow.
     TileData<int3, Tr::kTileWidth, 0, 0> tile(Tr::kTileSize, int3{0, 0, 0});
-    EXPECT_EQ(countEdgeIntersections<Tr>(Tavrel::Math::ulong3{0, 0, 1}, coords, int3{0, 0, 0}, Tr::kMaxDepth, tile), 0);
+    EXPECT_EQ(countEdgeIntersections<Tr>(Tavrel::Math::ulong3{0, 0, 1}, coords, int3{0, 0, 0},
+                                         Tr::kMaxDepth, tile),
+              0);
 }

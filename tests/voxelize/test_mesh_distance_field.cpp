@@ -3,19 +3,15 @@
 // the adaptive one, determinism over thread counts, cancellation, the choice of the coarse depth,
 // the density switch, resolution fields, detail sizes, hole radius, thickening and inversion, and
 // bad input.
+#include "support/cancel_on_timer.h"
+#include "support/meshes.h"
+#include "support/typed_traits.h"
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <iostream>
-#include <limits>
-#include <set>
-#include <sstream>
-#include <string>
-#include <tuple>
-#include <vector>
 #include <gtest/gtest.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
@@ -27,9 +23,13 @@
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/mesh/mesh_distance_field.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
-#include "support/cancel_on_timer.h"
-#include "support/meshes.h"
-#include "support/typed_traits.h"
+#include <iostream>
+#include <limits>
+#include <set>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D;
@@ -73,10 +73,10 @@ template <typename Tr> struct MeshVolume {
     }
     void build(TriangleMesh const& m, BuildOptions const& o = {})
     {
-        result = createMeshDistanceField<Tr>(container, topology, distance, o.wantClosest ? &closest : nullptr,
-                                             m.triangles, m.positions, o.detailSizes, false, o.holeRadius,
-                                             o.thickening, o.invert, o.halfWidth, 0, 0, o.adaptive, o.adaptivity,
-                                             o.maxRelativeError, o.fields, &minDepth, &maxSide);
+        result = createMeshDistanceField<Tr>(
+            container, topology, distance, o.wantClosest ? &closest : nullptr, m.triangles,
+            m.positions, o.detailSizes, false, o.holeRadius, o.thickening, o.invert, o.halfWidth, 0,
+            0, o.adaptive, o.adaptivity, o.maxRelativeError, o.fields, &minDepth, &maxSide);
     }
     /// World sample of voxel (x, y, z) of a tile: (corner + voxel width * n + 0.5) h.
     float3 sample(Tile<Tr> const& t, int x, int y, int z) const
@@ -99,8 +99,8 @@ constexpr double kRelTol = 3e-7;
 /// below the true distance, equal to it within rounding where the tile's band says it is exact,
 /// and its closest triangle at the true distance. Returns the number of exact voxels checked.
 template <typename Tr>
-std::int64_t expectExactAgainstBruteForce(MeshVolume<Tr> const& v, TriangleMesh const& m, int fromDepth,
-                                          bool bandIsExact = true)
+std::int64_t expectExactAgainstBruteForce(MeshVolume<Tr> const& v, TriangleMesh const& m,
+                                          int fromDepth, bool bandIsExact = true)
 {
     testmeshes::BruteForce const brute(m);
     std::int64_t exact = 0, failures = 0;
@@ -108,7 +108,8 @@ std::int64_t expectExactAgainstBruteForce(MeshVolume<Tr> const& v, TriangleMesh 
         for (std::int64_t t = 0; t < v.container.tileCount(d); ++t) {
             auto const& tile = v.container.tile(t, d);
             auto const dist = v.distance.tileData(tile.treeIndex());
-            if (dist.empty()) continue;
+            if (dist.empty())
+                continue;
             for (int z = 0; z < Tr::kTileWidth; ++z)
                 for (int y = 0; y < Tr::kTileWidth; ++y)
                     for (int x = 0; x < Tr::kTileWidth; ++x) {
@@ -116,24 +117,29 @@ std::int64_t expectExactAgainstBruteForce(MeshVolume<Tr> const& v, TriangleMesh 
                         auto const [truth, id] = brute(v.sample(tile, x, y, z));
                         double const tol = kRelTol * double(truth) + 1e-6 * v.h;
                         if (stored < double(truth) - tol && ++failures < 10)
-                            ADD_FAILURE() << "depth " << d << " tile " << t << " voxel " << x << "," << y << "," << z
-                                          << ": " << stored << " below the true distance " << double(truth);
-                        if (!bandIsExact || double(truth) >= v.band(d)) continue;
+                            ADD_FAILURE() << "depth " << d << " tile " << t << " voxel " << x << ","
+                                          << y << "," << z << ": " << stored
+                                          << " below the true distance " << double(truth);
+                        if (!bandIsExact || double(truth) >= v.band(d))
+                            continue;
                         ++exact;
                         if (std::abs(stored - double(truth)) > tol && ++failures < 10)
-                            ADD_FAILURE() << "depth " << d << " voxel " << x << "," << y << "," << z << ": " << stored
-                                          << " against " << double(truth);
+                            ADD_FAILURE() << "depth " << d << " voxel " << x << "," << y << "," << z
+                                          << ": " << stored << " against " << double(truth);
                         if (v.closest) {
                             std::int64_t const c = v.closest->tileData(tile.treeIndex())(x, y, z);
                             if (c < 0 || c >= std::int64_t(m.triangles.size())) {
-                                if (++failures < 10) ADD_FAILURE() << "no closest triangle at an exact voxel";
+                                if (++failures < 10)
+                                    ADD_FAILURE() << "no closest triangle at an exact voxel";
                                 continue;
                             }
                             auto const& tri = m.triangles[std::size_t(c)];
-                            Real const dc = testmeshes::triangleDistance(v.sample(tile, x, y, z), m.positions[tri.x],
-                                                                         m.positions[tri.y], m.positions[tri.z]);
+                            Real const dc = testmeshes::triangleDistance(
+                                v.sample(tile, x, y, z), m.positions[tri.x], m.positions[tri.y],
+                                m.positions[tri.z]);
                             if (std::abs(double(dc - truth)) > tol && ++failures < 10)
-                                ADD_FAILURE() << "closest triangle " << c << " is not at the true distance";
+                                ADD_FAILURE()
+                                    << "closest triangle " << c << " is not at the true distance";
                         }
                     }
         }
@@ -142,18 +148,21 @@ std::int64_t expectExactAgainstBruteForce(MeshVolume<Tr> const& v, TriangleMesh 
 }
 
 /// Every triangle's vertices, edge midpoints and centroid lie in finest tiles.
-template <typename Tr> void expectTrianglesCoveredByFinestTiles(MeshVolume<Tr>& v, TriangleMesh const& m)
+template <typename Tr>
+void expectTrianglesCoveredByFinestTiles(MeshVolume<Tr>& v, TriangleMesh const& m)
 {
     auto acc = std::as_const(v.container).tileAccessor();
     int missing = 0;
     for (auto const& tri : m.triangles) {
         float3 const a = m.positions[tri.x], b = m.positions[tri.y], c = m.positions[tri.z];
-        float3 const pts[7] = {a, b, c, (a + b) * 0.5f, (b + c) * 0.5f, (c + a) * 0.5f, (a + b + c) * (1.0f / 3.0f)};
+        float3 const pts[7] = {
+            a, b, c, (a + b) * 0.5f, (b + c) * 0.5f, (c + a) * 0.5f, (a + b + c) * (1.0f / 3.0f)};
         for (float3 const& p : pts) {
             auto const i = static_cast<std::int64_t>(std::floor(double(p.x) / v.h));
             auto const j = static_cast<std::int64_t>(std::floor(double(p.y) / v.h));
             auto const k = static_cast<std::int64_t>(std::floor(double(p.z) / v.h));
-            if (acc.tile(i, j, k, Tr::kMaxDepth).depth() != Tr::kMaxDepth) ++missing;
+            if (acc.tile(i, j, k, Tr::kMaxDepth).depth() != Tr::kMaxDepth)
+                ++missing;
         }
     }
     EXPECT_EQ(missing, 0) << "triangle points outside the finest tiles";
@@ -185,23 +194,29 @@ std::vector<T> channelValues(Container<Tr> const& c, VoxelChannel<Tr, T> const& 
 }
 
 /// A flat plate [0, 20] x [0, 20] x [0, 1] voxels with vertices on grid points.
-TriangleMesh plate(float h) { return testmeshes::box({0, 0, 0}, {20 * h, 20 * h, 1 * h}); }
+TriangleMesh plate(float h)
+{
+    return testmeshes::box({0, 0, 0}, {20 * h, 20 * h, 1 * h});
+}
 
 TriangleMesh scaledBunny(float& out_h, int across)
 {
     std::string const path = testmeshes::dataFile("bunny.obj");
-    if (path.empty()) return {};
+    if (path.empty())
+        return {};
     TriangleMesh m = testmeshes::readObj(path);
     float lo[3] = {1e30f, 1e30f, 1e30f}, hi[3] = {-1e30f, -1e30f, -1e30f};
     for (auto const& p : m.positions)
-        for (int a = 0; a < 3; ++a) lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
+        for (int a = 0; a < 3; ++a)
+            lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
     out_h = std::max({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]}) / float(across);
     return m;
 }
 
 } // namespace
 
-template <typename Tr> class MeshDistanceField : public ::testing::Test {};
+template <typename Tr> class MeshDistanceField : public ::testing::Test {
+};
 TYPED_TEST_SUITE(MeshDistanceField, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 // ---- accuracy -----------------------------------------------------------------------------------
@@ -250,7 +265,8 @@ TYPED_TEST(MeshDistanceField, BunnyMatchesBruteForce)
     using Tr = TypeParam;
     float h = 0;
     TriangleMesh const m = scaledBunny(h, 40);
-    if (m.triangles.empty()) GTEST_SKIP() << "bunny.obj is not in the shared data folder";
+    if (m.triangles.empty())
+        GTEST_SKIP() << "bunny.obj is not in the shared data folder";
     MeshVolume<Tr> v(h);
     v.build(m);
     std::int64_t const exact = expectExactAgainstBruteForce(v, m, v.minDepth);
@@ -299,20 +315,23 @@ TYPED_TEST(MeshDistanceField, SparseAndAdaptiveBuildsAgree)
     for (std::int64_t t = 0; t < sparse.container.tileCount(Tr::kMaxDepth); ++t) {
         auto const& st = sparse.container.tile(t, Tr::kMaxDepth);
         auto const& at = acc.tile(st.ti(), st.tj(), st.tk(), Tr::kMaxDepth);
-        if (at.depth() != Tr::kMaxDepth) continue;
+        if (at.depth() != Tr::kMaxDepth)
+            continue;
         auto const sd = sparse.distance.tileData(st.treeIndex());
         auto const ad = adaptive.distance.tileData(at.treeIndex());
         for (std::size_t n = 0; n < sd.size(); ++n) {
-            if (!(ad[n] < adaptive.band(Tr::kMaxDepth))) continue;
+            if (!(ad[n] < adaptive.band(Tr::kMaxDepth)))
+                continue;
             ++both;
             EXPECT_GE(sd[n], ad[n] * (1 - kRelTol) - 1e-6 * h);
             // The two builds round differently (root of the rounded square, or rounded root).
-            if (std::abs(sd[n] - ad[n]) <= kRelTol * ad[n] + 1e-6 * h) ++equal;
+            if (std::abs(sd[n] - ad[n]) <= kRelTol * ad[n] + 1e-6 * h)
+                ++equal;
             worst = std::max(worst, double(sd[n] - ad[n]));
         }
     }
-    std::printf("[          ] %lld voxels in both, %lld equal, largest excess %.3g voxels\n", (long long)both,
-                (long long)equal, worst / h);
+    std::printf("[          ] %lld voxels in both, %lld equal, largest excess %.3g voxels\n",
+                (long long)both, (long long)equal, worst / h);
     EXPECT_GT(both, 1000);
     EXPECT_GE(double(equal), 0.9 * double(both));
     EXPECT_LT(worst, 0.25 * h);
@@ -337,14 +356,16 @@ TYPED_TEST(MeshDistanceField, SparseBuildCoversTheBandAroundTheSurface)
         for (int j = -12; j < 12; ++j)
             for (int i = -12; i < 12; ++i) {
                 float3 const p{(i + 0.5f) * h, (j + 0.5f) * h, (k + 0.5f) * h};
-                if (brute(p).first > 3 * h) continue;
+                if (brute(p).first > 3 * h)
+                    continue;
                 auto const& tile = acc.tile(i, j, k, Tr::kMaxDepth);
                 if (tile.depth() != Tr::kMaxDepth) {
                     ++missing;
                     continue;
                 }
                 int3 const local{int(i - tile.ti()), int(j - tile.tj()), int(k - tile.tk())};
-                if (!(v.distance.tileData(tile.treeIndex())(local) < 1e29f)) ++missing;
+                if (!(v.distance.tileData(tile.treeIndex())(local) < 1e29f))
+                    ++missing;
             }
     EXPECT_EQ(missing, 0);
 }
@@ -362,15 +383,19 @@ TYPED_TEST(MeshDistanceField, OneThreadAndAllThreadsGiveTheSameTreeAndBits)
         o.maxRelativeError = adaptive ? 0.01f : 0.0f;
         MeshVolume<Tr> one(h), all(h);
         {
-            TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, 1);
+            TVL::Parallel::global_control limit(
+                TVL::Parallel::global_control::max_allowed_parallelism, 1);
             one.build(m, o);
         }
         all.build(m, o);
-        EXPECT_EQ(tileList(one.container), tileList(all.container)) << (adaptive ? "adaptive" : "sparse");
-        auto const a = channelValues(one.container, one.distance), b = channelValues(all.container, all.distance);
+        EXPECT_EQ(tileList(one.container), tileList(all.container))
+            << (adaptive ? "adaptive" : "sparse");
+        auto const a = channelValues(one.container, one.distance),
+                   b = channelValues(all.container, all.distance);
         ASSERT_EQ(a.size(), b.size());
         EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(float)), 0);
-        auto const ca = channelValues(one.container, *one.closest), cb = channelValues(all.container, *all.closest);
+        auto const ca = channelValues(one.container, *one.closest),
+                   cb = channelValues(all.container, *all.closest);
         EXPECT_EQ(ca, cb);
     }
 }
@@ -388,7 +413,8 @@ TYPED_TEST(MeshDistanceField, PermutedTriangleListsGiveTheSameBits)
     setEnableTrianglePermutations(false);
     setTrianglePermutationsSeed(0);
     EXPECT_EQ(tileList(plain.container), tileList(permuted.container));
-    EXPECT_EQ(channelValues(plain.container, plain.distance), channelValues(permuted.container, permuted.distance));
+    EXPECT_EQ(channelValues(plain.container, plain.distance),
+              channelValues(permuted.container, permuted.distance));
 }
 
 // Cancellation requested as a stage ends: the standing exception comes out of the next stage,
@@ -398,7 +424,8 @@ TYPED_TEST(MeshDistanceField, CancellationThrowsAndLeavesTheObjectsUsable)
     using Tr = TypeParam;
     float const h = 0.05f;
     TriangleMesh const m = testmeshes::icosphere({0, 0, 0}, 1.5, 4);
-    for (std::string const stage : {".grade_coarser_levels", ".preallocate_coarser_levels", ".triangle_refine_reduction"}) {
+    for (std::string const stage :
+         {".grade_coarser_levels", ".preallocate_coarser_levels", ".triangle_refine_reduction"}) {
         BuildOptions o;
         o.adaptive = stage != ".triangle_refine_reduction";
         MeshVolume<Tr> v(h);
@@ -533,7 +560,8 @@ TYPED_TEST(MeshDistanceField, ResolutionFieldsRefineOnlyWhereTheyHit)
     o.fields = &far;
     MeshVolume<Tr> v(h);
     v.build(m, o);
-    for (int d = v.minDepth + 1; d <= Tr::kMaxDepth; ++d) EXPECT_EQ(v.container.tileCount(d), 0) << d;
+    for (int d = v.minDepth + 1; d <= Tr::kMaxDepth; ++d)
+        EXPECT_EQ(v.container.tileCount(d), 0) << d;
 
     Quillon::Array<ResolutionField> cap = {ResolutionField{{-2, -2, 0.5f}, {2, 2, 2}, 1}};
     o.fields = &cap;
@@ -542,7 +570,8 @@ TYPED_TEST(MeshDistanceField, ResolutionFieldsRefineOnlyWhereTheyHit)
     EXPECT_EQ(w.container.tileCount(Tr::kMaxDepth), 0);
     ASSERT_GT(w.container.tileCount(Tr::kMaxDepth - 1), 0);
     // Tiles below the field's depth that refinement made (not the coarse tiles) lie at the cap.
-    for (std::int64_t t = 0; w.minDepth < Tr::kMaxDepth - 1 && t < w.container.tileCount(Tr::kMaxDepth - 1); ++t) {
+    for (std::int64_t t = 0;
+         w.minDepth < Tr::kMaxDepth - 1 && t < w.container.tileCount(Tr::kMaxDepth - 1); ++t) {
         auto const& tile = w.container.tile(t, Tr::kMaxDepth - 1);
         double const top = double(tile.tk() + Container<Tr>::tileVoxelWidth(Tr::kMaxDepth - 1)) * h;
         EXPECT_GE(top, 0.5 - 1e-6) << "a tile below the field's box";
@@ -558,7 +587,8 @@ TYPED_TEST(MeshDistanceField, DetailSizesRefineWhereTheyAreSmall)
     float const h = 0.05f;
     TriangleMesh const m = testmeshes::icosphere({0, 0, 0}, 1.0, 3);
     Quillon::Array<float> sizes(m.positions.size());
-    for (std::size_t p = 0; p < sizes.size(); ++p) sizes[p] = m.positions[p].x > 0.5f ? h : 40 * h;
+    for (std::size_t p = 0; p < sizes.size(); ++p)
+        sizes[p] = m.positions[p].x > 0.5f ? h : 40 * h;
     BuildOptions o;
     o.adaptivity = AdaptivityDetailSizes;
     o.detailSizes = &sizes;
@@ -567,7 +597,8 @@ TYPED_TEST(MeshDistanceField, DetailSizesRefineWhereTheyAreSmall)
     ASSERT_GT(v.container.tileCount(Tr::kMaxDepth), 0);
     for (std::int64_t t = 0; t < v.container.tileCount(Tr::kMaxDepth); ++t) {
         auto const& tile = v.container.tile(t, Tr::kMaxDepth);
-        EXPECT_GT(double(tile.ti() + Tr::kTileWidth) * h, 0.0) << "a finest tile far from the small details";
+        EXPECT_GT(double(tile.ti() + Tr::kTileWidth) * h, 0.0)
+            << "a finest tile far from the small details";
     }
     expectExactAgainstBruteForce(v, m, v.minDepth);
 }
@@ -607,7 +638,8 @@ TYPED_TEST(MeshDistanceField, ThickeningSubtractsAndInvertNegates)
     auto const a = channelValues(plain.container, plain.distance);
     auto const b = channelValues(inverted.container, inverted.distance);
     ASSERT_EQ(a.size(), b.size());
-    for (std::size_t n = 0; n < a.size(); ++n) ASSERT_EQ(b[n], -a[n]);
+    for (std::size_t n = 0; n < a.size(); ++n)
+        ASSERT_EQ(b[n], -a[n]);
     EXPECT_EQ(inverted.distance.defaultValue(), -5.0f);
 }
 
@@ -686,7 +718,8 @@ TYPED_TEST(MeshDistanceField, BadInputIsRejectedBeforeAnyWork)
         EXPECT_TRUE(v.result) << c.what;
         EXPECT_EQ(v.container.tileCount(-1), 0) << c.what;
         EXPECT_FALSE(v.closest) << c.what;
-        EXPECT_NE(err.find("createMeshDistanceField.error"), std::string::npos) << c.what << ": " << err;
+        EXPECT_NE(err.find("createMeshDistanceField.error"), std::string::npos)
+            << c.what << ": " << err;
         EXPECT_EQ(c.mesh.triangles.size(), before.triangles.size());
     }
 }

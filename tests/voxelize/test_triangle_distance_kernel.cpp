@@ -1,20 +1,20 @@
 // Tests of the triangle distance kernel: the exact point-triangle distance it uses, the tile
 // lattice kernel against brute force, its tie rule, the sparse build's tile visit, the red-black
 // sweep of triangle ids, and the voxelizer's switches.
+#include "support/meshes.h"
+#include "support/typed_traits.h"
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <limits>
-#include <random>
-#include <vector>
 #include <gtest/gtest.h>
 #include <hexmold/platform/tavrel/spatial_query.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
-#include "support/meshes.h"
-#include "support/typed_traits.h"
+#include <limits>
+#include <random>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D;
@@ -65,7 +65,8 @@ TriangleMesh randomSoup(int count, unsigned seed, float size)
     TriangleMesh m;
     for (int t = 0; t < count; ++t) {
         float3 const c{where(rng), where(rng), where(rng)};
-        for (int v = 0; v < 3; ++v) m.positions.push_back({c.x + jitter(rng), c.y + jitter(rng), c.z + jitter(rng)});
+        for (int v = 0; v < 3; ++v)
+            m.positions.push_back({c.x + jitter(rng), c.y + jitter(rng), c.z + jitter(rng)});
         std::uint64_t const b = std::uint64_t(3 * t);
         m.triangles.push_back({b, b + 1, b + 2});
     }
@@ -90,11 +91,20 @@ TEST(TriangleDistance, MillionRandomPairsMatchLongDoubleReference)
     for (int n = 0; n < 1000000; ++n) {
         float3 a = point(2.0f), b = point(2.0f), c = point(2.0f);
         switch (n % 8) {
-        case 1: c = {a.x + 0.5f * (b.x - a.x), a.y + 0.5f * (b.y - a.y), a.z + 0.5f * (b.z - a.z)}; break;
-        case 2: c = {a.x + 1e-6f * unit(rng), a.y + 1e-6f * unit(rng), a.z + 1e-6f * unit(rng)}; break; // needle
-        case 3: b = a; break;
-        case 4: b = a, c = a; break;
-        default: break;
+        case 1:
+            c = {a.x + 0.5f * (b.x - a.x), a.y + 0.5f * (b.y - a.y), a.z + 0.5f * (b.z - a.z)};
+            break;
+        case 2:
+            c = {a.x + 1e-6f * unit(rng), a.y + 1e-6f * unit(rng), a.z + 1e-6f * unit(rng)};
+            break; // needle
+        case 3:
+            b = a;
+            break;
+        case 4:
+            b = a, c = a;
+            break;
+        default:
+            break;
         }
         float const reach = (n % 5 == 0) ? 1e4f : 4.0f;
         float3 const p = point(reach);
@@ -109,7 +119,8 @@ TEST(TriangleDistance, MillionRandomPairsMatchLongDoubleReference)
 
 // ---- the lattice kernel ---------------------------------------------------------------------
 
-template <typename Tr> class LatticeKernel : public ::testing::Test {};
+template <typename Tr> class LatticeKernel : public ::testing::Test {
+};
 TYPED_TEST_SUITE(LatticeKernel, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 // Every node of a lattice holds the exact distance to the nearest listed triangle (and its
@@ -123,19 +134,22 @@ TYPED_TEST(LatticeKernel, NodesMatchBruteForce)
     testmeshes::BruteForce const brute(m);
     auto const ctx = contextFor<Tr>(m, h, 1e30f);
     std::vector<std::int64_t> all(m.triangles.size());
-    for (std::size_t t = 0; t < all.size(); ++t) all[t] = std::int64_t(all.size() - 1 - t); // reversed order
-    for (std::int64_t spacing : {std::int64_t(1), std::int64_t(Tr::kRatio), std::int64_t(Tr::kRatio * Tr::kRatio)}) {
+    for (std::size_t t = 0; t < all.size(); ++t)
+        all[t] = std::int64_t(all.size() - 1 - t); // reversed order
+    for (std::int64_t spacing :
+         {std::int64_t(1), std::int64_t(Tr::kRatio), std::int64_t(Tr::kRatio * Tr::kRatio)}) {
         for (bool clip : {false, true}) {
             std::int64_t const ci = -17 * spacing, cj = 3 * spacing, ck = -spacing;
             float dist[L::kCount];
             std::int64_t ids[L::kCount];
-            computeTileLattice<Tr>(ctx, ci, cj, ck, spacing, all.data(), all.data() + all.size(), dist, ids, 1e30f,
-                                   nullptr, nullptr, int3{0, 0, 0}, int3{0, 0, 0},
+            computeTileLattice<Tr>(ctx, ci, cj, ck, spacing, all.data(), all.data() + all.size(),
+                                   dist, ids, 1e30f, nullptr, nullptr, int3{0, 0, 0}, int3{0, 0, 0},
                                    int3{L::kNodes, L::kNodes, L::kNodes}, clip, clip, true);
             for (int z = 0; z < L::kNodes; ++z)
                 for (int y = 0; y < L::kNodes; ++y)
                     for (int x = 0; x < L::kNodes; ++x) {
-                        float3 const p{nodeCoordinate(ci, spacing, x, 0.5f, h), nodeCoordinate(cj, spacing, y, 0.5f, h),
+                        float3 const p{nodeCoordinate(ci, spacing, x, 0.5f, h),
+                                       nodeCoordinate(cj, spacing, y, 0.5f, h),
                                        nodeCoordinate(ck, spacing, z, 0.5f, h)};
                         auto const [ref, id] = brute(p);
                         int const n = L::index(x, y, z);
@@ -143,7 +157,8 @@ TYPED_TEST(LatticeKernel, NodesMatchBruteForce)
                             EXPECT_NEAR(dist[n], double(ref), 3e-7 * double(ref) + 1e-7)
                                 << "spacing " << spacing << " node " << x << "," << y << "," << z;
                         } else {
-                            // Clipped to the band: exact where the nearest box reaches, never below.
+                            // Clipped to the band: exact where the nearest box reaches, never
+                            // below.
                             EXPECT_GE(dist[n], double(ref) - 3e-7 * double(ref) - 1e-7);
                         }
                         if (!clip && std::abs(double(dist[n]) - double(ref)) <= 1e-7 * double(ref))
@@ -161,16 +176,19 @@ TYPED_TEST(LatticeKernel, TieGoesToTheSmallerId)
     using L = TileLattice<Tr>;
     TriangleMesh m;
     m.positions = {{0.1f, 0.1f, 0.1f}, {0.4f, 0.1f, 0.2f}, {0.2f, 0.5f, 0.3f}};
-    for (int t = 0; t < 9; ++t) m.triangles.push_back({0, 1, 2});
+    for (int t = 0; t < 9; ++t)
+        m.triangles.push_back({0, 1, 2});
     auto const ctx = contextFor<Tr>(m, 0.1f, 1e30f);
-    for (auto const& order : {std::vector<std::int64_t>{8, 5, 2, 7}, std::vector<std::int64_t>{2, 8, 5, 7},
-                              std::vector<std::int64_t>{7, 5, 8, 2}}) {
+    for (auto const& order :
+         {std::vector<std::int64_t>{8, 5, 2, 7}, std::vector<std::int64_t>{2, 8, 5, 7},
+          std::vector<std::int64_t>{7, 5, 8, 2}}) {
         float dist[L::kCount];
         std::int64_t ids[L::kCount];
-        computeTileLattice<Tr>(ctx, 0, 0, 0, 1, order.data(), order.data() + order.size(), dist, ids, 1.0f, nullptr,
-                               nullptr, int3{0, 0, 0}, int3{0, 0, 0}, int3{L::kNodes, L::kNodes, L::kNodes}, false,
-                               false, true);
-        for (int n = 0; n < L::kCount; ++n) ASSERT_EQ(ids[n], 2);
+        computeTileLattice<Tr>(ctx, 0, 0, 0, 1, order.data(), order.data() + order.size(), dist,
+                               ids, 1.0f, nullptr, nullptr, int3{0, 0, 0}, int3{0, 0, 0},
+                               int3{L::kNodes, L::kNodes, L::kNodes}, false, false, true);
+        for (int n = 0; n < L::kCount; ++n)
+            ASSERT_EQ(ids[n], 2);
     }
 }
 
@@ -184,27 +202,32 @@ TYPED_TEST(LatticeKernel, NodesSharedWithTheParentAreCopied)
     TriangleMesh const m = randomSoup(40, 11, 0.5f);
     auto const ctx = contextFor<Tr>(m, 0.2f, 1e30f);
     std::vector<std::int64_t> all(m.triangles.size());
-    for (std::size_t t = 0; t < all.size(); ++t) all[t] = std::int64_t(t);
+    for (std::size_t t = 0; t < all.size(); ++t)
+        all[t] = std::int64_t(t);
     float parent[L::kCount];
     std::int64_t parentIds[L::kCount];
-    for (int n = 0; n < L::kCount; ++n) parent[n] = 1000.0f + float(n), parentIds[n] = 100000 + n;
+    for (int n = 0; n < L::kCount; ++n)
+        parent[n] = 1000.0f + float(n), parentIds[n] = 100000 + n;
     int3 const slot{Tr::kSlotsPerAxis - 1, 0, Tr::kSlotsPerAxis > 1 ? 1 : 0};
     float dist[L::kCount];
     std::int64_t ids[L::kCount];
-    computeTileLattice<Tr>(ctx, 0, 0, 0, 1, all.data(), all.data() + all.size(), dist, ids, 1.0f, parent, parentIds,
-                           slot, int3{0, 0, 0}, int3{L::kNodes, L::kNodes, L::kNodes}, false, false, true);
+    computeTileLattice<Tr>(ctx, 0, 0, 0, 1, all.data(), all.data() + all.size(), dist, ids, 1.0f,
+                           parent, parentIds, slot, int3{0, 0, 0},
+                           int3{L::kNodes, L::kNodes, L::kNodes}, false, false, true);
     testmeshes::BruteForce const brute(m);
     for (int z = 0; z < L::kNodes; ++z)
         for (int y = 0; y < L::kNodes; ++y)
             for (int x = 0; x < L::kNodes; ++x) {
                 int const n = L::index(x, y, z);
                 if (x % R == 0 && y % R == 0 && z % R == 0) {
-                    int const p = L::index(x / R + Tr::kVoxelsPerSlot * slot.x, y / R + Tr::kVoxelsPerSlot * slot.y,
+                    int const p = L::index(x / R + Tr::kVoxelsPerSlot * slot.x,
+                                           y / R + Tr::kVoxelsPerSlot * slot.y,
                                            z / R + Tr::kVoxelsPerSlot * slot.z);
                     EXPECT_EQ(dist[n], parent[p]);
                     EXPECT_EQ(ids[n], parentIds[p]);
                 } else {
-                    float3 const p{nodeCoordinate(0, 1, x, 0.5f, 0.2f), nodeCoordinate(0, 1, y, 0.5f, 0.2f),
+                    float3 const p{nodeCoordinate(0, 1, x, 0.5f, 0.2f),
+                                   nodeCoordinate(0, 1, y, 0.5f, 0.2f),
                                    nodeCoordinate(0, 1, z, 0.5f, 0.2f)};
                     EXPECT_NEAR(dist[n], double(brute(p).first), 1e-6);
                 }
@@ -226,9 +249,9 @@ TYPED_TEST(LatticeKernel, RangeFarValueAndBandFlag)
     std::int64_t ids[L::kCount];
     std::fill(dist, dist + L::kCount, -7.0f);
     std::fill(ids, ids + L::kCount, std::int64_t(-7));
-    bool const near = computeTileLattice<Tr>(ctx, 0, 0, 0, 1, list, list + 1, dist, ids, 0.2f, nullptr, nullptr,
-                                             int3{0, 0, 0}, int3{0, 0, 1}, int3{L::kNodes, L::kNodes, L::kNodes}, false,
-                                             false, true);
+    bool const near = computeTileLattice<Tr>(
+        ctx, 0, 0, 0, 1, list, list + 1, dist, ids, 0.2f, nullptr, nullptr, int3{0, 0, 0},
+        int3{0, 0, 1}, int3{L::kNodes, L::kNodes, L::kNodes}, false, false, true);
     EXPECT_TRUE(near); // node (0, 0, 1), at (0.05, 0.05, 0.15), is 0.16 from the triangle
     for (int z = 0; z < L::kNodes; ++z)
         for (int y = 0; y < L::kNodes; ++y)
@@ -239,9 +262,11 @@ TYPED_TEST(LatticeKernel, RangeFarValueAndBandFlag)
                     EXPECT_EQ(ids[n], -7);
                     continue;
                 }
-                float3 const p{nodeCoordinate(0, 1, x, 0.5f, 0.1f), nodeCoordinate(0, 1, y, 0.5f, 0.1f),
+                float3 const p{nodeCoordinate(0, 1, x, 0.5f, 0.1f),
+                               nodeCoordinate(0, 1, y, 0.5f, 0.1f),
                                nodeCoordinate(0, 1, z, 0.5f, 0.1f)};
-                double const ref = double(testmeshes::triangleDistance(p, m.positions[0], m.positions[1], m.positions[2]));
+                double const ref = double(testmeshes::triangleDistance(
+                    p, m.positions[0], m.positions[1], m.positions[2]));
                 if (ref < 0.25 * (1 - 1e-6)) {
                     EXPECT_NEAR(dist[n], ref, 1e-7);
                     EXPECT_EQ(ids[n], 0);
@@ -251,9 +276,9 @@ TYPED_TEST(LatticeKernel, RangeFarValueAndBandFlag)
                 }
             }
     // Far from everything: no node within the band.
-    EXPECT_FALSE(computeTileLattice<Tr>(ctx, 400, 0, 0, 1, list, list + 1, dist, ids, 0.1f, nullptr, nullptr,
-                                        int3{0, 0, 0}, int3{0, 0, 0}, int3{L::kNodes, L::kNodes, L::kNodes}, false,
-                                        false, true));
+    EXPECT_FALSE(computeTileLattice<Tr>(ctx, 400, 0, 0, 1, list, list + 1, dist, ids, 0.1f, nullptr,
+                                        nullptr, int3{0, 0, 0}, int3{0, 0, 0},
+                                        int3{L::kNodes, L::kNodes, L::kNodes}, false, false, true));
 }
 
 // ---- the sparse build's tile visit ------------------------------------------------------------
@@ -290,7 +315,8 @@ TYPED_TEST(LatticeKernel, TriangleInsideOneVoxelVisitsThatVoxelAndItsNeighbours)
                 float3 const p{nodeCoordinate(0, 1, x, 0.5f, h), nodeCoordinate(0, 1, y, 0.5f, h),
                                nodeCoordinate(0, 1, z, 0.5f, h)};
                 EXPECT_NEAR(dist(x, y, z),
-                            double(testmeshes::triangleDistance(p, m.positions[0], m.positions[1], m.positions[2])),
+                            double(testmeshes::triangleDistance(p, m.positions[0], m.positions[1],
+                                                                m.positions[2])),
                             1e-7);
             }
     EXPECT_EQ(visited, expected);
@@ -308,8 +334,10 @@ template <typename Tr> struct SweepScene {
     TriangleId none = -1;
     Container<Tr> container{"tree", h};
     VoxelTopology<Tr> topology{"topology", "tree", h};
-    VoxelChannel<Tr, float> distance{"distance", &far, kDataElementInitializerDefaultValue, false, false, 0, kMax};
-    VoxelChannel<Tr, TriangleId> closest{"closest", &none, kDataElementInitializerDefaultValue, false, false, 0, kMax};
+    VoxelChannel<Tr, float> distance{
+        "distance", &far, kDataElementInitializerDefaultValue, false, false, 0, kMax};
+    VoxelChannel<Tr, TriangleId> closest{
+        "closest", &none, kDataElementInitializerDefaultValue, false, false, 0, kMax};
     TriangleMesh mesh;
 
     void follow()
@@ -324,10 +352,11 @@ template <typename Tr> struct SweepScene {
     {
         std::int64_t unassigned = 0;
         for (std::uint32_t color = 0; color < 2; ++color) {
-            TrianglesLevelSetSweepKernel::Kernel<Tr> k(color, container, distance, closest, mesh.triangles,
-                                                       mesh.positions, float3{0.5f, 0.5f, 0.5f});
-            std::as_const(container).reduceInternalNonInlined(&k, kTraversalSingleDepth, kNoTile, kMax, kMax, 50, 0, 0,
-                                                              kVisitInteriorVoxelNone);
+            TrianglesLevelSetSweepKernel::Kernel<Tr> k(color, container, distance, closest,
+                                                       mesh.triangles, mesh.positions,
+                                                       float3{0.5f, 0.5f, 0.5f});
+            std::as_const(container).reduceInternalNonInlined(
+                &k, kTraversalSingleDepth, kNoTile, kMax, kMax, 50, 0, 0, kVisitInteriorVoxelNone);
             unassigned += k.numUnassigned;
         }
         return unassigned;
@@ -336,7 +365,8 @@ template <typename Tr> struct SweepScene {
 
 } // namespace
 
-template <typename Tr> class TriangleSweep : public ::testing::Test {};
+template <typename Tr> class TriangleSweep : public ::testing::Test {
+};
 TYPED_TEST_SUITE(TriangleSweep, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 // Ids spread from a seeded voxel to every voxel of a row of face-adjacent finest tiles, each
@@ -348,7 +378,8 @@ TYPED_TEST(TriangleSweep, IdsSpreadAcrossFaceNeighbours)
     s.mesh.positions = {{0.0f, 0.0f, 0.0f}, {0.05f, 0.0f, 0.0f}, {0.0f, 0.05f, 0.0f}};
     s.mesh.triangles = {{0, 1, 2}};
     auto acc = s.container.tileAccessor();
-    for (int t = 0; t < 4; ++t) acc.addTile(t * SweepScene<Tr>::W, 0, 0, Tr::kMaxDepth);
+    for (int t = 0; t < 4; ++t)
+        acc.addTile(t * SweepScene<Tr>::W, 0, 0, Tr::kMaxDepth);
     s.follow();
     auto const first = s.container.tileAccessor().tile(0, 0, 0, Tr::kMaxDepth).treeIndex();
     s.closest.tileData(first)(0, 0, 0) = 0;
@@ -356,7 +387,8 @@ TYPED_TEST(TriangleSweep, IdsSpreadAcrossFaceNeighbours)
     std::int64_t previous = -1, current = 0;
     for (int n = 0; n < 100; ++n) {
         current = s.pass();
-        if (current == 0 || current == previous) break;
+        if (current == 0 || current == previous)
+            break;
         previous = current;
     }
     EXPECT_EQ(current, 0);
@@ -368,11 +400,14 @@ TYPED_TEST(TriangleSweep, IdsSpreadAcrossFaceNeighbours)
             for (int y = 0; y < SweepScene<Tr>::W; ++y)
                 for (int x = 0; x < SweepScene<Tr>::W; ++x) {
                     ASSERT_EQ(c(x, y, z), 0);
-                    if (t == 0 && x == 0 && y == 0 && z == 0) continue;
-                    float3 const p{nodeCoordinate(tile.ti(), 1, x, 0.5f, s.h), nodeCoordinate(tile.tj(), 1, y, 0.5f, s.h),
+                    if (t == 0 && x == 0 && y == 0 && z == 0)
+                        continue;
+                    float3 const p{nodeCoordinate(tile.ti(), 1, x, 0.5f, s.h),
+                                   nodeCoordinate(tile.tj(), 1, y, 0.5f, s.h),
                                    nodeCoordinate(tile.tk(), 1, z, 0.5f, s.h)};
                     EXPECT_NEAR(d(x, y, z),
-                                double(testmeshes::triangleDistance(p, s.mesh.positions[0], s.mesh.positions[1],
+                                double(testmeshes::triangleDistance(p, s.mesh.positions[0],
+                                                                    s.mesh.positions[1],
                                                                     s.mesh.positions[2])),
                                 1e-6);
                 }
@@ -393,11 +428,13 @@ TYPED_TEST(TriangleSweep, IncumbentStaysOnATie)
     auto c = s.closest.tileData(t);
     auto d = s.distance.tileData(t);
     // Voxel (1, 0, 0) holds triangle 1 at its exact distance; voxel (0, 0, 0) proposes triangle 0.
-    float3 const p{nodeCoordinate(0, 1, 1, 0.5f, s.h), nodeCoordinate(0, 1, 0, 0.5f, s.h), nodeCoordinate(0, 1, 0, 0.5f, s.h)};
+    float3 const p{nodeCoordinate(0, 1, 1, 0.5f, s.h), nodeCoordinate(0, 1, 0, 0.5f, s.h),
+                   nodeCoordinate(0, 1, 0, 0.5f, s.h)};
     c(0, 0, 0) = 0;
     d(0, 0, 0) = 0.01f;
     c(1, 0, 0) = 1;
-    d(1, 0, 0) = Tavrel::SpatialQuery::pointTriangleDistance(p, s.mesh.positions[0], s.mesh.positions[1], s.mesh.positions[2]);
+    d(1, 0, 0) = Tavrel::SpatialQuery::pointTriangleDistance(
+        p, s.mesh.positions[0], s.mesh.positions[1], s.mesh.positions[2]);
     s.pass();
     EXPECT_EQ(std::as_const(s.closest).tileData(t)(1, 0, 0), 1);
 }
@@ -415,8 +452,8 @@ TYPED_TEST(TriangleSweep, CoarserFaceNeighbourIsNeverHeardFrom)
     auto acc = s.container.tileAccessor();
     std::int64_t const w = Container<Tr>::tileVoxelWidth(kMax);
     std::int64_t const wCoarse = Container<Tr>::tileVoxelWidth(kMax - 1);
-    acc.addTile(-w, 0, 0, kMax);     // a finest tile
-    acc.addTile(0, 0, 0, kMax - 1);  // its +x neighbour exists only one depth up
+    acc.addTile(-w, 0, 0, kMax);    // a finest tile
+    acc.addTile(0, 0, 0, kMax - 1); // its +x neighbour exists only one depth up
     s.follow();
     auto const coarse = s.container.tileAccessor().tile(0, 0, 0, kMax - 1);
     ASSERT_EQ(coarse.depth(), kMax - 1);
@@ -428,8 +465,10 @@ TYPED_TEST(TriangleSweep, CoarserFaceNeighbourIsNeverHeardFrom)
     EXPECT_EQ(first, std::int64_t(Tr::kTileSize));
     EXPECT_EQ(second, first);
     auto const fine = s.container.tileAccessor().tile(-w, 0, 0, kMax).treeIndex();
-    for (std::int64_t id : std::as_const(s.closest).tileData(fine)) EXPECT_EQ(id, -1);
-    for (float v : std::as_const(s.distance).tileData(fine)) EXPECT_EQ(v, s.far);
+    for (std::int64_t id : std::as_const(s.closest).tileData(fine))
+        EXPECT_EQ(id, -1);
+    for (float v : std::as_const(s.distance).tileData(fine))
+        EXPECT_EQ(v, s.far);
 }
 
 // ---- switches ---------------------------------------------------------------------------------

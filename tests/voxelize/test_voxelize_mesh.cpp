@@ -4,19 +4,17 @@
 // polygon mesh of quads and pentagons), the bunny and the armadillo, both trees and both builds;
 // hole closing; property transfer; 1 thread against all threads; cancellation at each stage; the
 // driver's derived parameters, its retry, pruning and the property edge cases; bad input.
+#include "support/cancel_on_timer.h"
+#include "support/mesh_bvh.h"
+#include "support/meshes.h"
+#include "support/sanitized.h"
+#include "support/typed_traits.h"
+#include "support/winding_number.h"
 #include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <iostream>
-#include <memory>
-#include <mutex>
-#include <random>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 #include <gtest/gtest.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
@@ -31,12 +29,14 @@
 #include <hexmold/substrate/topology.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
 #include <hexmold/voxelize/mesh/voxelize_mesh.h>
-#include "support/cancel_on_timer.h"
-#include "support/mesh_bvh.h"
-#include "support/sanitized.h"
-#include "support/meshes.h"
-#include "support/typed_traits.h"
-#include "support/winding_number.h"
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
 
 using namespace TVL::TileTree3D;
 using namespace VolumeGL::TileTree3D;
@@ -45,7 +45,10 @@ namespace Geo = Tavrel::Geometry;
 
 namespace {
 
-float3 f3(double x, double y, double z) { return {float(x), float(y), float(z)}; }
+float3 f3(double x, double y, double z)
+{
+    return {float(x), float(y), float(z)};
+}
 
 /// A polygon mesh: positions, faces, and the triangles of its fan triangulation (the truth).
 struct PolyMesh {
@@ -55,19 +58,25 @@ struct PolyMesh {
 
     void addFace(std::vector<unsigned> const& f)
     {
-        for (unsigned v : f) faceVertex.push_back(v);
+        for (unsigned v : f)
+            faceVertex.push_back(v);
         faceOffset.push_back(unsigned(faceVertex.size()));
-        for (std::size_t q = 2; q < f.size(); ++q) triangles.triangles.push_back({f[0], f[q - 1], f[q]});
+        for (std::size_t q = 2; q < f.size(); ++q)
+            triangles.triangles.push_back({f[0], f[q - 1], f[q]});
     }
     static PolyMesh fromTriangles(TriangleMesh const& m)
     {
         PolyMesh p;
         p.positions = m.positions;
         p.triangles.positions = m.positions;
-        for (auto const& t : m.triangles) p.addFace({unsigned(t.x), unsigned(t.y), unsigned(t.z)});
+        for (auto const& t : m.triangles)
+            p.addFace({unsigned(t.x), unsigned(t.y), unsigned(t.z)});
         return p;
     }
-    Quillon::MutablePtr<Tavrel::Object> object() const { return Geo::createMesh(positions, faceVertex, faceOffset); }
+    Quillon::MutablePtr<Tavrel::Object> object() const
+    {
+        return Geo::createMesh(positions, faceVertex, faceOffset);
+    }
 };
 
 /// A closed pentagonal prism: two pentagons and five quads, outward facing.
@@ -77,7 +86,8 @@ PolyMesh pentagonalPrism()
     for (int z = 0; z < 2; ++z)
         for (int i = 0; i < 5; ++i) {
             double const a = 2.0 * M_PI * i / 5 + 0.1;
-            p.positions.push_back(f3(1.1 * std::cos(a) + 0.013, 1.1 * std::sin(a) - 0.021, z ? 0.8 : -0.9));
+            p.positions.push_back(
+                f3(1.1 * std::cos(a) + 0.013, 1.1 * std::sin(a) - 0.021, z ? 0.8 : -0.9));
         }
     p.triangles.positions = p.positions;
     p.addFace({4, 3, 2, 1, 0});      // bottom, facing -z
@@ -112,10 +122,12 @@ template <typename Tr> struct Volume {
 
     explicit Volume(float voxel)
         : h(voxel), container("tree", voxel), topology(Geo::sVoxelComp, Geo::sVoxelTileTree, voxel),
-          distance(Geo::sVoxelSignedDistance, &far, kDataElementInitializerDefaultValue, false, false, 0, kMax)
+          distance(Geo::sVoxelSignedDistance, &far, kDataElementInitializerDefaultValue, false,
+                   false, 0, kMax)
     {
     }
-    void build(PolyMesh const& m, Options const& o = {}, int verbose = 0, Tavrel::Object const* meshObject = nullptr)
+    void build(PolyMesh const& m, Options const& o = {}, int verbose = 0,
+               Tavrel::Object const* meshObject = nullptr)
     {
         auto const made = m.object();
         ASSERT_TRUE(made || meshObject);
@@ -127,9 +139,10 @@ template <typename Tr> struct Volume {
         CoreGL::Logger::setDebugFileStream(&dbg);
         Quillon::Array<ResolutionField> fields(o.fields.begin(), o.fields.end());
         try {
-            voxelizeMesh<Tr>(mesh, m.positions, m.faceVertex, m.faceOffset, o.properties, nullptr, o.computeInterior,
-                             o.adaptivity, o.maxRelativeError, o.holeRadius, o.thickening, o.useFields ? &fields : nullptr,
-                             container, topology, distance, object, services);
+            voxelizeMesh<Tr>(mesh, m.positions, m.faceVertex, m.faceOffset, o.properties, nullptr,
+                             o.computeInterior, o.adaptivity, o.maxRelativeError, o.holeRadius,
+                             o.thickening, o.useFields ? &fields : nullptr, container, topology,
+                             distance, object, services);
         } catch (...) {
             std::cout.rdbuf(old);
             CoreGL::Logger::setDebugFileStream(&std::clog);
@@ -147,7 +160,8 @@ template <typename Tr> struct Volume {
         std::int64_t const s = t.voxelDataWidth();
         int3 const c = t.tijk();
         int const ijk[3] = {n % W, (n / W) % W, n / (W * W)};
-        for (int a = 0; a < 3; ++a) p[a] = float((double(c[a]) + double(s) * ijk[a] + 0.5) * double(h));
+        for (int a = 0; a < 3; ++a)
+            p[a] = float((double(c[a]) + double(s) * ijk[a] + 0.5) * double(h));
     }
 };
 
@@ -161,11 +175,12 @@ struct Accuracy {
 /// (its lattice band); farther out a voxel holds the best distance its tile's triangles give.
 constexpr double kAdaptiveNear = 1.5;
 
-/// Every uncovered voxel: near the surface (finest, within @p nearLimit voxels) the error against the exact
-/// signed distance; in each depth's band (true distance within 3 of that depth's voxels) the
-/// error in that depth's voxels; signs against the winding number farther than 0.5 voxel.
+/// Every uncovered voxel: near the surface (finest, within @p nearLimit voxels) the error against
+/// the exact signed distance; in each depth's band (true distance within 3 of that depth's voxels)
+/// the error in that depth's voxels; signs against the winding number farther than 0.5 voxel.
 template <typename Tr>
-Accuracy measure(Volume<Tr> const& v, TriangleMesh const& m, char const* name, double nearLimit = 2.0)
+Accuracy measure(Volume<Tr> const& v, TriangleMesh const& m, char const* name,
+                 double nearLimit = 2.0)
 {
     constexpr int W = Tr::kTileWidth;
     testmeshes::MeshBvh const bvh(m);
@@ -179,42 +194,54 @@ Accuracy measure(Volume<Tr> const& v, TriangleMesh const& m, char const* name, d
         for (std::int64_t t = 0; t < v.container.tileCount(d); ++t) {
             auto const& tile = v.container.tile(t, d);
             for (int n = 0; n < W * W * W; ++n)
-                if (tile.isLeaf(n % W, (n / W) % W, n / (W * W))) items.push_back({tile.treeIndex(), n});
+                if (tile.isLeaf(n % W, (n / W) % W, n / (W * W)))
+                    items.push_back({tile.treeIndex(), n});
         }
     if (testbuild::kSanitized) {
         // Several times slower: every fifth voxel.
         std::vector<Item> some;
-        for (std::size_t q = 0; q < items.size(); q += 5) some.push_back(items[q]);
+        for (std::size_t q = 0; q < items.size(); q += 5)
+            some.push_back(items[q]);
         items.swap(some);
     }
-    std::vector<double> nearErr(items.size(), -1.0), near2Err(items.size(), -1.0), bandErr(items.size(), -1.0);
+    std::vector<double> nearErr(items.size(), -1.0), near2Err(items.size(), -1.0),
+        bandErr(items.size(), -1.0);
     std::vector<char> mismatch(items.size(), 0), backgroundNear(items.size(), 0);
-    TVL::Parallel::parallel_for(TVL::Parallel::blocked_range<std::size_t>(0, items.size(), 256), [&](auto const& r) {
-        for (std::size_t q = r.begin(); q != r.end(); ++q) {
-            auto const& tile = v.container.tile(items[q].t);
-            auto const dd = v.distance.tileData(items[q].t);
-            if (dd.empty()) continue;
-            float3 p;
-            v.sample(tile, items[q].n, p);
-            double const w = double(tile.voxelDataWidth()) * v.h;
-            double const value = dd[std::size_t(items[q].n)];
-            // Only distances up to the widest threshold below matter.
-            double const exact = bvh(p, std::max({3.0 * w, 3.0 * double(v.h), nearLimit * double(v.h)}));
-            // Each depth's band: within 1.5 of its voxels of the surface, where the build measures
-            // exact distances (coarser depths: redistanced from them); the background (the far
-            // value) never within 3 finest voxels of the surface.
-            bool const background = std::abs(value) >= 0.5 * double(v.far);
-            if (background && exact <= 3.0 * v.h) backgroundNear[q] = 1;
-            if (exact > 3.0 * w && background) continue;
-            double const pd[3] = {p.x, p.y, p.z};
-            bool const inside = winding(pd) > 0.5;
-            double const truth = inside ? -exact : exact;
-            if (exact > 0.5 * v.h && std::signbit(value) != inside) mismatch[q] = 1;
-            if (!background && exact <= 1.5 * w) bandErr[q] = std::abs(value - truth) / w;
-            if (tile.depth() == Tr::kMaxDepth && exact <= 2.0 * v.h) near2Err[q] = std::abs(value - truth) / v.h;
-            if (tile.depth() == Tr::kMaxDepth && exact <= nearLimit * v.h) nearErr[q] = std::abs(value - truth) / v.h;
-        }
-    });
+    TVL::Parallel::parallel_for(
+        TVL::Parallel::blocked_range<std::size_t>(0, items.size(), 256), [&](auto const& r) {
+            for (std::size_t q = r.begin(); q != r.end(); ++q) {
+                auto const& tile = v.container.tile(items[q].t);
+                auto const dd = v.distance.tileData(items[q].t);
+                if (dd.empty())
+                    continue;
+                float3 p;
+                v.sample(tile, items[q].n, p);
+                double const w = double(tile.voxelDataWidth()) * v.h;
+                double const value = dd[std::size_t(items[q].n)];
+                // Only distances up to the widest threshold below matter.
+                double const exact =
+                    bvh(p, std::max({3.0 * w, 3.0 * double(v.h), nearLimit * double(v.h)}));
+                // Each depth's band: within 1.5 of its voxels of the surface, where the build
+                // measures exact distances (coarser depths: redistanced from them); the background
+                // (the far value) never within 3 finest voxels of the surface.
+                bool const background = std::abs(value) >= 0.5 * double(v.far);
+                if (background && exact <= 3.0 * v.h)
+                    backgroundNear[q] = 1;
+                if (exact > 3.0 * w && background)
+                    continue;
+                double const pd[3] = {p.x, p.y, p.z};
+                bool const inside = winding(pd) > 0.5;
+                double const truth = inside ? -exact : exact;
+                if (exact > 0.5 * v.h && std::signbit(value) != inside)
+                    mismatch[q] = 1;
+                if (!background && exact <= 1.5 * w)
+                    bandErr[q] = std::abs(value - truth) / w;
+                if (tile.depth() == Tr::kMaxDepth && exact <= 2.0 * v.h)
+                    near2Err[q] = std::abs(value - truth) / v.h;
+                if (tile.depth() == Tr::kMaxDepth && exact <= nearLimit * v.h)
+                    nearErr[q] = std::abs(value - truth) / v.h;
+            }
+        });
     Accuracy a;
     double sum = 0.0;
     for (std::size_t q = 0; q < items.size(); ++q) {
@@ -233,10 +260,12 @@ Accuracy measure(Volume<Tr> const& v, TriangleMesh const& m, char const* name, d
     }
     a.meanNear = a.near ? sum / double(a.near) : 0.0;
     std::cout << "[ accuracy ] " << name << ": " << a.near << " voxels within " << nearLimit
-              << " voxels: mean error " << a.meanNear << ", max " << a.maxNear << " voxel (within 2 voxels: max "
-              << a.maxNear2 << "); " << a.band << " band voxels: max " << a.maxBand
-              << " voxel of their depth; background voxels within a voxel of the surface " << a.backgroundNear
-              << "; sign mismatches beyond 0.5 voxel " << a.signMismatches << "\n";
+              << " voxels: mean error " << a.meanNear << ", max " << a.maxNear
+              << " voxel (within 2 voxels: max " << a.maxNear2 << "); " << a.band
+              << " band voxels: max " << a.maxBand
+              << " voxel of their depth; background voxels within a voxel of the surface "
+              << a.backgroundNear << "; sign mismatches beyond 0.5 voxel " << a.signMismatches
+              << "\n";
     return a;
 }
 
@@ -254,11 +283,13 @@ double maxSide(TriangleMesh const& m)
 {
     double lo[3] = {1e30, 1e30, 1e30}, hi[3] = {-1e30, -1e30, -1e30};
     for (auto const& p : m.positions)
-        for (int a = 0; a < 3; ++a) lo[a] = std::min(lo[a], double(p[a])), hi[a] = std::max(hi[a], double(p[a]));
+        for (int a = 0; a < 3; ++a)
+            lo[a] = std::min(lo[a], double(p[a])), hi[a] = std::max(hi[a], double(p[a]));
     return std::max({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]});
 }
 
-template <typename T> class VoxelizeMesh : public ::testing::Test {};
+template <typename T> class VoxelizeMesh : public ::testing::Test {
+};
 TYPED_TEST_SUITE(VoxelizeMesh, testtraits::TraitsTypes, testtraits::TraitsNames);
 
 /// The sparse build: resolution-field adaptivity without fields.
@@ -274,16 +305,20 @@ Options sparse()
 TYPED_TEST(VoxelizeMesh, MadeMeshesAreAccurateInBothBuilds)
 {
     std::vector<std::pair<std::string, PolyMesh>> meshes;
-    meshes.push_back({"icosphere", PolyMesh::fromTriangles(testmeshes::icosphere(f3(0.013, -0.021, 0.007), 1.0, 4))});
-    meshes.push_back({"torus", PolyMesh::fromTriangles(testmeshes::torus(f3(0.01, 0.02, -0.01), 1.0, 0.4, 64, 32))});
-    meshes.push_back({"cube", PolyMesh::fromTriangles(testmeshes::box(f3(-0.93, -1.01, -0.97), f3(1.02, 0.96, 0.99)))});
+    meshes.push_back({"icosphere", PolyMesh::fromTriangles(
+                                       testmeshes::icosphere(f3(0.013, -0.021, 0.007), 1.0, 4))});
+    meshes.push_back({"torus", PolyMesh::fromTriangles(
+                                   testmeshes::torus(f3(0.01, 0.02, -0.01), 1.0, 0.4, 64, 32))});
+    meshes.push_back({"cube", PolyMesh::fromTriangles(
+                                  testmeshes::box(f3(-0.93, -1.01, -0.97), f3(1.02, 0.96, 0.99)))});
     meshes.push_back({"pentagonal prism of quads and pentagons", pentagonalPrism()});
     for (auto const& [name, m] : meshes)
         for (int build = 0; build < 2; ++build) {
             std::string const label = name + (build ? ", sparse build" : ", adaptive build");
             Volume<TypeParam> v(1.0f / 20);
             v.build(m, build ? sparse() : Options{});
-            expectAccurate(measure(v, m.triangles, label.c_str(), build ? 2.0 : kAdaptiveNear), label.c_str());
+            expectAccurate(measure(v, m.triangles, label.c_str(), build ? 2.0 : kAdaptiveNear),
+                           label.c_str());
         }
 }
 
@@ -291,15 +326,17 @@ TYPED_TEST(VoxelizeMesh, BunnyAndArmadilloAreAccurate)
 {
     for (char const* file : {"bunny.obj", "armadillo.obj"}) {
         TriangleMesh const t = testmeshes::readObj(testmeshes::dataFile(file));
-        if (t.triangles.empty()) GTEST_SKIP() << file << " is not in the shared data folder";
+        if (t.triangles.empty())
+            GTEST_SKIP() << file << " is not in the shared data folder";
         PolyMesh const m = PolyMesh::fromTriangles(t);
         for (int build = 0; build < 2; ++build) {
             int const across = testbuild::unlessSanitized(64, 32);
-            std::string const label = std::string(file) + ", " + std::to_string(across) + " across" +
-                                      (build ? ", sparse build" : ", adaptive build");
+            std::string const label = std::string(file) + ", " + std::to_string(across) +
+                                      " across" + (build ? ", sparse build" : ", adaptive build");
             Volume<TypeParam> v(float(maxSide(t) / across));
             v.build(m, build ? sparse() : Options{});
-            expectAccurate(measure(v, m.triangles, label.c_str(), build ? 2.0 : kAdaptiveNear), label.c_str());
+            expectAccurate(measure(v, m.triangles, label.c_str(), build ? 2.0 : kAdaptiveNear),
+                           label.c_str());
         }
     }
 }
@@ -354,9 +391,11 @@ TYPED_TEST(VoxelizeMesh, PointColourArrivesThroughTheClosestTriangle)
     float const h = 1.0f / 16;
     PolyMesh const m = PolyMesh::fromTriangles(testmeshes::icosphere(f3(0, 0, 0), 1.0, 3));
     Quillon::Array<float3> colours;
-    for (auto const& p : m.positions) colours.push_back(f3(0.5 + 0.5 * p.x, 0.5 + 0.5 * p.y, 0.25 * p.z * p.z));
+    for (auto const& p : m.positions)
+        colours.push_back(f3(0.5 + 0.5 * p.x, 0.5 + 0.5 * p.y, 0.25 * p.z * p.z));
     auto mesh = m.object();
-    ASSERT_TRUE(Geo::setDataGeoProperty<float3>(*mesh, "Cd", Geo::sPointComp, colours, f3(0, 0, 0)));
+    ASSERT_TRUE(
+        Geo::setDataGeoProperty<float3>(*mesh, "Cd", Geo::sPointComp, colours, f3(0, 0, 0)));
     Volume<Tr> v(h);
     Options o;
     o.properties = "Cd";
@@ -372,43 +411,52 @@ TYPED_TEST(VoxelizeMesh, PointColourArrivesThroughTheClosestTriangle)
         auto const dd = v.distance.tileData(t, Tr::kMaxDepth);
         auto const cd = ch->tileData(t, Tr::kMaxDepth);
         for (int n = 0; n < Tr::kTileSize; ++n) {
-            if (std::abs(dd[std::size_t(n)]) > 1.0f * h) continue;
+            if (std::abs(dd[std::size_t(n)]) > 1.0f * h)
+                continue;
             float3 p;
             v.sample(tile, n, p);
             // The closest triangle by brute force, and its blend.
             double best = 1e30;
             float3 expect{};
             for (auto const& tri : m.triangles.triangles) {
-                double const d = double(testmeshes::triangleDistance(p, m.positions[tri.x], m.positions[tri.y],
-                                                                     m.positions[tri.z]));
+                double const d = double(testmeshes::triangleDistance(
+                    p, m.positions[tri.x], m.positions[tri.y], m.positions[tri.z]));
                 if (d < best - 1e-9) {
                     best = d;
                     Tavrel::Math::float3 bc;
-                    Tavrel::SpatialQuery::pointTriangleBC(p, m.positions[tri.x], m.positions[tri.y], m.positions[tri.z], bc);
+                    Tavrel::SpatialQuery::pointTriangleBC(p, m.positions[tri.x], m.positions[tri.y],
+                                                          m.positions[tri.z], bc);
                     for (int c = 0; c < 3; ++c)
-                        expect[c] = bc.x * colours[tri.x][c] + bc.y * colours[tri.y][c] + bc.z * colours[tri.z][c];
+                        expect[c] = bc.x * colours[tri.x][c] + bc.y * colours[tri.y][c] +
+                                    bc.z * colours[tri.z][c];
                 }
             }
-            for (int c = 0; c < 3; ++c) worst = std::max(worst, double(std::abs(cd[std::size_t(n)][c] - expect[c])));
+            for (int c = 0; c < 3; ++c)
+                worst = std::max(worst, double(std::abs(cd[std::size_t(n)][c] - expect[c])));
             ++checked;
         }
     }
-    std::cout << "[ property ] " << checked << " voxels within one voxel: largest colour difference " << worst << "\n";
+    std::cout << "[ property ] " << checked
+              << " voxels within one voxel: largest colour difference " << worst << "\n";
     EXPECT_GT(checked, 100);
     EXPECT_LT(worst, 1e-3);
     // Voxels beyond the filled depths have values too (extrapolated), not the default everywhere.
-    EXPECT_FALSE(v.services.messages().size() > 0 && v.services.messages()[0].text.find("not supported") != std::string::npos);
+    EXPECT_FALSE(v.services.messages().size() > 0 &&
+                 v.services.messages()[0].text.find("not supported") != std::string::npos);
 }
 
 TYPED_TEST(VoxelizeMesh, SameTilesAndBitsOnOneThreadAndOnAll)
 {
     using Tr = TypeParam;
-    PolyMesh const m = PolyMesh::fromTriangles(testmeshes::torus(f3(0.01, 0.02, -0.01), 1.0, 0.4, 48, 24));
+    PolyMesh const m =
+        PolyMesh::fromTriangles(testmeshes::torus(f3(0.01, 0.02, -0.01), 1.0, 0.4, 48, 24));
     for (int mode = 0; mode < 3; ++mode) {
         Options o = mode == 1 ? sparse() : Options{};
-        if (mode == 2) o.thickening = 1.5f, o.computeInterior = false;
+        if (mode == 2)
+            o.thickening = 1.5f, o.computeInterior = false;
         auto build = [&](int threads) {
-            TVL::Parallel::global_control limit(TVL::Parallel::global_control::max_allowed_parallelism, threads);
+            TVL::Parallel::global_control limit(
+                TVL::Parallel::global_control::max_allowed_parallelism, threads);
             auto v = std::make_unique<Volume<Tr>>(1.0f / 16);
             v->build(m, o);
             return v;
@@ -422,7 +470,8 @@ TYPED_TEST(VoxelizeMesh, SameTilesAndBitsOnOneThreadAndOnAll)
                 auto const a = one->distance.tileData(t, d);
                 auto const b = all->distance.tileData(t, d);
                 ASSERT_EQ(a.size(), b.size());
-                ASSERT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(float)), 0) << "mode " << mode << " depth " << d;
+                ASSERT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(float)), 0)
+                    << "mode " << mode << " depth " << d;
             }
     }
 }
@@ -486,7 +535,8 @@ TYPED_TEST(VoxelizeMesh, ResolutionFieldAdaptivityWithoutFieldsTakesTheSparseBui
     seen = &stages;
     CoreGL::Logger::setTimerObserver([](Quillon::StringView name, double) {
         std::lock_guard<std::mutex> g(lock);
-        if (seen) seen->insert(std::string(name));
+        if (seen)
+            seen->insert(std::string(name));
     });
     Volume<TypeParam> w(1.0f / 16);
     w.build(m, o);
@@ -510,7 +560,8 @@ TYPED_TEST(VoxelizeMesh, ShellsIgnoreTheErrorTolerance)
     // A shell: no voxel is inside.
     for (int d = 0; d <= TypeParam::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < v.container.tileCount(d); ++t)
-            for (float x : v.distance.tileData(t, d)) ASSERT_FALSE(x < -1.0f * v.h);
+            for (float x : v.distance.tileData(t, d))
+                ASSERT_FALSE(x < -1.0f * v.h);
 }
 
 TYPED_TEST(VoxelizeMesh, HoleRadiusBelowTheVoxelSizeIsRaisedAndZeroDisablesHoleClosing)
@@ -526,11 +577,14 @@ TYPED_TEST(VoxelizeMesh, HoleRadiusBelowTheVoxelSizeIsRaisedAndZeroDisablesHoleC
     };
     auto const small = build(0.3f * h), one = build(h), zero = build(0.0f), negative = build(-1.0f);
     auto same = [](Volume<TypeParam> const& a, Volume<TypeParam> const& b) {
-        if (a.container.tileCount(-1) != b.container.tileCount(-1)) return false;
+        if (a.container.tileCount(-1) != b.container.tileCount(-1))
+            return false;
         for (int d = 0; d <= TypeParam::kMaxDepth; ++d)
             for (std::int64_t t = 0; t < a.container.tileCount(d); ++t) {
                 auto const x = a.distance.tileData(t, d), y = b.distance.tileData(t, d);
-                if (x.size() != y.size() || std::memcmp(x.data(), y.data(), x.size() * sizeof(float)) != 0) return false;
+                if (x.size() != y.size() ||
+                    std::memcmp(x.data(), y.data(), x.size() * sizeof(float)) != 0)
+                    return false;
             }
         return true;
     };
@@ -543,16 +597,17 @@ TYPED_TEST(VoxelizeMesh, RetryWithoutTheErrorTestOnAnOpenMeshReusesTheTree)
 {
     // An open cube on an error-driven tree: the walk finds the crossing hidden by coarse cells,
     // the build gives up, and the driver builds again without the error test on the same tree.
-    PolyMesh const m =
-        PolyMesh::fromTriangles(testmeshes::withoutTriangles(testmeshes::box(f3(-1.02, -0.98, -1.01), f3(0.99, 1.03, 1.0)),
-                                                             [](std::size_t t) { return t < 2; }));
+    PolyMesh const m = PolyMesh::fromTriangles(
+        testmeshes::withoutTriangles(testmeshes::box(f3(-1.02, -0.98, -1.01), f3(0.99, 1.03, 1.0)),
+                                     [](std::size_t t) { return t < 2; }));
     Volume<TypeParam> v(1.0f / 16);
     Options o;
     o.maxRelativeError = 1e-3f;
     v.build(m, o, 1);
     std::size_t const first = v.out.find("Inconsistency found: Computing interior using floodfill");
     ASSERT_NE(first, std::string::npos) << v.out;
-    EXPECT_NE(v.out.find("Inconsistency found: Computing interior using floodfill", first + 1), std::string::npos);
+    EXPECT_NE(v.out.find("Inconsistency found: Computing interior using floodfill", first + 1),
+              std::string::npos);
     // The result: a solid box (the missing face is closed by the flood fill's offset).
     EXPECT_GT(v.container.tileCount(TypeParam::kMaxDepth), 0);
 }
@@ -575,11 +630,14 @@ TYPED_TEST(VoxelizeMesh, PruningOnlyWithThickeningOrHoleClosingAndKeepsTilesNear
     for (int d = 0; d <= Tr::kMaxDepth; ++d)
         for (std::int64_t t = 0; t < thick.container.tileCount(d); ++t) {
             auto const& tile = thick.container.tile(t, d);
-            if (d < Tr::kMaxDepth && !tile.isLeaf()) continue;
+            if (d < Tr::kMaxDepth && !tile.isLeaf())
+                continue;
             float const limit = float(tile.voxelDataWidth()) * 1.7320508f * h * 1.15f;
             float smallest = 1e30f;
-            for (float x : thick.distance.tileData(t, d)) smallest = std::min(smallest, std::abs(x));
-            if (d == Tr::kMaxDepth) EXPECT_LT(smallest, limit) << "depth " << d;
+            for (float x : thick.distance.tileData(t, d))
+                smallest = std::min(smallest, std::abs(x));
+            if (d == Tr::kMaxDepth)
+                EXPECT_LT(smallest, limit) << "depth " << d;
         }
 }
 
@@ -610,9 +668,11 @@ TYPED_TEST(VoxelizeMesh, PropertyEdgeCases)
         Options o;
         o.properties = name;
         v.build(m, o, 0, mesh.get());
-        auto const ch = v.object.template component<VoxelChannel<Tr, float>>("voxel_signed_distance");
+        auto const ch =
+            v.object.template component<VoxelChannel<Tr, float>>("voxel_signed_distance");
         EXPECT_FALSE(ch) << name << ": the property took the distance channel's name";
-        auto const renamed = v.object.template component<VoxelChannel<Tr, float>>("voxel_voxel_signed_distance");
+        auto const renamed =
+            v.object.template component<VoxelChannel<Tr, float>>("voxel_voxel_signed_distance");
         ASSERT_TRUE(renamed) << name;
         EXPECT_FLOAT_EQ(renamed->tileData(0, Tr::kMaxDepth)[0], 2.5f) << name;
     }
@@ -622,7 +682,8 @@ TYPED_TEST(VoxelizeMesh, PropertyEdgeCases)
     PolyMesh empty;
     auto emptyMesh = empty.object();
     ASSERT_TRUE(emptyMesh);
-    ASSERT_TRUE(Geo::setDataGeoProperty<float>(*emptyMesh, "temperature", Geo::sPointComp, Quillon::Array<float>{}, 0.0f));
+    ASSERT_TRUE(Geo::setDataGeoProperty<float>(*emptyMesh, "temperature", Geo::sPointComp,
+                                               Quillon::Array<float>{}, 0.0f));
     Volume<Tr> e(1.0f / 16);
     Options all;
     all.properties = "*";

@@ -4,9 +4,6 @@
 #pragma once
 #include <cstdint>
 #include <exception>
-#include <type_traits>
-#include <utility>
-#include <vector>
 #include <hexmold/analysis/analyze.h>
 #include <hexmold/analysis/detail/stencil_ops.h>
 #include <hexmold/logging/logger.h>
@@ -20,6 +17,9 @@
 #include <hexmold/substrate/scope_guard.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/visitor.h>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace VolumeGL::TileTree3D::Analyze::detail {
 
@@ -77,7 +77,8 @@ template <> struct OpTraits<NormalizeOperator> {
     static constexpr char const* kWord = "normalize";
 };
 
-template <typename Op, typename S> using InputOf = std::conditional_t<OpTraits<Op>::kVectorInput, Vec3<S>, S>;
+template <typename Op, typename S>
+using InputOf = std::conditional_t<OpTraits<Op>::kVectorInput, Vec3<S>, S>;
 template <typename Op, typename S> using OutputOf = typename OpTraits<Op>::template Out<S>;
 
 /// World size of the voxels of a tile whose voxels are @p w finest voxels wide: single precision
@@ -110,11 +111,13 @@ public:
     {
         S const h = voxelWorldSize<S>(tile.voxelDataWidth(), mVoxelSize);
         TileData<Out, W, 0, 0> out = mOutput->tileData(tile.treeIndex());
-        if (out.size() != std::size_t(W) * W * W) return;
+        if (out.size() != std::size_t(W) * W * W)
+            return;
         ConstTileData<float, W, 0, 0> mask;
         if (mMask) {
             mask = mMask->tileData(tile.treeIndex());
-            if (mask.size() != std::size_t(W) * W * W) return; // no mask data: nothing selected
+            if (mask.size() != std::size_t(W) * W * W)
+                return; // no mask data: nothing selected
         }
         // Faces and edges for the in-plane stencil of the mean curvature, faces alone for the
         // axis stencils of the others (which never read an edge, so the result is the same and
@@ -125,8 +128,8 @@ public:
         constexpr int kParts =
             std::is_same_v<Op, MeanCurvatureOperator> ? kHaloTypeFacesAndEdges : kHaloTypeBase;
         constexpr auto kType = HaloType(kParts | kHaloTypeTrilinearJumps);
-        setHaloTile<Traits, In, Hin, 1, 0, 0>(tile.treeIndex(), *mInput, kHaloModeGeneral, kType, mAccessor,
-                                              mScratch, In{}, 1.0f, kVoxelOffsetCenter);
+        setHaloTile<Traits, In, Hin, 1, 0, 0>(tile.treeIndex(), *mInput, kHaloModeGeneral, kType,
+                                              mAccessor, mScratch, In{}, 1.0f, kVoxelOffsetCenter);
         In const* block = mScratch.data();
         Out* o = out.data();
         float const* m = mMask ? mask.data() : nullptr;
@@ -135,13 +138,17 @@ public:
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) {
                     int const n = i + W * (j + W * k);
-                    if (m && !(0.0f > m[n])) continue; // strictly negative mask only; NaN skips
+                    if (m && !(0.0f > m[n]))
+                        continue; // strictly negative mask only; NaN skips
                     In const* c = block + (i + 1) + E * ((j + 1) + E * (k + 1));
-                    auto s = [c](int a, int b, int d) -> In const& { return c[a + E * (b + E * d)]; };
+                    auto s = [c](int a, int b, int d) -> In const& {
+                        return c[a + E * (b + E * d)];
+                    };
                     if constexpr (std::is_same_v<Op, ClosestPointOperator>) {
-                        Vec3<S> const position{static_cast<S>(tile.ti() + i * w) * static_cast<S>(mVoxelSize),
-                                               static_cast<S>(tile.tj() + j * w) * static_cast<S>(mVoxelSize),
-                                               static_cast<S>(tile.tk() + k * w) * static_cast<S>(mVoxelSize)};
+                        Vec3<S> const position{
+                            static_cast<S>(tile.ti() + i * w) * static_cast<S>(mVoxelSize),
+                            static_cast<S>(tile.tj() + j * w) * static_cast<S>(mVoxelSize),
+                            static_cast<S>(tile.tk() + k * w) * static_cast<S>(mVoxelSize)};
                         o[n] = ClosestPoint::apply(s, position);
                     } else {
                         o[n] = OpTraits<Op>::Kernel::apply(s, h);
@@ -160,7 +167,8 @@ private:
 
 /// Timer names, built once per call.
 struct Stages {
-    String process, removeComponent, createOutputChannel, compute, precomputeNeighbors, precomputeHalos;
+    String process, removeComponent, createOutputChannel, compute, precomputeNeighbors,
+        precomputeHalos;
     Stages()
     {
         String const prefix = "Volume::analyze_volume";
@@ -175,17 +183,18 @@ struct Stages {
 
 /// The process step for one input channel: name, replace, create, compute.
 template <typename Op, typename Traits, typename S, int Hin>
-void processChannel(TVL::Object& object, Container<Traits> const& container, VoxelTopology<Traits> const& topology,
-                    Quillon::Ptr<Channel<Traits, InputOf<Op, S>, Traits::kTileWidth, Hin, 0>> const& input,
-                    Channel<Traits, float, Traits::kTileWidth, 0, 0> const* mask, bool replaceInput,
-                    Stages const& stages)
+void processChannel(
+    TVL::Object& object, Container<Traits> const& container, VoxelTopology<Traits> const& topology,
+    Quillon::Ptr<Channel<Traits, InputOf<Op, S>, Traits::kTileWidth, Hin, 0>> const& input,
+    Channel<Traits, float, Traits::kTileWidth, 0, 0> const* mask, bool replaceInput,
+    Stages const& stages)
 {
     using Out = OutputOf<Op, S>;
     using OutChannel = Channel<Traits, Out, Traits::kTileWidth, 0, 0>;
     auto const processTimer = CoreGL::Logger::timer(stages.process, nullptr);
 
     String const& inputName = input->name();
-    String const outputName = replaceInput ? inputName
+    String const outputName = replaceInput        ? inputName
                               : inputName.empty() ? String(OpTraits<Op>::kWord)
                                                   : inputName + "_" + OpTraits<Op>::kWord;
 
@@ -199,19 +208,22 @@ void processChannel(TVL::Object& object, Container<Traits> const& container, Vox
     {
         auto const t = CoreGL::Logger::timer(stages.createOutputChannel, nullptr);
         Command::createChannel<Out, Traits::kRatio, Traits::kTileWidth, Traits::kTileWidth, 0>(
-            outputName, topology, object, Out{}, kDataElementInitializerDefaultValue, 0, Traits::kMaxDepth);
+            outputName, topology, object, Out{}, kDataElementInitializerDefaultValue, 0,
+            Traits::kMaxDepth);
     }
     TVL::ComponentGuard<OutChannel> output(object, outputName);
     auto restore = TVL::onScopeExit([&] {
         output.release();
-        if (previous) object.addComponent(previous);
+        if (previous)
+            object.addComponent(previous);
     });
     if (output) {
         auto const t = CoreGL::Logger::timer(stages.compute, nullptr);
         TileFunction<Op, Traits, S, Hin> const perTile(container, *input, *output, mask);
         auto const none = [](auto const&...) {};
-        container.traverse(none, none, perTile, none, NoVoxelVisit{}, kTraversalUnordered, kNoTile, 0,
-                           Traits::kMaxDepth, 1, true, 0, Traits::kRatio, false, Traits::kMaxDepth - 3);
+        container.traverse(none, none, perTile, none, NoVoxelVisit{}, kTraversalUnordered, kNoTile,
+                           0, Traits::kMaxDepth, 1, true, 0, Traits::kRatio, false,
+                           Traits::kMaxDepth - 3);
     }
     restore.dismiss();
 }
@@ -220,16 +232,19 @@ void processChannel(TVL::Object& object, Container<Traits> const& container, Vox
 /// without halo, double with halo; names of other types are passed over.
 template <typename Op, typename Traits>
 void channelStep(TVL::Object& object, String const& name, Container<Traits> const& container,
-                 VoxelTopology<Traits> const& topology, Channel<Traits, float, Traits::kTileWidth, 0, 0> const* mask,
-                 bool replaceInput, Stages const& stages)
+                 VoxelTopology<Traits> const& topology,
+                 Channel<Traits, float, Traits::kTileWidth, 0, 0> const* mask, bool replaceInput,
+                 Stages const& stages)
 {
     constexpr int W = Traits::kTileWidth;
     auto forPrecision = [&]<typename S>(S*) {
         using In = InputOf<Op, S>;
         if (auto plain = object.component<Channel<Traits, In, W, 0, 0>>(name))
-            processChannel<Op, Traits, S, 0>(object, container, topology, plain, mask, replaceInput, stages);
+            processChannel<Op, Traits, S, 0>(object, container, topology, plain, mask, replaceInput,
+                                             stages);
         else if (auto halo = object.component<Channel<Traits, In, W, 1, 0>>(name))
-            processChannel<Op, Traits, S, 1>(object, container, topology, halo, mask, replaceInput, stages);
+            processChannel<Op, Traits, S, 1>(object, container, topology, halo, mask, replaceInput,
+                                             stages);
     };
     forPrecision(static_cast<float*>(nullptr));
     forPrecision(static_cast<double*>(nullptr));
@@ -243,20 +258,24 @@ bool analyzeTraits(std::vector<String> const& names, String const& maskName, boo
     // Put back at the end, the topology first, also while an exception unwinds.
     TVL::ComponentGuard<Container<Traits>> container(object, Tavrel::Geometry::sVoxelTileTree);
     TVL::ComponentGuard<VoxelTopology<Traits>> topology(object, Tavrel::Geometry::sVoxelComp);
-    if (!container || !topology) return false;
+    if (!container || !topology)
+        return false;
     auto const mask = object.component<Channel<Traits, float, Traits::kTileWidth, 0, 0>>(maskName);
     // Every change of a tree drops its tables, so tables still present describe the tree as it
     // is (a previous call left them): they are kept rather than built again.
     {
         auto const t = CoreGL::Logger::timer(stages.precomputeNeighbors, nullptr);
-        if (!container->hasPrecomputedTileNeighbors()) container->precomputeTileNeighbors();
+        if (!container->hasPrecomputedTileNeighbors())
+            container->precomputeTileNeighbors();
     }
     {
         auto const t = CoreGL::Logger::timer(stages.precomputeHalos, nullptr);
-        if (!container->hasCompressedTileHalos()) container->precomputeCompressedTileHalos();
+        if (!container->hasCompressedTileHalos())
+            container->precomputeCompressedTileHalos();
     }
     for (String const& name : names)
-        channelStep<Op, Traits>(object, name, *container, *topology, mask.get(), replaceInput, stages);
+        channelStep<Op, Traits>(object, name, *container, *topology, mask.get(), replaceInput,
+                                stages);
     return true;
 }
 

@@ -15,13 +15,14 @@ struct CoarsenSettings {
     float minDetailSize;    ///< world
     float maxRelativeError; ///< absolute, in the channel's units
     bool storeError;
-    float bandWidth;        ///< channel units, or tile voxels for the signed distance
+    float bandWidth; ///< channel units, or tile voxels for the signed distance
 };
 
 /// Both stages on the voxel channel @p name of element type T of the object's tree of type
 /// Traits. The caller has checked that the tree, its topology and such a channel exist and that
 /// the tree is not empty. @return false, logged, when the channel is out of step with the tree.
 template <typename Traits, typename T>
-bool typedChannelCoarsen(Quillon::String const& name, CoarsenSettings const& settings, TVL::Object& object);
+bool typedChannelCoarsen(Quillon::String const& name, CoarsenSettings const& settings,
+                         TVL::Object& object);
 
 } // namespace VolumeGL::TileTree3D::detail

@@ -33,7 +33,8 @@ template <> struct Thresholds<double> {
 /// vanish in float) is still scaled, while one below the smallest normal float is not.
 template <typename T> inline Vec3<T> normalized(Vec3<T> const& v)
 {
-    double const n = std::sqrt(double(v.x) * double(v.x) + double(v.y) * double(v.y) + double(v.z) * double(v.z));
+    double const n = std::sqrt(double(v.x) * double(v.x) + double(v.y) * double(v.y) +
+                               double(v.z) * double(v.z));
     if (std::abs(n) > Thresholds<T>::kNormalize) {
         T const inv = static_cast<T>(1.0 / n);
         return {v.x * inv, v.y * inv, v.z * inv};
@@ -52,8 +53,8 @@ struct Gradient {
 struct Laplacian {
     template <typename S, typename T> static T apply(S const& s, T h)
     {
-        return (s(1, 0, 0) - T(6) * s(0, 0, 0) + s(-1, 0, 0) + s(0, 1, 0) + s(0, -1, 0) + s(0, 0, 1) +
-                s(0, 0, -1)) /
+        return (s(1, 0, 0) - T(6) * s(0, 0, 0) + s(-1, 0, 0) + s(0, 1, 0) + s(0, -1, 0) +
+                s(0, 0, 1) + s(0, 0, -1)) /
                (h * h);
     }
 };
@@ -93,7 +94,10 @@ struct Magnitude {
 };
 
 struct Normalize {
-    template <typename S, typename T> static Vec3<T> apply(S const& s, T) { return normalized(s(0, 0, 0)); }
+    template <typename S, typename T> static Vec3<T> apply(S const& s, T)
+    {
+        return normalized(s(0, 0, 0));
+    }
 };
 
 /// One projection step onto the zero level of a signed distance: the voxel's corner (tile
@@ -120,7 +124,8 @@ struct MeanCurvature {
         T const pz = (s(0, 0, 1) - s(0, 0, -1)) * T(0.5);
         T const G = py * py + px * px + pz * pz;
         if (G <= Thresholds<T>::kCurvature) {
-            if (out_g) *out_g = 0.0;
+            if (out_g)
+                *out_g = 0.0;
             return T(0) / h;
         }
         T const c = s(0, 0, 0);
@@ -133,7 +138,8 @@ struct MeanCurvature {
         T const A = (zz + yy) * px * px + (zz + xx) * py * py + (yy + xx) * pz * pz;
         T const B = yz * (pz * py) + (pz * px * xz + py * px * xy);
         double const g = std::sqrt(static_cast<double>(G));
-        if (out_g) *out_g = g;
+        if (out_g)
+            *out_g = g;
         T const value = static_cast<T>(static_cast<double>(A - T(2) * B) / (2.0 * g * g * g));
         return value / h;
     }

@@ -2,13 +2,13 @@
 /// @brief Body of the channel check. Included only by its shards.
 #pragma once
 #include <algorithm>
-#include <iostream>
-#include <sstream>
-#include <type_traits>
 #include <hexmold/diagnostics/channel_check.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/visitor.h>
+#include <iostream>
+#include <sstream>
+#include <type_traits>
 
 namespace CoreGL::detail {
 
@@ -68,26 +68,30 @@ namespace CoreGL {
 
 template <typename Traits, typename T>
 void checkChannel(TVL::TileTree3D::Container<Traits> const& container,
-                  TVL::TileTree3D::VoxelChannel<Traits, T> const& channel, int minDepth, int maxDepth,
-                  Quillon::StringView label, int level)
+                  TVL::TileTree3D::VoxelChannel<Traits, T> const& channel, int minDepth,
+                  int maxDepth, Quillon::StringView label, int level)
 {
     using namespace TVL::TileTree3D;
-    if (Logger::verboseLevel() < 4 && level < 4) return;
+    if (Logger::verboseLevel() < 4 && level < 4)
+        return;
     int const lo = std::max({minDepth, channel.minDepth(), 0});
     int const hi = std::min({maxDepth, channel.depth(), Traits::kMaxDepth});
     constexpr int W = Traits::kTileWidth;
-    detail::CheckExtremes<T> found{channel.defaultValue(), detail::negated(channel.defaultValue()), {}, {}};
+    detail::CheckExtremes<T> found{
+        channel.defaultValue(), detail::negated(channel.defaultValue()), {}, {}};
     auto const none = [](auto const&...) {};
     auto const perTile = [&channel](Tile<Traits> const& tile, detail::CheckExtremes<T>& acc) {
         auto const block = channel.tileData(tile.treeIndex());
-        if (block.size() != std::size_t(W) * W * W) return;
+        if (block.size() != std::size_t(W) * W * W)
+            return;
         std::int64_t const w = tile.voxelDataWidth();
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
                 for (int i = 0; i < W; ++i) {
                     T const& v = block(i, j, k);
                     detail::CheckPlace const at{
-                        {int(tile.ti() + i * w), int(tile.tj() + j * w), int(tile.tk() + k * w)}, tile.depth()};
+                        {int(tile.ti() + i * w), int(tile.tj() + j * w), int(tile.tk() + k * w)},
+                        tile.depth()};
                     if (detail::checkKey(v) < detail::checkKey(acc.smallest)) {
                         acc.smallest = v;
                         acc.smallestAt = at;
@@ -108,11 +112,12 @@ void checkChannel(TVL::TileTree3D::Container<Traits> const& container,
             left.largestAt = right.largestAt;
         }
     };
-    container.reduce(none, none, perTile, none, NoVoxelVisit{}, join, found, kTraversalClampedRange, kNoTile, lo, hi,
-                     50, 0, Traits::kRatio);
+    container.reduce(none, none, perTile, none, NoVoxelVisit{}, join, found, kTraversalClampedRange,
+                     kNoTile, lo, hi, 50, 0, Traits::kRatio);
 
     std::ostringstream line;
-    line << label << ": " << channel.name() << '[' << channel.size() << "] : " << lo << ", " << hi << " : ";
+    line << label << ": " << channel.name() << '[' << channel.size() << "] : " << lo << ", " << hi
+         << " : ";
     detail::writeElement(line, found.smallest);
     line << ", ";
     detail::writeElement(line, found.largest);

@@ -3,8 +3,8 @@
 #pragma once
 #include <algorithm>
 #include <cstddef>
-#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/visitor.h>
 
@@ -42,8 +42,8 @@ double voxelHash(TVL::TileTree3D::Container<Traits> const& container,
         left.weights += right.weights;
         left.values += right.values;
     };
-    container.reduce(none, none, perTile, none, NoVoxelVisit{}, join, sums, kTraversalDepthRange, kNoTile,
-                     minDepth, maxDepth, 50, 0, Traits::kRatio);
+    container.reduce(none, none, perTile, none, NoVoxelVisit{}, join, sums, kTraversalDepthRange,
+                     kNoTile, minDepth, maxDepth, 50, 0, Traits::kRatio);
     return sums.values / sums.weights;
 }
 
@@ -52,7 +52,8 @@ void writeVoxelHashLine(Quillon::StringView prefix, Quillon::StringView suffix,
                         TVL::TileTree3D::Container<Traits> const& container,
                         TVL::TileTree3D::VoxelChannel<Traits, T> const& channel, int aboveLevel)
 {
-    if (Logger::verboseLevel() <= aboveLevel) return;
+    if (Logger::verboseLevel() <= aboveLevel)
+        return;
     writeVoxelHashLine(prefix, suffix, voxelHash(container, channel), aboveLevel);
 }
 

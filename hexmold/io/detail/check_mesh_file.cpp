@@ -25,11 +25,14 @@ public:
 
     bool next(std::string_view& out_line)
     {
-        if (mPos >= mText.size()) return false;
+        if (mPos >= mText.size())
+            return false;
         std::size_t end = mText.find('\n', mPos);
-        if (end == std::string_view::npos) end = mText.size();
+        if (end == std::string_view::npos)
+            end = mText.size();
         out_line = mText.substr(mPos, end - mPos);
-        if (!out_line.empty() && out_line.back() == '\r') out_line.remove_suffix(1);
+        if (!out_line.empty() && out_line.back() == '\r')
+            out_line.remove_suffix(1);
         mPos = end + 1;
         ++mLineNumber;
         return true;
@@ -45,23 +48,30 @@ private:
     std::size_t mLineNumber;
 };
 
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
+bool isSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f';
+}
 
 void tokenize(std::string_view line, Tokens& out_tokens)
 {
     out_tokens.clear();
     std::size_t i = 0;
     while (i < line.size()) {
-        while (i < line.size() && isSpace(line[i])) ++i;
+        while (i < line.size() && isSpace(line[i]))
+            ++i;
         std::size_t const start = i;
-        while (i < line.size() && !isSpace(line[i])) ++i;
-        if (i > start) out_tokens.push_back(line.substr(start, i - start));
+        while (i < line.size() && !isSpace(line[i]))
+            ++i;
+        if (i > start)
+            out_tokens.push_back(line.substr(start, i - start));
     }
 }
 
 std::string_view withoutPlus(std::string_view token)
 {
-    if (token.size() > 1 && token[0] == '+') token.remove_prefix(1);
+    if (token.size() > 1 && token[0] == '+')
+        token.remove_prefix(1);
     return token;
 }
 
@@ -93,7 +103,10 @@ std::string quoted(std::string_view text)
     return out;
 }
 
-std::string lineText(std::size_t lineNumber) { return "line " + std::to_string(lineNumber); }
+std::string lineText(std::size_t lineNumber)
+{
+    return "line " + std::to_string(lineNumber);
+}
 
 // ---- PLY --------------------------------------------------------------------------------------
 
@@ -124,7 +137,8 @@ constexpr std::array<PlyType, 16> kPlyTypes{{{"char", 1, true, true},
 PlyType const* findPlyType(std::string_view name)
 {
     for (auto const& type : kPlyTypes)
-        if (type.name == name) return &type;
+        if (type.name == name)
+            return &type;
     return nullptr;
 }
 
@@ -144,8 +158,8 @@ enum class PlyFormat { kNone, kAscii, kBinaryLittleEndian, kBinaryBigEndian };
 struct PlyHeader {
     PlyFormat format = PlyFormat::kNone;
     std::vector<PlyElement> elements;
-    std::size_t bodyStart = 0;      ///< offset of the first byte after "end_header\n"
-    std::size_t headerLines = 0;    ///< lines up to and with "end_header"
+    std::size_t bodyStart = 0;   ///< offset of the first byte after "end_header\n"
+    std::size_t headerLines = 0; ///< lines up to and with "end_header"
 };
 
 /// Parses the header into @p out_header; answers the problem, or empty.
@@ -154,19 +168,23 @@ std::string parsePlyHeader(std::string_view bytes, PlyHeader& out_header)
     LineReader lines(bytes);
     std::string_view line;
     Tokens tokens;
-    if (!lines.next(line)) return "malformed PLY: the file is empty";
+    if (!lines.next(line))
+        return "malformed PLY: the file is empty";
     tokenize(line, tokens);
     if (tokens.size() != 1 || tokens[0] != "ply")
         return "malformed PLY: the first line is not 'ply'";
     while (lines.next(line)) {
         tokenize(line, tokens);
-        std::string const where = "malformed PLY header, " + lineText(lines.lineNumber()) + " " +
-                                  quoted(line) + ": ";
-        if (tokens.empty()) continue;
+        std::string const where =
+            "malformed PLY header, " + lineText(lines.lineNumber()) + " " + quoted(line) + ": ";
+        if (tokens.empty())
+            continue;
         std::string_view const keyword = tokens[0];
         // A header line without its newline is where a cut file ends.
-        if (lines.position() > bytes.size() && keyword != "end_header") break;
-        if (keyword == "comment" || keyword == "obj_info") continue;
+        if (lines.position() > bytes.size() && keyword != "end_header")
+            break;
+        if (keyword == "comment" || keyword == "obj_info")
+            continue;
         if (keyword == "end_header") {
             if (out_header.format == PlyFormat::kNone)
                 return "malformed PLY: the header has no format line";
@@ -175,21 +193,25 @@ std::string parsePlyHeader(std::string_view bytes, PlyHeader& out_header)
             return {};
         }
         if (keyword == "format") {
-            if (tokens.size() != 3) return where + "expected 'format <kind> 1.0'";
-            if (tokens[1] == "ascii") out_header.format = PlyFormat::kAscii;
+            if (tokens.size() != 3)
+                return where + "expected 'format <kind> 1.0'";
+            if (tokens[1] == "ascii")
+                out_header.format = PlyFormat::kAscii;
             else if (tokens[1] == "binary_little_endian")
                 out_header.format = PlyFormat::kBinaryLittleEndian;
             else if (tokens[1] == "binary_big_endian")
                 out_header.format = PlyFormat::kBinaryBigEndian;
-            else return where + "unknown format";
+            else
+                return where + "unknown format";
         } else if (keyword == "element") {
             std::int64_t count = 0;
             if (tokens.size() != 3 || !parseInteger(tokens[2], count) || count < 0)
                 return where + "expected 'element <name> <count>'";
-            out_header.elements.push_back({std::string(tokens[1]),
-                                           static_cast<std::uint64_t>(count), {}});
+            out_header.elements.push_back(
+                {std::string(tokens[1]), static_cast<std::uint64_t>(count), {}});
         } else if (keyword == "property") {
-            if (out_header.elements.empty()) return where + "a property before any element";
+            if (out_header.elements.empty())
+                return where + "a property before any element";
             PlyProperty property;
             if (tokens.size() == 5 && tokens[1] == "list") {
                 property.countType = findPlyType(tokens[2]);
@@ -198,7 +220,8 @@ std::string parsePlyHeader(std::string_view bytes, PlyHeader& out_header)
                     return where + "unknown or non-integer list type";
             } else if (tokens.size() == 3) {
                 property.type = findPlyType(tokens[1]);
-                if (!property.type) return where + "unknown type";
+                if (!property.type)
+                    return where + "unknown type";
             } else {
                 return where + "expected 'property <type> <name>' or 'property list <type> "
                                "<type> <name>'";
@@ -253,14 +276,15 @@ std::string checkPlyBinaryBody(std::string_view bytes, PlyHeader const& header)
         for (std::uint64_t instance = 0; instance < element.count; ++instance) {
             for (auto const& property : element.properties) {
                 if (!property.countType) {
-                    if (size - pos < std::uint64_t(property.type->size)) return truncated(instance);
+                    if (size - pos < std::uint64_t(property.type->size))
+                        return truncated(instance);
                     pos += property.type->size;
                     continue;
                 }
                 if (size - pos < std::uint64_t(property.countType->size))
                     return truncated(instance);
-                std::int64_t const length = readBinaryInteger(data + pos, *property.countType,
-                                                              bigEndian);
+                std::int64_t const length =
+                    readBinaryInteger(data + pos, *property.countType, bigEndian);
                 pos += property.countType->size;
                 if (length < 0)
                     return "malformed PLY: '" + element.name + "' element " +
@@ -280,7 +304,8 @@ std::string checkPlyAsciiBody(std::string_view bytes, PlyHeader const& header)
     std::string_view line;
     Tokens tokens;
     for (auto const& element : header.elements) {
-        if (element.properties.empty()) continue;
+        if (element.properties.empty())
+            continue;
         for (std::uint64_t instance = 0; instance < element.count; ++instance) {
             do {
                 if (!lines.next(line))
@@ -304,19 +329,22 @@ std::string checkPlyAsciiBody(std::string_view bytes, PlyHeader const& header)
             for (auto const& property : element.properties) {
                 std::int64_t length = 1;
                 if (property.countType) {
-                    if (t == tokens.size()) return tooFew();
+                    if (t == tokens.size())
+                        return tooFew();
                     if (!parseInteger(tokens[t], length) || length < 0)
                         return where() + "list length " + quoted(tokens[t]) +
                                " is not a non-negative integer";
                     ++t;
                 }
-                if (std::uint64_t(length) > tokens.size() - t) return tooFew();
+                if (std::uint64_t(length) > tokens.size() - t)
+                    return tooFew();
                 for (std::int64_t i = 0; i < length; ++i, ++t) {
                     std::int64_t integer = 0;
                     bool const valid = property.countType && property.type->isInteger
                                            ? parseInteger(tokens[t], integer)
                                            : isNumber(tokens[t]);
-                    if (!valid) return where() + "value " + quoted(tokens[t]) + " is not a number";
+                    if (!valid)
+                        return where() + "value " + quoted(tokens[t]) + " is not a number";
                 }
             }
             if (t != tokens.size())
@@ -335,9 +363,11 @@ bool nextOffTokens(LineReader& lines, Tokens& out_tokens)
     std::string_view line;
     while (lines.next(line)) {
         std::size_t const hash = line.find('#');
-        if (hash != std::string_view::npos) line = line.substr(0, hash);
+        if (hash != std::string_view::npos)
+            line = line.substr(0, hash);
         tokenize(line, out_tokens);
-        if (!out_tokens.empty()) return true;
+        if (!out_tokens.empty())
+            return true;
     }
     return false;
 }
@@ -347,7 +377,8 @@ bool nextOffTokens(LineReader& lines, Tokens& out_tokens)
 std::string plyProblem(std::string_view bytes)
 {
     PlyHeader header;
-    if (std::string problem = parsePlyHeader(bytes, header); !problem.empty()) return problem;
+    if (std::string problem = parsePlyHeader(bytes, header); !problem.empty())
+        return problem;
     return header.format == PlyFormat::kAscii ? checkPlyAsciiBody(bytes, header)
                                               : checkPlyBinaryBody(bytes, header);
 }
@@ -356,19 +387,25 @@ std::string offProblem(std::string_view bytes)
 {
     LineReader lines(bytes);
     Tokens tokens;
-    if (!nextOffTokens(lines, tokens)) return "malformed OFF: the file has no content";
+    if (!nextOffTokens(lines, tokens))
+        return "malformed OFF: the file has no content";
     // Numbers per vertex line of each variant Assimp reads right: position, then normal, RGBA
     // colour or texture coordinates.
     std::size_t valuesPerVertex = 0;
     std::string_view const keyword = tokens[0];
-    if (keyword == "OFF") valuesPerVertex = 3;
-    else if (keyword == "NOFF") valuesPerVertex = 6;
-    else if (keyword == "COFF") valuesPerVertex = 7;
-    else if (keyword == "STOFF") valuesPerVertex = 5;
+    if (keyword == "OFF")
+        valuesPerVertex = 3;
+    else if (keyword == "NOFF")
+        valuesPerVertex = 6;
+    else if (keyword == "COFF")
+        valuesPerVertex = 7;
+    else if (keyword == "STOFF")
+        valuesPerVertex = 5;
     else if (keyword.size() > 3 && keyword.substr(keyword.size() - 3) == "OFF")
         return "unsupported OFF variant " + quoted(keyword) +
                " (OFF, COFF, NOFF and STOFF are read)";
-    else return "malformed OFF: the first line is not OFF, COFF, NOFF or STOFF";
+    else
+        return "malformed OFF: the first line is not OFF, COFF, NOFF or STOFF";
 
     // The counts follow on the keyword's line or on the next one.
     tokens.erase(tokens.begin());
@@ -399,7 +436,8 @@ std::string offProblem(std::string_view bytes)
             return where() + std::to_string(tokens.size()) + " numbers, " + std::string(keyword) +
                    " needs " + std::to_string(valuesPerVertex);
         for (std::size_t i = 0; i < valuesPerVertex; ++i)
-            if (!isNumber(tokens[i])) return where() + quoted(tokens[i]) + " is not a number";
+            if (!isNumber(tokens[i]))
+                return where() + quoted(tokens[i]) + " is not a number";
     }
     for (std::int64_t f = 0; f < faceCount; ++f) {
         if (!nextOffTokens(lines, tokens))
@@ -440,20 +478,24 @@ std::string stlProblem(std::string_view head, std::string_view tail, std::uint64
     if (size >= kHeaderBytes && head.size() >= kHeaderBytes) {
         std::uint32_t count = 0;
         std::memcpy(&count, head.data() + 80, sizeof(count));
-        if (size == kHeaderBytes + kTriangleBytes * count) return {};
+        if (size == kHeaderBytes + kTriangleBytes * count)
+            return {};
     }
     std::size_t first = 0;
-    while (first < head.size() && (isSpace(head[first]) || head[first] == '\n')) ++first;
+    while (first < head.size() && (isSpace(head[first]) || head[first] == '\n'))
+        ++first;
     bool const isText = head.find('\0') == std::string_view::npos;
     if (isText && head.substr(first, 5) == "solid") {
         std::size_t last = tail.size();
-        while (last > 0 && (isSpace(tail[last - 1]) || tail[last - 1] == '\n')) --last;
+        while (last > 0 && (isSpace(tail[last - 1]) || tail[last - 1] == '\n'))
+            --last;
         // The last line is "endsolid" with an optional name.
         std::size_t const lineStart = tail.substr(0, last).rfind('\n');
         std::string_view const lastLine =
             tail.substr(lineStart == std::string_view::npos ? 0 : lineStart + 1);
         std::size_t word = 0;
-        while (word < lastLine.size() && isSpace(lastLine[word])) ++word;
+        while (word < lastLine.size() && isSpace(lastLine[word]))
+            ++word;
         if (lastLine.substr(word, 8) != "endsolid")
             return "truncated ASCII STL: its last line is not 'endsolid'";
         return {};

@@ -1,5 +1,6 @@
 /// @file  io/detail/vdb_grids_scalar.cpp
-/// @brief `voxelGrid` and `readVoxelGrid` for the scalar grid types: int32, int64, float and double.
+/// @brief `voxelGrid` and `readVoxelGrid` for the scalar grid types: int32, int64, float and
+/// double.
 #if HEXMOLD_HAVE_OPENVDB
 #include <hexmold/io/detail/vdb_grids_impl.h>
 

@@ -1,5 +1,6 @@
 /// @file  io/detail/vdb_grids_vector.cpp
-/// @brief `voxelGrid` and `readVoxelGrid` for the vector grid types: float, double and int32 triples.
+/// @brief `voxelGrid` and `readVoxelGrid` for the vector grid types: float, double and int32
+/// triples.
 #if HEXMOLD_HAVE_OPENVDB
 #include <hexmold/io/detail/vdb_grids_impl.h>
 

@@ -59,7 +59,8 @@ inline std::string channelKey(int n, char const* field)
     return "hexmold.channel." + std::to_string(n) + "." + field;
 }
 
-template <typename T> inline constexpr char const* kElementName = Tavrel::Geometry::kElementTypeName<T>;
+template <typename T>
+inline constexpr char const* kElementName = Tavrel::Geometry::kElementTypeName<T>;
 
 template <typename Traits> std::string traitsName()
 {
@@ -285,7 +286,7 @@ void writeChannel(VolumeContext<Traits> const& ctx, TVL::Component const& compon
             }
             Value const def = Storage::encode(channel.defaultValue(), part);
             auto grid = detail::voxelGrid<typename Storage::Grid>(ctx.origins[d], W, values, def);
-            if constexpr (kFloatComponents<Value> > 0)
+            if constexpr (kFloatComponents < Value >> 0)
                 if (ctx.halfFloats && survivesHalf(values, def)) {
                     grid->setSaveFloatAsHalf(true);
                     grid->insertMeta(kGridHalf, openvdb::BoolMetadata(true));
@@ -348,8 +349,9 @@ Quillon::Ptr<TVL::Component> readChannel(Path const& path, VolumeContext<Traits>
                                                                      Traits::kTileWidth, values);
             if (!problem.empty())
                 fail(path, "the grid of " + where + " " + problem);
-            if constexpr (kFloatComponents<typename Storage::Value> > 0) {
-                auto const half = it->second->template getMetadata<openvdb::BoolMetadata>(kGridHalf);
+            if constexpr (kFloatComponents < typename Storage::Value >> 0) {
+                auto const half =
+                    it->second->template getMetadata<openvdb::BoolMetadata>(kGridHalf);
                 if (half && half->value())
                     restoreFarValues(values, Storage::encode(defaultValue, part));
             }
@@ -474,7 +476,8 @@ void writeVolumeOf(Path const& path, TVL::Object const& object, Container<Traits
     meta.insertMeta(kMetaTopology, openvdb::StringMetadata(topology->name()));
     std::string counts;
     for (int d = 0; d <= Traits::kMaxDepth; ++d) {
-        if (d) counts += ' ';
+        if (d)
+            counts += ' ';
         counts += std::to_string(tree.tileCount(d));
     }
     meta.insertMeta(kMetaTileCounts, openvdb::StringMetadata(counts));

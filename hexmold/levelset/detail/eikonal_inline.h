@@ -23,8 +23,8 @@ static_assert(std::bit_cast<std::uint32_t>(kEikonalOneThird) == 0x3EAAAAABu);
 /// comparisons. Equal values keep their argument order (a before b before c), which matters only
 /// where a value carries a payload (its spacing in the anisotropic update).
 template <typename Payload>
-inline void sortAscending(float a, Payload pa, float b, Payload pb, float c, Payload pc,
-                          float& s0, Payload& p0, float& s1, Payload& p1, float& s2, Payload& p2)
+inline void sortAscending(float a, Payload pa, float b, Payload pb, float c, Payload pc, float& s0,
+                          Payload& p0, float& s1, Payload& p1, float& s2, Payload& p2)
 {
     if (b < a) {
         if (c < b) {
@@ -48,15 +48,22 @@ inline void sortAscending(float a, Payload pa, float b, Payload pb, float c, Pay
 /// Sorts three values ascending, as above, without a payload.
 inline void sortAscending(float a, float b, float c, float& s0, float& s1, float& s2)
 {
-    struct None {} n0, n1, n2;
+    struct None {
+    } n0, n1, n2;
     sortAscending(a, None{}, b, None{}, c, None{}, s0, n0, s1, n1, s2, n2);
 }
 
 /// 2*h*h as the sweep precomputes it once per depth: (h + h) * h.
-inline float eikonalTwoHSquared(float h) { return (h + h) * h; }
+inline float eikonalTwoHSquared(float h)
+{
+    return (h + h) * h;
+}
 
 /// 3*h*h as the sweep precomputes it once per depth: h * 3 * h, in single precision.
-inline float eikonalThreeHSquared(float h) { return h * 3.0f * h; }
+inline float eikonalThreeHSquared(float h)
+{
+    return h * 3.0f * h;
+}
 
 /// @brief The isotropic eikonal update in the form the tile sweeps inline.
 /// @param h              grid spacing (world units), > 0

@@ -13,17 +13,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <hexmold/levelset/extrapolate_channel.h>
+#include <hexmold/logging/logger.h>
+#include <hexmold/platform/tavrel/math.h>
+#include <hexmold/substrate/halo.h>
+#include <hexmold/substrate/tile_data.h>
 #include <iostream>
 #include <limits>
 #include <memory>
 #include <type_traits>
 #include <utility>
 #include <vector>
-#include <hexmold/logging/logger.h>
-#include <hexmold/levelset/extrapolate_channel.h>
-#include <hexmold/platform/tavrel/math.h>
-#include <hexmold/substrate/halo.h>
-#include <hexmold/substrate/tile_data.h>
 
 namespace VolumeGL::TileTree3D::LevelSet::detail {
 
@@ -45,10 +45,10 @@ struct LayerMean {
 
 /// One tile of a colour list of the fast sweep.
 template <typename Traits> struct SweepTile {
-    std::int64_t tile;        ///< index at the depth swept
-    std::uint32_t first;      ///< first of its unknown voxels in the depth's index array
-    std::uint32_t count;      ///< unknown voxels
-    bool dense;               ///< swept in eight directions; otherwise through its indices
+    std::int64_t tile;   ///< index at the depth swept
+    std::uint32_t first; ///< first of its unknown voxels in the depth's index array
+    std::uint32_t count; ///< unknown voxels
+    bool dense;          ///< swept in eight directions; otherwise through its indices
 };
 
 /// What the drivers need of the element type. One instance per worker; the calls for one tile
@@ -71,7 +71,8 @@ public:
                          std::uint8_t const* unknowns, std::array<TreeIndex, 6> const& faces,
                          bool& changed) = 0;
     /// Applies the means of one depth's wavefront, in order.
-    virtual void applyMeans(int depth, std::vector<LayerMean> const& means, std::vector<LayerVoxel> const& sources) = 0;
+    virtual void applyMeans(int depth, std::vector<LayerMean> const& means,
+                            std::vector<LayerVoxel> const& sources) = 0;
     /// Every unknown voxel of depth @p depth covered by a child tile takes the value of the
     /// child voxel at the low corner of its region; with @p knownChildrenOnly only where that
     /// child voxel is known.
@@ -85,13 +86,15 @@ public:
 /// The tree-type drivers, defined in extrapolate_channel.cpp for both tree types.
 /// The fast sweep over the depths that all three channels hold.
 template <typename Traits>
-void extrapolateFSM(Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const& known,
-                    VoxelChannel<Traits, float> const& distance, ChannelBase const& value, bool flipInterior,
-                    ExtrapolationKernel<Traits>& kernel);
+void extrapolateFSM(Container<Traits> const& container,
+                    VoxelChannel<Traits, unsigned char> const& known,
+                    VoxelChannel<Traits, float> const& distance, ChannelBase const& value,
+                    bool flipInterior, ExtrapolationKernel<Traits>& kernel);
 /// The layer scheme over [minDepth, maxDepth] (clamped to the known and value channels).
 template <typename Traits>
-void extrapolateLayers(Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const& known,
-                       ChannelBase const& value, VoxelChannel<Traits, short> const* dof, int minDepth, int maxDepth,
+void extrapolateLayers(Container<Traits> const& container,
+                       VoxelChannel<Traits, unsigned char> const& known, ChannelBase const& value,
+                       VoxelChannel<Traits, short> const* dof, int minDepth, int maxDepth,
                        ExtrapolationKernel<Traits>& kernel);
 
 // ---- element arithmetic ---------------------------------------------------------------------
@@ -118,7 +121,10 @@ template <typename S, int R, int C> struct Components<Tavrel::Math::Mat<S, R, C>
     static constexpr int kCount = R * C;
 };
 
-template <typename T> inline auto* scalars(T& v) { return reinterpret_cast<typename Components<T>::Scalar*>(&v); }
+template <typename T> inline auto* scalars(T& v)
+{
+    return reinterpret_cast<typename Components<T>::Scalar*>(&v);
+}
 template <typename T> inline auto const* scalars(T const& v)
 {
     return reinterpret_cast<typename Components<T>::Scalar const*>(&v);
@@ -132,11 +138,14 @@ template <typename S> inline S storeAs(double x)
     if constexpr (std::is_floating_point_v<S>) {
         return static_cast<S>(x);
     } else {
-        if (!(x == x)) return S(0);
+        if (!(x == x))
+            return S(0);
         double const t = std::trunc(x);
-        if (t <= double(std::numeric_limits<S>::min())) return std::numeric_limits<S>::min();
+        if (t <= double(std::numeric_limits<S>::min()))
+            return std::numeric_limits<S>::min();
         // The largest 64-bit integers are not doubles: compare against the next power of two.
-        if (t >= double(std::numeric_limits<S>::max())) return std::numeric_limits<S>::max();
+        if (t >= double(std::numeric_limits<S>::max()))
+            return std::numeric_limits<S>::max();
         return static_cast<S>(t);
     }
 }
@@ -148,8 +157,10 @@ template <typename T> inline void addWeighted(T& sum, float w, T const& v)
     S* s = scalars(sum);
     S const* x = scalars(v);
     for (int c = 0; c < Components<T>::kCount; ++c) {
-        if constexpr (std::is_floating_point_v<S>) s[c] = s[c] + S(w) * x[c];
-        else s[c] = storeAs<S>(double(s[c]) + double(w) * double(x[c]));
+        if constexpr (std::is_floating_point_v<S>)
+            s[c] = s[c] + S(w) * x[c];
+        else
+            s[c] = storeAs<S>(double(s[c]) + double(w) * double(x[c]));
     }
 }
 
@@ -159,7 +170,8 @@ template <typename T, typename Sum> inline T divided(Sum const& sum, double divi
     using S = typename Components<T>::Scalar;
     T r{};
     S* o = scalars(r);
-    for (int c = 0; c < Components<T>::kCount; ++c) o[c] = storeAs<S>(double(sum[c]) / divisor);
+    for (int c = 0; c < Components<T>::kCount; ++c)
+        o[c] = storeAs<S>(double(sum[c]) / divisor);
     return r;
 }
 
@@ -169,7 +181,8 @@ template <typename T> inline double changeOf(T const& a, T const& b)
     using S = typename Components<T>::Scalar;
     S const* x = scalars(a);
     S const* y = scalars(b);
-    if constexpr (Components<T>::kCount == 1) return std::fabs(double(x[0]) - double(y[0]));
+    if constexpr (Components<T>::kCount == 1)
+        return std::fabs(double(x[0]) - double(y[0]));
     double s = 0.0;
     for (int c = 0; c < Components<T>::kCount; ++c) {
         double const d = double(x[c]) - double(y[c]);
@@ -187,7 +200,8 @@ template <typename T> struct PlainSum {
     void add(T const& x)
     {
         S const* p = scalars(x);
-        for (int c = 0; c < Components<T>::kCount; ++c) v[c] += A(p[c]);
+        for (int c = 0; c < Components<T>::kCount; ++c)
+            v[c] += A(p[c]);
     }
     A operator[](int c) const { return v[c]; }
 };
@@ -197,7 +211,8 @@ template <typename T> struct PlainSum {
 /// the voxel; weights are the distance differences. With no upwind neighbour at all the voxel
 /// takes the mean of its six face neighbours. @return the change.
 template <typename T, int E>
-inline double updateVoxel(float const* d, T* v, std::ptrdiff_t c, bool flipInterior, float distanceDefault)
+inline double updateVoxel(float const* d, T* v, std::ptrdiff_t c, bool flipInterior,
+                          float distanceDefault)
 {
     constexpr std::ptrdiff_t kStride[3] = {1, E, std::ptrdiff_t(E) * E};
     float const a0 = d[c];
@@ -208,8 +223,10 @@ inline double updateVoxel(float const* d, T* v, std::ptrdiff_t c, bool flipInter
         float dp = d[c + s], dm = d[c - s], a = a0;
         if (flip) {
             // A neighbour at the background (beyond the band) keeps its sign.
-            if (!(dm >= distanceDefault)) dm = -dm;
-            if (!(dp >= distanceDefault)) dp = -dp;
+            if (!(dm >= distanceDefault))
+                dm = -dm;
+            if (!(dp >= distanceDefault))
+                dp = -dp;
             a = -a;
         }
         if (dp > dm) {
@@ -241,14 +258,17 @@ inline double updateVoxel(float const* d, T* v, std::ptrdiff_t c, bool flipInter
 }
 
 /// The element-type half for one value channel.
-template <typename Traits, typename T> class TypedExtrapolationKernel final : public ExtrapolationKernel<Traits> {
+template <typename Traits, typename T>
+class TypedExtrapolationKernel final : public ExtrapolationKernel<Traits> {
     using Base = ExtrapolationKernel<Traits>;
     using Base::E;
     using Base::W;
 
 public:
-    TypedExtrapolationKernel(Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const& known,
-                             VoxelChannel<Traits, T>& value, bool flipInterior, float distanceDefault)
+    TypedExtrapolationKernel(Container<Traits> const& container,
+                             VoxelChannel<Traits, unsigned char> const& known,
+                             VoxelChannel<Traits, T>& value, bool flipInterior,
+                             float distanceDefault)
         : mContainer(&container), mKnown(&known), mValue(&value), mFlipInterior(flipInterior),
           mDistanceDefault(distanceDefault), mAccessor(container.tileAccessor()),
           mHalo(std::size_t(E) * E * E)
@@ -261,26 +281,34 @@ public:
     {
     }
 
-    std::unique_ptr<Base> clone() const override { return std::make_unique<TypedExtrapolationKernel>(*this); }
+    std::unique_ptr<Base> clone() const override
+    {
+        return std::make_unique<TypedExtrapolationKernel>(*this);
+    }
 
-    double sweep(SweepTile<Traits> const& s, int depth, float const* d, std::uint8_t const* unknowns,
-                 std::array<TreeIndex, 6> const& faces, bool& changed) override
+    double sweep(SweepTile<Traits> const& s, int depth, float const* d,
+                 std::uint8_t const* unknowns, std::array<TreeIndex, 6> const& faces,
+                 bool& changed) override
     {
         TreeIndex const t{s.tile, depth};
         fillInteriorAndFaces(t, faces);
         T* v = mHalo.data();
-        auto at = [](int i, int j, int k) { return std::ptrdiff_t((i + 1) + E * ((j + 1) + E * (k + 1))); };
+        auto at = [](int i, int j, int k) {
+            return std::ptrdiff_t((i + 1) + E * ((j + 1) + E * (k + 1)));
+        };
         double change = 0.0;
         auto update = [&](std::ptrdiff_t c) {
             double const x = updateVoxel<T, E>(d, v, c, mFlipInterior, mDistanceDefault);
-            if (x > change) change = x;
+            if (x > change)
+                change = x;
         };
         std::uint8_t const* const ids = unknowns + s.first;
         if (s.dense) {
             auto const known = mKnown->tileData(t);
             // The eight directions of travel (k, j, i), k outer and i inner.
-            static constexpr int kDirections[8][3] = {{1, 1, 1},   {-1, -1, -1}, {-1, 1, 1},  {1, -1, -1},
-                                                      {-1, -1, 1}, {1, 1, -1},   {1, -1, 1},  {-1, 1, -1}};
+            static constexpr int kDirections[8][3] = {{1, 1, 1},   {-1, -1, -1}, {-1, 1, 1},
+                                                      {1, -1, -1}, {-1, -1, 1},  {1, 1, -1},
+                                                      {1, -1, 1},  {-1, 1, -1}};
             for (auto const& dir : kDirections)
                 for (int kk = 0; kk < W; ++kk) {
                     int const k = dir[0] > 0 ? kk : W - 1 - kk;
@@ -288,15 +316,18 @@ public:
                         int const j = dir[1] > 0 ? jj : W - 1 - jj;
                         for (int ii = 0; ii < W; ++ii) {
                             int const i = dir[2] > 0 ? ii : W - 1 - ii;
-                            if (known(i, j, k) != 0) continue;
+                            if (known(i, j, k) != 0)
+                                continue;
                             update(at(i, j, k));
                         }
                     }
                 }
         } else {
             // Few unknowns: each once in stored order and once in reverse.
-            for (std::uint32_t n = 0; n < s.count; ++n) update(halo(ids[n]));
-            for (std::uint32_t n = s.count; n-- > 0;) update(halo(ids[n]));
+            for (std::uint32_t n = 0; n < s.count; ++n)
+                update(halo(ids[n]));
+            for (std::uint32_t n = s.count; n-- > 0;)
+                update(halo(ids[n]));
         }
         auto out = mValue->tileData(t);
         changed = false;
@@ -309,7 +340,8 @@ public:
         return change;
     }
 
-    void applyMeans(int depth, std::vector<LayerMean> const& means, std::vector<LayerVoxel> const& sources) override
+    void applyMeans(int depth, std::vector<LayerMean> const& means,
+                    std::vector<LayerVoxel> const& sources) override
     {
         for (LayerMean const& m : means) {
             PlainSum<T> sum;
@@ -317,7 +349,8 @@ public:
                 LayerVoxel const& s = sources[m.first + n];
                 sum.add(mValue->tileData(s.tile, depth)[std::size_t(s.voxel)]);
             }
-            mValue->tileData(m.target.tile, depth)[std::size_t(m.target.voxel)] = divided<T>(sum, double(m.count));
+            mValue->tileData(m.target.tile, depth)[std::size_t(m.target.voxel)] =
+                divided<T>(sum, double(m.count));
         }
     }
 
@@ -329,19 +362,23 @@ public:
             Tile<Traits> const& tile = mContainer->tile(t, depth);
             auto known = mKnown->tileData(t, depth);
             auto out = mValue->tileData(t, depth);
-            if (known.empty() || out.empty()) continue;
+            if (known.empty() || out.empty())
+                continue;
             for (int k = 0; k < W; ++k)
                 for (int j = 0; j < W; ++j)
                     for (int i = 0; i < W; ++i) {
-                        if (known(i, j, k) != 0 || tile.isLeaf(i, j, k)) continue;
+                        if (known(i, j, k) != 0 || tile.isLeaf(i, j, k))
+                            continue;
                         TreeIndex const c = tile.childTreeIndex(i / P, j / P, k / P);
                         auto const child = mValue->tileData(c);
-                        if (child.empty()) continue;
+                        if (child.empty())
+                            continue;
                         // The child voxel at the low corner of the region this voxel covers.
                         int const ci = (i % P) * W / P, cj = (j % P) * W / P, ck = (k % P) * W / P;
                         if (knownChildrenOnly) {
                             auto const childKnown = mKnown->tileData(c);
-                            if (childKnown.empty() || childKnown(ci, cj, ck) == 0) continue;
+                            if (childKnown.empty() || childKnown(ci, cj, ck) == 0)
+                                continue;
                         }
                         out(i, j, k) = child(ci, cj, ck);
                     }
@@ -352,20 +389,24 @@ public:
     {
         using S = typename Components<T>::Scalar;
         constexpr int kHanging = 4, kNotInterpolated = 32;
-        if (depth < 1) return;
+        if (depth < 1)
+            return;
         std::int64_t const pw = Container<Traits>::voxelDataWidth(depth - 1);
         std::int64_t const n = mContainer->tileCount(depth);
         for (std::int64_t t = 0; t < n; ++t) {
             Tile<Traits> const& tile = mContainer->tile(t, depth);
-            if (tile.parent() < 0) continue;
+            if (tile.parent() < 0)
+                continue;
             auto const flags = dof.tileData(t, depth);
             auto const known = mKnown->tileData(t, depth);
             auto out = mValue->tileData(t, depth);
-            if (flags.empty() || known.empty() || out.empty()) continue;
+            if (flags.empty() || known.empty() || out.empty())
+                continue;
             std::int64_t const w = tile.voxelDataWidth();
             auto visit = [&](int i, int j, int k) {
                 short const f = flags(i, j, k);
-                if (!(f & kHanging) || (f & kNotInterpolated) || known(i, j, k) != 0) return;
+                if (!(f & kHanging) || (f & kNotInterpolated) || known(i, j, k) != 0)
+                    return;
                 std::int64_t const p[3] = {tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w};
                 std::int64_t base[3];
                 double fraction[3];
@@ -386,23 +427,31 @@ public:
                         weight *= upper ? fraction[a] : 1.0 - fraction[a];
                         q[a] = base[a] + (upper ? pw : 0);
                     }
-                    if (skip) continue;
+                    if (skip)
+                        continue;
                     Tile<Traits> const& c = mAccessor.tile(q[0], q[1], q[2], depth - 1);
-                    if (!c.valid()) return;
+                    if (!c.valid())
+                        return;
                     auto const cv = mValue->tileData(c.treeIndex());
-                    if (cv.empty()) return;
+                    if (cv.empty())
+                        return;
                     std::int64_t const cw = c.voxelDataWidth();
-                    S const* x = scalars(cv(int((q[0] - c.ti()) / cw), int((q[1] - c.tj()) / cw), int((q[2] - c.tk()) / cw)));
-                    for (int m = 0; m < Components<T>::kCount; ++m) mix[m] += weight * double(x[m]);
+                    S const* x = scalars(cv(int((q[0] - c.ti()) / cw), int((q[1] - c.tj()) / cw),
+                                            int((q[2] - c.tk()) / cw)));
+                    for (int m = 0; m < Components<T>::kCount; ++m)
+                        mix[m] += weight * double(x[m]);
                 }
                 out(i, j, k) = divided<T>(mix, 1.0);
             };
             for (int j = 0; j < W; ++j)
-                for (int i = 0; i < W; ++i) visit(i, j, 0);
+                for (int i = 0; i < W; ++i)
+                    visit(i, j, 0);
             for (int k = 1; k < W; ++k)
-                for (int i = 0; i < W; ++i) visit(i, 0, k);
+                for (int i = 0; i < W; ++i)
+                    visit(i, 0, k);
             for (int k = 1; k < W; ++k)
-                for (int j = 1; j < W; ++j) visit(0, j, k);
+                for (int j = 1; j < W; ++j)
+                    visit(0, j, k);
         }
     }
 
@@ -418,7 +467,8 @@ private:
         auto const own = values.tileData(t);
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
-                for (int i = 0; i < W; ++i) mHalo(i, j, k) = own(i, j, k);
+                for (int i = 0; i < W; ++i)
+                    mHalo(i, j, k) = own(i, j, k);
         Tile<Traits> const& tile = mContainer->tile(t);
         std::int64_t const corner[3] = {tile.ti(), tile.tj(), tile.tk()};
         std::int64_t const w = tile.voxelDataWidth();
@@ -428,7 +478,7 @@ private:
             int const to = upper ? W : -1;
             TreeIndex const n = faces[std::size_t(f)];
             auto const block = n.valid() ? values.tileData(n) : ConstTileData<T, W, 0, 0>();
-            auto at = [&](int a, int b, int (&idx)[3]) {
+            auto at = [&](int a, int b, int(&idx)[3]) {
                 idx[axis] = to;
                 idx[(axis + 1) % 3] = a;
                 idx[(axis + 2) % 3] = b;
@@ -461,7 +511,8 @@ private:
                 for (int a = 0; a < W; ++a) {
                     int idx[3], src[3];
                     at(a, b, idx);
-                    for (int c = 0; c < 3; ++c) src[c] = int((corner[c] + idx[c] * w - nc[c]) / nw);
+                    for (int c = 0; c < 3; ++c)
+                        src[c] = int((corner[c] + idx[c] * w - nc[c]) / nw);
                     mHalo(idx[0], idx[1], idx[2]) = block(src[0], src[1], src[2]);
                 }
         }
@@ -493,37 +544,45 @@ void extrapolateChannel(ExtrapolationType type, TVL::TileTree3D::Container<Trait
                         TVL::TileTree3D::VoxelChannel<Traits, unsigned char>& io_known,
                         TVL::TileTree3D::VoxelChannel<Traits, T>& io_value,
                         TVL::TileTree3D::VoxelChannel<Traits, float> const* distance,
-                        TVL::TileTree3D::VoxelChannel<Traits, short> const* dof, int minDepth, int maxDepth,
-                        bool flipInterior)
+                        TVL::TileTree3D::VoxelChannel<Traits, short> const* dof, int minDepth,
+                        int maxDepth, bool flipInterior)
 {
     bool const verbose = CoreGL::Logger::verboseLevel() > 0;
     switch (type) {
     case kExtrapolateFMM:
-        if (verbose) std::cout << "extrapolateChannel: kExtrapolateFMM not yet implemented (use kExtrapolateFSM)\n";
+        if (verbose)
+            std::cout << "extrapolateChannel: kExtrapolateFMM not yet implemented (use "
+                         "kExtrapolateFSM)\n";
         return;
     case kExtrapolateFSM:
         if (!distance) {
             if (CoreGL::Logger::errorVerboseLevel() > 0)
-                std::cerr << "Error: extrapolateChannel.extrapolateFSM requires in_distanceChannel!=nullptr\n";
+                std::cerr << "Error: extrapolateChannel.extrapolateFSM requires "
+                             "in_distanceChannel!=nullptr\n";
             return;
         }
         break;
     case kExtrapolateLayers:
         break;
     default:
-        if (verbose) std::cout << "extrapolateChannel: unknown extrapolation mode = " << int(type) << '\n';
+        if (verbose)
+            std::cout << "extrapolateChannel: unknown extrapolation mode = " << int(type) << '\n';
         return;
     }
     auto const start = std::chrono::steady_clock::now();
-    detail::TypedExtrapolationKernel<Traits, T> kernel(container, std::as_const(io_known), io_value, flipInterior,
+    detail::TypedExtrapolationKernel<Traits, T> kernel(container, std::as_const(io_known), io_value,
+                                                       flipInterior,
                                                        distance ? distance->defaultValue() : 0.0f);
     if (type == kExtrapolateFSM)
-        detail::extrapolateFSM(container, std::as_const(io_known), *distance, io_value, flipInterior, kernel);
+        detail::extrapolateFSM(container, std::as_const(io_known), *distance, io_value,
+                               flipInterior, kernel);
     else
-        detail::extrapolateLayers(container, std::as_const(io_known), io_value, dof, minDepth, maxDepth, kernel);
+        detail::extrapolateLayers(container, std::as_const(io_known), io_value, dof, minDepth,
+                                  maxDepth, kernel);
     if (verbose)
         std::cout << "Extrapolation time = "
-                  << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() << " seconds\n";
+                  << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()
+                  << " seconds\n";
 }
 
 } // namespace VolumeGL::TileTree3D::LevelSet

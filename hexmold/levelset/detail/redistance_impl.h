@@ -8,8 +8,6 @@
 #pragma once
 #include <algorithm>
 #include <array>
-#include <type_traits>
-#include <vector>
 #include <cfloat>
 #include <cmath>
 #include <cstddef>
@@ -23,6 +21,8 @@
 #include <hexmold/substrate/parallel_ranges.h>
 #include <hexmold/substrate/tile_data.h>
 #include <hexmold/substrate/traits.h>
+#include <type_traits>
+#include <vector>
 
 namespace VolumeGL::TileTree3D::LevelSet::detail {
 
@@ -36,7 +36,7 @@ inline constexpr float kTinyDistance = 1.1754944e-38f;
 
 /// Voxels of a tile of the tree: 64 or 125.
 template <typename Traits>
-inline constexpr int kVoxelsPerTile = Traits::kTileWidth * Traits::kTileWidth * Traits::kTileWidth;
+inline constexpr int kVoxelsPerTile = Traits::kTileWidth* Traits::kTileWidth* Traits::kTileWidth;
 
 /// Constants of one depth: spacing, the squared spacings of the inlined eikonal update, and the
 /// convergence tolerance (all world units).
@@ -50,15 +50,18 @@ struct DepthNumbers {
 template <typename Traits> DepthNumbers depthNumbers(float voxelSize, int depth, float tolerance)
 {
     float const h = float(Container<Traits>::voxelDataWidth(depth)) * voxelSize;
-    return {h, CoreGL::detail::eikonalTwoHSquared(h), CoreGL::detail::eikonalThreeHSquared(h), h * tolerance};
+    return {h, CoreGL::detail::eikonalTwoHSquared(h), CoreGL::detail::eikonalThreeHSquared(h),
+            h * tolerance};
 }
 
 /// The substrate's cancellable loops under the names the redistancing code uses.
-template <typename Body> void parallelRanges(std::int64_t count, Body const& body, std::size_t grain = 1)
+template <typename Body>
+void parallelRanges(std::int64_t count, Body const& body, std::size_t grain = 1)
 {
     TVL::Parallel::cancellableRanges(count, body, grain);
 }
-template <typename Body> float parallelMaximum(std::int64_t count, Body const& body, std::size_t grain = 1)
+template <typename Body>
+float parallelMaximum(std::int64_t count, Body const& body, std::size_t grain = 1)
 {
     return TVL::Parallel::cancellableMaximum(count, body, grain);
 }
@@ -88,10 +91,12 @@ struct MaskedNeighbour {
 inline float eikonalUpdate(DepthNumbers const& n, float a, float b, float c, float v)
 {
     bool const inside = v < 0.0f;
-    if (inside) a = -a, b = -b, c = -c;
+    if (inside)
+        a = -a, b = -b, c = -c;
     float const bound = std::fabs(v);
     float const s0 = std::min(a, std::min(b, c));
-    if (s0 + 0.57f * n.h >= bound && s0 < 65536.0f * n.h) return inside ? -bound : bound;
+    if (s0 + 0.57f * n.h >= bound && s0 < 65536.0f * n.h)
+        return inside ? -bound : bound;
     float const r = CoreGL::detail::solveEikonalInline(n.h, n.h2, n.h3, a, b, c, v);
     return inside ? -r : r;
 }
@@ -109,21 +114,26 @@ enum SweepMode : int {
 ///          skipped, and that is kept. The edge and corner elements of the halo are overwritten;
 ///          the sweeps read faces only.
 template <int W>
-bool beyondBands(float interiorBand, float exteriorBand, TileData<float, W, 1, 0>& u, int voxelsPerTile)
+bool beyondBands(float interiorBand, float exteriorBand, TileData<float, W, 1, 0>& u,
+                 int voxelsPerTile)
 {
     float const* const data = u.data();
     std::size_t const size = u.size();
     if (std::fabs(exteriorBand - FLT_MAX) > kEpsilon) {
         u.setHaloEdges(FLT_MAX);
         std::size_t n = 0;
-        while (n < size && !(data[n] < exteriorBand)) ++n;
-        if (n == std::size_t(voxelsPerTile)) return true;
+        while (n < size && !(data[n] < exteriorBand))
+            ++n;
+        if (n == std::size_t(voxelsPerTile))
+            return true;
     }
     if (std::fabs(interiorBand - FLT_MAX) > kEpsilon) {
         u.setHaloEdges(-FLT_MAX);
         std::size_t n = 0;
-        while (n < size && !(data[n] > -interiorBand)) ++n;
-        if (n == std::size_t(voxelsPerTile)) return true;
+        while (n < size && !(data[n] > -interiorBand))
+            ++n;
+        if (n == std::size_t(voxelsPerTile))
+            return true;
     }
     return false;
 }
@@ -142,21 +152,25 @@ bool beyondBands(float interiorBand, float exteriorBand, TileData<float, W, 1, 0
 /// @param nb           the neighbour function
 /// @return the largest change of a voxel
 template <int W, typename Neighbour>
-float sweepTile(float interiorBand, float exteriorBand, DepthNumbers const& numbers, unsigned char const* types,
-                TileData<float, W, 1, 0>& u, SweepMode mode, bool bandCheck, int voxelsPerTile,
-                Neighbour const& nb)
+float sweepTile(float interiorBand, float exteriorBand, DepthNumbers const& numbers,
+                unsigned char const* types, TileData<float, W, 1, 0>& u, SweepMode mode,
+                bool bandCheck, int voxelsPerTile, Neighbour const& nb)
 {
     constexpr int E = W + 2;
     constexpr std::ptrdiff_t sy = E;
     constexpr std::ptrdiff_t sz = std::ptrdiff_t(E) * E;
     float* const data = u.data();
-    if (bandCheck && beyondBands(interiorBand, exteriorBand, u, voxelsPerTile)) return 0.0f;
-    auto at = [](int i, int j, int k) { return std::ptrdiff_t(i + 1) + sy * (j + 1) + sz * (k + 1); };
+    if (bandCheck && beyondBands(interiorBand, exteriorBand, u, voxelsPerTile))
+        return 0.0f;
+    auto at = [](int i, int j, int k) {
+        return std::ptrdiff_t(i + 1) + sy * (j + 1) + sz * (k + 1);
+    };
     float tracked = 0.0f;
     if (mode == kSweepEightDirections) {
         // Directions of travel (k, j, i); the upwind neighbour lies behind on each axis.
-        static constexpr int kDirections[8][3] = {{1, 1, 1},   {-1, -1, -1}, {-1, 1, 1},  {1, -1, -1},
-                                                  {-1, -1, 1}, {1, 1, -1},   {1, -1, 1},  {-1, 1, -1}};
+        static constexpr int kDirections[8][3] = {{1, 1, 1},   {-1, -1, -1}, {-1, 1, 1},
+                                                  {1, -1, -1}, {-1, -1, 1},  {1, 1, -1},
+                                                  {1, -1, 1},  {-1, 1, -1}};
         for (auto const& dir : kDirections) {
             int const dk = dir[0], dj = dir[1], di = dir[2];
             std::ptrdiff_t const ni = -di, nj = -dj * sy, nk = -dk * sz;
@@ -164,10 +178,12 @@ float sweepTile(float interiorBand, float exteriorBand, DepthNumbers const& numb
                 int const k = dk > 0 ? kk : W - 1 - kk;
                 for (int jj = 0; jj < W; ++jj) {
                     int const j = dj > 0 ? jj : W - 1 - jj;
-                    unsigned char const* typeRow = types + std::size_t(W) * (j + std::size_t(W) * k);
+                    unsigned char const* typeRow =
+                        types + std::size_t(W) * (j + std::size_t(W) * k);
                     for (int ii = 0; ii < W; ++ii) {
                         int const i = di > 0 ? ii : W - 1 - ii;
-                        if (typeRow[i] != kValueTypeUnknown) continue;
+                        if (typeRow[i] != kValueTypeUnknown)
+                            continue;
                         std::ptrdiff_t const c = at(i, j, k);
                         float const v = data[c];
                         float const a = nb(data[c + ni], std::size_t(c + ni), v);
@@ -190,7 +206,8 @@ float sweepTile(float interiorBand, float exteriorBand, DepthNumbers const& numb
             for (int j = 0; j < W; ++j) {
                 unsigned char const* typeRow = types + std::size_t(W) * (j + std::size_t(W) * k);
                 for (int i = (j + k + n) % 2; i < W; i += 2) {
-                    if (typeRow[i] != kValueTypeUnknown) continue;
+                    if (typeRow[i] != kValueTypeUnknown)
+                        continue;
                     std::ptrdiff_t const c = at(i, j, k);
                     float const v = data[c];
                     auto pick = [&](std::ptrdiff_t stride) {
@@ -204,7 +221,8 @@ float sweepTile(float interiorBand, float exteriorBand, DepthNumbers const& numb
                 }
             }
         tracked = std::max(tracked, change);
-        if (change < numbers.tol) ++quiet;
+        if (change < numbers.tol)
+            ++quiet;
     }
     return tracked;
 }
@@ -213,7 +231,8 @@ float sweepTile(float interiorBand, float exteriorBand, DepthNumbers const& numb
 template <std::size_t N> bool hasUnknown(unsigned char const* types)
 {
     for (std::size_t n = 0; n < N; ++n)
-        if (types[n] == kValueTypeUnknown) return true;
+        if (types[n] == kValueTypeUnknown)
+            return true;
     return false;
 }
 
@@ -228,11 +247,12 @@ template <std::size_t N> bool hasUnknown(unsigned char const* types)
 /// @return the signed distance (world units), or s * FLT_MAX when no step reduced |value|, so
 ///         that any other candidate of the caller wins.
 template <typename Sample, typename Gradient>
-float stepToZeroCrossing(Sample& sample, Gradient& gradient, double3 const& p0, float v, float s, double3 g0,
-                         float voxelSize, float t, int maxSteps)
+float stepToZeroCrossing(Sample& sample, Gradient& gradient, double3 const& p0, float v, float s,
+                         double3 g0, float voxelSize, float t, int maxSteps)
 {
     float best = std::fabs(v);
-    if (t > best) return 0.0f;
+    if (t > best)
+        return 0.0f;
     double3 p = p0;
     double3 bestPosition = p0;
     bool improved = false;
@@ -241,8 +261,10 @@ float stepToZeroCrossing(Sample& sample, Gradient& gradient, double3 const& p0, 
     for (int n = 1; n <= maxSteps; ++n) {
         double3 const g = n == 1 ? g0 : gradient(p, f);
         double norm = std::sqrt(g.x * g.x + g.y * g.y + g.z * g.z);
-        if (!(norm <= double(FLT_MAX))) norm = double(FLT_MAX);
-        if (!(norm > double(kEpsilon))) break;
+        if (!(norm <= double(FLT_MAX)))
+            norm = double(FLT_MAX);
+        if (!(norm > double(kEpsilon)))
+            break;
         double const a = double(-f * inverseVoxelSize) / norm;
         p = double3{p.x + a * g.x, p.y + a * g.y, p.z + a * g.z};
         f = sample(p);
@@ -251,9 +273,11 @@ float stepToZeroCrossing(Sample& sample, Gradient& gradient, double3 const& p0, 
             bestPosition = p;
             improved = true;
         }
-        if (t > best) break;
+        if (t > best)
+            break;
     }
-    if (!improved) return s * FLT_MAX;
+    if (!improved)
+        return s * FLT_MAX;
     double3 const d{bestPosition.x - p0.x, bestPosition.y - p0.y, bestPosition.z - p0.z};
     float const length = float(std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z));
     return std::max(length, kTinyDistance) * (voxelSize * s);
@@ -265,7 +289,8 @@ template <typename Sample> double3 sampledGradient(Sample& sample, double3 const
 {
     constexpr double d = 0.5;
     double const base = double(f);
-    return {double(sample(double3{p.x + d, p.y, p.z})) - base, double(sample(double3{p.x, p.y + d, p.z})) - base,
+    return {double(sample(double3{p.x + d, p.y, p.z})) - base,
+            double(sample(double3{p.x, p.y + d, p.z})) - base,
             double(sample(double3{p.x, p.y, p.z + d})) - base};
 }
 
@@ -277,20 +302,23 @@ template <typename Sample> double3 sampledGradient(Sample& sample, double3 const
 /// @param h           the voxel's spacing (world units)
 /// @param p0          the voxel's sample position in tile space
 template <typename Sample>
-float surfaceDistance(Sample& sample, float v, float const (&neighbours)[6], float h, double3 const& p0,
-                      float voxelSize)
+float surfaceDistance(Sample& sample, float v, float const (&neighbours)[6], float h,
+                      double3 const& p0, float voxelSize)
 {
     float const t = h * 0.001f;
-    if (std::fabs(v) <= t) return v;
+    if (std::fabs(v) <= t)
+        return v;
     float const s = 0.0f > v ? -1.0f : 1.0f;
     auto gradient = [&](double3 const& p, float f) { return sampledGradient(sample, p, f); };
     double3 const g = gradient(p0, sample(p0));
     float r = stepToZeroCrossing(sample, gradient, p0, v, s, g, voxelSize, t, 10);
     bool const inside = 0.0f > v;
     for (float n : neighbours) {
-        if ((0.0f > n) == inside) continue;
+        if ((0.0f > n) == inside)
+            continue;
         float const d = v * s / (v - n) * h;
-        if (std::fabs(r) > std::fabs(d)) r = d;
+        if (std::fabs(r) > std::fabs(d))
+            r = d;
     }
     return v >= 0.0f ? std::max(r, kTinyDistance) : std::min(r, -kTinyDistance);
 }
@@ -317,7 +345,8 @@ template <typename TileT> double3 samplePosition(TileT const& tile, int i, int j
 /// @param u  the block, its face rim filled by the rim rule
 template <typename Traits, typename Accessor>
 void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSize,
-                    TileData<float, Traits::kTileWidth, 1, 0>& u, int minDepth = 0, bool edgesToo = false)
+                    TileData<float, Traits::kTileWidth, 1, 0>& u, int minDepth = 0,
+                    bool edgesToo = false)
 {
     constexpr int W = Traits::kTileWidth;
     std::int64_t const w = tile.voxelDataWidth();
@@ -327,9 +356,11 @@ void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSiz
     for (int dz = -1; dz <= 1 && edgesToo; ++dz)
         for (int dy = -1; dy <= 1; ++dy)
             for (int dx = -1; dx <= 1; ++dx) {
-                if ((dx != 0) + (dy != 0) + (dz != 0) < 2) continue;
+                if ((dx != 0) + (dy != 0) + (dz != 0) < 2)
+                    continue;
                 Tile<Traits> const& n = accessor.tileNeighbor(tile, 13 + 9 * dx + 3 * dy + dz);
-                if (n.valid() && n.depth() >= minDepth) continue;
+                if (n.valid() && n.depth() >= minDepth)
+                    continue;
                 auto range = [](int d, int& lo, int& hi) {
                     lo = d < 0 ? -1 : d > 0 ? W : 0;
                     hi = d < 0 ? -1 : d > 0 ? W : W - 1;
@@ -341,7 +372,8 @@ void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSiz
                 for (int z = z0; z <= z1; ++z)
                     for (int y = y0; y <= y1; ++y)
                         for (int x = x0; x <= x1; ++x)
-                            u(x, y, z) = u(std::clamp(x, 0, W - 1), std::clamp(y, 0, W - 1), std::clamp(z, 0, W - 1));
+                            u(x, y, z) = u(std::clamp(x, 0, W - 1), std::clamp(y, 0, W - 1),
+                                           std::clamp(z, 0, W - 1));
             }
     for (int axis = 0; axis < 3; ++axis)
         for (int side = -1; side <= 1; side += 2) {
@@ -363,7 +395,8 @@ void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSiz
                     }
                 continue;
             }
-            if (n.depth() >= tile.depth()) continue;
+            if (n.depth() >= tile.depth())
+                continue;
             std::int64_t const nw = n.voxelDataWidth();
             std::int64_t const nc[3] = {n.ti(), n.tj(), n.tk()};
             for (int b = 0; b < W; ++b)
@@ -422,9 +455,11 @@ double latticeMix(std::int64_t const (&p)[3], std::int64_t pw, Value const& valu
             weight *= upper ? fraction[axis] : 1.0 - fraction[axis];
             q[axis] = base[axis] + (upper ? pw : 0);
         }
-        if (skip) continue;
+        if (skip)
+            continue;
         double const v = value(q[0], q[1], q[2]);
-        if (std::isnan(v)) return v;
+        if (std::isnan(v))
+            return v;
         sum += weight * v;
     }
     return sum;
@@ -447,10 +482,10 @@ template <int W> constexpr std::size_t voxelIndex(int i, int j, int k)
 ///          series of passes with fixed arguments; `reset` before each series.
 struct TileActivity {
     std::vector<std::array<std::int64_t, 6>> faces; ///< same-depth face neighbours, -1 for none
-    std::vector<std::int32_t> quietSince;          ///< pass of the last sweep without change, or -1
-    std::vector<std::int32_t> changedAt;           ///< pass of the last change, or -1
-    std::vector<unsigned char> flag;               ///< a per-tile result of the last sweep
-    std::int32_t pass = 0;                         ///< the current pass
+    std::vector<std::int32_t> quietSince; ///< pass of the last sweep without change, or -1
+    std::vector<std::int32_t> changedAt;  ///< pass of the last change, or -1
+    std::vector<unsigned char> flag;      ///< a per-tile result of the last sweep
+    std::int32_t pass = 0;                ///< the current pass
     int depth = -1;
     std::int64_t tiles = -1;
 
@@ -469,7 +504,8 @@ struct TileActivity {
                     Tile<Traits> const& tile = container.tile(t, depth_);
                     for (int f = 0; f < 6; ++f) {
                         Tile<Traits> const& nb = accessor.tileNeighbor(tile, kFaceDirections[f]);
-                        faces[std::size_t(t)][f] = nb.valid() && nb.depth() == depth_ ? nb.index() : -1;
+                        faces[std::size_t(t)][f] =
+                            nb.valid() && nb.depth() == depth_ ? nb.index() : -1;
                     }
                 }
             });
@@ -483,9 +519,11 @@ struct TileActivity {
     bool skippable(std::int64_t t) const
     {
         std::int32_t const q = quietSince[std::size_t(t)];
-        if (q < 0) return false;
+        if (q < 0)
+            return false;
         for (std::int64_t n : faces[std::size_t(t)])
-            if (n >= 0 && changedAt[std::size_t(n)] > q) return false;
+            if (n >= 0 && changedAt[std::size_t(n)] > q)
+                return false;
         return true;
     }
     /// Records the sweep of tile @p t in the current pass.
@@ -504,19 +542,23 @@ struct TileActivity {
 /// to the depth swept, or to depth - 1 for the coalesced blocks, and is advanced by one pass.
 template <typename Traits>
 float redistanceTilesTracked(RedBlackType colour, VoxelChannel<Traits, float>& io_distance,
-                             VoxelChannel<Traits, float> const* mask, Container<Traits> const& container,
-                             VoxelChannel<Traits, unsigned char> const* valueType, int depth, float interiorBand,
-                             float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation,
-                             bool performCoalescedRedistance, TileActivity* activity);
+                             VoxelChannel<Traits, float> const* mask,
+                             Container<Traits> const& container,
+                             VoxelChannel<Traits, unsigned char> const* valueType, int depth,
+                             float interiorBand, float exteriorBand, bool useBandAtTiles,
+                             bool haloByExtrapolation, bool performCoalescedRedistance,
+                             TileActivity* activity);
 
 /// Whether `redistanceTiles` takes the coalesced form for these arguments.
 template <typename Traits>
-bool coalescedForm(VoxelChannel<Traits, float> const* mask, int depth, float interiorBand, float exteriorBand,
-                   bool useBandAtTiles, bool haloByExtrapolation, bool performCoalescedRedistance)
+bool coalescedForm(VoxelChannel<Traits, float> const* mask, int depth, float interiorBand,
+                   float exteriorBand, bool useBandAtTiles, bool haloByExtrapolation,
+                   bool performCoalescedRedistance)
 {
     auto inUse = [](float band) { return std::fabs(band - FLT_MAX) > kEpsilon; };
-    return std::is_same_v<Traits, TVL::TileTree3D::Traits24> && performCoalescedRedistance && useBandAtTiles &&
-           !haloByExtrapolation && !mask && !inUse(interiorBand) && !inUse(exteriorBand) && depth > 0;
+    return std::is_same_v<Traits, TVL::TileTree3D::Traits24> && performCoalescedRedistance &&
+           useBandAtTiles && !haloByExtrapolation && !mask && !inUse(interiorBand) &&
+           !inUse(exteriorBand) && depth > 0;
 }
 
 // ---- stages shared by the sources of the folder ----------------------------------------------
@@ -527,7 +569,8 @@ bool coalescedForm(VoxelChannel<Traits, float> const* mask, int depth, float int
 /// Timer name + ".restrict".
 template <typename Traits>
 void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
-                       VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name);
+                       VoxelChannel<Traits, float>& io_distance, int a, int b,
+                       Quillon::String const& name);
 
 /// Every hanging voxel (DOF flag 4 without 32) of a low face of a tile of depths
 /// max(a, lowest DOF depth) to min(highest DOF depth, b) takes the linear, bilinear or trilinear
@@ -539,26 +582,32 @@ void restrictToParents(Container<Traits> const& container, VoxelChannel<Traits, 
 /// ".interpolate_dirichlet2".
 template <typename Traits>
 void interpolateHanging(Container<Traits> const& container, VoxelChannel<Traits, short> const& dof,
-                        VoxelChannel<Traits, float>& io_distance, int a, int b, Quillon::String const& name,
+                        VoxelChannel<Traits, float>& io_distance, int a, int b,
+                        Quillon::String const& name,
                         VoxelChannel<Traits, unsigned char>* io_types = nullptr);
 
 /// The DOF-driven V-cycle (timer name + ".sweep_adaptive"); arguments as `levelSetRedistance`.
 template <typename Traits>
 void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
-                   VoxelChannel<Traits, short> const& dof, bool redistanceInterior, bool redistanceExterior,
-                   bool overwriteSurface, int minDepth, int maxDepth, float tolerance, float interiorBand,
-                   float exteriorBand, int pre, int post, bool haloByExtrapolation, Quillon::String const& name,
-                   VoxelChannel<Traits, float>& io_distance, VoxelChannel<Traits, float> const* mask,
+                   VoxelChannel<Traits, short> const& dof, bool redistanceInterior,
+                   bool redistanceExterior, bool overwriteSurface, int minDepth, int maxDepth,
+                   float tolerance, float interiorBand, float exteriorBand, int pre, int post,
+                   bool haloByExtrapolation, Quillon::String const& name,
+                   VoxelChannel<Traits, float>& io_distance,
+                   VoxelChannel<Traits, float> const* mask,
                    VoxelChannel<Traits, unsigned char>* io_valueType);
 
 /// The classical recursion from @p depth to @p minDepth (timer ".redistance_recursively" is the
 /// caller's). @p offset is the topology's sample offset within a voxel (fractions of a voxel).
 template <typename Traits>
-void redistanceRecursively(VoxelChannel<Traits, float>& io_distance, VoxelChannel<Traits, float> const* mask,
-                           Container<Traits> const& container, VoxelChannel<Traits, unsigned char> const* valueType,
-                           float tolerance, int depth, int minDepth, int maxDepth, float interiorBand,
-                           float exteriorBand, int pre, int post, Tavrel::Math::float3 const& offset,
-                           bool haloByExtrapolation, bool performCoalescedRedistance,
-                           VoxelChannel<Traits, short> const* dof, Quillon::String const& name);
+void redistanceRecursively(VoxelChannel<Traits, float>& io_distance,
+                           VoxelChannel<Traits, float> const* mask,
+                           Container<Traits> const& container,
+                           VoxelChannel<Traits, unsigned char> const* valueType, float tolerance,
+                           int depth, int minDepth, int maxDepth, float interiorBand,
+                           float exteriorBand, int pre, int post,
+                           Tavrel::Math::float3 const& offset, bool haloByExtrapolation,
+                           bool performCoalescedRedistance, VoxelChannel<Traits, short> const* dof,
+                           Quillon::String const& name);
 
 } // namespace VolumeGL::TileTree3D::LevelSet::detail

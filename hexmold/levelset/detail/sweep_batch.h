@@ -59,7 +59,8 @@ public:
 
     /// Sweeps the loaded lanes in the eight directions; @p changes receives each lane's largest
     /// change (0 for lanes not loaded). @p isa must be available.
-    void sweep(DepthNumbers const& numbers, float (&changes)[kLanes], SweepIsa isa = SweepIsa::kBest);
+    void sweep(DepthNumbers const& numbers, float (&changes)[kLanes],
+               SweepIsa isa = SweepIsa::kBest);
 
     /// Copies the interior of @p lane out, W^3 values with k outer.
     void interior(int lane, float* out) const;

@@ -22,18 +22,19 @@ inline constexpr int kBatchLanes = 16;
 
 /// Everything the kernel reads and writes; arrays are lane-fastest (element * kBatchLanes + lane).
 struct SweepKernelArgs {
-    float* values;                  ///< the blocks with halo, updated in place
-    std::uint32_t const* unknown;   ///< per interior voxel and lane: all ones where the voxel changes
-    std::uint16_t const* order;     ///< per direction, the block offsets in wavefront order
-    std::uint16_t const* interior;  ///< per direction, the interior indices in the same order
-    std::ptrdiff_t const* upwind;   ///< per direction, the three upwind strides (block elements)
-    int voxels;                     ///< interior voxels of a block
-    float h, twoHSquared, threeHSquared; ///< the depth's spacing and its squares as the update forms them
-    float rejectMargin;             ///< 0.57 h
-    float rejectLimit;              ///< 65536 h
-    float floor;                    ///< 0.001 h
-    float oneThird;                 ///< the float nearest to 1/3
-    float* changes;                 ///< kBatchLanes, any alignment: each lane's largest change
+    float* values;                ///< the blocks with halo, updated in place
+    std::uint32_t const* unknown; ///< per interior voxel and lane: all ones where the voxel changes
+    std::uint16_t const* order;   ///< per direction, the block offsets in wavefront order
+    std::uint16_t const* interior; ///< per direction, the interior indices in the same order
+    std::ptrdiff_t const* upwind;  ///< per direction, the three upwind strides (block elements)
+    int voxels;                    ///< interior voxels of a block
+    float h, twoHSquared,
+        threeHSquared;  ///< the depth's spacing and its squares as the update forms them
+    float rejectMargin; ///< 0.57 h
+    float rejectLimit;  ///< 65536 h
+    float floor;        ///< 0.001 h
+    float oneThird;     ///< the float nearest to 1/3
+    float* changes;     ///< kBatchLanes, any alignment: each lane's largest change
 };
 
 /// The instances; each one is present on every build, and runs only where the processor has its
@@ -64,7 +65,8 @@ template <typename Ops> inline void sweepKernelBody(SweepKernelArgs const& args)
     V const oneThird = Ops::set1(args.oneThird);
     V const zero = Ops::set1(0.0f);
     V tracked[S];
-    for (int s = 0; s < S; ++s) tracked[s] = zero;
+    for (int s = 0; s < S; ++s)
+        tracked[s] = zero;
     int const n = args.voxels;
     for (int d = 0; d < 8; ++d) {
         std::ptrdiff_t const ni = args.upwind[3 * d] * kBatchLanes;
@@ -74,7 +76,8 @@ template <typename Ops> inline void sweepKernelBody(SweepKernelArgs const& args)
         std::uint16_t const* const interior = args.interior + std::ptrdiff_t(d) * n;
         for (int q = 0; q < n; ++q) {
             float* const base = args.values + std::ptrdiff_t(order[q]) * kBatchLanes;
-            std::uint32_t const* const unknownBase = args.unknown + std::ptrdiff_t(interior[q]) * kBatchLanes;
+            std::uint32_t const* const unknownBase =
+                args.unknown + std::ptrdiff_t(interior[q]) * kBatchLanes;
             for (int s = 0; s < S; ++s) {
                 float* const at = base + s * L;
                 M const unknown = Ops::flags(unknownBase + s * L);
@@ -103,17 +106,21 @@ template <typename Ops> inline void sweepKernelBody(SweepKernelArgs const& args)
                 M const two = Ops::ge(x1, s1);
                 V const d01 = Ops::sub(s1, s0);
                 V const disc2 = Ops::sub(twoHSquared, Ops::mul(d01, d01));
-                V const x2 = Ops::mul(half, Ops::add(Ops::add(s0, s1), Ops::sqrt(Ops::max(disc2, zero))));
+                V const x2 =
+                    Ops::mul(half, Ops::add(Ops::add(s0, s1), Ops::sqrt(Ops::max(disc2, zero))));
                 M const three = Ops::both(two, Ops::gt(x2, s2));
                 V const d02 = Ops::sub(s2, s0);
                 V const d12 = Ops::sub(s2, s1);
-                V const disc3 = Ops::sub(Ops::sub(Ops::sub(threeHSquared, Ops::mul(d01, d01)), Ops::mul(d02, d02)),
-                                         Ops::mul(d12, d12));
-                V const x3 = Ops::mul(Ops::add(Ops::add(Ops::add(s0, s1), s2), Ops::sqrt(Ops::max(disc3, zero))),
-                                      oneThird);
+                V const disc3 = Ops::sub(
+                    Ops::sub(Ops::sub(threeHSquared, Ops::mul(d01, d01)), Ops::mul(d02, d02)),
+                    Ops::mul(d12, d12));
+                V const x3 = Ops::mul(
+                    Ops::add(Ops::add(Ops::add(s0, s1), s2), Ops::sqrt(Ops::max(disc3, zero))),
+                    oneThird);
                 V const x = Ops::select(three, x3, Ops::select(two, x2, x1));
                 V magnitude = Ops::min(x, bound);
-                magnitude = Ops::select(Ops::le(magnitude, zero), Ops::min(floor, bound), magnitude);
+                magnitude =
+                    Ops::select(Ops::le(magnitude, zero), Ops::min(floor, bound), magnitude);
                 magnitude = Ops::select(reject, bound, magnitude);
                 V const r = Ops::select(unknown, Ops::negateWhere(inside, magnitude), v);
                 // std::max(tracked, change), over the voxels that may change.
@@ -123,7 +130,8 @@ template <typename Ops> inline void sweepKernelBody(SweepKernelArgs const& args)
             }
         }
     }
-    for (int s = 0; s < S; ++s) Ops::storeUnaligned(args.changes + s * L, tracked[s]);
+    for (int s = 0; s < S; ++s)
+        Ops::storeUnaligned(args.changes + s * L, tracked[s]);
 }
 
 } // namespace VolumeGL::TileTree3D::LevelSet::detail

@@ -46,20 +46,26 @@ inline bool onZeroCrossing(Halo const& halo, int i, int j, int k, float nearZero
     bool const inside = 0.0f > v;
     for (auto const& d : kFaces) {
         int const a = i + d[0], b = j + d[1], c = k + d[2];
-        if (!counts(a, b, c)) continue;
-        if ((0.0f > halo(a, b, c)) != inside) return true;
+        if (!counts(a, b, c))
+            continue;
+        if ((0.0f > halo(a, b, c)) != inside)
+            return true;
     }
-    if (!(std::fabs(v) <= nearZero)) return false;
+    if (!(std::fabs(v) <= nearZero))
+        return false;
     for (int c = k - 1; c <= k + 1; ++c)
         for (int b = j - 1; b <= j + 1; ++b)
             for (int a = i - 1; a <= i + 1; ++a) {
-                if (rimCorner(a, b, c)) continue;
+                if (rimCorner(a, b, c))
+                    continue;
                 bool const qInside = 0.0f > halo(a, b, c);
                 for (auto const& u : kUpNeighbours) {
                     int const x = a + u[0], y = b + u[1], z = c + u[2];
-                    if (x > W || y > W || z > W || rimCorner(x, y, z)) continue;
+                    if (x > W || y > W || z > W || rimCorner(x, y, z))
+                        continue;
                     float const n = halo(x, y, z);
-                    if ((0.0f > n) != qInside && std::fabs(n) <= nearZero) return true;
+                    if ((0.0f > n) != qInside && std::fabs(n) <= nearZero)
+                        return true;
                 }
             }
     return false;

@@ -14,7 +14,8 @@ inline std::string floatLiteral(float value)
     char digits[32];
     std::snprintf(digits, sizeof digits, "%.9g", double(value));
     std::string text = digits;
-    if (text.find_first_of(".en") == std::string::npos) text += ".0";
+    if (text.find_first_of(".en") == std::string::npos)
+        text += ".0";
     return text + "f";
 }
 

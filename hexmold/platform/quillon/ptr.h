@@ -47,7 +47,9 @@ public:
     MutablePtr(std::nullptr_t) {}
     explicit MutablePtr(T* raw) : mPtr(raw) {}
     explicit MutablePtr(std::unique_ptr<T> p) : mPtr(std::move(p)) {}
-    template <typename U> MutablePtr(MutablePtr<U>&& other) : mPtr(std::move(other).releaseShared()) {}
+    template <typename U> MutablePtr(MutablePtr<U>&& other) : mPtr(std::move(other).releaseShared())
+    {
+    }
     MutablePtr(MutablePtr&&) noexcept = default;
     MutablePtr& operator=(MutablePtr&&) noexcept = default;
     MutablePtr(MutablePtr const&) = delete;
@@ -66,7 +68,8 @@ public:
     static MutablePtr adoptUnique(std::shared_ptr<T> p)
     {
         MutablePtr r;
-        if (p && p.use_count() == 1) r.mPtr = std::move(p);
+        if (p && p.use_count() == 1)
+            r.mPtr = std::move(p);
         return r;
     }
 
@@ -83,7 +86,8 @@ template <typename U, typename T> Ptr<U> dynamicPtrCast(Ptr<T> const& p)
 /// Downcast of a unique pointer; on failure the object stays with @p p and the result is null.
 template <typename U, typename T> MutablePtr<U> dynamicPtrCast(MutablePtr<T>&& p)
 {
-    if (!dynamic_cast<U*>(p.get())) return MutablePtr<U>();
+    if (!dynamic_cast<U*>(p.get()))
+        return MutablePtr<U>();
     return MutablePtr<U>::adoptUnique(std::static_pointer_cast<U>(std::move(p).releaseShared()));
 }
 

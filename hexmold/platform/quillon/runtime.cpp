@@ -1,5 +1,6 @@
 /// @file  platform/quillon/runtime.cpp
-/// @brief Process-wide state of the host-runtime stand-ins: job cancellation flag and debug settings.
+/// @brief Process-wide state of the host-runtime stand-ins: job cancellation flag and debug
+/// settings.
 #include <atomic>
 #include <hexmold/platform/quillon/debug_settings.h>
 #include <hexmold/platform/quillon/job.h>
@@ -13,9 +14,18 @@ namespace {
 std::atomic<bool> gJobCancelled{false};
 }
 
-bool isJobCancelled() { return gJobCancelled.load(std::memory_order_relaxed); }
-void requestJobCancellation() { gJobCancelled.store(true, std::memory_order_relaxed); }
-void clearJobCancellation() { gJobCancelled.store(false, std::memory_order_relaxed); }
+bool isJobCancelled()
+{
+    return gJobCancelled.load(std::memory_order_relaxed);
+}
+void requestJobCancellation()
+{
+    gJobCancelled.store(true, std::memory_order_relaxed);
+}
+void clearJobCancellation()
+{
+    gJobCancelled.store(false, std::memory_order_relaxed);
+}
 
 } // namespace Quillon
 

@@ -3,9 +3,9 @@
 ///        properties, point clouds and meshes.
 #include <hexmold/platform/tavrel/geometry.h>
 
+#include <hexmold/platform/tavrel/element_types.h>
 #include <memory>
 #include <utility>
-#include <hexmold/platform/tavrel/element_types.h>
 
 namespace Tavrel::Geometry {
 
@@ -34,13 +34,13 @@ using namespace Tavrel::Math;
 using IndexArray = Quillon::Array<unsigned int>;
 using PropertyPtr = Quillon::Ptr<Object const>;
 
-
 /// True when @p property is a well-formed data property of element type T for @p object.
 template <typename T> bool isValidProperty(Object const& object, Object const& property)
 {
     auto const* target = property.getPropertyAs<Quillon::String>(sTarget);
     auto const* data = property.getPropertyAs<Quillon::Ptr<Quillon::Array<T> const>>(sData);
-    if (!target || !data || !*data || !property.getPropertyAs<T>(sDefault)) return false;
+    if (!target || !data || !*data || !property.getPropertyAs<T>(sDefault))
+        return false;
     return object.isComponent(*target) && (*data)->size() == object.elementCount(*target);
 }
 
@@ -90,7 +90,8 @@ ElementType const* elementTypeOf(Object const& property)
 {
     for (Object const* p = property.prototype().get(); p; p = p->prototype().get())
         for (ElementType const& type : registry().elementTypes)
-            if (type.prototype.get() == p) return &type;
+            if (type.prototype.get() == p)
+                return &type;
     return nullptr;
 }
 
@@ -104,9 +105,11 @@ struct Resolved {
 Resolved resolve(Object const& object, Quillon::StringView name)
 {
     PropertyPtr const* property = object.getPropertyAs<PropertyPtr>(name);
-    if (!property || !*property) return {};
+    if (!property || !*property)
+        return {};
     ElementType const* type = elementTypeOf(**property);
-    if (!type || !type->isValid(object, **property)) return {};
+    if (!type || !type->isValid(object, **property))
+        return {};
     return {property, type};
 }
 
@@ -118,20 +121,25 @@ bool areFaceArraysConsistent(std::uint64_t pointCount, std::uint64_t faceCount,
         faceOffset.back() != faceVertex.size())
         return false;
     for (std::size_t f = 0; f + 1 < faceOffset.size(); ++f)
-        if (faceOffset[f] > faceOffset[f + 1]) return false;
+        if (faceOffset[f] > faceOffset[f + 1])
+            return false;
     for (unsigned int index : faceVertex)
-        if (index >= pointCount) return false;
+        if (index >= pointCount)
+            return false;
     return true;
 }
 
 /// The face arrays of @p object if it is a consistent mesh; both null otherwise.
 std::pair<IndexArray const*, IndexArray const*> meshFaceArrays(Object const& object)
 {
-    if (!object.isInstanceOf(registry().mesh)) return {};
+    if (!object.isInstanceOf(registry().mesh))
+        return {};
     auto const* faceVertex = object.getPropertyAs<Quillon::Ptr<IndexArray const>>(sFaceVertex);
     auto const* faceOffset = object.getPropertyAs<Quillon::Ptr<IndexArray const>>(sFaceOffset);
-    if (!faceVertex || !*faceVertex || !faceOffset || !*faceOffset) return {};
-    if (!object.isComponent(sPointComp) || !object.isComponent(sFaceComp)) return {};
+    if (!faceVertex || !*faceVertex || !faceOffset || !*faceOffset)
+        return {};
+    if (!object.isComponent(sPointComp) || !object.isComponent(sFaceComp))
+        return {};
     if (!areFaceArraysConsistent(object.elementCount(sPointComp), object.elementCount(sFaceComp),
                                  **faceVertex, **faceOffset))
         return {};
@@ -142,7 +150,10 @@ std::pair<IndexArray const*, IndexArray const*> meshFaceArrays(Object const& obj
 
 // ---- prototypes -------------------------------------------------------------------------------
 
-Quillon::Ptr<Object const> getGenericDataGeoPropPrototype() { return registry().generic; }
+Quillon::Ptr<Object const> getGenericDataGeoPropPrototype()
+{
+    return registry().generic;
+}
 
 template <typename T> Quillon::Ptr<Object const> getDataGeoPropPrototype()
 {
@@ -153,12 +164,19 @@ template <typename T> Quillon::Ptr<Object const> getDataGeoPropPrototype()
 Quillon::Ptr<Object const> getDataGeoPropPrototype(Quillon::StringView typeName)
 {
     for (ElementType const& type : registry().elementTypes)
-        if (type.name == typeName) return type.prototype;
+        if (type.name == typeName)
+            return type.prototype;
     return nullptr;
 }
 
-Quillon::Ptr<Object const> getPointCloudPrototype() { return registry().pointCloud; }
-Quillon::Ptr<Object const> getMeshPrototype() { return registry().mesh; }
+Quillon::Ptr<Object const> getPointCloudPrototype()
+{
+    return registry().pointCloud;
+}
+Quillon::Ptr<Object const> getMeshPrototype()
+{
+    return registry().mesh;
+}
 
 // ---- writing ----------------------------------------------------------------------------------
 
@@ -166,9 +184,9 @@ template <typename T>
 bool setDataGeoProperty(Object& object, Quillon::String const& name, Quillon::String const& target,
                         Quillon::Array<T> values, T const& defaultValue)
 {
-    return setDataGeoPropertyShared<T>(
-        object, name, target, Quillon::makePtr<Quillon::Array<T> const>(std::move(values)),
-        defaultValue);
+    return setDataGeoPropertyShared<T>(object, name, target,
+                                       Quillon::makePtr<Quillon::Array<T> const>(std::move(values)),
+                                       defaultValue);
 }
 
 template <typename T>
@@ -199,7 +217,8 @@ template <typename T>
 Quillon::Array<T> const* getDataGeoPropertyValues(Object const& object, Quillon::StringView name)
 {
     Resolved r = resolve(object, name);
-    if (!r) return nullptr;
+    if (!r)
+        return nullptr;
     auto const* values = (*r.property)->getPropertyAs<Quillon::Ptr<Quillon::Array<T> const>>(sData);
     return values ? values->get() : nullptr;
 }
@@ -209,7 +228,8 @@ Quillon::Ptr<Quillon::Array<T> const> getDataGeoPropertyValuesPtr(Object const& 
                                                                   Quillon::StringView name)
 {
     Resolved r = resolve(object, name);
-    if (!r) return nullptr;
+    if (!r)
+        return nullptr;
     auto const* values = (*r.property)->getPropertyAs<Quillon::Ptr<Quillon::Array<T> const>>(sData);
     return values ? *values : nullptr;
 }
@@ -218,9 +238,11 @@ template <typename T>
 bool getDataGeoPropertyDefault(Object const& object, Quillon::StringView name, T& out_default)
 {
     Resolved r = resolve(object, name);
-    if (!r) return false;
+    if (!r)
+        return false;
     T const* value = (*r.property)->getPropertyAs<T>(sDefault);
-    if (!value) return false;
+    if (!value)
+        return false;
     out_default = *value;
     return true;
 }
@@ -243,15 +265,17 @@ Quillon::Array<Quillon::String> getGeoPropNamesByPrototype(Object const& object,
     Quillon::Array<Quillon::String> names;
     for (Quillon::String const& name : object.propertyNames()) {
         Resolved r = resolve(object, name);
-        if (r && (*r.property)->isInstanceOf(prototype)) names.push_back(name);
+        if (r && (*r.property)->isInstanceOf(prototype))
+            names.push_back(name);
     }
     return names;
 }
 
-Quillon::Array<Quillon::String> getGeoPropNamesByPrototype(Object const& object,
-                                                           Quillon::Ptr<Object const> const& prototype)
+Quillon::Array<Quillon::String>
+getGeoPropNamesByPrototype(Object const& object, Quillon::Ptr<Object const> const& prototype)
 {
-    if (!prototype) return {};
+    if (!prototype)
+        return {};
     return getGeoPropNamesByPrototype(object, *prototype);
 }
 
@@ -283,10 +307,11 @@ Quillon::MutablePtr<Object> createPointCloud(Quillon::Array<float3> positions)
     return cloud;
 }
 
-Quillon::MutablePtr<Object> createMesh(Quillon::Array<float3> positions,
-                                       IndexArray faceVertex, IndexArray faceOffset)
+Quillon::MutablePtr<Object> createMesh(Quillon::Array<float3> positions, IndexArray faceVertex,
+                                       IndexArray faceOffset)
 {
-    if (faceOffset.empty()) return nullptr;
+    if (faceOffset.empty())
+        return nullptr;
     std::uint64_t const faceCount = faceOffset.size() - 1;
     if (!areFaceArraysConsistent(positions.size(), faceCount, faceVertex, faceOffset))
         return nullptr;
@@ -300,8 +325,14 @@ Quillon::MutablePtr<Object> createMesh(Quillon::Array<float3> positions,
     return mesh;
 }
 
-IndexArray const* getMeshFaceVertices(Object const& object) { return meshFaceArrays(object).first; }
-IndexArray const* getMeshFaceOffsets(Object const& object) { return meshFaceArrays(object).second; }
+IndexArray const* getMeshFaceVertices(Object const& object)
+{
+    return meshFaceArrays(object).first;
+}
+IndexArray const* getMeshFaceOffsets(Object const& object)
+{
+    return meshFaceArrays(object).second;
+}
 
 // ---- instantiations for the 18 element types -------------------------------------------------
 // HEXMOLD_API is repeated on each instantiation: the math value types are not exported, and an

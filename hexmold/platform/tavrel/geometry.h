@@ -33,17 +33,17 @@ namespace Tavrel::Geometry {
 // Global constants; like all globals of other translation units, not for use in static
 // initialisers.
 
-HEXMOLD_API extern Quillon::String const sVoxelTileTree;        ///< "voxel_tile_tree": the tile tree
-HEXMOLD_API extern Quillon::String const sVoxelComp;            ///< "voxel_topology": voxel topology
-HEXMOLD_API extern Quillon::String const sPointComp;            ///< "point": point component
-HEXMOLD_API extern Quillon::String const sFaceComp;             ///< "face": face component of a mesh
-HEXMOLD_API extern Quillon::String const sVoxelSignedDistance;  ///< "voxel_signed_distance"
-HEXMOLD_API extern Quillon::String const sVoxelFlameLevelSet;   ///< "voxel_flame_level_set"
-HEXMOLD_API extern Quillon::String const sVoxelSamplingError;   ///< "voxel_sampling_error"
-HEXMOLD_API extern Quillon::String const sVoxelDepth;           ///< "voxel_depth"
+HEXMOLD_API extern Quillon::String const sVoxelTileTree;       ///< "voxel_tile_tree": the tile tree
+HEXMOLD_API extern Quillon::String const sVoxelComp;           ///< "voxel_topology": voxel topology
+HEXMOLD_API extern Quillon::String const sPointComp;           ///< "point": point component
+HEXMOLD_API extern Quillon::String const sFaceComp;            ///< "face": face component of a mesh
+HEXMOLD_API extern Quillon::String const sVoxelSignedDistance; ///< "voxel_signed_distance"
+HEXMOLD_API extern Quillon::String const sVoxelFlameLevelSet;  ///< "voxel_flame_level_set"
+HEXMOLD_API extern Quillon::String const sVoxelSamplingError;  ///< "voxel_sampling_error"
+HEXMOLD_API extern Quillon::String const sVoxelDepth;          ///< "voxel_depth"
 HEXMOLD_API extern Quillon::String const sVoxelDegreeOfFreedom; ///< "voxel_degree_of_freedom"
-HEXMOLD_API extern Quillon::String const sPointPosition;        ///< "point_position": float3 per point
-HEXMOLD_API extern Quillon::String const sPointSize;            ///< "point_size": float per point
+HEXMOLD_API extern Quillon::String const sPointPosition; ///< "point_position": float3 per point
+HEXMOLD_API extern Quillon::String const sPointSize;     ///< "point_size": float per point
 /// "generic_data_geo_prop": key under which each data property prototype holds the name of its
 /// element type (the empty string in the common prototype of all of them).
 HEXMOLD_API extern Quillon::String const sGenericDataGeoProp;
@@ -88,10 +88,9 @@ HEXMOLD_API bool setDataGeoProperty(Object& object, Quillon::String const& name,
                                     T const& defaultValue);
 /// As `setDataGeoProperty`, sharing @p values instead of taking them (null is refused).
 template <typename T>
-HEXMOLD_API bool setDataGeoPropertyShared(Object& object, Quillon::String const& name,
-                                          Quillon::String const& target,
-                                          Quillon::Ptr<Quillon::Array<T> const> values,
-                                          T const& defaultValue);
+HEXMOLD_API bool
+setDataGeoPropertyShared(Object& object, Quillon::String const& name, Quillon::String const& target,
+                         Quillon::Ptr<Quillon::Array<T> const> values, T const& defaultValue);
 
 // ---- reading data properties ---------------------------------------------------------------
 

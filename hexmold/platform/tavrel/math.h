@@ -7,8 +7,8 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
 #include <hexmold/export.h>
+#include <type_traits>
 
 namespace Tavrel::Math {
 
@@ -33,7 +33,10 @@ template <typename T> struct HEXMOLD_API Vec4 {
     static constexpr int kSize = 4;
     T x, y, z, w;
     constexpr T& operator[](int i) { return i == 0 ? x : (i == 1 ? y : (i == 2 ? z : w)); }
-    constexpr T const& operator[](int i) const { return i == 0 ? x : (i == 1 ? y : (i == 2 ? z : w)); }
+    constexpr T const& operator[](int i) const
+    {
+        return i == 0 ? x : (i == 1 ? y : (i == 2 ? z : w));
+    }
 };
 
 /// R x C matrix stored by rows.
@@ -48,7 +51,8 @@ template <typename T, int R, int C> struct HEXMOLD_API Mat {
     static constexpr Mat identity()
     {
         Mat r{};
-        for (int i = 0; i < (R < C ? R : C); ++i) r.m[i][i] = T(1);
+        for (int i = 0; i < (R < C ? R : C); ++i)
+            r.m[i][i] = T(1);
         return r;
     }
 };
@@ -69,23 +73,27 @@ using float4x4 = Mat<float, 4, 4>;
     template <typename T> constexpr Vec<T> operator op(Vec<T> const& a, Vec<T> const& b)           \
     {                                                                                              \
         Vec<T> r{};                                                                                \
-        for (int i = 0; i < Vec<T>::kSize; ++i) r[i] = a[i] op b[i];                               \
+        for (int i = 0; i < Vec<T>::kSize; ++i)                                                    \
+            r[i] = a[i] op b[i];                                                                   \
         return r;                                                                                  \
     }                                                                                              \
     template <typename T> constexpr Vec<T> operator op(Vec<T> const& a, T s)                       \
     {                                                                                              \
         Vec<T> r{};                                                                                \
-        for (int i = 0; i < Vec<T>::kSize; ++i) r[i] = a[i] op s;                                  \
+        for (int i = 0; i < Vec<T>::kSize; ++i)                                                    \
+            r[i] = a[i] op s;                                                                      \
         return r;                                                                                  \
     }                                                                                              \
     template <typename T> constexpr Vec<T>& operator op##=(Vec<T>& a, Vec<T> const& b)             \
     {                                                                                              \
-        for (int i = 0; i < Vec<T>::kSize; ++i) a[i] = a[i] op b[i];                               \
+        for (int i = 0; i < Vec<T>::kSize; ++i)                                                    \
+            a[i] = a[i] op b[i];                                                                   \
         return a;                                                                                  \
     }                                                                                              \
     template <typename T> constexpr Vec<T>& operator op##=(Vec<T>& a, T s)                         \
     {                                                                                              \
-        for (int i = 0; i < Vec<T>::kSize; ++i) a[i] = a[i] op s;                                  \
+        for (int i = 0; i < Vec<T>::kSize; ++i)                                                    \
+            a[i] = a[i] op s;                                                                      \
         return a;                                                                                  \
     }
 
@@ -94,17 +102,22 @@ using float4x4 = Mat<float, 4, 4>;
     HEXMOLD_VEC_BINARY(Vec, -)                                                                     \
     HEXMOLD_VEC_BINARY(Vec, *)                                                                     \
     HEXMOLD_VEC_BINARY(Vec, /)                                                                     \
-    template <typename T> constexpr Vec<T> operator*(T s, Vec<T> const& a) { return a * s; }       \
+    template <typename T> constexpr Vec<T> operator*(T s, Vec<T> const& a)                         \
+    {                                                                                              \
+        return a * s;                                                                              \
+    }                                                                                              \
     template <typename T> constexpr Vec<T> operator-(Vec<T> const& a)                              \
     {                                                                                              \
         Vec<T> r{};                                                                                \
-        for (int i = 0; i < Vec<T>::kSize; ++i) r[i] = -a[i];                                      \
+        for (int i = 0; i < Vec<T>::kSize; ++i)                                                    \
+            r[i] = -a[i];                                                                          \
         return r;                                                                                  \
     }                                                                                              \
     template <typename T> constexpr bool operator==(Vec<T> const& a, Vec<T> const& b)              \
     {                                                                                              \
         for (int i = 0; i < Vec<T>::kSize; ++i)                                                    \
-            if (!(a[i] == b[i])) return false;                                                     \
+            if (!(a[i] == b[i]))                                                                   \
+                return false;                                                                      \
         return true;                                                                               \
     }                                                                                              \
     template <typename T> constexpr bool operator!=(Vec<T> const& a, Vec<T> const& b)              \
@@ -114,19 +127,22 @@ using float4x4 = Mat<float, 4, 4>;
     template <typename T> constexpr T dot(Vec<T> const& a, Vec<T> const& b)                        \
     {                                                                                              \
         T s = T(0);                                                                                \
-        for (int i = 0; i < Vec<T>::kSize; ++i) s += a[i] * b[i];                                  \
+        for (int i = 0; i < Vec<T>::kSize; ++i)                                                    \
+            s += a[i] * b[i];                                                                      \
         return s;                                                                                  \
     }                                                                                              \
     template <typename T> constexpr Vec<T> min(Vec<T> const& a, Vec<T> const& b)                   \
     {                                                                                              \
         Vec<T> r{};                                                                                \
-        for (int i = 0; i < Vec<T>::kSize; ++i) r[i] = b[i] < a[i] ? b[i] : a[i];                  \
+        for (int i = 0; i < Vec<T>::kSize; ++i)                                                    \
+            r[i] = b[i] < a[i] ? b[i] : a[i];                                                      \
         return r;                                                                                  \
     }                                                                                              \
     template <typename T> constexpr Vec<T> max(Vec<T> const& a, Vec<T> const& b)                   \
     {                                                                                              \
         Vec<T> r{};                                                                                \
-        for (int i = 0; i < Vec<T>::kSize; ++i) r[i] = a[i] < b[i] ? b[i] : a[i];                  \
+        for (int i = 0; i < Vec<T>::kSize; ++i)                                                    \
+            r[i] = a[i] < b[i] ? b[i] : a[i];                                                      \
         return r;                                                                                  \
     }
 
@@ -141,8 +157,14 @@ template <typename T> constexpr Vec3<T> cross(Vec3<T> const& a, Vec3<T> const& b
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
 
-template <typename V> inline auto lengthSquared(V const& a) { return dot(a, a); }
-template <typename V> inline auto length(V const& a) { return std::sqrt(dot(a, a)); }
+template <typename V> inline auto lengthSquared(V const& a)
+{
+    return dot(a, a);
+}
+template <typename V> inline auto length(V const& a)
+{
+    return std::sqrt(dot(a, a));
+}
 
 /// Unit vector along @p a; the zero vector stays zero.
 template <typename V> inline V normalize(V const& a)
@@ -164,7 +186,8 @@ constexpr Mat<T, R, C> operator+(Mat<T, R, C> const& a, Mat<T, R, C> const& b)
 {
     Mat<T, R, C> r{};
     for (int i = 0; i < R; ++i)
-        for (int j = 0; j < C; ++j) r.m[i][j] = a.m[i][j] + b.m[i][j];
+        for (int j = 0; j < C; ++j)
+            r.m[i][j] = a.m[i][j] + b.m[i][j];
     return r;
 }
 template <typename T, int R, int C>
@@ -172,14 +195,16 @@ constexpr Mat<T, R, C> operator-(Mat<T, R, C> const& a, Mat<T, R, C> const& b)
 {
     Mat<T, R, C> r{};
     for (int i = 0; i < R; ++i)
-        for (int j = 0; j < C; ++j) r.m[i][j] = a.m[i][j] - b.m[i][j];
+        for (int j = 0; j < C; ++j)
+            r.m[i][j] = a.m[i][j] - b.m[i][j];
     return r;
 }
 template <typename T, int R, int C> constexpr Mat<T, R, C> operator*(Mat<T, R, C> const& a, T s)
 {
     Mat<T, R, C> r{};
     for (int i = 0; i < R; ++i)
-        for (int j = 0; j < C; ++j) r.m[i][j] = a.m[i][j] * s;
+        for (int j = 0; j < C; ++j)
+            r.m[i][j] = a.m[i][j] * s;
     return r;
 }
 template <typename T, int R, int C> constexpr Mat<T, R, C> operator*(T s, Mat<T, R, C> const& a)
@@ -190,7 +215,8 @@ template <typename T, int R, int C> constexpr Mat<T, R, C> operator/(Mat<T, R, C
 {
     Mat<T, R, C> r{};
     for (int i = 0; i < R; ++i)
-        for (int j = 0; j < C; ++j) r.m[i][j] = a.m[i][j] / s;
+        for (int j = 0; j < C; ++j)
+            r.m[i][j] = a.m[i][j] / s;
     return r;
 }
 template <typename T, int R, int C> constexpr Mat<T, R, C> operator-(Mat<T, R, C> const& a)
@@ -216,7 +242,8 @@ constexpr bool operator==(Mat<T, R, C> const& a, Mat<T, R, C> const& b)
 {
     for (int i = 0; i < R; ++i)
         for (int j = 0; j < C; ++j)
-            if (!(a.m[i][j] == b.m[i][j])) return false;
+            if (!(a.m[i][j] == b.m[i][j]))
+                return false;
     return true;
 }
 template <typename T, int R, int C>
@@ -232,7 +259,8 @@ constexpr Mat<T, R, C> operator*(Mat<T, R, K> const& a, Mat<T, K, C> const& b)
     for (int i = 0; i < R; ++i)
         for (int j = 0; j < C; ++j) {
             T s = T(0);
-            for (int k = 0; k < K; ++k) s += a.m[i][k] * b.m[k][j];
+            for (int k = 0; k < K; ++k)
+                s += a.m[i][k] * b.m[k][j];
             r.m[i][j] = s;
         }
     return r;
@@ -247,7 +275,8 @@ template <typename T> constexpr Vec3<T> operator*(Mat<T, 3, 3> const& a, Vec3<T>
 template <typename T> constexpr Vec4<T> operator*(Mat<T, 4, 4> const& a, Vec4<T> const& v)
 {
     Vec4<T> r{};
-    for (int i = 0; i < 4; ++i) r[i] = a.m[i][0] * v.x + a.m[i][1] * v.y + a.m[i][2] * v.z + a.m[i][3] * v.w;
+    for (int i = 0; i < 4; ++i)
+        r[i] = a.m[i][0] * v.x + a.m[i][1] * v.y + a.m[i][2] * v.z + a.m[i][3] * v.w;
     return r;
 }
 /// Affine transform of a point by a 4x4 matrix (column-vector convention, last row ignored).
@@ -261,24 +290,47 @@ template <typename T, int R, int C> constexpr Mat<T, C, R> transpose(Mat<T, R, C
 {
     Mat<T, C, R> r{};
     for (int i = 0; i < R; ++i)
-        for (int j = 0; j < C; ++j) r.m[j][i] = a.m[i][j];
+        for (int j = 0; j < C; ++j)
+            r.m[j][i] = a.m[i][j];
     return r;
 }
 
 // ---- generic element helpers ------------------------------------------------------------------
 
 /// Number of scalar components of an element type (1 for scalars).
-template <typename T> struct ComponentCount { static constexpr int value = 1; };
-template <typename T> struct ComponentCount<Vec2<T>> { static constexpr int value = 2; };
-template <typename T> struct ComponentCount<Vec3<T>> { static constexpr int value = 3; };
-template <typename T> struct ComponentCount<Vec4<T>> { static constexpr int value = 4; };
-template <typename T, int R, int C> struct ComponentCount<Mat<T, R, C>> { static constexpr int value = R * C; };
+template <typename T> struct ComponentCount {
+    static constexpr int value = 1;
+};
+template <typename T> struct ComponentCount<Vec2<T>> {
+    static constexpr int value = 2;
+};
+template <typename T> struct ComponentCount<Vec3<T>> {
+    static constexpr int value = 3;
+};
+template <typename T> struct ComponentCount<Vec4<T>> {
+    static constexpr int value = 4;
+};
+template <typename T, int R, int C> struct ComponentCount<Mat<T, R, C>> {
+    static constexpr int value = R * C;
+};
 
 /// Component @p i of an element as double (scalars have the one component 0).
-template <typename T> inline double componentAsDouble(T const& v, int) { return static_cast<double>(v); }
-template <typename T> inline double componentAsDouble(Vec2<T> const& v, int i) { return static_cast<double>(v[i]); }
-template <typename T> inline double componentAsDouble(Vec3<T> const& v, int i) { return static_cast<double>(v[i]); }
-template <typename T> inline double componentAsDouble(Vec4<T> const& v, int i) { return static_cast<double>(v[i]); }
+template <typename T> inline double componentAsDouble(T const& v, int)
+{
+    return static_cast<double>(v);
+}
+template <typename T> inline double componentAsDouble(Vec2<T> const& v, int i)
+{
+    return static_cast<double>(v[i]);
+}
+template <typename T> inline double componentAsDouble(Vec3<T> const& v, int i)
+{
+    return static_cast<double>(v[i]);
+}
+template <typename T> inline double componentAsDouble(Vec4<T> const& v, int i)
+{
+    return static_cast<double>(v[i]);
+}
 template <typename T, int R, int C> inline double componentAsDouble(Mat<T, R, C> const& v, int i)
 {
     return static_cast<double>(v.m[i / C][i % C]);
@@ -288,7 +340,8 @@ template <typename T, int R, int C> inline double componentAsDouble(Mat<T, R, C>
 template <typename T> inline double componentSum(T const& v)
 {
     double s = componentAsDouble(v, 0);
-    for (int i = 1; i < ComponentCount<T>::value; ++i) s += componentAsDouble(v, i);
+    for (int i = 1; i < ComponentCount<T>::value; ++i)
+        s += componentAsDouble(v, i);
     return s;
 }
 

@@ -29,17 +29,22 @@ Quillon::Any const* Object::findProperty(Quillon::StringView name) const
 
 bool Object::setProperty(Quillon::String name, Quillon::Any value)
 {
-    if (name.empty()) return false;
+    if (name.empty())
+        return false;
     mProperties.insert_or_assign(std::move(name), std::move(value));
     return true;
 }
 
-bool Object::hasProperty(Quillon::StringView name) const { return findProperty(name) != nullptr; }
+bool Object::hasProperty(Quillon::StringView name) const
+{
+    return findProperty(name) != nullptr;
+}
 
 bool Object::removeProperty(Quillon::StringView name)
 {
     auto it = mProperties.find(name);
-    if (it == mProperties.end()) return false;
+    if (it == mProperties.end())
+        return false;
     mProperties.erase(it);
     return true;
 }
@@ -47,7 +52,8 @@ bool Object::removeProperty(Quillon::StringView name)
 Quillon::Any Object::extractProperty(Quillon::StringView name)
 {
     auto it = mProperties.find(name);
-    if (it == mProperties.end()) return {};
+    if (it == mProperties.end())
+        return {};
     Quillon::Any value = std::move(it->second);
     mProperties.erase(it);
     return value;
@@ -57,13 +63,20 @@ Quillon::Array<Quillon::String> Object::propertyNames() const
 {
     Quillon::Array<Quillon::String> names;
     names.reserve(mProperties.size());
-    for (auto const& entry : mProperties) names.push_back(entry.first);
+    for (auto const& entry : mProperties)
+        names.push_back(entry.first);
     return names;
 }
 
-std::size_t Object::propertyCount() const { return mProperties.size(); }
+std::size_t Object::propertyCount() const
+{
+    return mProperties.size();
+}
 
-void Object::clear() { mProperties.clear(); }
+void Object::clear()
+{
+    mProperties.clear();
+}
 
 bool Object::setComponent(Quillon::String name, std::uint64_t elementCount)
 {
@@ -85,14 +98,16 @@ Quillon::Array<Quillon::String> Object::componentNames() const
 {
     Quillon::Array<Quillon::String> names;
     for (auto const& entry : mProperties)
-        if (std::any_cast<ElementComponent>(&entry.second)) names.push_back(entry.first);
+        if (std::any_cast<ElementComponent>(&entry.second))
+            names.push_back(entry.first);
     return names;
 }
 
 bool Object::setPrototype(Quillon::Ptr<Object const> prototype)
 {
     for (Object const* p = prototype.get(); p; p = p->mPrototype.get())
-        if (p == this) return false;
+        if (p == this)
+            return false;
     mPrototype = std::move(prototype);
     return true;
 }
@@ -100,7 +115,8 @@ bool Object::setPrototype(Quillon::Ptr<Object const> prototype)
 bool Object::isInstanceOf(Object const& prototype) const
 {
     for (Object const* p = mPrototype.get(); p; p = p->mPrototype.get())
-        if (p == &prototype) return true;
+        if (p == &prototype)
+            return true;
     return false;
 }
 

@@ -11,12 +11,12 @@
 #pragma once
 #include <any>
 #include <cstdint>
-#include <map>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/any.h>
 #include <hexmold/platform/quillon/array.h>
 #include <hexmold/platform/quillon/ptr.h>
 #include <hexmold/platform/quillon/string.h>
+#include <map>
 
 namespace Tavrel {
 

@@ -24,15 +24,14 @@ float pointTriangleDistance(float3 const& p, float3 const& a, float3 const& b, f
     return pointTriangleDistance(p, a, b, c, scratch);
 }
 
-double pointTriangleDistance(double3 const& p, double3 const& a, double3 const& b,
-                             double3 const& c, PointTriangleScratch& scratch)
+double pointTriangleDistance(double3 const& p, double3 const& a, double3 const& b, double3 const& c,
+                             PointTriangleScratch& scratch)
 {
-    return std::sqrt(detail::pointTriangleClosest(detail::toV3(p), detail::toV3(a),
-                                                  detail::toV3(b), detail::toV3(c), scratch));
+    return std::sqrt(detail::pointTriangleClosest(detail::toV3(p), detail::toV3(a), detail::toV3(b),
+                                                  detail::toV3(c), scratch));
 }
 
-double pointTriangleDistance(double3 const& p, double3 const& a, double3 const& b,
-                             double3 const& c)
+double pointTriangleDistance(double3 const& p, double3 const& a, double3 const& b, double3 const& c)
 {
     PointTriangleScratch scratch;
     return pointTriangleDistance(p, a, b, c, scratch);
@@ -87,7 +86,8 @@ double orientation(Point2 a, Point2 b, Point2 c)
 bool pointInTriangle(float2 const& p, float2 const& a, float2 const& b, float2 const& c,
                      float& out_u, float& out_v, float& out_w, bool* out_edge)
 {
-    if (out_edge) *out_edge = false;
+    if (out_edge)
+        *out_edge = false;
     Point2 const q{p.x, p.y};
     Point2 const v[3] = {{a.x, a.y}, {b.x, b.y}, {c.x, c.y}};
     double const area = orientation(v[0], v[1], v[2]);
@@ -100,7 +100,8 @@ bool pointInTriangle(float2 const& p, float2 const& a, float2 const& b, float2 c
         out_w = static_cast<float>(wc / area);
         bool const inside = area > 0.0 ? (wa >= 0.0 && wb >= 0.0 && wc >= 0.0)
                                        : (wa <= 0.0 && wb <= 0.0 && wc <= 0.0);
-        if (out_edge) *out_edge = inside && (wa == 0.0 || wb == 0.0 || wc == 0.0);
+        if (out_edge)
+            *out_edge = inside && (wa == 0.0 || wb == 0.0 || wc == 0.0);
         return inside;
     }
     // Zero area: the triangle is its longest edge (i, i + 1), or a point.
@@ -134,8 +135,10 @@ bool pointInTriangle(float2 const& p, float2 const& a, float2 const& b, float2 c
     } else {
         inside = q.x == s.x && q.y == s.y;
     }
-    if (!inside && (q.x != q.x || q.y != q.y)) out_u = out_v = out_w = q.x + q.y; // NaN
-    if (out_edge) *out_edge = inside;
+    if (!inside && (q.x != q.x || q.y != q.y))
+        out_u = out_v = out_w = q.x + q.y; // NaN
+    if (out_edge)
+        *out_edge = inside;
     return inside;
 }
 

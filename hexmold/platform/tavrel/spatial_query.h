@@ -13,7 +13,7 @@
 #pragma once
 #include <limits>
 #if defined(__SSE2__)
-#  include <emmintrin.h>
+#include <emmintrin.h>
 #endif
 #include <hexmold/export.h>
 #include <hexmold/platform/tavrel/math.h>
@@ -22,14 +22,14 @@ namespace Tavrel::SpatialQuery {
 
 /// The part of a triangle that holds the point closest to a query point.
 enum class TriangleFeature : int {
-    kNone = -1,    ///< not determined (NaN input)
-    kVertexA = 0,  ///< vertex a
-    kVertexB = 1,  ///< vertex b
-    kVertexC = 2,  ///< vertex c
-    kEdgeAB = 3,   ///< inside edge a-b
-    kEdgeBC = 4,   ///< inside edge b-c
-    kEdgeCA = 5,   ///< inside edge c-a
-    kFace = 6      ///< inside the face
+    kNone = -1,   ///< not determined (NaN input)
+    kVertexA = 0, ///< vertex a
+    kVertexB = 1, ///< vertex b
+    kVertexC = 2, ///< vertex c
+    kEdgeAB = 3,  ///< inside edge a-b
+    kEdgeBC = 4,  ///< inside edge b-c
+    kEdgeCA = 5,  ///< inside edge c-a
+    kFace = 6     ///< inside the face
 };
 
 /// What a distance query found besides the distance: the closest feature and the barycentric
@@ -51,16 +51,31 @@ inline constexpr double kSliverSine2 = 1e-18;
 struct V3 {
     double x, y, z;
 };
-inline V3 toV3(Math::float3 const& v) { return {v.x, v.y, v.z}; }
-inline V3 toV3(Math::double3 const& v) { return {v.x, v.y, v.z}; }
-inline V3 sub(V3 const& a, V3 const& b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
-inline double dot(V3 const& a, V3 const& b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+inline V3 toV3(Math::float3 const& v)
+{
+    return {v.x, v.y, v.z};
+}
+inline V3 toV3(Math::double3 const& v)
+{
+    return {v.x, v.y, v.z};
+}
+inline V3 sub(V3 const& a, V3 const& b)
+{
+    return {a.x - b.x, a.y - b.y, a.z - b.z};
+}
+inline double dot(V3 const& a, V3 const& b)
+{
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
 inline V3 cross(V3 const& a, V3 const& b)
 {
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
 /// Triple product a . (b x c).
-inline double det(V3 const& a, V3 const& b, V3 const& c) { return dot(a, cross(b, c)); }
+inline double det(V3 const& a, V3 const& b, V3 const& c)
+{
+    return dot(a, cross(b, c));
+}
 
 /// max(x, lo) that keeps a NaN x. One maxsd: the compiler turns the plain conditional with a
 /// constant bound into a branch, which mispredicts half the time here.
@@ -146,13 +161,13 @@ inline double pointTriangleClosest(V3 const& p, V3 const& a, V3 const& b, V3 con
             if (zeros == 0) {
                 out.feature = TriangleFeature::kFace;
             } else if (zeros == 1) {
-                out.feature = wc == 0.0 ? TriangleFeature::kEdgeAB
-                            : wa == 0.0 ? TriangleFeature::kEdgeBC
-                                        : TriangleFeature::kEdgeCA;
+                out.feature = wc == 0.0   ? TriangleFeature::kEdgeAB
+                              : wa == 0.0 ? TriangleFeature::kEdgeBC
+                                          : TriangleFeature::kEdgeCA;
             } else {
-                out.feature = wa > 0.0 ? TriangleFeature::kVertexA
-                            : wb > 0.0 ? TriangleFeature::kVertexB
-                                       : TriangleFeature::kVertexC;
+                out.feature = wa > 0.0   ? TriangleFeature::kVertexA
+                              : wb > 0.0 ? TriangleFeature::kVertexB
+                                         : TriangleFeature::kVertexC;
             }
             double const h = dot(pa, n);
             return h * h / nn;
@@ -192,8 +207,7 @@ inline float pointTriangleDistance2(Math::float3 const& p, Math::float3 const& a
                                     PointTriangleScratch& scratch)
 {
     return static_cast<float>(detail::pointTriangleClosest(
-        detail::toV3(p), detail::toV3(a), detail::toV3(b), detail::toV3(c),
-        scratch));
+        detail::toV3(p), detail::toV3(a), detail::toV3(b), detail::toV3(c), scratch));
 }
 /// Squared distance from @p p to the closed triangle (@p a, @p b, @p c).
 inline float pointTriangleDistance2(Math::float3 const& p, Math::float3 const& a,

@@ -40,8 +40,10 @@ public:
     ///                i of n, increment h, covered c of total"); any of the logger classes.
     template <typename Logger> void step(Logger const& logger)
     {
-        if (!advance()) return;
-        if (isStepLogged()) logger.info(describeLastStep());
+        if (!advance())
+            return;
+        if (isStepLogged())
+            logger.info(describeLastStep());
     }
 
     /// True while steps remain.

@@ -5,10 +5,10 @@
 ///          report from any thread.
 #pragma once
 #include <cstddef>
-#include <mutex>
-#include <vector>
 #include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/platform/quillon/string.h>
+#include <mutex>
+#include <vector>
 
 namespace Quillon::Testing {
 
@@ -26,7 +26,8 @@ public:
     /// @param enabled  initial state of all three categories
     explicit RecordingServices(bool enabled = true)
     {
-        for (bool& e : mEnabled) e = enabled;
+        for (bool& e : mEnabled)
+            e = enabled;
     }
 
     bool isLogEnabled(RuntimeMessageCategory category) const override
@@ -52,7 +53,8 @@ public:
     {
         std::lock_guard<std::mutex> lock(mMutex);
         int const i = indexOf(category);
-        if (i >= 0) mEnabled[i] = enabled;
+        if (i >= 0)
+            mEnabled[i] = enabled;
     }
 
     /// A copy of all recorded messages, in the order they were logged.
@@ -68,7 +70,8 @@ public:
         std::lock_guard<std::mutex> lock(mMutex);
         std::vector<String> out;
         for (RecordedMessage const& m : mMessages)
-            if (m.category == category) out.push_back(m.text);
+            if (m.category == category)
+                out.push_back(m.text);
         return out;
     }
 
@@ -77,7 +80,8 @@ public:
     {
         std::lock_guard<std::mutex> lock(mMutex);
         std::size_t n = 0;
-        for (RecordedMessage const& m : mMessages) n += m.category == category;
+        for (RecordedMessage const& m : mMessages)
+            n += m.category == category;
         return n;
     }
 
@@ -93,7 +97,8 @@ public:
     {
         std::lock_guard<std::mutex> lock(mMutex);
         for (RecordedMessage const& m : mMessages)
-            if (m.category == category && m.text.find(fragment) != String::npos) return true;
+            if (m.category == category && m.text.find(fragment) != String::npos)
+                return true;
         return false;
     }
 

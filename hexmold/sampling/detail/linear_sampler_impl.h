@@ -5,14 +5,14 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <memory>
-#include <type_traits>
-#include <vector>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/sampling/linear_sampler.h>
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/visitor.h>
+#include <memory>
+#include <type_traits>
+#include <vector>
 
 namespace TVL::TileTree3D::detail {
 
@@ -35,7 +35,10 @@ template <typename T, typename F> inline T blendLinear(T const& a, T const& b, F
 
 /// Bit of the neighbour across the high sides @p sides (bit 0: +x, bit 1: +y, bit 2: +z) in a
 /// tile's entry of the neighbour table.
-constexpr unsigned neighbourBit(unsigned sides) { return 1u << sides; }
+constexpr unsigned neighbourBit(unsigned sides)
+{
+    return 1u << sides;
+}
 
 /// The bits a cell needs when it reaches across the high sides @p sides: every neighbour across a
 /// non-empty subset of them.
@@ -43,7 +46,8 @@ constexpr unsigned neighboursNeeded(unsigned sides)
 {
     unsigned m = 0;
     for (unsigned s = 1; s < 8; ++s)
-        if ((s & sides) == s) m |= neighbourBit(s);
+        if ((s & sides) == s)
+            m |= neighbourBit(s);
     return m;
 }
 
@@ -98,46 +102,55 @@ template <typename Traits, typename T> struct LinearSamplerShared {
     /// The entry of the tile of `deepDepth` with corner (i, j, k), or null when there is none.
     DeepEntry const* findDeep(std::int64_t i, std::int64_t j, std::int64_t k) const
     {
-        if (deep.empty()) return nullptr;
+        if (deep.empty())
+            return nullptr;
         for (std::uint64_t b = deepHash(i, j, k) & deepMask;; b = (b + 1) & deepMask) {
             DeepEntry const& e = deep[b];
-            if (!(e.neighbours & kOccupied)) return nullptr;
-            if (e.i == i && e.j == j && e.k == k) return &e;
+            if (!(e.neighbours & kOccupied))
+                return nullptr;
+            if (e.i == i && e.j == j && e.k == k)
+                return &e;
         }
     }
 
     LinearSamplerShared(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
                         VoxelChannel<Traits, T> const& channel)
-        : copy(Quillon::String(), &channel.defaultValue(), kDataElementInitializerTemporary, false, false,
-               channel.minDepth(), channel.depth())
+        : copy(Quillon::String(), &channel.defaultValue(), kDataElementInitializerTemporary, false,
+               false, channel.minDepth(), channel.depth())
     {
         copy.setTargetName(topology.name());
         // Sized by the tree itself: it is the tree the sampler walks.
         copy.update(container);
-        computeHalo<Traits, T, 0, 0, 1, 0>(channel, container, copy, channel.minDepth(), channel.depth());
+        computeHalo<Traits, T, 0, 0, 1, 0>(channel, container, copy, channel.minDepth(),
+                                           channel.depth());
 
         int const lo = std::max(channel.minDepth(), 0);
         int const hi = std::min(channel.depth(), Traits::kMaxDepth);
-        for (int d = lo; d <= hi; ++d) views[d].resize(static_cast<std::size_t>(container.tileCount(d)));
+        for (int d = lo; d <= hi; ++d)
+            views[d].resize(static_cast<std::size_t>(container.tileCount(d)));
         auto table = [this, acc = container.tileAccessor()](Tile<Traits> const& tile) mutable {
             TileView<T>& view = views[tile.depth()][static_cast<std::size_t>(tile.index())];
             auto const* block = copy.block(tile.index(), tile.depth());
-            view.data = block && block->size() == std::size_t(W + 1) * (W + 1) * (W + 1) ? block->data() : nullptr;
+            view.data = block && block->size() == std::size_t(W + 1) * (W + 1) * (W + 1)
+                            ? block->data()
+                            : nullptr;
             for (unsigned s = 1; s < 8; ++s) {
                 int const dir = 13 + 9 * int(s & 1) + 3 * int((s >> 1) & 1) + int((s >> 2) & 1);
                 Tile<Traits> const& n = acc.tileNeighbor(tile, dir);
-                if (n.valid() && n.depth() == tile.depth()) view.neighbours |= neighbourBit(s);
+                if (n.valid() && n.depth() == tile.depth())
+                    view.neighbours |= neighbourBit(s);
             }
         };
         auto const none = [](auto const&...) {};
-        container.traverse(none, none, table, none, NoVoxelVisit{}, kTraversalUnordered, kNoTile, lo, hi, 1, true, 0,
-                           Traits::kRatio, false, Traits::kMaxDepth - 3);
+        container.traverse(none, none, table, none, NoVoxelVisit{}, kTraversalUnordered, kNoTile,
+                           lo, hi, 1, true, 0, Traits::kRatio, false, Traits::kMaxDepth - 3);
 
         // The direct table of the deepest depth, at most half full.
         if (lo <= hi && container.tileCount(hi) > 0) {
             std::uint64_t const n = static_cast<std::uint64_t>(container.tileCount(hi));
             std::uint64_t capacity = 16;
-            while (capacity < 2 * n) capacity *= 2;
+            while (capacity < 2 * n)
+                capacity *= 2;
             deep.assign(capacity, DeepEntry{0, 0, 0, 0, nullptr, 0});
             deepMask = capacity - 1;
             deepDepth = hi;
@@ -145,8 +158,10 @@ template <typename Traits, typename T> struct LinearSamplerShared {
                 Tile<Traits> const& tile = container.tile(t, hi);
                 TileView<T> const& view = views[hi][static_cast<std::size_t>(t)];
                 std::uint64_t b = deepHash(tile.ti(), tile.tj(), tile.tk()) & deepMask;
-                while (deep[b].neighbours & kOccupied) b = (b + 1) & deepMask;
-                deep[b] = DeepEntry{tile.ti(), tile.tj(), tile.tk(), view.neighbours | kOccupied, view.data, 0};
+                while (deep[b].neighbours & kOccupied)
+                    b = (b + 1) & deepMask;
+                deep[b] = DeepEntry{tile.ti(), tile.tj(), tile.tk(), view.neighbours | kOccupied,
+                                    view.data, 0};
             }
         }
     }
@@ -155,19 +170,22 @@ template <typename Traits, typename T> struct LinearSamplerShared {
 /// The trilinear blend of the corners @p v (x fastest) with fractions @p frac, axis by axis; an
 /// axis without a fraction is not blended. In the integer element instances the fractions,
 /// converted to the element type, are 0: the caller returns the first corner before this.
-template <typename T> inline T blendCorners(T const (&v)[8], double const (&frac)[3], bool const (&moves)[3])
+template <typename T>
+inline T blendCorners(T const (&v)[8], double const (&frac)[3], bool const (&moves)[3])
 {
     using Scalar = typename SamplerScalar<T>::Type;
     Scalar const fx = static_cast<Scalar>(frac[0]), fy = static_cast<Scalar>(frac[1]),
                  fz = static_cast<Scalar>(frac[2]);
     T c[4]{};
     for (int r = 0; r < 4; ++r) {
-        if (((r & 1) && !moves[1]) || ((r >> 1) && !moves[2])) continue;
+        if (((r & 1) && !moves[1]) || ((r >> 1) && !moves[2]))
+            continue;
         c[r] = moves[0] ? blendLinear(v[2 * r], v[2 * r + 1], fx) : v[2 * r];
     }
     T b[2]{};
     for (int r = 0; r < 2; ++r) {
-        if (r && !moves[2]) continue;
+        if (r && !moves[2])
+            continue;
         b[r] = moves[1] ? blendLinear(c[2 * r], c[2 * r + 1], fy) : c[2 * r];
     }
     return moves[2] ? blendLinear(b[0], b[1], fz) : b[0];
@@ -184,14 +202,17 @@ VoxelSampler<Traits, T, Vec>::VoxelSampler(T const& defaultValue) : mDefault(def
 {
 }
 
-template <typename Traits, typename T, typename Vec> VoxelSampler<Traits, T, Vec>::~VoxelSampler() = default;
+template <typename Traits, typename T, typename Vec>
+VoxelSampler<Traits, T, Vec>::~VoxelSampler() = default;
 
-template <typename Traits, typename T, typename Vec> char const* VoxelSampler<Traits, T, Vec>::name() const
+template <typename Traits, typename T, typename Vec>
+char const* VoxelSampler<Traits, T, Vec>::name() const
 {
     return "kNone";
 }
 
-template <typename Traits, typename T, typename Vec> T VoxelSampler<Traits, T, Vec>::value(Vec const&)
+template <typename Traits, typename T, typename Vec>
+T VoxelSampler<Traits, T, Vec>::value(Vec const&)
 {
     return mDefault;
 }
@@ -206,8 +227,8 @@ T VoxelSampler<Traits, T, Vec>::valueAtTileSpace(Vec const&, int)
 
 template <typename Traits, typename T, int N, int S, typename Vec>
 VoxelSamplerLinear<Traits, T, N, S, Vec>::VoxelSamplerLinear(Container<Traits> const& container,
-                                                            VoxelTopology<Traits> const& topology,
-                                                            ChannelType const& channel)
+                                                             VoxelTopology<Traits> const& topology,
+                                                             ChannelType const& channel)
     : VoxelSampler<Traits, T, Vec>(channel.defaultValue()), mContainer(&container),
       mAccessor(container.tileAccessor()), mNeighbourAccessor(container.tileAccessor()),
       mInverseVoxelSize(container.voxelSize() != 0.0f ? 1.0 / double(container.voxelSize()) : 0.0),
@@ -215,11 +236,13 @@ VoxelSamplerLinear<Traits, T, N, S, Vec>::VoxelSamplerLinear(Container<Traits> c
       mChannel(&channel), mMinDepth(std::max(channel.minDepth(), 0)),
       mMaxDepth(std::min(channel.depth(), Traits::kMaxDepth))
 {
-    if (mOffsetType == kVoxelOffsetCenter) mShared = std::make_shared<Shared const>(container, topology, channel);
+    if (mOffsetType == kVoxelOffsetCenter)
+        mShared = std::make_shared<Shared const>(container, topology, channel);
 }
 
 template <typename Traits, typename T, int N, int S, typename Vec>
-VoxelSamplerLinear<Traits, T, N, S, Vec>::VoxelSamplerLinear(VoxelSamplerLinear const& other) = default;
+VoxelSamplerLinear<Traits, T, N, S, Vec>::VoxelSamplerLinear(VoxelSamplerLinear const& other) =
+    default;
 
 template <typename Traits, typename T, int N, int S, typename Vec>
 VoxelSamplerLinear<Traits, T, N, S, Vec>&
@@ -243,7 +266,8 @@ bool VoxelSamplerLinear<Traits, T, N, S, Vec>::readsHaloCopy() const
 template <typename Traits, typename T, int N, int S, typename Vec>
 T const* VoxelSamplerLinear<Traits, T, N, S, Vec>::blockOf(TileType const& tile) const
 {
-    if (mShared) return mShared->views[tile.depth()][static_cast<std::size_t>(tile.index())].data;
+    if (mShared)
+        return mShared->views[tile.depth()][static_cast<std::size_t>(tile.index())].data;
     auto const* b = mChannel->block(tile.index(), tile.depth());
     return b && b->size() == std::size_t(N) * N * N ? b->data() : nullptr;
 }
@@ -262,17 +286,21 @@ template <typename Traits, typename T, int N, int S, typename Vec>
 T VoxelSamplerLinear<Traits, T, N, S, Vec>::valueAtTileSpace(Vec const& tileSpace, int maxDepth)
 {
     int const depth = std::clamp(maxDepth, 0, Traits::kMaxDepth);
-    return sampleAt(Tavrel::Math::double3{double(tileSpace.x), double(tileSpace.y), double(tileSpace.z)}, depth,
-                    std::min(depth, mMaxDepth));
+    return sampleAt(
+        Tavrel::Math::double3{double(tileSpace.x), double(tileSpace.y), double(tileSpace.z)}, depth,
+        std::min(depth, mMaxDepth));
 }
 
 template <typename Traits, typename T, int N, int S, typename Vec>
-T VoxelSamplerLinear<Traits, T, N, S, Vec>::sampleAt(Tavrel::Math::double3 const& p, int depth, int searchDepth)
+T VoxelSamplerLinear<Traits, T, N, S, Vec>::sampleAt(Tavrel::Math::double3 const& p, int depth,
+                                                     int searchDepth)
 {
     // Far outside the tree (or not a number): nothing there. The bound keeps floor() in range.
     constexpr double kBeyond = 4.0e9;
-    if (!(std::abs(p.x) < kBeyond && std::abs(p.y) < kBeyond && std::abs(p.z) < kBeyond)) return this->mDefault;
-    if (searchDepth < mMinDepth) return this->mDefault;
+    if (!(std::abs(p.x) < kBeyond && std::abs(p.y) < kBeyond && std::abs(p.z) < kBeyond))
+        return this->mDefault;
+    if (searchDepth < mMinDepth)
+        return this->mDefault;
     if (mShared && searchDepth == mShared->deepDepth) {
         // The direct path: a tile of the deepest depth holds the point and the cell's corners lie
         // in its block. The same arithmetic as `lookup`, without reading the tile's record.
@@ -281,12 +309,15 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::sampleAt(Tavrel::Math::double3 const
         std::int64_t const tw = Container<Traits>::tileVoxelWidth(searchDepth);
         std::int64_t corner[3];
         for (int a = 0; a < 3; ++a)
-            corner[a] = detail::floorDiv(f[a] + Traits::kCentreOffset, tw) * tw - Traits::kCentreOffset;
+            corner[a] =
+                detail::floorDiv(f[a] + Traits::kCentreOffset, tw) * tw - Traits::kCentreOffset;
         if (auto const* e = mShared->findDeep(corner[0], corner[1], corner[2])) {
-            if (!e->data) return this->mDefault;
+            if (!e->data)
+                return this->mDefault;
             std::int64_t const w = Container<Traits>::voxelDataWidth(searchDepth);
             std::int64_t cell[3];
-            for (int a = 0; a < 3; ++a) cell[a] = w == 1 ? f[a] - corner[a] : detail::floorDiv(f[a] - corner[a], w);
+            for (int a = 0; a < 3; ++a)
+                cell[a] = w == 1 ? f[a] - corner[a] : detail::floorDiv(f[a] - corner[a], w);
             constexpr int E = Traits::kTileWidth + 1;
             int const ci = int(cell[0]), cj = int(cell[1]), ck = int(cell[2]);
             T const* const base = e->data + (ci + E * (cj + E * ck));
@@ -299,16 +330,19 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::sampleAt(Tavrel::Math::double3 const
                     frac[a] = (p[a] - double(corner[a] + cell[a] * w)) / double(w);
                     moves[a] = frac[a] > 0.0;
                 }
-                if (!moves[0] && !moves[1] && !moves[2]) return *base;
+                if (!moves[0] && !moves[1] && !moves[2])
+                    return *base;
                 constexpr int W = Traits::kTileWidth;
-                unsigned const sides = unsigned(moves[0] && ci == W - 1) | (unsigned(moves[1] && cj == W - 1) << 1) |
+                unsigned const sides = unsigned(moves[0] && ci == W - 1) |
+                                       (unsigned(moves[1] && cj == W - 1) << 1) |
                                        (unsigned(moves[2] && ck == W - 1) << 2);
                 unsigned const needed = detail::neighboursNeeded(sides);
                 if ((e->neighbours & needed) == needed) {
                     T v[8]{};
                     for (int n = 0; n < 8; ++n) {
                         int const ex = n & 1, ey = (n >> 1) & 1, ez = n >> 2;
-                        if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2])) continue;
+                        if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2]))
+                            continue;
                         v[n] = base[ex + E * (ey + E * ez)];
                     }
                     return detail::blendCorners(v, frac, moves);
@@ -316,20 +350,24 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::sampleAt(Tavrel::Math::double3 const
             }
         }
     }
-    TileType const& tile = mAccessor.tile(std::int64_t(std::floor(p.x)), std::int64_t(std::floor(p.y)),
-                                          std::int64_t(std::floor(p.z)), searchDepth);
+    TileType const& tile =
+        mAccessor.tile(std::int64_t(std::floor(p.x)), std::int64_t(std::floor(p.y)),
+                       std::int64_t(std::floor(p.z)), searchDepth);
     return lookup(&tile, p, depth);
 }
 
 template <typename Traits, typename T, int N, int S, typename Vec>
-T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel::Math::double3 const& p, int D)
+T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile,
+                                                   Tavrel::Math::double3 const& p, int D)
 {
     using Scalar = typename detail::SamplerScalar<T>::Type;
     constexpr int W = N;
     T const& def = this->mDefault;
     // The sentinel is told by its address: its valid flag sits in another cache line than the
     // corner and depth that are read next.
-    if (tile == &Container<Traits>::sentinel() || tile->depth() < mMinDepth || tile->depth() > mMaxDepth) return def;
+    if (tile == &Container<Traits>::sentinel() || tile->depth() < mMinDepth ||
+        tile->depth() > mMaxDepth)
+        return def;
 
     int d = tile->depth();
     std::int64_t w = Container<Traits>::voxelDataWidth(d);
@@ -353,15 +391,19 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
             bool below = false;
             for (int a = 0; a < 3; ++a) {
                 q[a] = p[a] + double(wD - w) * mOffset[a];
-                cell[a] = detail::floorDiv(std::int64_t(std::floor(q[a])) - std::int64_t(corner[a]), w);
+                cell[a] =
+                    detail::floorDiv(std::int64_t(std::floor(q[a])) - std::int64_t(corner[a]), w);
                 below |= cell[a] < 0;
             }
-            if (!below) break;
+            if (!below)
+                break;
             std::int64_t const tw = Container<Traits>::tileVoxelWidth(d);
             std::int64_t target[3];
-            for (int a = 0; a < 3; ++a) target[a] = std::int64_t(corner[a]) - (cell[a] < 0 ? tw : 0);
+            for (int a = 0; a < 3; ++a)
+                target[a] = std::int64_t(corner[a]) - (cell[a] < 0 ? tw : 0);
             tile = &mNeighbourAccessor.tile(target[0], target[1], target[2], d);
-            if (tile == &Container<Traits>::sentinel() || tile->depth() < mMinDepth || step > 2 * Traits::kDepthCount)
+            if (tile == &Container<Traits>::sentinel() || tile->depth() < mMinDepth ||
+                step > 2 * Traits::kDepthCount)
                 return def;
             d = tile->depth();
             w = Container<Traits>::voxelDataWidth(d);
@@ -375,7 +417,8 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
         table = mCachedMask;
     } else {
         if (mShared) {
-            detail::TileView<T> const& view = mShared->views[d][static_cast<std::size_t>(tile->index())];
+            detail::TileView<T> const& view =
+                mShared->views[d][static_cast<std::size_t>(tile->index())];
             data = view.data;
             table = view.neighbours;
         } else {
@@ -385,7 +428,8 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
         mCachedData = data;
         mCachedMask = table;
     }
-    if (!data) return def;
+    if (!data)
+        return def;
     int const edge = mShared ? W + 1 : W;
     int const ci = int(cell[0]), cj = int(cell[1]), ck = int(cell[2]);
     T const* const base = data + (ci + edge * (cj + edge * ck));
@@ -401,34 +445,42 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile, Tavrel:
             frac[a] = (q[a] - double(std::int64_t(corner[a]) + cell[a] * w)) / double(w);
             moves[a] = frac[a] > 0.0;
         }
-        if (!moves[0] && !moves[1] && !moves[2]) return *base; // exactly on a voxel
+        if (!moves[0] && !moves[1] && !moves[2])
+            return *base; // exactly on a voxel
 
         // Corners beyond the high sides of the tile.
-        unsigned const sides = unsigned(moves[0] && ci == W - 1) | (unsigned(moves[1] && cj == W - 1) << 1) |
+        unsigned const sides = unsigned(moves[0] && ci == W - 1) |
+                               (unsigned(moves[1] && cj == W - 1) << 1) |
                                (unsigned(moves[2] && ck == W - 1) << 2);
         T v[8]{}; // corners on an axis without a fraction stay unread
-        if (sides == 0 || (mShared && (table & detail::neighboursNeeded(sides)) == detail::neighboursNeeded(sides))) {
+        if (sides == 0 || (mShared && (table & detail::neighboursNeeded(sides)) ==
+                                          detail::neighboursNeeded(sides))) {
             // All eight in this block (the copy's extra layer holds the same-depth neighbours).
             for (int e = 0; e < 8; ++e) {
                 int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-                if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2])) continue;
+                if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2]))
+                    continue;
                 v[e] = base[ex + edge * (ey + edge * ez)];
             }
         } else {
             for (int e = 0; e < 8; ++e) {
                 int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-                if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2])) continue;
+                if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2]))
+                    continue;
                 int const idx[3] = {ci + ex, cj + ey, ck + ez};
-                unsigned const out = unsigned(idx[0] == W) | (unsigned(idx[1] == W) << 1) | (unsigned(idx[2] == W) << 2);
+                unsigned const out = unsigned(idx[0] == W) | (unsigned(idx[1] == W) << 1) |
+                                     (unsigned(idx[2] == W) << 2);
                 if (out == 0 || (mShared && (table & detail::neighbourBit(out)))) {
                     v[e] = base[ex + edge * (ey + edge * ez)];
                     continue;
                 }
-                int const dir = 13 + 9 * int(out & 1) + 3 * int((out >> 1) & 1) + int((out >> 2) & 1);
+                int const dir =
+                    13 + 9 * int(out & 1) + 3 * int((out >> 1) & 1) + int((out >> 2) & 1);
                 TileType const& neighbour = mNeighbourAccessor.tileNeighbor(*tile, dir);
                 if (&neighbour != &Container<Traits>::sentinel() && neighbour.depth() == d) {
                     T const* nd = blockOf(neighbour);
-                    v[e] = nd ? nd[(idx[0] % W) + edge * ((idx[1] % W) + edge * (idx[2] % W))] : def;
+                    v[e] =
+                        nd ? nd[(idx[0] % W) + edge * ((idx[1] % W) + edge * (idx[2] % W))] : def;
                 } else {
                     // A coarser neighbour (or none): sample it at the corner's exact position.
                     Tavrel::Math::double3 const at{double(std::int64_t(corner[0]) + idx[0] * w),
@@ -458,9 +510,11 @@ LinearVolumeSampler<Traits, T>::LinearVolumeSampler(Container<Traits> const& con
 {
 }
 
-template <typename Traits, typename T> LinearVolumeSampler<Traits, T>::~LinearVolumeSampler() = default;
+template <typename Traits, typename T>
+LinearVolumeSampler<Traits, T>::~LinearVolumeSampler() = default;
 
-template <typename Traits, typename T> T LinearVolumeSampler<Traits, T>::sample(Tavrel::Math::float3 const& world) const
+template <typename Traits, typename T>
+T LinearVolumeSampler<Traits, T>::sample(Tavrel::Math::float3 const& world) const
 {
     return mWorkers->samplers.local().value(world);
 }
@@ -474,8 +528,8 @@ template <typename Traits, typename T> char const* LinearVolumeSampler<Traits, T
 
 /// The sampler classes of tree TR and element type T.
 #define HEXMOLD_INSTANTIATE_LINEAR_SAMPLER(TR, T)                                                  \
-    template class VoxelSampler<TR, T, float3>;                                        \
-    template class VoxelSampler<TR, T, double3>;                                       \
-    template class VoxelSamplerLinear<TR, T, TR::kTileWidth, 2, float3>;               \
-    template class VoxelSamplerLinear<TR, T, TR::kTileWidth, 2, double3>;              \
+    template class VoxelSampler<TR, T, float3>;                                                    \
+    template class VoxelSampler<TR, T, double3>;                                                   \
+    template class VoxelSamplerLinear<TR, T, TR::kTileWidth, 2, float3>;                           \
+    template class VoxelSamplerLinear<TR, T, TR::kTileWidth, 2, double3>;                          \
     template class LinearVolumeSampler<TR, T>;

@@ -4,9 +4,6 @@
 ///        all element types.
 #pragma once
 #include <algorithm>
-#include <ostream>
-#include <sstream>
-#include <string>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/array.h>
 #include <hexmold/substrate/channel.h>
@@ -14,6 +11,9 @@
 #include <hexmold/substrate/channel_temporary.h>
 #include <hexmold/substrate/detail/substrate_log.h>
 #include <hexmold/substrate/topology.h>
+#include <ostream>
+#include <sstream>
+#include <string>
 
 namespace TVL::TileTree3D {
 

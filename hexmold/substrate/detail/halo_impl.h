@@ -5,14 +5,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <memory>
-#include <optional>
-#include <type_traits>
-#include <utility>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/visitor.h>
+#include <memory>
+#include <optional>
+#include <type_traits>
+#include <utility>
 
 namespace TVL::TileTree3D::detail {
 
@@ -29,10 +29,19 @@ template <typename T> struct ElementScalar<T, std::void_t<typename T::ValueType>
 /// Which parts of the rim a halo type asks for, beyond the six face layers that are always
 /// filled: bit 4 adds the edges (what a stencil reaching in the coordinate planes needs), bit 8
 /// adds the eight corners. Bits 1 and 2 are markers of the caller and change nothing.
-constexpr bool haloWantsEdges(int type) { return (type & 12) != 0; }
-constexpr bool haloWantsCorners(int type) { return (type & 8) != 0; }
+constexpr bool haloWantsEdges(int type)
+{
+    return (type & 12) != 0;
+}
+constexpr bool haloWantsCorners(int type)
+{
+    return (type & 8) != 0;
+}
 /// Whether a halo type asks for the trilinear rim at resolution jumps (bit 16).
-constexpr bool haloWantsTrilinear(int type) { return (type & kHaloTypeTrilinearJumps) != 0; }
+constexpr bool haloWantsTrilinear(int type)
+{
+    return (type & kHaloTypeTrilinearJumps) != 0;
+}
 
 /// Element types that the trilinear rim blends: those of floating-point scalars. Integer, and
 /// integer-vector, channels keep the covering coarse voxel, as a blend would have to round.
@@ -50,7 +59,8 @@ template <typename T, typename S> inline T blendElement(T const& a, T const& b, 
         S x[N], y[N];
         std::memcpy(x, &a, sizeof(T));
         std::memcpy(y, &b, sizeof(T));
-        for (int n = 0; n < N; ++n) x[n] = x[n] * (S(1) - t) + y[n] * t;
+        for (int n = 0; n < N; ++n)
+            x[n] = x[n] * (S(1) - t) + y[n] * t;
         T v;
         std::memcpy(&v, x, sizeof(T));
         return v;
@@ -65,7 +75,8 @@ inline T blendCorners(T const (&v)[8], bool const (&moves)[3], S fx, S fy, S fz)
 {
     T r[4]{};
     for (int q = 0; q < 4; ++q) {
-        if (((q & 1) && !moves[1]) || ((q >> 1) && !moves[2])) continue;
+        if (((q & 1) && !moves[1]) || ((q >> 1) && !moves[2]))
+            continue;
         r[q] = moves[0] ? blendElement(v[2 * q], v[2 * q + 1], fx) : v[2 * q];
     }
     T s0 = moves[1] ? blendElement(r[0], r[1], fy) : r[0];
@@ -89,16 +100,19 @@ constexpr std::int64_t haloFloorDiv(std::int64_t a, std::int64_t b)
 /// voxel (a non-leaf voxel's coarse copy of its children included); a coarser one gives its own
 /// trilinear interpolation at the voxel's centre, by the same rule one depth up; where nothing
 /// exists, or a tile has no data, the element is missing.
-template <typename Traits, typename T, int W, int Hin, typename GetBlock> class CoarseNeighbourhood {
+template <typename Traits, typename T, int W, int Hin, typename GetBlock>
+class CoarseNeighbourhood {
 public:
     using S = typename ElementScalar<T>::Type;
 
-    CoarseNeighbourhood(Container<Traits> const& c, Tile<Traits> const& coarse, T const* data, GetBlock const& get,
-                        typename Container<Traits>::ConstTileAccessor& acc, bool tables)
+    CoarseNeighbourhood(Container<Traits> const& c, Tile<Traits> const& coarse, T const* data,
+                        GetBlock const& get, typename Container<Traits>::ConstTileAccessor& acc,
+                        bool tables)
         : mContainer(c), mCoarse(coarse), mGet(get), mAccessor(acc), mTables(tables),
           mWidth(Container<Traits>::voxelDataWidth(coarse.depth())), mCorner(coarse.tijk())
     {
-        for (auto& e : mEntries) e.known = false;
+        for (auto& e : mEntries)
+            e.known = false;
         mEntries[kNeighborSelf].known = true;
         mEntries[kNeighborSelf].data = data;
     }
@@ -110,7 +124,8 @@ public:
         int const sx = x < 0 ? -1 : (x >= W ? 1 : 0), sy = y < 0 ? -1 : (y >= W ? 1 : 0),
                   sz = z < 0 ? -1 : (z >= W ? 1 : 0);
         Entry& e = entry(13 + 9 * sx + 3 * sy + sz);
-        if (!e.data) return false;
+        if (!e.data)
+            return false;
         if (!e.coarser) {
             int const l0 = x - sx * W, l1 = y - sy * W, l2 = z - sz * W;
             out = e.data[(l0 + Hin) + Ein * ((l1 + Hin) + Ein * (l2 + Hin))];
@@ -127,7 +142,8 @@ public:
     /// [base, base + extent) around the coarse tile, laid out with strides 1, C, C * C. Works
     /// neighbour by neighbour, so that the elements of one tile are copied without per-element
     /// lookups. Indices may reach one tile width beyond the coarse tile on each side.
-    template <int C> void fillBox(int const (&base)[3], int const (&extent)[3], T* values, bool* have)
+    template <int C>
+    void fillBox(int const (&base)[3], int const (&extent)[3], T* values, bool* have)
     {
         constexpr int Ein = W + 2 * Hin;
         for (int sz = -1; sz <= 1; ++sz)
@@ -141,24 +157,29 @@ public:
                         hi[a] = std::min(base[a] + extent[a], s[a] * W + W);
                         empty |= lo[a] >= hi[a];
                     }
-                    if (empty) continue;
+                    if (empty)
+                        continue;
                     Entry& e = entry(13 + 9 * sx + 3 * sy + sz);
                     for (int z = lo[2]; z < hi[2]; ++z)
                         for (int y = lo[1]; y < hi[1]; ++y) {
                             int const row = (y - base[1]) * C + (z - base[2]) * C * C - base[0];
                             if (!e.data) {
-                                for (int x = lo[0]; x < hi[0]; ++x) have[row + x] = false;
+                                for (int x = lo[0]; x < hi[0]; ++x)
+                                    have[row + x] = false;
                             } else if (!e.coarser) {
-                                T const* src = e.data + (Hin - sx * W) + Ein * ((y - sy * W + Hin) + Ein * (z - sz * W + Hin));
+                                T const* src =
+                                    e.data + (Hin - sx * W) +
+                                    Ein * ((y - sy * W + Hin) + Ein * (z - sz * W + Hin));
                                 for (int x = lo[0]; x < hi[0]; ++x) {
                                     values[row + x] = src[x];
                                     have[row + x] = true;
                                 }
                             } else {
                                 for (int x = lo[0]; x < hi[0]; ++x) {
-                                    std::int64_t const p2[3] = {2 * (std::int64_t(mCorner[0]) + x * mWidth) + mWidth,
-                                                                2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
-                                                                2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
+                                    std::int64_t const p2[3] = {
+                                        2 * (std::int64_t(mCorner[0]) + x * mWidth) + mWidth,
+                                        2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
+                                        2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
                                     have[row + x] = e.coarser->interpolate(p2, values[row + x]);
                                 }
                             }
@@ -193,8 +214,10 @@ public:
         T v[8]{};
         for (int e = 0; e < 8; ++e) {
             int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-            if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2])) continue;
-            if (!value(c0[0] + ex, c0[1] + ey, c0[2] + ez, v[e])) return false;
+            if ((ex && !moves[0]) || (ey && !moves[1]) || (ez && !moves[2]))
+                continue;
+            if (!value(c0[0] + ex, c0[1] + ey, c0[2] + ez, v[e]))
+                return false;
         }
         out = blendCorners(v, moves, frac[0], frac[1], frac[2]);
         return true;
@@ -209,14 +232,17 @@ private:
     Entry& entry(int dir)
     {
         Entry& e = mEntries[dir];
-        if (e.known) return e;
+        if (e.known)
+            return e;
         e.known = true;
-        Tile<Traits> const& n =
-            mTables ? mContainer.compressedHaloNeighbor(mCoarse, dir) : mAccessor.tileNeighbor(mCoarse, dir);
-        if (!n.valid()) return e;
+        Tile<Traits> const& n = mTables ? mContainer.compressedHaloNeighbor(mCoarse, dir)
+                                        : mAccessor.tileNeighbor(mCoarse, dir);
+        if (!n.valid())
+            return e;
         e.data = mGet(n.index(), n.depth());
         if (e.data && n.depth() != mCoarse.depth())
-            e.coarser = std::make_unique<CoarseNeighbourhood>(mContainer, n, e.data, mGet, mAccessor, mTables);
+            e.coarser = std::make_unique<CoarseNeighbourhood>(mContainer, n, e.data, mGet,
+                                                              mAccessor, mTables);
         return e;
     }
 
@@ -239,10 +265,11 @@ private:
 /// For data that are linear in position the rim is then exact to rounding, so central differences
 /// across a jump keep their second order in the first derivatives.
 template <typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
-inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& coarse, T const* src,
-                                GetBlock const& get, typename Container<Traits>::ConstTileAccessor& acc, bool tables,
-                                int3 const& corner, std::int64_t w, int const (&lo)[3], int const (&hi)[3],
-                                int const (&ci)[3][W + 2 * Hout], T* out)
+inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& coarse,
+                                T const* src, GetBlock const& get,
+                                typename Container<Traits>::ConstTileAccessor& acc, bool tables,
+                                int3 const& corner, std::int64_t w, int const (&lo)[3],
+                                int const (&hi)[3], int const (&ci)[3][W + 2 * Hout], T* out)
 {
     using S = typename ElementScalar<T>::Type;
     constexpr int Ein = W + 2 * Hin;
@@ -257,7 +284,8 @@ inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& 
     bool moves[3][W + 2 * Hout];
     for (int a = 0; a < 3; ++a)
         for (int l = lo[a]; l < hi[a]; ++l) {
-            std::int64_t const num = 2 * (std::int64_t(corner[a]) - std::int64_t(nc[a])) + (2 * l + 1) * w - wn;
+            std::int64_t const num =
+                2 * (std::int64_t(corner[a]) - std::int64_t(nc[a])) + (2 * l + 1) * w - wn;
             std::int64_t const den = 2 * wn;
             std::int64_t const q = haloFloorDiv(num, den);
             std::int64_t const rem = num - q * den;
@@ -301,7 +329,8 @@ inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& 
     for (int k = lo[2]; k < hi[2]; ++k)
         for (int j = lo[1]; j < hi[1]; ++j)
             for (int i = lo[0]; i < hi[0]; ++i) {
-                int const x = c0[0][i + Hout] - base[0], y = c0[1][j + Hout] - base[1], z = c0[2][k + Hout] - base[2];
+                int const x = c0[0][i + Hout] - base[0], y = c0[1][j + Hout] - base[1],
+                          z = c0[2][k + Hout] - base[2];
                 bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
                 T& o = out[(i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout))];
                 // The blend of `CoarseNeighbourhood::blend`, from the box.
@@ -309,13 +338,15 @@ inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& 
                 bool complete = true;
                 for (int e = 0; e < 8; ++e) {
                     int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-                    if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2])) continue;
+                    if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
+                        continue;
                     int const n = (x + ex) + B * ((y + ey) + B * (z + ez));
                     complete &= have[n];
                     v[e] = box[n];
                 }
                 if (!complete) {
-                    o = src[(ci[0][i + Hout] + Hin) + Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+                    o = src[(ci[0][i + Hout] + Hin) +
+                            Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
                     continue;
                 }
                 o = blendCorners(v, m, frac[0][i + Hout], frac[1][j + Hout], frac[2][k + Hout]);
@@ -347,13 +378,16 @@ template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWind
     bool ensure(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
                 typename Container<Traits>::ConstTileAccessor& acc, bool tables)
     {
-        if (built) return usable;
+        if (built)
+            return usable;
         built = true;
         TreeIndex const pi = tile.parentTreeIndex();
-        if (pi.depth < 0) return false;
+        if (pi.depth < 0)
+            return false;
         Tile<Traits> const& parent = c.tile(pi);
         T const* pdata = get(parent.index(), parent.depth());
-        if (!pdata) return false;
+        if (!pdata)
+            return false;
         std::int64_t const w = Container<Traits>::voxelDataWidth(tile.depth());
         std::int64_t const wp = Container<Traits>::voxelDataWidth(parent.depth());
         int3 const corner = tile.tijk(), pc = parent.tijk();
@@ -362,7 +396,8 @@ template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWind
             int mn = 0, mx = 0;
             for (int l = -Hout; l < W + Hout; ++l) {
                 // As in `fillTrilinearRegion`: centres in half finest voxels.
-                std::int64_t const num = 2 * (std::int64_t(corner[a]) - std::int64_t(pc[a])) + (2 * l + 1) * w - wp;
+                std::int64_t const num =
+                    2 * (std::int64_t(corner[a]) - std::int64_t(pc[a])) + (2 * l + 1) * w - wp;
                 std::int64_t const den = 2 * wp;
                 std::int64_t const q = haloFloorDiv(num, den);
                 std::int64_t const rem = num - q * den;
@@ -372,10 +407,12 @@ template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWind
                 mn = l == -Hout ? int(q) : std::min(mn, int(q));
                 mx = l == -Hout ? int(q) + (rem != 0) : std::max(mx, int(q) + int(rem != 0));
             }
-            if (mx - mn + 1 > C) return false;
+            if (mx - mn + 1 > C)
+                return false;
             base[a] = mn;
             extent[a] = mx - mn + 1;
-            for (int l = 0; l < kRange; ++l) c0[a][l] -= mn;
+            for (int l = 0; l < kRange; ++l)
+                c0[a][l] -= mn;
         }
         CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, parent, pdata, get, acc, tables);
         around.template fillBox<C>(base, extent, values, have);
@@ -388,23 +425,30 @@ template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWind
 /// loops unroll: a rim of W = 4 or 5 holds only a few elements per row, and loops with bounds
 /// known only at run time would cost more than the copies.
 template <int Dir, typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
-inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
-                           typename Container<Traits>::ConstTileAccessor& acc, bool tables, bool wanted,
-                           JumpWindow<Traits, T, W, Hin, Hout>* window, T* out, T const& def)
+inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
+                           GetBlock const& get, typename Container<Traits>::ConstTileAccessor& acc,
+                           bool tables, bool wanted, JumpWindow<Traits, T, W, Hin, Hout>* window,
+                           T* out, T const& def)
 {
     constexpr int Ein = W + 2 * Hin;
     constexpr int Eout = W + 2 * Hout;
     constexpr int dx = neighborDx(Dir), dy = neighborDy(Dir), dz = neighborDz(Dir);
-    constexpr int lo0 = dx < 0 ? -Hout : (dx == 0 ? 0 : W), hi0 = dx < 0 ? 0 : (dx == 0 ? W : W + Hout);
-    constexpr int lo1 = dy < 0 ? -Hout : (dy == 0 ? 0 : W), hi1 = dy < 0 ? 0 : (dy == 0 ? W : W + Hout);
-    constexpr int lo2 = dz < 0 ? -Hout : (dz == 0 ? 0 : W), hi2 = dz < 0 ? 0 : (dz == 0 ? W : W + Hout);
+    constexpr int lo0 = dx < 0 ? -Hout : (dx == 0 ? 0 : W),
+                  hi0 = dx < 0 ? 0 : (dx == 0 ? W : W + Hout);
+    constexpr int lo1 = dy < 0 ? -Hout : (dy == 0 ? 0 : W),
+                  hi1 = dy < 0 ? 0 : (dy == 0 ? W : W + Hout);
+    constexpr int lo2 = dz < 0 ? -Hout : (dz == 0 ? 0 : W),
+                  hi2 = dz < 0 ? 0 : (dz == 0 ? W : W + Hout);
     constexpr int n0 = hi0 - lo0;
-    auto outAt = [](int i, int j, int k) { return (i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout)); };
+    auto outAt = [](int i, int j, int k) {
+        return (i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout));
+    };
     auto inAt = [](int i, int j, int k) { return (i + Hin) + Ein * ((j + Hin) + Ein * (k + Hin)); };
 
     Tile<Traits> const* nb = nullptr;
     if (wanted) {
-        Tile<Traits> const& found = tables ? c.compressedHaloNeighbor(tile, Dir) : acc.tileNeighbor(tile, Dir);
+        Tile<Traits> const& found =
+            tables ? c.compressedHaloNeighbor(tile, Dir) : acc.tileNeighbor(tile, Dir);
         nb = found.valid() ? &found : nullptr;
     }
     T const* src = nb ? get(nb->index(), nb->depth()) : nullptr;
@@ -412,7 +456,8 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
         for (int k = lo2; k < hi2; ++k)
             for (int j = lo1; j < hi1; ++j) {
                 T* o = out + outAt(lo0, j, k);
-                for (int i = 0; i < n0; ++i) o[i] = def;
+                for (int i = 0; i < n0; ++i)
+                    o[i] = def;
             }
         return;
     }
@@ -422,7 +467,8 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
             for (int j = lo1; j < hi1; ++j) {
                 T const* s = src + inAt(lo0 - sx, j - sy, k - sz);
                 T* o = out + outAt(lo0, j, k);
-                for (int i = 0; i < n0; ++i) o[i] = s[i];
+                for (int i = 0; i < n0; ++i)
+                    o[i] = s[i];
             }
         return;
     }
@@ -435,7 +481,8 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
     int ci[3][W + 2 * Hout];
     for (int a = 0; a < 3; ++a)
         for (int l = lo[a]; l < hi[a]; ++l)
-            ci[a][l + Hout] = static_cast<int>((std::int64_t(corner[a]) + l * w - std::int64_t(nc[a])) / wn);
+            ci[a][l + Hout] =
+                static_cast<int>((std::int64_t(corner[a]) + l * w - std::int64_t(nc[a])) / wn);
     if constexpr (kHaloBlendable<T>) {
         if (window) {
             using Window = JumpWindow<Traits, T, W, Hin, Hout>;
@@ -447,13 +494,15 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
                         for (int i = lo0; i < hi0; ++i) {
                             int const x = window->c0[0][i + Hout], y = window->c0[1][j + Hout],
                                       z = window->c0[2][k + Hout];
-                            bool const m[3] = {window->moves[0][i + Hout], window->moves[1][j + Hout],
+                            bool const m[3] = {window->moves[0][i + Hout],
+                                               window->moves[1][j + Hout],
                                                window->moves[2][k + Hout]};
                             T v[8]{};
                             bool complete = true;
                             for (int e = 0; e < 8; ++e) {
                                 int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-                                if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2])) continue;
+                                if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
+                                    continue;
                                 int const n = (x + ex) + C * ((y + ey) + C * (z + ez));
                                 complete &= window->have[n];
                                 v[e] = window->values[n];
@@ -463,12 +512,13 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
                                 o = src[inAt(ci[0][i + Hout], ci[1][j + Hout], ci[2][k + Hout])];
                                 continue;
                             }
-                            o = blendCorners(v, m, window->frac[0][i + Hout], window->frac[1][j + Hout],
-                                             window->frac[2][k + Hout]);
+                            o = blendCorners(v, m, window->frac[0][i + Hout],
+                                             window->frac[1][j + Hout], window->frac[2][k + Hout]);
                         }
                 return;
             }
-            fillTrilinearRegion<Traits, T, W, Hin, Hout>(c, *nb, src, get, acc, tables, corner, w, lo, hi, ci, out);
+            fillTrilinearRegion<Traits, T, W, Hin, Hout>(c, *nb, src, get, acc, tables, corner, w,
+                                                         lo, hi, ci, out);
             return;
         }
     }
@@ -494,11 +544,14 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
 /// tile, so the result does not depend on which tables were built.
 template <typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
 void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBlock const& get,
-                   typename Container<Traits>::ConstTileAccessor& acc, int type, T* out, T const& def)
+                   typename Container<Traits>::ConstTileAccessor& acc, int type, T* out,
+                   T const& def)
 {
     constexpr int Ein = W + 2 * Hin;
     constexpr int Eout = W + 2 * Hout;
-    auto outAt = [](int i, int j, int k) { return (i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout)); };
+    auto outAt = [](int i, int j, int k) {
+        return (i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout));
+    };
     auto inAt = [](int i, int j, int k) { return (i + Hin) + Ein * ((j + Hin) + Ein * (k + Hin)); };
 
     // Interior.
@@ -507,12 +560,14 @@ void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBloc
             for (int j = 0; j < W; ++j) {
                 T const* src = own + inAt(0, j, k);
                 T* dst = out + outAt(0, j, k);
-                for (int i = 0; i < W; ++i) dst[i] = src[i];
+                for (int i = 0; i < W; ++i)
+                    dst[i] = src[i];
             }
     } else {
         for (int k = 0; k < W; ++k)
             for (int j = 0; j < W; ++j)
-                for (int i = 0; i < W; ++i) out[outAt(i, j, k)] = def;
+                for (int i = 0; i < W; ++i)
+                    out[outAt(i, j, k)] = def;
     }
 
     bool const tables = c.hasCompressedTileHalos();
@@ -521,23 +576,27 @@ void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBloc
     // The trilinear rim's window, built on the first region that needs it.
     std::optional<JumpWindow<Traits, T, W, Hin, Hout>> window;
     if constexpr (kHaloBlendable<T>)
-        if (haloWantsTrilinear(type)) window.emplace();
+        if (haloWantsTrilinear(type))
+            window.emplace();
     // The 26 directions, each with its own bounds; faces always, edges and corners as asked.
-    [&]<int... Dir>(std::integer_sequence<int, Dir...>) {
+    [&]<int... Dir>(std::integer_sequence<int, Dir...>)
+    {
         auto one = [&]<int D>(std::integral_constant<int, D>) {
             if constexpr (D != kNeighborSelf) {
-                constexpr int touched = (neighborDx(D) != 0) + (neighborDy(D) != 0) + (neighborDz(D) != 0);
-                bool const wanted = touched == 1 || (touched == 2 && edges) || (touched == 3 && corners);
+                constexpr int touched =
+                    (neighborDx(D) != 0) + (neighborDy(D) != 0) + (neighborDz(D) != 0);
+                bool const wanted =
+                    touched == 1 || (touched == 2 && edges) || (touched == 3 && corners);
                 fillHaloRegion<D, Traits, T, W, Hin, Hout>(c, tile, get, acc, tables, wanted,
                                                            window ? &*window : nullptr, out, def);
             }
         };
         (one(std::integral_constant<int, Dir>{}), ...);
-    }(std::make_integer_sequence<int, 27>{});
+    }
+    (std::make_integer_sequence<int, 27>{});
 }
 
 // ---- element arithmetic for means -------------------------------------------------------------
-
 
 /// Running sum of elements, component by component: doubles for floating-point scalars, 128-bit
 /// integers for integral ones (no overflow for up to 2^64 values of any width).
@@ -551,7 +610,8 @@ public:
     {
         S s[N];
         std::memcpy(s, &v, sizeof(T));
-        for (int n = 0; n < N; ++n) mSum[n] += static_cast<Acc>(s[n]);
+        for (int n = 0; n < N; ++n)
+            mSum[n] += static_cast<Acc>(s[n]);
     }
     /// The mean of @p count added elements; integers are rounded to nearest, halves away from 0.
     T mean(std::int64_t count) const
@@ -562,7 +622,8 @@ public:
                 s[n] = static_cast<S>(mSum[n] / double(count));
             } else {
                 Acc const half = count / 2;
-                s[n] = static_cast<S>(mSum[n] >= 0 ? (mSum[n] + half) / count : (mSum[n] - half) / count);
+                s[n] = static_cast<S>(mSum[n] >= 0 ? (mSum[n] + half) / count
+                                                   : (mSum[n] - half) / count);
             }
         }
         T v;
@@ -590,19 +651,24 @@ template <typename ChannelT> struct BlockData {
 namespace TVL::TileTree3D {
 
 template <typename Traits, typename T, int Hin, int Hout, int F1, int F2>
-void setHaloTile(TreeIndex const& tile, Channel<Traits, T, Traits::kTileWidth, Hin, F1> const& channel, HaloMode,
+void setHaloTile(TreeIndex const& tile,
+                 Channel<Traits, T, Traits::kTileWidth, Hin, F1> const& channel, HaloMode,
                  HaloType type, typename Container<Traits>::ConstTileAccessor& accessor,
-                 TileData<T, Traits::kTileWidth, Hout, F1>& out, T defaultValue, float, VoxelOffsetType)
+                 TileData<T, Traits::kTileWidth, Hout, F1>& out, T defaultValue, float,
+                 VoxelOffsetType)
 {
     using ChannelT = Channel<Traits, T, Traits::kTileWidth, Hin, F1>;
     Container<Traits> const& c = accessor.container();
-    if (!c.contains(tile) || out.size() != TileData<T, Traits::kTileWidth, Hout, F1>::kVoxelCount) return;
+    if (!c.contains(tile) || out.size() != TileData<T, Traits::kTileWidth, Hout, F1>::kVoxelCount)
+        return;
     detail::fillHaloBlock<Traits, T, Traits::kTileWidth, Hin, Hout>(
-        c, c.tile(tile), detail::BlockData<ChannelT>{&channel}, accessor, type, out.data(), defaultValue);
+        c, c.tile(tile), detail::BlockData<ChannelT>{&channel}, accessor, type, out.data(),
+        defaultValue);
 }
 
 template <typename Traits, typename T, int A, int B, int C, int D>
-void computeHalo(Channel<Traits, T, Traits::kTileWidth, 0, 0> const& source, Container<Traits> const& container,
+void computeHalo(Channel<Traits, T, Traits::kTileWidth, 0, 0> const& source,
+                 Container<Traits> const& container,
                  Channel<Traits, T, Traits::kTileWidth + 1, 0, 0>& out, int minDepth, int maxDepth)
 {
     using ChannelT = Channel<Traits, T, Traits::kTileWidth, 0, 0>;
@@ -610,25 +676,31 @@ void computeHalo(Channel<Traits, T, Traits::kTileWidth, 0, 0> const& source, Con
     constexpr int E = W + 2;
     T const def = source.defaultValue();
     auto fill = [&container, &source, &out, def, acc = container.tileAccessor(),
-                 scratch = std::vector<T>(std::size_t(E) * E * E)](Tile<Traits> const& tile) mutable {
+                 scratch =
+                     std::vector<T>(std::size_t(E) * E * E)](Tile<Traits> const& tile) mutable {
         auto* b = out.block(tile.index(), tile.depth());
-        if (!b || b->size() != std::size_t(W + 1) * (W + 1) * (W + 1)) return;
-        detail::fillHaloBlock<Traits, T, W, 0, 1>(container, tile, detail::BlockData<ChannelT>{&source}, acc,
+        if (!b || b->size() != std::size_t(W + 1) * (W + 1) * (W + 1))
+            return;
+        detail::fillHaloBlock<Traits, T, W, 0, 1>(container, tile,
+                                                  detail::BlockData<ChannelT>{&source}, acc,
                                                   kHaloTypeAll, scratch.data(), def);
         T* o = b->data();
         for (int k = 0; k <= W; ++k)
             for (int j = 0; j <= W; ++j)
                 for (int i = 0; i <= W; ++i)
-                    o[i + (W + 1) * (j + (W + 1) * k)] = scratch[(i + 1) + E * ((j + 1) + E * (k + 1))];
+                    o[i + (W + 1) * (j + (W + 1) * k)] =
+                        scratch[(i + 1) + E * ((j + 1) + E * (k + 1))];
     };
     auto none = [](auto const&...) {};
-    container.traverse(none, none, fill, none, NoVoxelVisit{}, kTraversalUnordered, kNoTile, minDepth, maxDepth, 1,
-                       true, 0, Traits::kRatio, false, Traits::kMaxDepth - 3);
+    container.traverse(none, none, fill, none, NoVoxelVisit{}, kTraversalUnordered, kNoTile,
+                       minDepth, maxDepth, 1, true, 0, Traits::kRatio, false,
+                       Traits::kMaxDepth - 3);
 }
 
 template <typename Traits, typename T, int W, int H>
-void setNonLeafValueToChildValue(Channel<Traits, T, W, H, 0>& channel, Container<Traits> const& container,
-                                 VoxelOffsetType, int minDepth, int maxDepth)
+void setNonLeafValueToChildValue(Channel<Traits, T, W, H, 0>& channel,
+                                 Container<Traits> const& container, VoxelOffsetType, int minDepth,
+                                 int maxDepth)
 {
     static_assert(W == Traits::kTileWidth, "voxel channels only");
     constexpr int E = W + 2 * H;
@@ -637,16 +709,22 @@ void setNonLeafValueToChildValue(Channel<Traits, T, W, H, 0>& channel, Container
     // parent voxels), 5 for ratio 5 (a child covers one parent voxel).
     constexpr int K = Traits::kRatio;
     constexpr std::size_t kBlock = std::size_t(E) * E * E;
-    auto at = [](int i, int j, int k) { return std::size_t((i + H) + E * ((j + H) + E * (k + H))); };
+    auto at = [](int i, int j, int k) {
+        return std::size_t((i + H) + E * ((j + H) + E * (k + H)));
+    };
     auto fill = [&](Tile<Traits> const& tile) {
-        if (tile.isLeaf()) return;
+        if (tile.isLeaf())
+            return;
         auto* parent = channel.block(tile.index(), tile.depth());
-        if (!parent || parent->size() != kBlock) return;
+        if (!parent || parent->size() != kBlock)
+            return;
         for (int s = 0; s < Traits::kChildCount; ++s) {
             std::int64_t const ch = tile.childIndex(s);
-            if (ch < 0) continue;
+            if (ch < 0)
+                continue;
             auto const* child = channel.block(ch, tile.depth() + 1);
-            if (!child || child->size() != kBlock) continue;
+            if (!child || child->size() != kBlock)
+                continue;
             int3 const slot = Tile<Traits>::slotCoordinates(s);
             // Parent voxels (slot * R + p) are covered by the child's voxels (p * K + q).
             for (int pk = 0; pk < R; ++pk)
@@ -657,14 +735,16 @@ void setNonLeafValueToChildValue(Channel<Traits, T, W, H, 0>& channel, Container
                             for (int qj = 0; qj < K; ++qj)
                                 for (int qi = 0; qi < K; ++qi)
                                     sum.add((*child)[at(pi * K + qi, pj * K + qj, pk * K + qk)]);
-                        (*parent)[at(slot.x * R + pi, slot.y * R + pj, slot.z * R + pk)] = sum.mean(K * K * K);
+                        (*parent)[at(slot.x * R + pi, slot.y * R + pj, slot.z * R + pk)] =
+                            sum.mean(K * K * K);
                     }
         }
     };
     auto none = [](auto const&...) {};
     // Children first, so that each depth reads finished values from the depth below.
-    container.traverse(none, none, fill, none, NoVoxelVisit{}, kTraversalChildrenFirst, kNoTile, minDepth, maxDepth,
-                       1, true, 0, Traits::kRatio, false, Traits::kMaxDepth - 3);
+    container.traverse(none, none, fill, none, NoVoxelVisit{}, kTraversalChildrenFirst, kNoTile,
+                       minDepth, maxDepth, 1, true, 0, Traits::kRatio, false,
+                       Traits::kMaxDepth - 3);
 }
 
 } // namespace TVL::TileTree3D

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/parallel.h>
+#include <limits>
 
 namespace VolumeGL::TileTree3D {
 
@@ -20,18 +20,27 @@ namespace {
 std::int64_t snap(double t)
 {
     double const v = std::floor(t * double(kFixedPointScale) + 0.5);
-    if (!(v > -double(kFixedPointLimit))) return -kFixedPointLimit; // NaN too
-    if (v > double(kFixedPointLimit)) return kFixedPointLimit;
+    if (!(v > -double(kFixedPointLimit)))
+        return -kFixedPointLimit; // NaN too
+    if (v > double(kFixedPointLimit))
+        return kFixedPointLimit;
     return static_cast<std::int64_t>(v);
 }
 
-int signOf(std::int64_t v) { return (v > 0) - (v < 0); }
-int signOf(__int128 v) { return (v > 0) - (v < 0); }
+int signOf(std::int64_t v)
+{
+    return (v > 0) - (v < 0);
+}
+int signOf(__int128 v)
+{
+    return (v > 0) - (v < 0);
+}
 
 /// The three determinants of the line test, in 64-bit (fast path) or 128-bit arithmetic. w_i is
 /// twice the signed area of the point and the edge opposite vertex i.
 template <typename Wide, typename Narrow>
-void determinants(Narrow b0, Narrow c0, Narrow b1, Narrow c1, Narrow b2, Narrow c2, Narrow pb, Narrow pc, Wide w[3])
+void determinants(Narrow b0, Narrow c0, Narrow b1, Narrow c1, Narrow b2, Narrow c2, Narrow pb,
+                  Narrow pc, Wide w[3])
 {
     w[0] = Wide(b1 - pb) * Wide(c2 - pc) + Wide(pb - b2) * Wide(c1 - pc);
     w[1] = Wide(pb - b0) * Wide(c2 - pc) + Wide(b2 - pb) * Wide(c0 - pc);
@@ -63,10 +72,12 @@ Crossing crossLine(int a, std::int64_t pb, std::int64_t pc, std::array<std::int6
         std::int32_t const qb = std::int32_t(pb - v0[b]), qc = std::int32_t(pc - v0[c]);
         std::int64_t w64[3];
         determinants<std::int64_t, std::int32_t>(0, 0, b1, c1, b2, c2, qb, qc, w64);
-        for (int i = 0; i < 3; ++i) s[i] = signOf(w64[i]), w[i] = w64[i];
+        for (int i = 0; i < 3; ++i)
+            s[i] = signOf(w64[i]), w[i] = w64[i];
     } else {
         determinants<__int128, std::int64_t>(v0[b], v0[c], v1[b], v1[c], v2[b], v2[c], pb, pc, w);
-        for (int i = 0; i < 3; ++i) s[i] = signOf(w[i]);
+        for (int i = 0; i < 3; ++i)
+            s[i] = signOf(w[i]);
     }
     // Simulation of simplicity. Every sample is taken as moved by (e, e^2, e^3) along (x, y, z),
     // e infinitely small, the same for every line, so that the moved grid meets the mesh in
@@ -75,18 +86,22 @@ Crossing crossLine(int a, std::int64_t pb, std::int64_t pc, std::array<std::int6
     // later of the axes b and c first (negated when that axis is c), then along the earlier.
     int const later = std::max(b, c), earlier = std::min(b, c);
     for (int i = 0; i < 3; ++i) {
-        if (s[i] != 0) continue;
+        if (s[i] != 0)
+            continue;
         std::array<std::int64_t, 3> const& from = *v[(i + 1) % 3];
         std::array<std::int64_t, 3> const& to = *v[(i + 2) % 3];
         s[i] = signOf(to[later] - from[later]) * (later == c ? -1 : 1);
-        if (s[i] == 0) s[i] = signOf(to[earlier] - from[earlier]) * (earlier == c ? -1 : 1);
+        if (s[i] == 0)
+            s[i] = signOf(to[earlier] - from[earlier]) * (earlier == c ? -1 : 1);
     }
     Crossing out;
-    if (!(s[0] == s[1] && s[1] == s[2]) || s[0] == 0) return out;
+    if (!(s[0] == s[1] && s[1] == s[2]) || s[0] == 0)
+        return out;
     out.sign = s[0];
     // A back hit negates the determinants, so that the weights are not negative.
     if (out.sign < 0)
-        for (__int128& x : w) x = -x;
+        for (__int128& x : w)
+            x = -x;
     __int128 const den = w[0] + w[1] + w[2];
     if (den > 0) {
         out.num = w[1] * __int128(v1[a] - v0[a]) + w[2] * __int128(v2[a] - v0[a]);
@@ -99,18 +114,20 @@ Crossing crossLine(int a, std::int64_t pb, std::int64_t pc, std::array<std::int6
 __int128 floorDiv128(__int128 x, __int128 y)
 {
     __int128 q = x / y;
-    if ((x % y != 0) && (x < 0)) --q;
+    if ((x % y != 0) && (x < 0))
+        --q;
     return q;
 }
 
 /// Whether a hit that falls exactly on a sample lies before the moved sample (see the
 /// simulation of simplicity in `crossLine`): the sample moves by e^(1 + axis) along each axis, the
 /// hit by -(n_b d_b + n_c d_c) / n_a as the line moves, n the triangle's normal.
-bool hitBeforeSample(int a, std::array<std::int64_t, 3> const& v0, std::array<std::int64_t, 3> const& v1,
-                     std::array<std::int64_t, 3> const& v2)
+bool hitBeforeSample(int a, std::array<std::int64_t, 3> const& v0,
+                     std::array<std::int64_t, 3> const& v1, std::array<std::int64_t, 3> const& v2)
 {
     __int128 e1[3], e2[3], n[3];
-    for (int k = 0; k < 3; ++k) e1[k] = v1[k] - v0[k], e2[k] = v2[k] - v0[k];
+    for (int k = 0; k < 3; ++k)
+        e1[k] = v1[k] - v0[k], e2[k] = v2[k] - v0[k];
     n[0] = e1[1] * e2[2] - e1[2] * e2[1];
     n[1] = e1[2] * e2[0] - e1[0] * e2[2];
     n[2] = e1[0] * e2[1] - e1[1] * e2[0];
@@ -119,7 +136,8 @@ bool hitBeforeSample(int a, std::array<std::int64_t, 3> const& v0, std::array<st
     // -n_m / n_a otherwise; the first non-zero term decides.
     for (int m = 0; m < 3; ++m) {
         int const t = m == a ? -1 : -signOf(n[m]) * sa;
-        if (t != 0) return t < 0;
+        if (t != 0)
+            return t < 0;
     }
     return true;
 }
@@ -137,9 +155,12 @@ std::int64_t hitVoxel(Crossing const& x, int a, std::array<std::int64_t, 3> cons
         __int128 const num = __int128(v0[a] - origin) * x.den + x.num;
         __int128 const span = __int128(width) * x.den;
         __int128 q = floorDiv128(num, span);
-        if (num - q * span == 0 && hitBeforeSample(a, v0, v1, v2)) --q;
-        if (q < -(__int128(1) << 62)) return std::numeric_limits<std::int64_t>::min() / 2;
-        if (q > (__int128(1) << 62)) return std::numeric_limits<std::int64_t>::max() / 2;
+        if (num - q * span == 0 && hitBeforeSample(a, v0, v1, v2))
+            --q;
+        if (q < -(__int128(1) << 62))
+            return std::numeric_limits<std::int64_t>::min() / 2;
+        if (q > (__int128(1) << 62))
+            return std::numeric_limits<std::int64_t>::max() / 2;
         return std::int64_t(q);
     }
     long double const t = (static_cast<long double>(v0[a] - origin) +
@@ -150,35 +171,44 @@ std::int64_t hitVoxel(Crossing const& x, int a, std::array<std::int64_t, 3> cons
 
 } // namespace
 
-int lineCrossesTriangle(int a, std::int64_t pb, std::int64_t pc, std::array<std::int64_t, 3> const& v0,
-                        std::array<std::int64_t, 3> const& v1, std::array<std::int64_t, 3> const& v2, double& out_hit)
+int lineCrossesTriangle(int a, std::int64_t pb, std::int64_t pc,
+                        std::array<std::int64_t, 3> const& v0,
+                        std::array<std::int64_t, 3> const& v1,
+                        std::array<std::int64_t, 3> const& v2, double& out_hit)
 {
     Crossing const x = crossLine(a, pb, pc, v0, v1, v2);
-    if (x.sign == 0) return 0;
-    out_hit = double(v0[a]) + static_cast<double>(static_cast<long double>(x.num) / static_cast<long double>(x.den));
+    if (x.sign == 0)
+        return 0;
+    out_hit = double(v0[a]) + static_cast<double>(static_cast<long double>(x.num) /
+                                                  static_cast<long double>(x.den));
     return x.sign;
 }
 
 template <typename Traits>
-FixedPointCoords makeFixedPointCoords(Container<Traits> const& container, Quillon::Array<float3> const& positions,
+FixedPointCoords makeFixedPointCoords(Container<Traits> const& container,
+                                      Quillon::Array<float3> const& positions,
                                       float3 const& voxelOffset)
 {
     FixedPointCoords out;
     out.points.resize(positions.size());
-    TVL::Parallel::parallel_for(TVL::Parallel::blocked_range<std::size_t>(0, positions.size(), 4096),
-                                [&](TVL::Parallel::blocked_range<std::size_t> const& r) {
-                                    if (TVL::bodyCancelled()) return;
-                                    for (std::size_t p = r.begin(); p != r.end(); ++p) {
-                                        auto const& x = positions[p];
-                                        Tavrel::Math::double3 const t =
-                                            container.toTileSpace(Tavrel::Math::double3{x.x, x.y, x.z});
-                                        out.points[p] = {snap(t.x), snap(t.y), snap(t.z)};
-                                    }
-                                });
+    TVL::Parallel::parallel_for(
+        TVL::Parallel::blocked_range<std::size_t>(0, positions.size(), 4096),
+        [&](TVL::Parallel::blocked_range<std::size_t> const& r) {
+            if (TVL::bodyCancelled())
+                return;
+            for (std::size_t p = r.begin(); p != r.end(); ++p) {
+                auto const& x = positions[p];
+                Tavrel::Math::double3 const t =
+                    container.toTileSpace(Tavrel::Math::double3{x.x, x.y, x.z});
+                out.points[p] = {snap(t.x), snap(t.y), snap(t.z)};
+            }
+        });
     TVL::throwIfJobCancelled();
     out.widths.resize(Traits::kDepthCount);
-    for (int d = 0; d < Traits::kDepthCount; ++d) out.widths[d] = snap(double(Container<Traits>::voxelDataWidth(d)));
-    for (int ax = 0; ax < 3; ++ax) out.sampleOffset[ax] = snap(double(voxelOffset[ax]));
+    for (int d = 0; d < Traits::kDepthCount; ++d)
+        out.widths[d] = snap(double(Container<Traits>::voxelDataWidth(d)));
+    for (int ax = 0; ax < 3; ++ax)
+        out.sampleOffset[ax] = snap(double(voxelOffset[ax]));
     return out;
 }
 
@@ -187,8 +217,8 @@ namespace {
 /// Calls @p f(i, j, k, a, sign) for every crossing of the triangle with the grid edges along
 /// the axes a in @p axes (bit a set) of the tile with corner @p corner at @p depth.
 template <int W, typename F>
-int forEachCrossing(ulong3 const& triangle, FixedPointCoords const& coords, int3 const& corner, int depth,
-                    std::int64_t centreOffset, int axes, F&& f)
+int forEachCrossing(ulong3 const& triangle, FixedPointCoords const& coords, int3 const& corner,
+                    int depth, std::int64_t centreOffset, int axes, F&& f)
 {
     std::array<std::int64_t, 3> const& v0 = coords.points[triangle.x];
     std::array<std::int64_t, 3> const& v1 = coords.points[triangle.y];
@@ -200,14 +230,17 @@ int forEachCrossing(ulong3 const& triangle, FixedPointCoords const& coords, int3
     // Most triangles of a tile's list miss its samples' box: integer comparisons first.
     std::int64_t const span = std::int64_t(W) * width;
     for (int ax = 0; ax < 3; ++ax) {
-        origin[ax] = (std::int64_t(corner[ax]) + centreOffset) * kFixedPointScale + coords.sampleOffset[ax];
+        origin[ax] =
+            (std::int64_t(corner[ax]) + centreOffset) * kFixedPointScale + coords.sampleOffset[ax];
         mn[ax] = std::min({v0[ax], v1[ax], v2[ax]}) - origin[ax];
         mx[ax] = std::max({v0[ax], v1[ax], v2[ax]}) - origin[ax];
-        if (mx[ax] < 0 || mn[ax] > span) return 0;
+        if (mx[ax] < 0 || mn[ax] > span)
+            return 0;
     }
     int lo[3], hi[3];
     for (int ax = 0; ax < 3; ++ax) {
-        // Lines at samples n with n * width in [mn, mx]: n from ceil(mn / width) to floor(mx / width).
+        // Lines at samples n with n * width in [mn, mx]: n from ceil(mn / width) to floor(mx /
+        // width).
         std::int64_t const l = mn[ax] <= 0 ? 0 : (mn[ax] + width - 1) / width;
         std::int64_t const h = mx[ax] / width;
         lo[ax] = static_cast<int>(std::min<std::int64_t>(l, W));
@@ -215,7 +248,8 @@ int forEachCrossing(ulong3 const& triangle, FixedPointCoords const& coords, int3
     }
     int count = 0;
     for (int a = 0; a < 3; ++a) {
-        if (!(axes & (1 << a))) continue;
+        if (!(axes & (1 << a)))
+            continue;
         int const b = (a + 1) % 3, c = (a + 2) % 3;
         // Lines through samples 0..W-1 of the tile on the two other axes.
         for (int jc = lo[c]; jc <= std::min(hi[c], W - 1); ++jc)
@@ -223,10 +257,12 @@ int forEachCrossing(ulong3 const& triangle, FixedPointCoords const& coords, int3
                 std::int64_t const pb = origin[b] + jb * width;
                 std::int64_t const pc = origin[c] + jc * width;
                 Crossing const x = crossLine(a, pb, pc, v0, v1, v2);
-                if (x.sign == 0) continue;
+                if (x.sign == 0)
+                    continue;
                 // Exact: a hit on a sample belongs to the edge that starts there, at every depth.
                 std::int64_t const along = hitVoxel(x, a, v0, v1, v2, origin[a], width);
-                if (along < 0 || along > W - 1) continue;
+                if (along < 0 || along > W - 1)
+                    continue;
                 int idx[3];
                 idx[a] = static_cast<int>(along);
                 idx[b] = jb;
@@ -241,21 +277,25 @@ int forEachCrossing(ulong3 const& triangle, FixedPointCoords const& coords, int3
 } // namespace
 
 template <typename Traits>
-int countEdgeIntersections(ulong3 const& triangle, FixedPointCoords const& coords, int3 const& corner, int depth,
+int countEdgeIntersections(ulong3 const& triangle, FixedPointCoords const& coords,
+                           int3 const& corner, int depth,
                            TileData<int3, Traits::kTileWidth, 0, 0>& io_counts)
 {
-    return forEachCrossing<Traits::kTileWidth>(triangle, coords, corner, depth, Traits::kCentreOffset, 7,
-                                               [&](int i, int j, int k, int a, int) { io_counts(i, j, k)[a] += 1; });
+    return forEachCrossing<Traits::kTileWidth>(
+        triangle, coords, corner, depth, Traits::kCentreOffset, 7,
+        [&](int i, int j, int k, int a, int) { io_counts(i, j, k)[a] += 1; });
 }
 
 template <typename Traits>
-int countAxisCrossings(ulong3 const& triangle, FixedPointCoords const& coords, int3 const& corner, int depth, int axis,
-                       int signMode, TileData<int, Traits::kTileWidth, 0, 0>& io_counts)
+int countAxisCrossings(ulong3 const& triangle, FixedPointCoords const& coords, int3 const& corner,
+                       int depth, int axis, int signMode,
+                       TileData<int, Traits::kTileWidth, 0, 0>& io_counts)
 {
-    return forEachCrossing<Traits::kTileWidth>(triangle, coords, corner, depth, Traits::kCentreOffset, 1 << axis,
-                                               [&](int i, int j, int k, int, int sign) {
-                                                   io_counts(i, j, k) += signMode == 0 ? 1 : signMode > 0 ? sign : -sign;
-                                               });
+    return forEachCrossing<Traits::kTileWidth>(
+        triangle, coords, corner, depth, Traits::kCentreOffset, 1 << axis,
+        [&](int i, int j, int k, int, int sign) {
+            io_counts(i, j, k) += signMode == 0 ? 1 : signMode > 0 ? sign : -sign;
+        });
 }
 
 template decltype(makeFixedPointCoords<Traits24>) makeFixedPointCoords<Traits24>;

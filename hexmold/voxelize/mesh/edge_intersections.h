@@ -13,12 +13,12 @@
 #pragma once
 #include <array>
 #include <cstdint>
-#include <vector>
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/array.h>
 #include <hexmold/platform/tavrel/math.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/tile_data.h>
+#include <vector>
 
 namespace VolumeGL::TileTree3D {
 
@@ -34,16 +34,17 @@ inline constexpr std::int64_t kFixedPointLimit = 0x1ffffffffffll;
 struct FixedPointCoords {
     std::vector<std::array<std::int64_t, 3>> points; ///< one triple per point
     std::vector<std::int64_t> widths;                ///< one value per depth
-    std::int64_t sampleOffset[3] = {512, 512, 512};  ///< the sample's place in its voxel, fixed point
+    std::int64_t sampleOffset[3] = {512, 512,
+                                    512}; ///< the sample's place in its voxel, fixed point
 };
 
 /// @brief Snaps @p positions and the depths' voxel widths to the fixed-point grid of @p container,
 ///        with the samples at @p voxelOffset (finest voxels) in their voxels. A parallel loop.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API FixedPointCoords makeFixedPointCoords(TVL::TileTree3D::Container<Traits> const& container,
-                                                  Quillon::Array<Tavrel::Math::float3> const& positions,
-                                                  Tavrel::Math::float3 const& voxelOffset);
+HEXMOLD_API FixedPointCoords makeFixedPointCoords(
+    TVL::TileTree3D::Container<Traits> const& container,
+    Quillon::Array<Tavrel::Math::float3> const& positions, Tavrel::Math::float3 const& voxelOffset);
 
 /// @brief Adds the crossings of one triangle with the grid edges of one tile.
 /// @details Component a of voxel (i, j, k) of @p io_counts counts the triangles crossed by the
@@ -56,9 +57,10 @@ HEXMOLD_API FixedPointCoords makeFixedPointCoords(TVL::TileTree3D::Container<Tra
 /// @return the number of crossings added.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API int countEdgeIntersections(Tavrel::Math::ulong3 const& triangle, FixedPointCoords const& coords,
-                                       Tavrel::Math::int3 const& corner, int depth,
-                                       TVL::TileTree3D::TileData<Tavrel::Math::int3, Traits::kTileWidth, 0, 0>& io_counts);
+HEXMOLD_API int countEdgeIntersections(
+    Tavrel::Math::ulong3 const& triangle, FixedPointCoords const& coords,
+    Tavrel::Math::int3 const& corner, int depth,
+    TVL::TileTree3D::TileData<Tavrel::Math::int3, Traits::kTileWidth, 0, 0>& io_counts);
 
 /// @brief The crossings of one triangle with the grid edges of one tile along @p axis only, as
 ///        the sparse build counts them along its columns.
@@ -67,9 +69,10 @@ HEXMOLD_API int countEdgeIntersections(Tavrel::Math::ulong3 const& triangle, Fix
 /// @return the number of crossings found.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API int countAxisCrossings(Tavrel::Math::ulong3 const& triangle, FixedPointCoords const& coords,
-                                   Tavrel::Math::int3 const& corner, int depth, int axis, int signMode,
-                                   TVL::TileTree3D::TileData<int, Traits::kTileWidth, 0, 0>& io_counts);
+HEXMOLD_API int
+countAxisCrossings(Tavrel::Math::ulong3 const& triangle, FixedPointCoords const& coords,
+                   Tavrel::Math::int3 const& corner, int depth, int axis, int signMode,
+                   TVL::TileTree3D::TileData<int, Traits::kTileWidth, 0, 0>& io_counts);
 
 /// @brief The line test of `countEdgeIntersections` on its own: whether the line along axis @p a
 ///        through the point (@p pb, @p pc) of the plane of the two other axes (b, c) = the
@@ -77,8 +80,9 @@ HEXMOLD_API int countAxisCrossings(Tavrel::Math::ulong3 const& triangle, FixedPo
 ///        where: @p out_hit receives the fixed-point coordinate along a of the crossing.
 /// @return +1 for a crossing of the front (the triangle's normal points along +a), -1 for the
 ///         back, 0 for none.
-HEXMOLD_API int lineCrossesTriangle(int a, std::int64_t pb, std::int64_t pc, std::array<std::int64_t, 3> const& v0,
-                                    std::array<std::int64_t, 3> const& v1, std::array<std::int64_t, 3> const& v2,
-                                    double& out_hit);
+HEXMOLD_API int lineCrossesTriangle(int a, std::int64_t pb, std::int64_t pc,
+                                    std::array<std::int64_t, 3> const& v0,
+                                    std::array<std::int64_t, 3> const& v1,
+                                    std::array<std::int64_t, 3> const& v2, double& out_hit);
 
 } // namespace VolumeGL::TileTree3D

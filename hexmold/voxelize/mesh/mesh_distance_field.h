@@ -72,13 +72,15 @@ namespace VolumeGL::TileTree3D {
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
 HEXMOLD_API bool createMeshDistanceField(
-    TVL::TileTree3D::Container<Traits>& io_container, TVL::TileTree3D::VoxelTopology<Traits>& io_topology,
+    TVL::TileTree3D::Container<Traits>& io_container,
+    TVL::TileTree3D::VoxelTopology<Traits>& io_topology,
     TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance,
     Quillon::Ptr<TVL::TileTree3D::VoxelChannel<Traits, TriangleId>>* io_closestTriangleChannel,
-    Quillon::Array<Tavrel::Math::ulong3> const& triangles, Quillon::Array<Tavrel::Math::float3> const& positions,
-    Quillon::Array<float> const* detailSizes, bool computeInterior, float holeRadius, float thickeningDistance,
-    bool invert, int narrowBandHalfWidth, int signMode, int sweepAxis, bool adaptiveBuild, Adaptivity adaptivity,
-    float maxRelativeError, Quillon::Array<ResolutionField> const* resolutionFields, int* out_minDepth,
-    float* out_bboxMaxSideLength);
+    Quillon::Array<Tavrel::Math::ulong3> const& triangles,
+    Quillon::Array<Tavrel::Math::float3> const& positions, Quillon::Array<float> const* detailSizes,
+    bool computeInterior, float holeRadius, float thickeningDistance, bool invert,
+    int narrowBandHalfWidth, int signMode, int sweepAxis, bool adaptiveBuild, Adaptivity adaptivity,
+    float maxRelativeError, Quillon::Array<ResolutionField> const* resolutionFields,
+    int* out_minDepth, float* out_bboxMaxSideLength);
 
 } // namespace VolumeGL::TileTree3D

@@ -3,5 +3,6 @@
 #include <hexmold/voxelize/mesh/detail/mesh_distance_field_impl.h>
 
 namespace VolumeGL::TileTree3D {
-template decltype(createMeshDistanceField<TVL::TileTree3D::Traits55>) createMeshDistanceField<TVL::TileTree3D::Traits55>;
+template decltype(createMeshDistanceField<TVL::TileTree3D::Traits55>)
+    createMeshDistanceField<TVL::TileTree3D::Traits55>;
 } // namespace VolumeGL::TileTree3D

@@ -44,9 +44,10 @@ namespace VolumeGL::TileTree3D {
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API bool signByEdgeParity(TVL::TileTree3D::Container<Traits> const& container,
-                                  TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance,
-                                  TVL::TileTree3D::VoxelChannel<Traits, Tavrel::Math::int3> const* edgeCounts);
+HEXMOLD_API bool
+signByEdgeParity(TVL::TileTree3D::Container<Traits> const& container,
+                 TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance,
+                 TVL::TileTree3D::VoxelChannel<Traits, Tavrel::Math::int3> const* edgeCounts);
 
 /// @brief Inside/outside by connectivity: closes holes narrower than about twice @p radius.
 /// @param radius         world units; the offset at which regions are separated
@@ -62,8 +63,8 @@ HEXMOLD_API bool signByEdgeParity(TVL::TileTree3D::Container<Traits> const& cont
 template <typename Traits>
 HEXMOLD_API void floodFillInterior(TVL::TileTree3D::Container<Traits> const& container,
                                    TVL::TileTree3D::VoxelTopology<Traits> const& topology,
-                                   TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance, float radius,
-                                   bool adaptiveBuild);
+                                   TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance,
+                                   float radius, bool adaptiveBuild);
 
 /// @brief Signs the finest tiles by counting crossings along columns of one axis.
 /// @param crossings  per finest voxel, the (signed, with @p signMode) count of triangles crossed
@@ -78,8 +79,8 @@ HEXMOLD_API void floodFillInterior(TVL::TileTree3D::Container<Traits> const& con
 template <typename Traits>
 HEXMOLD_API void signBySparseColumns(TVL::TileTree3D::Container<Traits> const& container,
                                      TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance,
-                                     TVL::TileTree3D::VoxelChannel<Traits, int> const& crossings, int signMode,
-                                     int sweepAxis);
+                                     TVL::TileTree3D::VoxelChannel<Traits, int> const& crossings,
+                                     int signMode, int sweepAxis);
 
 /// @brief Gives the voxels of depths 27 to 0 the sign their finer data gives: a covered voxel
 ///        that of its child's sample, an uncovered voxel that of the covered voxels its region of
@@ -89,7 +90,8 @@ HEXMOLD_API void signBySparseColumns(TVL::TileTree3D::Container<Traits> const& c
 /// @throws std::runtime_error(TVL::exceptionMessage) on job cancellation only.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API void propagateSignsToCoarserDepths(TVL::TileTree3D::Container<Traits> const& container,
-                                               TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance);
+HEXMOLD_API void
+propagateSignsToCoarserDepths(TVL::TileTree3D::Container<Traits> const& container,
+                              TVL::TileTree3D::VoxelChannel<Traits, float>& io_distance);
 
 } // namespace VolumeGL::TileTree3D

@@ -5,10 +5,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <hexmold/platform/tavrel/spatial_query.h>
 #include <hexmold/substrate/visitor.h>
 #include <hexmold/voxelize/mesh/detail/lattice_kernel.h>
+#include <limits>
 
 namespace VolumeGL::TileTree3D {
 
@@ -22,32 +22,51 @@ unsigned long long sTrianglePermutationsSeed = 0;
 bool sVoxelizeMeshOptimizations = true;
 } // namespace
 
-bool enableTrianglePermutations() { return sTrianglePermutations; }
-void setEnableTrianglePermutations(bool enable) { sTrianglePermutations = enable; }
-unsigned long long trianglePermutationsSeed() { return sTrianglePermutationsSeed; }
-void setTrianglePermutationsSeed(unsigned long long seed) { sTrianglePermutationsSeed = seed; }
-bool enableVoxelizeMeshOptimizations() { return sVoxelizeMeshOptimizations; }
+bool enableTrianglePermutations()
+{
+    return sTrianglePermutations;
+}
+void setEnableTrianglePermutations(bool enable)
+{
+    sTrianglePermutations = enable;
+}
+unsigned long long trianglePermutationsSeed()
+{
+    return sTrianglePermutationsSeed;
+}
+void setTrianglePermutationsSeed(unsigned long long seed)
+{
+    sTrianglePermutationsSeed = seed;
+}
+bool enableVoxelizeMeshOptimizations()
+{
+    return sVoxelizeMeshOptimizations;
+}
 bool setEnableVoxelizeMeshOptimizations(bool enable)
 {
     bool const previous = sVoxelizeMeshOptimizations;
     sVoxelizeMeshOptimizations = enable;
     return previous;
 }
-bool enableVDBBenchmarkOptimizations() { return false; }
+bool enableVDBBenchmarkOptimizations()
+{
+    return false;
+}
 
 // ---- lattice kernel ---------------------------------------------------------------------------
 
 template <typename Traits>
-bool computeTileLattice(TriangleKernelContext const& ctx, std::int64_t i, std::int64_t j, std::int64_t k,
-                        std::int64_t spacing, std::int64_t const* triangleBegin, std::int64_t const* triangleEnd,
-                        float* out_distances, std::int64_t* out_closest, float band, float const* parentDistances,
-                        std::int64_t const* parentClosest, int3 childPosition, int3 rangeBegin, int3 rangeEnd,
-                        bool clip, bool sweepFill, bool finalFill)
+bool computeTileLattice(TriangleKernelContext const& ctx, std::int64_t i, std::int64_t j,
+                        std::int64_t k, std::int64_t spacing, std::int64_t const* triangleBegin,
+                        std::int64_t const* triangleEnd, float* out_distances,
+                        std::int64_t* out_closest, float band, float const* parentDistances,
+                        std::int64_t const* parentClosest, int3 childPosition, int3 rangeBegin,
+                        int3 rangeEnd, bool clip, bool sweepFill, bool finalFill)
 {
-    return detail::computeTileLatticeRange<Traits>(ctx, i, j, k, spacing, triangleBegin, triangleEnd,
-                                                   out_distances, out_closest, band, parentDistances,
-                                                   parentClosest, childPosition, rangeBegin, rangeEnd, clip,
-                                                   sweepFill, finalFill);
+    return detail::computeTileLatticeRange<Traits>(
+        ctx, i, j, k, spacing, triangleBegin, triangleEnd, out_distances, out_closest, band,
+        parentDistances, parentClosest, childPosition, rangeBegin, rangeEnd, clip, sweepFill,
+        finalFill);
 }
 
 template <typename Traits>
@@ -77,11 +96,15 @@ void visitTileTriangle(TriangleKernelContext const& ctx, int3 const& corner, std
         hi[axis] = static_cast<int>(h);
     }
     for (int z = lo[2]; z < hi[2]; ++z) {
-        float const pz = detail::latticeCoordinate(corner.z, 1, z, ctx.voxelOffset.z, ctx.voxelSize);
+        float const pz =
+            detail::latticeCoordinate(corner.z, 1, z, ctx.voxelOffset.z, ctx.voxelSize);
         for (int y = lo[1]; y < hi[1]; ++y) {
-            float const py = detail::latticeCoordinate(corner.y, 1, y, ctx.voxelOffset.y, ctx.voxelSize);
+            float const py =
+                detail::latticeCoordinate(corner.y, 1, y, ctx.voxelOffset.y, ctx.voxelSize);
             for (int x = lo[0]; x < hi[0]; ++x) {
-                float3 const p{detail::latticeCoordinate(corner.x, 1, x, ctx.voxelOffset.x, ctx.voxelSize), py, pz};
+                float3 const p{
+                    detail::latticeCoordinate(corner.x, 1, x, ctx.voxelOffset.x, ctx.voxelSize), py,
+                    pz};
                 float const d = Tavrel::SpatialQuery::pointTriangleDistance(p, a, b, c);
                 if (d < io_distance(x, y, z)) {
                     io_distance(x, y, z) = d;
@@ -97,12 +120,14 @@ void visitTileTriangle(TriangleKernelContext const& ctx, int3 const& corner, std
 namespace TrianglesLevelSetSweepKernel {
 
 template <typename Traits>
-Kernel<Traits>::Kernel(std::uint32_t color, Container<Traits> const& container, VoxelChannel<Traits, float>& distance,
-                       VoxelChannel<Traits, TriangleId>& closest, Quillon::Array<ulong3> const& triangles,
+Kernel<Traits>::Kernel(std::uint32_t color, Container<Traits> const& container,
+                       VoxelChannel<Traits, float>& distance,
+                       VoxelChannel<Traits, TriangleId>& closest,
+                       Quillon::Array<ulong3> const& triangles,
                        Quillon::Array<float3> const& positions, float3 const& voxelOffset)
-    : mColor(color), mHalo(HaloTile::kVoxelCount, std::int64_t(-1)), mContainer(&container), mDistance(&distance),
-      mClosest(&closest), mTriangles(&triangles), mPositions(&positions), mVoxelOffset(voxelOffset),
-      mAccessor(container.tileAccessor())
+    : mColor(color), mHalo(HaloTile::kVoxelCount, std::int64_t(-1)), mContainer(&container),
+      mDistance(&distance), mClosest(&closest), mTriangles(&triangles), mPositions(&positions),
+      mVoxelOffset(voxelOffset), mAccessor(container.tileAccessor())
 {
 }
 
@@ -119,7 +144,8 @@ template <typename Traits> Kernel<Traits>::~Kernel() = default;
 
 template <typename Traits> void Kernel<Traits>::join(Base const& other)
 {
-    if (auto const* k = dynamic_cast<Kernel const*>(&other)) numUnassigned += k->numUnassigned;
+    if (auto const* k = dynamic_cast<Kernel const*>(&other))
+        numUnassigned += k->numUnassigned;
 }
 
 template <typename Traits> typename Kernel<Traits>::Base* Kernel<Traits>::copy() const
@@ -129,23 +155,28 @@ template <typename Traits> typename Kernel<Traits>::Base* Kernel<Traits>::copy()
     return k;
 }
 
-template <typename Traits> void Kernel<Traits>::updateHaloTile(TileType const& tile, TreeIndex const& treeIndex)
+template <typename Traits>
+void Kernel<Traits>::updateHaloTile(TileType const& tile, TreeIndex const& treeIndex)
 {
     mHalo.set(std::int64_t(-1));
     auto const ids = std::as_const(*mClosest).tileData(treeIndex);
-    if (ids.empty()) return;
+    if (ids.empty())
+        return;
     for (int z = 0; z < kW; ++z)
         for (int y = 0; y < kW; ++y)
-            for (int x = 0; x < kW; ++x) mHalo(x, y, z) = ids(x, y, z);
+            for (int x = 0; x < kW; ++x)
+                mHalo(x, y, z) = ids(x, y, z);
     std::int64_t const w = tile.tileVoxelWidth();
     for (int axis = 0; axis < 3; ++axis)
         for (int side = -1; side <= 1; side += 2) {
             std::int64_t p[3] = {tile.ti(), tile.tj(), tile.tk()};
             p[axis] += side * w;
             TileType const& n = mAccessor.template tileImpl<0>(p[0], p[1], p[2], Traits::kMaxDepth);
-            if (!n.valid() || n.depth() != Traits::kMaxDepth) continue;
+            if (!n.valid() || n.depth() != Traits::kMaxDepth)
+                continue;
             auto const nIds = std::as_const(*mClosest).tileData(n.treeIndex());
-            if (nIds.empty()) continue;
+            if (nIds.empty())
+                continue;
             // The neighbour's layer next to this tile, written one step outside the tile.
             int const from = side < 0 ? kW - 1 : 0;
             int const to = side < 0 ? -1 : kW;
@@ -163,12 +194,15 @@ template <typename Traits> void Kernel<Traits>::updateHaloTile(TileType const& t
 }
 
 template <typename Traits>
-void Kernel<Traits>::checkVoxel(int i, int j, int k, int di, int dj, int dk, float3 const& worldPosition,
-                                Quillon::Array<ulong3> const& triangles, Quillon::Array<float3> const& positions,
+void Kernel<Traits>::checkVoxel(int i, int j, int k, int di, int dj, int dk,
+                                float3 const& worldPosition,
+                                Quillon::Array<ulong3> const& triangles,
+                                Quillon::Array<float3> const& positions,
                                 TileData<float, kW, 0, 0>& distanceTile, HaloTile& idHalo)
 {
     std::int64_t const t = idHalo(i + di, j + dj, k + dk);
-    if (t < 0 || t == idHalo(i, j, k)) return;
+    if (t < 0 || t == idHalo(i, j, k))
+        return;
     ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
     float3 const& a = positions[tri.x];
     float3 const& b = positions[tri.y];
@@ -177,10 +211,14 @@ void Kernel<Traits>::checkVoxel(int i, int j, int k, int di, int dj, int dk, flo
     // far as the voxel's distance, the exact distance cannot be strictly smaller. The margin
     // covers the float rounding of the box distance.
     float const current = distanceTile(i, j, k);
-    float const bx = detail::intervalDistance2(worldPosition.x, std::min({a.x, b.x, c.x}), std::max({a.x, b.x, c.x}));
-    float const by = detail::intervalDistance2(worldPosition.y, std::min({a.y, b.y, c.y}), std::max({a.y, b.y, c.y}));
-    float const bz = detail::intervalDistance2(worldPosition.z, std::min({a.z, b.z, c.z}), std::max({a.z, b.z, c.z}));
-    if (detail::kBoxTestTolerance * (bx + by + bz) >= current * current) return;
+    float const bx = detail::intervalDistance2(worldPosition.x, std::min({a.x, b.x, c.x}),
+                                               std::max({a.x, b.x, c.x}));
+    float const by = detail::intervalDistance2(worldPosition.y, std::min({a.y, b.y, c.y}),
+                                               std::max({a.y, b.y, c.y}));
+    float const bz = detail::intervalDistance2(worldPosition.z, std::min({a.z, b.z, c.z}),
+                                               std::max({a.z, b.z, c.z}));
+    if (detail::kBoxTestTolerance * (bx + by + bz) >= current * current)
+        return;
     float const d = Tavrel::SpatialQuery::pointTriangleDistance(worldPosition, a, b, c);
     if (d < current) {
         distanceTile(i, j, k) = d;
@@ -192,13 +230,15 @@ template <typename Traits> void Kernel<Traits>::beginTile(TileType const& tile)
 {
     std::int64_t const w = tile.tileVoxelWidth();
     std::int64_t const a = Traits::kCentreOffset;
-    std::uint32_t const parity =
-        static_cast<std::uint32_t>(((tile.ti() + a) / w + (tile.tj() + a) / w + (tile.tk() + a) / w) % 2);
-    if (parity != mColor) return;
+    std::uint32_t const parity = static_cast<std::uint32_t>(
+        ((tile.ti() + a) / w + (tile.tj() + a) / w + (tile.tk() + a) / w) % 2);
+    if (parity != mColor)
+        return;
     TreeIndex const ti = tile.treeIndex();
     auto distanceTile = mDistance->tileData(ti);
     auto ids = mClosest->tileData(ti);
-    if (distanceTile.empty() || ids.empty()) return;
+    if (distanceTile.empty() || ids.empty())
+        return;
     updateHaloTile(tile, ti);
 
     float const h = mContainer->voxelSize();
@@ -210,8 +250,8 @@ template <typename Traits> void Kernel<Traits>::beginTile(TileType const& tile)
     }
     // The eight directions (i, j, k): (+,+,+), (-,-,-), (+,+,-), (-,-,+), (+,-,-), (-,+,+),
     // (+,-,+), (-,+,-).
-    static constexpr int kDirections[8][3] = {{1, 1, 1},  {-1, -1, -1}, {1, 1, -1}, {-1, -1, 1},
-                                              {1, -1, -1}, {-1, 1, 1},  {1, -1, 1}, {-1, 1, -1}};
+    static constexpr int kDirections[8][3] = {{1, 1, 1},   {-1, -1, -1}, {1, 1, -1}, {-1, -1, 1},
+                                              {1, -1, -1}, {-1, 1, 1},   {1, -1, 1}, {-1, 1, -1}};
     for (auto const& dir : kDirections) {
         int const si = dir[0], sj = dir[1], sk = dir[2];
         for (int kk = 0; kk < kW; ++kk) {
@@ -222,9 +262,12 @@ template <typename Traits> void Kernel<Traits>::beginTile(TileType const& tile)
                     int const x = si > 0 ? ii : kW - 1 - ii;
                     float3 const p{px[x], py[y], pz[z]};
                     // Upstream neighbours: z first, then x, then y.
-                    checkVoxel(x, y, z, 0, 0, -sk, p, *mTriangles, *mPositions, distanceTile, mHalo);
-                    checkVoxel(x, y, z, -si, 0, 0, p, *mTriangles, *mPositions, distanceTile, mHalo);
-                    checkVoxel(x, y, z, 0, -sj, 0, p, *mTriangles, *mPositions, distanceTile, mHalo);
+                    checkVoxel(x, y, z, 0, 0, -sk, p, *mTriangles, *mPositions, distanceTile,
+                               mHalo);
+                    checkVoxel(x, y, z, -si, 0, 0, p, *mTriangles, *mPositions, distanceTile,
+                               mHalo);
+                    checkVoxel(x, y, z, 0, -sj, 0, p, *mTriangles, *mPositions, distanceTile,
+                               mHalo);
                 }
             }
         }
@@ -234,7 +277,8 @@ template <typename Traits> void Kernel<Traits>::beginTile(TileType const& tile)
             for (int x = 0; x < kW; ++x) {
                 std::int64_t const id = mHalo(x, y, z);
                 ids(x, y, z) = id;
-                if (id < 0) ++numUnassigned;
+                if (id < 0)
+                    ++numUnassigned;
             }
 }
 

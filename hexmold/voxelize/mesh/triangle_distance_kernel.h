@@ -49,13 +49,13 @@ HEXMOLD_API bool enableVDBBenchmarkOptimizations();
 /// @details A node or voxel with lattice coordinates n of a tile with corner c (tile-space,
 ///          finest voxels) and spacing s lies at world (c + s * n + voxelOffset) * voxelSize.
 struct TriangleKernelContext {
-    float far = 0.0f;                 ///< value of a node no triangle reaches (world units)
-    float far2 = 0.0f;                ///< far squared
-    float voxelSize = 1.0f;           ///< world size of a finest voxel
-    float3 voxelOffset{0, 0, 0};      ///< the topology's sample offset, in finest voxels
-    Quillon::Array<ulong3> const* triangles = nullptr;  ///< three point indices per triangle
-    Quillon::Array<float3> const* positions = nullptr;  ///< world point positions
-    int tileWidth = 4;                ///< voxels across a tile
+    float far = 0.0f;            ///< value of a node no triangle reaches (world units)
+    float far2 = 0.0f;           ///< far squared
+    float voxelSize = 1.0f;      ///< world size of a finest voxel
+    float3 voxelOffset{0, 0, 0}; ///< the topology's sample offset, in finest voxels
+    Quillon::Array<ulong3> const* triangles = nullptr; ///< three point indices per triangle
+    Quillon::Array<float3> const* positions = nullptr; ///< world point positions
+    int tileWidth = 4;                                 ///< voxels across a tile
 };
 
 /// Node lattice of a tile: (W + 1)^3 nodes, x fastest; the last node on each axis belongs to
@@ -93,12 +93,13 @@ inline constexpr std::int64_t kNoTriangle = -1;
 /// @return true when at least one node in range lies within @p band of a triangle.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API bool computeTileLattice(TriangleKernelContext const& ctx, std::int64_t i, std::int64_t j,
-                                    std::int64_t k, std::int64_t spacing, std::int64_t const* triangleBegin,
-                                    std::int64_t const* triangleEnd, float* out_distances,
-                                    std::int64_t* out_closest, float band, float const* parentDistances,
-                                    std::int64_t const* parentClosest, int3 childPosition, int3 rangeBegin,
-                                    int3 rangeEnd, bool clip, bool sweepFill, bool finalFill);
+HEXMOLD_API bool
+computeTileLattice(TriangleKernelContext const& ctx, std::int64_t i, std::int64_t j, std::int64_t k,
+                   std::int64_t spacing, std::int64_t const* triangleBegin,
+                   std::int64_t const* triangleEnd, float* out_distances, std::int64_t* out_closest,
+                   float band, float const* parentDistances, std::int64_t const* parentClosest,
+                   int3 childPosition, int3 rangeBegin, int3 rangeEnd, bool clip, bool sweepFill,
+                   bool finalFill);
 
 /// @brief The sparse build's visit of one triangle in one finest tile: every voxel in the
 ///        triangle's box (at least one voxel per axis) takes the triangle's exact distance when
@@ -106,9 +107,10 @@ HEXMOLD_API bool computeTileLattice(TriangleKernelContext const& ctx, std::int64
 /// @param corner  the tile's corner (tile space, finest voxels)
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API void visitTileTriangle(TriangleKernelContext const& ctx, int3 const& corner, std::int64_t triangle,
-                                   TVL::TileTree3D::TileData<float, Traits::kTileWidth, 0, 0>& io_distance,
-                                   TVL::TileTree3D::TileData<TriangleId, Traits::kTileWidth, 0, 0>& io_closest);
+HEXMOLD_API void
+visitTileTriangle(TriangleKernelContext const& ctx, int3 const& corner, std::int64_t triangle,
+                  TVL::TileTree3D::TileData<float, Traits::kTileWidth, 0, 0>& io_distance,
+                  TVL::TileTree3D::TileData<TriangleId, Traits::kTileWidth, 0, 0>& io_closest);
 
 // ---- the red-black sweep of triangle ids ------------------------------------------------------
 
@@ -122,7 +124,8 @@ namespace TrianglesLevelSetSweepKernel {
 ///          the colour's tiles still without a triangle. Tile colour: the parity of
 ///          ((ti + A) / T + (tj + A) / T + (tk + A) / T), A the centre offset, T the tile width.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
-template <typename Traits> class HEXMOLD_API Kernel : public TVL::TileTree3D::Visitor<TVL::TileTree3D::Container<Traits>> {
+template <typename Traits>
+class HEXMOLD_API Kernel : public TVL::TileTree3D::Visitor<TVL::TileTree3D::Container<Traits>> {
     using Base = TVL::TileTree3D::Visitor<TVL::TileTree3D::Container<Traits>>;
     static constexpr int kW = Traits::kTileWidth;
 
@@ -134,8 +137,9 @@ public:
     /// @param voxelOffset  the topology's sample offset, in voxels
     Kernel(std::uint32_t color, TVL::TileTree3D::Container<Traits> const& container,
            TVL::TileTree3D::VoxelChannel<Traits, float>& distance,
-           TVL::TileTree3D::VoxelChannel<Traits, TriangleId>& closest, Quillon::Array<ulong3> const& triangles,
-           Quillon::Array<float3> const& positions, float3 const& voxelOffset);
+           TVL::TileTree3D::VoxelChannel<Traits, TriangleId>& closest,
+           Quillon::Array<ulong3> const& triangles, Quillon::Array<float3> const& positions,
+           float3 const& voxelOffset);
     Kernel(Kernel const& other);
     ~Kernel() override;
 
@@ -156,10 +160,12 @@ public:
     /// @brief Proposes the triangle of the neighbour (i + di, j + dj, k + dk) (halo coordinates)
     ///        to voxel (i, j, k), at world position @p worldPosition.
     void checkVoxel(int i, int j, int k, int di, int dj, int dk, float3 const& worldPosition,
-                    Quillon::Array<ulong3> const& triangles, Quillon::Array<float3> const& positions,
+                    Quillon::Array<ulong3> const& triangles,
+                    Quillon::Array<float3> const& positions,
                     TVL::TileTree3D::TileData<float, kW, 0, 0>& distanceTile, HaloTile& idHalo);
 
-    std::int64_t numUnassigned = 0; ///< voxels of the swept tiles without a triangle; reset by `copy`
+    std::int64_t numUnassigned =
+        0; ///< voxels of the swept tiles without a triangle; reset by `copy`
 
 private:
     std::uint32_t mColor;

@@ -57,15 +57,16 @@ namespace VolumeGL::TileTree3D {
 ///         released and the caller's objects stay usable.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
-HEXMOLD_API void voxelizeMesh(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float3> const& positions,
-                              Quillon::Array<unsigned int> const& faceVertex,
-                              Quillon::Array<unsigned int> const& faceOffset, Quillon::String const& properties,
-                              Quillon::Array<float> const* detailSizes, bool computeInterior,
-                              Adaptivity const& adaptivity, float in_maxRelativeError, float minHoleRadius,
-                              float thickeningRadius, Quillon::Array<ResolutionField> const* resolutionFields,
-                              TVL::TileTree3D::Container<Traits>& container,
-                              TVL::TileTree3D::VoxelTopology<Traits>& topology,
-                              TVL::TileTree3D::Channel<Traits, float, Traits::kTileWidth, 0, 0>& distance,
-                              TVL::Object& volumeObject, Quillon::RuntimeServices const& services);
+HEXMOLD_API void
+voxelizeMesh(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float3> const& positions,
+             Quillon::Array<unsigned int> const& faceVertex,
+             Quillon::Array<unsigned int> const& faceOffset, Quillon::String const& properties,
+             Quillon::Array<float> const* detailSizes, bool computeInterior,
+             Adaptivity const& adaptivity, float in_maxRelativeError, float minHoleRadius,
+             float thickeningRadius, Quillon::Array<ResolutionField> const* resolutionFields,
+             TVL::TileTree3D::Container<Traits>& container,
+             TVL::TileTree3D::VoxelTopology<Traits>& topology,
+             TVL::TileTree3D::Channel<Traits, float, Traits::kTileWidth, 0, 0>& distance,
+             TVL::Object& volumeObject, Quillon::RuntimeServices const& services);
 
 } // namespace VolumeGL::TileTree3D

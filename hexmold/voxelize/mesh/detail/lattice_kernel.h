@@ -5,20 +5,21 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <limits>
-#include <vector>
 #include <hexmold/platform/tavrel/spatial_query.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
+#include <limits>
+#include <vector>
 
 namespace VolumeGL::TileTree3D::detail {
 
 /// World coordinate of lattice node @p n along one axis: (corner + spacing * n + offset) * h,
 /// in double precision, rounded once to float. Every node, voxel and test uses this one formula.
-inline float latticeCoordinate(std::int64_t corner, std::int64_t spacing, int n, float offset, float h)
+inline float latticeCoordinate(std::int64_t corner, std::int64_t spacing, int n, float offset,
+                               float h)
 {
-    return static_cast<float>(
-        (static_cast<double>(corner) + static_cast<double>(spacing) * n + static_cast<double>(offset)) *
-        static_cast<double>(h));
+    return static_cast<float>((static_cast<double>(corner) + static_cast<double>(spacing) * n +
+                               static_cast<double>(offset)) *
+                              static_cast<double>(h));
 }
 
 /// Squared distance from a coordinate to the interval [lo, hi], in float.
@@ -58,9 +59,11 @@ struct PreparedTriangle {
         for (int i = 0; i < 3; ++i) {
             double const* p0 = v[i];
             double const* p1 = v[(i + 1) % 3];
-            for (int k = 0; k < 3; ++k) e[i][k] = p1[k] - p0[k];
+            for (int k = 0; k < 3; ++k)
+                e[i][k] = p1[k] - p0[k];
             l2[i] = e[i][0] * e[i][0] + e[i][1] * e[i][1] + e[i][2] * e[i][2];
-            invLen2[i] = l2[i] > 0.0 ? 1.0 / std::max(l2[i], std::numeric_limits<double>::min()) : 0.0;
+            invLen2[i] =
+                l2[i] > 0.0 ? 1.0 / std::max(l2[i], std::numeric_limits<double>::min()) : 0.0;
         }
         // The normal from the two shorter edges (at the largest angle), oriented as ab x ac.
         auto cross = [](double const* x, double const* y, double* out) {
@@ -85,7 +88,8 @@ struct PreparedTriangle {
         double const nn = n[0] * n[0] + n[1] * n[1] + n[2] * n[2];
         face = nn > Tavrel::SpatialQuery::detail::kSliverSine2 * scale;
         invNN = face ? 1.0 / nn : 0.0;
-        for (int i = 0; i < 3; ++i) cross(n, e[i], m[i]);
+        for (int i = 0; i < 3; ++i)
+            cross(n, e[i], m[i]);
     }
 
     /// Squared distance from @p p, rounded to float.
@@ -96,7 +100,8 @@ struct PreparedTriangle {
         if (face) {
             bool inside = true;
             for (int i = 0; i < 3 && inside; ++i) {
-                double const w = (q[0] - v[i][0]) * m[i][0] + (q[1] - v[i][1]) * m[i][1] + (q[2] - v[i][2]) * m[i][2];
+                double const w = (q[0] - v[i][0]) * m[i][0] + (q[1] - v[i][1]) * m[i][1] +
+                                 (q[2] - v[i][2]) * m[i][2];
                 inside = w >= 0.0;
             }
             if (inside) {
@@ -112,7 +117,8 @@ struct PreparedTriangle {
             double const d[3] = {ap[0] - e[i][0] * t, ap[1] - e[i][1] * t, ap[2] - e[i][2] * t};
             double const d2 = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
             best = d2 < best ? d2 : best;
-            if (d2 != d2) return static_cast<float>(d2);
+            if (d2 != d2)
+                return static_cast<float>(d2);
         }
         return static_cast<float>(best);
     }
@@ -120,11 +126,12 @@ struct PreparedTriangle {
 
 /// `computeTileLattice` over the triangle indices [begin, end).
 template <typename Traits, typename It>
-bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, std::int64_t cj, std::int64_t ck,
-                             std::int64_t spacing, It begin, It end, float* out_distances,
-                             std::int64_t* out_closest, float band, float const* parentDistances,
-                             std::int64_t const* parentClosest, int3 childPosition, int3 rangeBegin,
-                             int3 rangeEnd, bool clip, bool sweepFill, bool finalFill)
+bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, std::int64_t cj,
+                             std::int64_t ck, std::int64_t spacing, It begin, It end,
+                             float* out_distances, std::int64_t* out_closest, float band,
+                             float const* parentDistances, std::int64_t const* parentClosest,
+                             int3 childPosition, int3 rangeBegin, int3 rangeEnd, bool clip,
+                             bool sweepFill, bool finalFill)
 {
     using L = TileLattice<Traits>;
     constexpr int N = L::kNodes;
@@ -139,7 +146,8 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     float coord[3][N];
     std::int64_t const corner[3] = {ci, cj, ck};
     for (int a = 0; a < 3; ++a)
-        for (int n = 0; n < N; ++n) coord[a][n] = latticeCoordinate(corner[a], spacing, n, ctx.voxelOffset[a], h);
+        for (int n = 0; n < N; ++n)
+            coord[a][n] = latticeCoordinate(corner[a], spacing, n, ctx.voxelOffset[a], h);
 
     int lo[3] = {std::max(rangeBegin.x, 0), std::max(rangeBegin.y, 0), std::max(rangeBegin.z, 0)};
     int hi[3] = {std::min(rangeEnd.x, N), std::min(rangeEnd.y, N), std::min(rangeEnd.z, N)};
@@ -166,7 +174,8 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                     best2[n] = d * d;
                     std::int64_t const pid = parentClosest ? parentClosest[p] : kNoTriangle;
                     id[n] = pid < 0 ? kNone : pid;
-                    if (best2[n] < band2) within = true;
+                    if (best2[n] < band2)
+                        within = true;
                 } else {
                     state[n] = kCompute;
                     ++unset;
@@ -181,7 +190,8 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     thread_local std::vector<std::int32_t> place;
     std::size_t const listSize = static_cast<std::size_t>(std::distance(begin, end));
     if (unset > 0) {
-        if (prepared.size() < listSize) prepared.resize(listSize);
+        if (prepared.size() < listSize)
+            prepared.resize(listSize);
         std::size_t q = 0;
         for (It it = begin; it != end; ++it, ++q) {
             ulong3 const& tri = triangles[static_cast<std::size_t>(*it)];
@@ -200,28 +210,35 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         // first, they give the bounds below a tight start, so that few other triangles are
         // measured at all. Only listed triangles are taken, so the result is the list's minimum
         // with its tie rule, exactly as without seeds.
-        if (place.size() < triangles.size()) place.assign(triangles.size(), -1);
+        if (place.size() < triangles.size())
+            place.assign(triangles.size(), -1);
         {
             std::int32_t q = 0;
-            for (It it = begin; it != end; ++it, ++q) place[std::size_t(*it)] = q;
+            for (It it = begin; it != end; ++it, ++q)
+                place[std::size_t(*it)] = q;
         }
         for (int z = lo[2]; z < hi[2]; ++z)
             for (int y = lo[1]; y < hi[1]; ++y)
                 for (int x = lo[0]; x < hi[0]; ++x) {
                     int const n = L::index(x, y, z);
-                    if (state[n] != kCompute) continue;
+                    if (state[n] != kCompute)
+                        continue;
                     float3 const p{coord[0][x], coord[1][y], coord[2][z]};
                     // The parent's node nearest to this one (rounding half up).
                     int const slot[3] = {childPosition.x, childPosition.y, childPosition.z};
                     int const c[3] = {x, y, z};
                     int near[3];
-                    for (int a = 0; a < 3; ++a) near[a] = (2 * c[a] + R) / (2 * R) + V * slot[a];
+                    for (int a = 0; a < 3; ++a)
+                        near[a] = (2 * c[a] + R) / (2 * R) + V * slot[a];
                     std::int64_t const t = parentClosest[L::index(near[0], near[1], near[2])];
-                    if (t < 0 || std::size_t(t) >= triangles.size()) continue;
+                    if (t < 0 || std::size_t(t) >= triangles.size())
+                        continue;
                     std::int32_t const at = place[std::size_t(t)];
-                    if (at >= 0) exact(n, p, t, prepared[std::size_t(at)]);
+                    if (at >= 0)
+                        exact(n, p, t, prepared[std::size_t(at)]);
                 }
-        for (It it = begin; it != end; ++it) place[std::size_t(*it)] = -1;
+        for (It it = begin; it != end; ++it)
+            place[std::size_t(*it)] = -1;
     }
     float dd[3][N];
     double pd[3][N];
@@ -233,7 +250,8 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         auto refreshWorst = [&] {
             worst2 = 0.0f;
             for (int n = 0; n < kCount; ++n)
-                if (state[n] == kCompute) worst2 = std::max(worst2, best2[n]);
+                if (state[n] == kCompute)
+                    worst2 = std::max(worst2, best2[n]);
         };
         refreshWorst();
         float const nodeMin[3] = {coord[0][lo[0]], coord[1][lo[1]], coord[2][lo[2]]};
@@ -246,8 +264,10 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
             float3 const& a = positions[tri.x];
             float3 const& b = positions[tri.y];
             float3 const& c = positions[tri.z];
-            float const bmin[3] = {std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}), std::min({a.z, b.z, c.z})};
-            float const bmax[3] = {std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}), std::max({a.z, b.z, c.z})};
+            float const bmin[3] = {std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}),
+                                   std::min({a.z, b.z, c.z})};
+            float const bmax[3] = {std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}),
+                                   std::max({a.z, b.z, c.z})};
             if (!clip) {
                 if (++sinceRefresh == 4) {
                     refreshWorst();
@@ -255,10 +275,12 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                 }
                 float gap2 = 0.0f;
                 for (int ax = 0; ax < 3; ++ax) {
-                    float const g = std::max({bmin[ax] - nodeMax[ax], nodeMin[ax] - bmax[ax], 0.0f});
+                    float const g =
+                        std::max({bmin[ax] - nodeMax[ax], nodeMin[ax] - bmax[ax], 0.0f});
                     gap2 += g * g;
                 }
-                if (worst2 < kBoxTestTolerance * gap2) continue;
+                if (worst2 < kBoxTestTolerance * gap2)
+                    continue;
             }
             int wlo[3] = {lo[0], lo[1], lo[2]};
             int whi[3] = {hi[0], hi[1], hi[2]};
@@ -267,10 +289,13 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                 // axis can be improved by it.
                 float const r = std::sqrt(worst2 / kBoxTestTolerance) * 1.0001f;
                 for (int ax = 0; ax < 3; ++ax) {
-                    while (wlo[ax] < whi[ax] && coord[ax][wlo[ax]] < bmin[ax] - r) ++wlo[ax];
-                    while (whi[ax] > wlo[ax] && coord[ax][whi[ax] - 1] > bmax[ax] + r) --whi[ax];
+                    while (wlo[ax] < whi[ax] && coord[ax][wlo[ax]] < bmin[ax] - r)
+                        ++wlo[ax];
+                    while (whi[ax] > wlo[ax] && coord[ax][whi[ax] - 1] > bmax[ax] + r)
+                        --whi[ax];
                 }
-                if (wlo[0] >= whi[0] || wlo[1] >= whi[1] || wlo[2] >= whi[2]) continue;
+                if (wlo[0] >= whi[0] || wlo[1] >= whi[1] || wlo[2] >= whi[2])
+                    continue;
             }
             bool empty = false;
             for (int ax = 0; ax < 3; ++ax) {
@@ -285,32 +310,40 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                         // Keep at least one node, so that the sweep has a seed near every triangle.
                         f = static_cast<int>(std::clamp(first, double(lo[ax]), double(hi[ax] - 1)));
                         l = static_cast<int>(std::clamp(last, double(lo[ax]), double(hi[ax] - 1)));
-                        if (f > l) l = f;
+                        if (f > l)
+                            l = f;
                     } else {
                         f = static_cast<int>(std::clamp(first, double(lo[ax]), double(hi[ax])));
-                        l = static_cast<int>(std::clamp(last, double(lo[ax] - 1), double(hi[ax] - 1)));
+                        l = static_cast<int>(
+                            std::clamp(last, double(lo[ax] - 1), double(hi[ax] - 1)));
                     }
                     wlo[ax] = f;
                     whi[ax] = l + 1;
-                    if (f > l) empty = true;
+                    if (f > l)
+                        empty = true;
                 }
-                for (int n = wlo[ax]; n < whi[ax]; ++n) dd[ax][n] = intervalDistance2(coord[ax][n], bmin[ax], bmax[ax]);
+                for (int n = wlo[ax]; n < whi[ax]; ++n)
+                    dd[ax][n] = intervalDistance2(coord[ax][n], bmin[ax], bmax[ax]);
             }
-            if (empty) continue;
+            if (empty)
+                continue;
             // A second lower bound: the distance to the triangle's plane, as per-axis terms of
             // the unit normal's dot product (in double: nodes lie close to the plane). Off for
             // slivers, whose normal is noise.
             double const e0[3] = {double(b.x) - a.x, double(b.y) - a.y, double(b.z) - a.z};
             double const e1[3] = {double(c.x) - a.x, double(c.y) - a.y, double(c.z) - a.z};
-            double nrm[3] = {e0[1] * e1[2] - e0[2] * e1[1], e0[2] * e1[0] - e0[0] * e1[2], e0[0] * e1[1] - e0[1] * e1[0]};
+            double nrm[3] = {e0[1] * e1[2] - e0[2] * e1[1], e0[2] * e1[0] - e0[0] * e1[2],
+                             e0[0] * e1[1] - e0[1] * e1[0]};
             double const nn = nrm[0] * nrm[0] + nrm[1] * nrm[1] + nrm[2] * nrm[2];
-            double const scale = (e0[0] * e0[0] + e0[1] * e0[1] + e0[2] * e0[2]) * (e1[0] * e1[0] + e1[1] * e1[1] + e1[2] * e1[2]);
+            double const scale = (e0[0] * e0[0] + e0[1] * e0[1] + e0[2] * e0[2]) *
+                                 (e1[0] * e1[0] + e1[1] * e1[1] + e1[2] * e1[2]);
             bool const usePlane = nn > 1e-12 * scale && nn > 0.0;
             double const inv = usePlane ? 1.0 / std::sqrt(nn) : 0.0;
             for (int ax = 0; ax < 3; ++ax) {
                 nrm[ax] *= inv;
                 double const origin = ax == 0 ? a.x : (ax == 1 ? a.y : a.z);
-                for (int n = wlo[ax]; n < whi[ax]; ++n) pd[ax][n] = nrm[ax] * (double(coord[ax][n]) - origin);
+                for (int n = wlo[ax]; n < whi[ax]; ++n)
+                    pd[ax][n] = nrm[ax] * (double(coord[ax][n]) - origin);
             }
             for (int z = wlo[2]; z < whi[2]; ++z)
                 for (int y = wlo[1]; y < whi[1]; ++y) {
@@ -318,10 +351,13 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                     double const pyz = pd[1][y] + pd[2][z];
                     for (int x = wlo[0]; x < whi[0]; ++x) {
                         int const n = L::index(x, y, z);
-                        if (state[n] != kCompute) continue;
+                        if (state[n] != kCompute)
+                            continue;
                         double const plane = pd[0][x] + pyz;
-                        float const box2 = std::max(dd[0][x] + dyz, static_cast<float>(plane * plane));
-                        if (best2[n] < kBoxTestTolerance * box2 || id[n] == t) continue;
+                        float const box2 =
+                            std::max(dd[0][x] + dyz, static_cast<float>(plane * plane));
+                        if (best2[n] < kBoxTestTolerance * box2 || id[n] == t)
+                            continue;
                         exact(n, float3{coord[0][x], coord[1][y], coord[2][z]}, t, prepared[at]);
                     }
                 }
@@ -338,7 +374,8 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
             any = any || marked[n];
         }
         for (int sweep = 0; any && sweep < 8; ++sweep) {
-            int const sx = (sweep & 1) ? -1 : 1, sy = (sweep & 2) ? -1 : 1, sz = (sweep & 4) ? -1 : 1;
+            int const sx = (sweep & 1) ? -1 : 1, sy = (sweep & 2) ? -1 : 1,
+                      sz = (sweep & 4) ? -1 : 1;
             for (int zz = 0; zz < N; ++zz) {
                 int const z = sz > 0 ? zz : N - 1 - zz;
                 for (int yy = 0; yy < N; ++yy) {
@@ -346,31 +383,41 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                     for (int xx = 0; xx < N; ++xx) {
                         int const x = sx > 0 ? xx : N - 1 - xx;
                         int const n = L::index(x, y, z);
-                        if (!marked[n]) continue;
+                        if (!marked[n])
+                            continue;
                         float3 const p{coord[0][x], coord[1][y], coord[2][z]};
                         for (int dz = -1; dz <= 1; ++dz) {
                             int const qz = z + dz;
-                            if (qz < 0 || qz >= N) continue;
+                            if (qz < 0 || qz >= N)
+                                continue;
                             for (int dy = -1; dy <= 1; ++dy) {
                                 int const qy = y + dy;
-                                if (qy < 0 || qy >= N) continue;
+                                if (qy < 0 || qy >= N)
+                                    continue;
                                 for (int dx = -1; dx <= 1; ++dx) {
                                     int const qx = x + dx;
-                                    if (qx < 0 || qx >= N) continue;
+                                    if (qx < 0 || qx >= N)
+                                        continue;
                                     std::int64_t const t = id[L::index(qx, qy, qz)];
-                                    if (t == kNone || t == id[n]) continue;
+                                    if (t == kNone || t == id[n])
+                                        continue;
                                     ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
                                     float3 const& a = positions[tri.x];
                                     float3 const& b = positions[tri.y];
                                     float3 const& c = positions[tri.z];
                                     if (id[n] != kNone) {
                                         float const box2 =
-                                            intervalDistance2(p.x, std::min({a.x, b.x, c.x}), std::max({a.x, b.x, c.x})) +
-                                            intervalDistance2(p.y, std::min({a.y, b.y, c.y}), std::max({a.y, b.y, c.y})) +
-                                            intervalDistance2(p.z, std::min({a.z, b.z, c.z}), std::max({a.z, b.z, c.z}));
-                                        if (best2[n] < kBoxTestTolerance * box2) continue;
+                                            intervalDistance2(p.x, std::min({a.x, b.x, c.x}),
+                                                              std::max({a.x, b.x, c.x})) +
+                                            intervalDistance2(p.y, std::min({a.y, b.y, c.y}),
+                                                              std::max({a.y, b.y, c.y})) +
+                                            intervalDistance2(p.z, std::min({a.z, b.z, c.z}),
+                                                              std::max({a.z, b.z, c.z}));
+                                        if (best2[n] < kBoxTestTolerance * box2)
+                                            continue;
                                     }
-                                    float const d2 = Tavrel::SpatialQuery::pointTriangleDistance2(p, a, b, c);
+                                    float const d2 =
+                                        Tavrel::SpatialQuery::pointTriangleDistance2(p, a, b, c);
                                     if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
                                         best2[n] = d2;
                                         id[n] = t;
@@ -385,10 +432,12 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     }
 
     for (int n = 0; n < kCount; ++n) {
-        if (state[n] == kOutside) continue;
+        if (state[n] == kOutside)
+            continue;
         if (state[n] == kCopied) {
             int const z = n / (N * N), y = (n / N) % N, x = n % N;
-            int const p = L::index(x / R + V * childPosition.x, y / R + V * childPosition.y, z / R + V * childPosition.z);
+            int const p = L::index(x / R + V * childPosition.x, y / R + V * childPosition.y,
+                                   z / R + V * childPosition.z);
             out_distances[n] = parentDistances[p];
             out_closest[n] = parentClosest ? parentClosest[p] : kNoTriangle;
             continue;
@@ -396,7 +445,8 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         if (id[n] != kNone) {
             out_distances[n] = std::sqrt(best2[n]);
             out_closest[n] = id[n];
-            if (best2[n] < band2) within = true;
+            if (best2[n] < band2)
+                within = true;
         } else if (finalFill) {
             out_distances[n] = ctx.far;
             out_closest[n] = kNoTriangle;

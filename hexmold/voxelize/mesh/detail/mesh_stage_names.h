@@ -1,12 +1,12 @@
 /// @file  voxelize/mesh/detail/mesh_stage_names.h
 /// @brief Timer names and the debug-line prefix shared by the stages of the mesh voxelizer.
 #pragma once
+#include <hexmold/logging/logger.h>
+#include <hexmold/platform/quillon/string.h>
 #include <memory>
 #include <mutex>
 #include <sstream>
 #include <vector>
-#include <hexmold/logging/logger.h>
-#include <hexmold/platform/quillon/string.h>
 
 namespace VolumeGL::TileTree3D::detail {
 
@@ -18,9 +18,11 @@ struct MeshStageNames {
         static std::vector<std::unique_ptr<Quillon::String>> table;
         static std::mutex lock;
         std::lock_guard<std::mutex> guard(lock);
-        Quillon::String const full = Quillon::String("Geometry::Converters::mesh_to_level_set.") + stage;
+        Quillon::String const full =
+            Quillon::String("Geometry::Converters::mesh_to_level_set.") + stage;
         for (auto const& s : table)
-            if (*s == full) return *s;
+            if (*s == full)
+                return *s;
         table.push_back(std::make_unique<Quillon::String>(full));
         return *table.back();
     }

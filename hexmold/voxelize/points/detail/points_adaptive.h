@@ -734,7 +734,9 @@ template <typename Traits> struct SurfaceRefiner {
 
     PointsDriver<Traits>& m;
     TileKernel<Traits> kernel{m};
-    Par::enumerable_thread_specific<std::pair<std::deque<ChildBlock<Traits>>, std::deque<ChildIds<Traits>>>> out;
+    Par::enumerable_thread_specific<
+        std::pair<std::deque<ChildBlock<Traits>>, std::deque<ChildIds<Traits>>>>
+        out;
 
     explicit SurfaceRefiner(PointsDriver<Traits>& driver) : m(driver) {}
 

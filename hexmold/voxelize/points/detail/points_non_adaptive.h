@@ -3,8 +3,8 @@
 ///        spheres stamped into their point's tile, closest points carried across the band.
 #pragma once
 #include <algorithm>
-#include <cfloat>
 #include <atomic>
+#include <cfloat>
 #include <cmath>
 #include <cstdint>
 #include <hexmold/substrate/cancel.h>
@@ -68,22 +68,23 @@ struct SortedSphere {
 
 /// The spheres in the order of their finest tiles (z, then y, then x), so that consecutive
 /// spheres touch the same tiles: a cloud in random order would miss the cache on every tile.
-template <typename Traits> std::vector<SortedSphere> spheresInTileOrder(PointsDriver<Traits> const& m)
+template <typename Traits>
+std::vector<SortedSphere> spheresInTileOrder(PointsDriver<Traits> const& m)
 {
     std::int64_t const w = Container<Traits>::tileVoxelWidth(Traits::kMaxDepth);
     std::vector<std::pair<std::uint64_t, std::uint64_t>> order(m.size());
-    Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 4096),
-                      [&](Par::blocked_range<std::size_t> const& r) {
-                          for (std::size_t i = r.begin(); i != r.end(); ++i) {
-                              std::uint64_t key = 0;
-                              for (int a = 2; a >= 0; --a)
-                                  key = (key << 21) |
-                                        (std::uint64_t(floorDivide(
-                                             std::int64_t(std::floor(m.centre[i][a])), w)) &
-                                         0x1FFFFF);
-                              order[i] = {key, std::uint64_t(i)};
-                          }
-                      });
+    Par::parallel_for(
+        Par::blocked_range<std::size_t>(0, m.size(), 4096),
+        [&](Par::blocked_range<std::size_t> const& r) {
+            for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                std::uint64_t key = 0;
+                for (int a = 2; a >= 0; --a)
+                    key = (key << 21) |
+                          (std::uint64_t(floorDivide(std::int64_t(std::floor(m.centre[i][a])), w)) &
+                           0x1FFFFF);
+                order[i] = {key, std::uint64_t(i)};
+            }
+        });
     Par::parallel_sort(order.begin(), order.end());
     std::vector<SortedSphere> spheres(m.size());
     Par::parallel_for(Par::blocked_range<std::size_t>(0, m.size(), 4096),
@@ -157,7 +158,7 @@ bool coveringGrid(PointsDriver<Traits> const& m, double pad, std::int64_t limit,
 struct BandTiles {
     bool dense = false;
     DenseTileGrid grid;
-    std::vector<std::int64_t> tileAt; ///< per grid slot, the finest tile's index (-1: none)
+    std::vector<std::int64_t> tileAt;  ///< per grid slot, the finest tile's index (-1: none)
     std::vector<SortedSphere> spheres; ///< the cloud in tile order
 
     /// The index of the finest tile at the aligned corner (x, y, z), -1 when there is none.
@@ -186,26 +187,26 @@ template <typename Traits> BandTiles selectBandTiles(PointsDriver<Traits>& m)
     std::vector<SortedSphere> spheres = spheresInTileOrder(m);
     double const invVoxelSize = double(m.invVoxelSize);
     DenseTileGrid grid;
-    bool const dense = coveringGrid(m, reach, std::min<std::int64_t>(std::int64_t(1) << 25,
-                                                                     64 * std::int64_t(n) + (1 << 20)),
-                                    grid);
+    bool const dense = coveringGrid(
+        m, reach, std::min<std::int64_t>(std::int64_t(1) << 25, 64 * std::int64_t(n) + (1 << 20)),
+        grid);
     // Tile selection: marks on the dense grid, whose walk gives the tiles in sorted order; or
     // each worker collects the corners its points ask for.
     if (dense) {
         std::vector<std::atomic<unsigned char>> mark(std::size_t(grid.size()));
-        Par::parallel_for(Par::blocked_range<std::size_t>(0, n, 500),
-                          [&](Par::blocked_range<std::size_t> const& r) {
-                              if (TVL::bodyCancelled())
-                                  return;
-                              for (std::size_t i = r.begin(); i != r.end(); ++i)
-                                  forEachBandTile(m, spheres[i].centre,
-                                                  spheres[i].radius * invVoxelSize,
-                                                  [&](int3 const& c) {
-                                      std::int64_t const q = grid.slot(c.x, c.y, c.z);
-                                      if (q >= 0)
-                                          mark[std::size_t(q)].store(1, std::memory_order_relaxed);
-                                  });
-                          });
+        Par::parallel_for(
+            Par::blocked_range<std::size_t>(0, n, 500),
+            [&](Par::blocked_range<std::size_t> const& r) {
+                if (TVL::bodyCancelled())
+                    return;
+                for (std::size_t i = r.begin(); i != r.end(); ++i)
+                    forEachBandTile(
+                        m, spheres[i].centre, spheres[i].radius * invVoxelSize, [&](int3 const& c) {
+                            std::int64_t const q = grid.slot(c.x, c.y, c.z);
+                            if (q >= 0)
+                                mark[std::size_t(q)].store(1, std::memory_order_relaxed);
+                        });
+            });
         TVL::throwIfJobCancelled();
         std::vector<CornerSet::Key> keys;
         std::size_t q = 0;
@@ -270,31 +271,30 @@ template <typename Traits> PointLists binPoints(PointsDriver<Traits>& m, BandTil
     // overlaps, so that each voxel within that reach gets its exact distance.
     using Record = std::pair<std::int64_t, std::int64_t>;
     Par::enumerable_thread_specific<std::vector<Record>> local;
-    Par::parallel_for(Par::blocked_range<std::size_t>(0, n, 500),
-                      [&](Par::blocked_range<std::size_t> const& r) {
-                          if (TVL::bodyCancelled())
-                              return;
-                          auto acc = std::as_const(m.container).tileAccessor();
-                          auto& out = local.local();
-                          for (std::size_t i = r.begin(); i != r.end(); ++i) {
-                              double3 const& p = m.centre[i];
-                              double const reach = m.radiusInVoxels(i) + double(m.grading) + 1.0;
-                              std::int64_t lo[3], hi[3];
-                              for (int a = 0; a < 3; ++a) {
-                                  lo[a] = PointsDriver<Traits>::alignDown(
-                                      std::int64_t(std::floor(p[a] - reach)), kMax);
-                                  hi[a] = std::int64_t(std::ceil(p[a] + reach));
-                              }
-                              for (std::int64_t z = lo[2]; z <= hi[2]; z += w)
-                                  for (std::int64_t y = lo[1]; y <= hi[1]; y += w)
-                                      for (std::int64_t x = lo[0]; x <= hi[0]; x += w) {
-                                          std::int64_t const t =
-                                              band.template find<Traits>(acc, x, y, z);
-                                          if (t >= 0)
-                                              out.push_back({t, std::int64_t(i)});
-                                      }
-                          }
-                      });
+    Par::parallel_for(
+        Par::blocked_range<std::size_t>(0, n, 500), [&](Par::blocked_range<std::size_t> const& r) {
+            if (TVL::bodyCancelled())
+                return;
+            auto acc = std::as_const(m.container).tileAccessor();
+            auto& out = local.local();
+            for (std::size_t i = r.begin(); i != r.end(); ++i) {
+                double3 const& p = m.centre[i];
+                double const reach = m.radiusInVoxels(i) + double(m.grading) + 1.0;
+                std::int64_t lo[3], hi[3];
+                for (int a = 0; a < 3; ++a) {
+                    lo[a] = PointsDriver<Traits>::alignDown(std::int64_t(std::floor(p[a] - reach)),
+                                                            kMax);
+                    hi[a] = std::int64_t(std::ceil(p[a] + reach));
+                }
+                for (std::int64_t z = lo[2]; z <= hi[2]; z += w)
+                    for (std::int64_t y = lo[1]; y <= hi[1]; y += w)
+                        for (std::int64_t x = lo[0]; x <= hi[0]; x += w) {
+                            std::int64_t const t = band.template find<Traits>(acc, x, y, z);
+                            if (t >= 0)
+                                out.push_back({t, std::int64_t(i)});
+                        }
+            }
+        });
     TVL::throwIfJobCancelled();
     // A counting sort by tile: counts, offsets, a scatter through per-tile cursors, then each
     // tile's short list sorted, so that a list is ascending whatever the schedule.
@@ -317,12 +317,14 @@ template <typename Traits> PointLists binPoints(PointsDriver<Traits>& m, BandTil
     lists.offset.assign(std::size_t(tiles) + 1, 0);
     for (std::int64_t t = 0; t < tiles; ++t) {
         lists.offset[std::size_t(t) + 1] =
-            lists.offset[std::size_t(t)] + cursor[std::size_t(t) + 1].load(std::memory_order_relaxed);
+            lists.offset[std::size_t(t)] +
+            cursor[std::size_t(t) + 1].load(std::memory_order_relaxed);
         cursor[std::size_t(t)].store(lists.offset[std::size_t(t)], std::memory_order_relaxed);
     }
     lists.index.resize(std::size_t(lists.offset.back()));
     overRecords([&](Record const& x) {
-        std::int64_t const at = cursor[std::size_t(x.first)].fetch_add(1, std::memory_order_relaxed);
+        std::int64_t const at =
+            cursor[std::size_t(x.first)].fetch_add(1, std::memory_order_relaxed);
         lists.index[std::size_t(at)] = x.second;
     });
     Par::parallel_for(Par::blocked_range<std::int64_t>(0, tiles, 1024),
@@ -375,11 +377,11 @@ bool stampSpheres(PointsDriver<Traits>& m, PointLists const& lists, double pad, 
                     std::fill(id, id + N, std::int64_t(-1));
                 for (int v = 0; v < N; ++v)
                     if (id[v] >= 0)
-                        own[v] = m.sphereDistance(
-                            double3{double(tile.ti()) + v % W + m.offset.x,
-                                    double(tile.tj()) + (v / W) % W + m.offset.y,
-                                    double(tile.tk()) + v / (W * W) + m.offset.z},
-                            id[v]);
+                        own[v] =
+                            m.sphereDistance(double3{double(tile.ti()) + v % W + m.offset.x,
+                                                     double(tile.tj()) + (v / W) % W + m.offset.y,
+                                                     double(tile.tk()) + v / (W * W) + m.offset.z},
+                                             id[v]);
                 // The sample positions of the tile's voxels along each axis, in finest voxels.
                 double cx[W], cy[W], cz[W];
                 for (int q = 0; q < W; ++q) {
@@ -512,10 +514,8 @@ bool stampPointsDirectly(PointsDriver<Traits>& m, BandTiles const& band, double 
                                         anyInside |= 0.0f > d;
                                         std::atomic_ref<float> v(level[ii + W * (j + W * k)]);
                                         float cur = v.load(std::memory_order_relaxed);
-                                        while (d < cur &&
-                                               !v.compare_exchange_weak(cur, d,
-                                                                        std::memory_order_relaxed))
-                                        {
+                                        while (d < cur && !v.compare_exchange_weak(
+                                                              cur, d, std::memory_order_relaxed)) {
                                         }
                                     }
                                 }

@@ -9,11 +9,11 @@
 #include <cmath>
 #include <cstdint>
 #include <hexmold/analysis/grade_tile_tree.h>
-#include <hexmold/logging/logger.h>
 #include <hexmold/diagnostics/voxel_hash.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/extrapolate_channel.h>
 #include <hexmold/levelset/level_set_redistance.h>
+#include <hexmold/logging/logger.h>
 #include <hexmold/platform/tavrel/geometry.h>
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/channel_parser.h>
@@ -375,8 +375,8 @@ bool voxelizePoints(Tavrel::Object const& geometry,
         auto const createClosest = [&] {
             TVL::TileTree3D::Int64 const none = -1;
             m.closest = Quillon::makePtr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>(
-                "voxelClosestPointChannel", &none, kDataElementInitializerDefaultValue, false,
-                true, 0, kMax);
+                "voxelClosestPointChannel", &none, kDataElementInitializerDefaultValue, false, true,
+                0, kMax);
             m.closest->update(topology);
         };
         // Redistancing keeps only the signs and the zero-crossing values of the stamped level
