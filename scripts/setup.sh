@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(build-essential cmake ninja-build ccache git pkg-config
           libtbb-dev libjemalloc-dev libgtest-dev googletest libbenchmark-dev
           libopenvdb-dev libboost-dev libboost-iostreams-dev libimath-dev
-          libassimp-dev libcli11-dev libstb-dev)
+          libassimp-dev libcli11-dev libstb-dev clang-format)
 
 missing=()
 for p in "${packages[@]}"; do
