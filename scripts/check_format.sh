@@ -6,9 +6,9 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
-    mapfile -t files < <(git ls-files '*.cpp' '*.h')
+    mapfile -t files < <(git ls-files "*.cpp" "*.h")
 else
-    mapfile -t files < <(find hexmold tests bench tools examples -name '*.cpp' -o -name '*.h')
+    mapfile -t files < <(find hexmold tests bench tools examples fixtures -name '*.cpp' -o -name '*.h')
 fi
 clang-format --dry-run -Werror "${files[@]}"
 echo "check_format: ${#files[@]} files formatted"

@@ -15,7 +15,7 @@
 #include <memory>
 #include <utility>
 
-#include "demo_sphere.h"
+#include "fixtures/sphere_trees.h"
 
 namespace demo {
 

@@ -17,7 +17,7 @@
 
 #include "demo_analyze.h"
 #include "demo_hash.h"
-#include "demo_sphere.h"
+#include "fixtures/sphere_trees.h"
 
 namespace demo {
 

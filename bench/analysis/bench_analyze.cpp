@@ -7,7 +7,7 @@
 // pairs whose name contains TEXT ("--only='Traits24 gradient'"), --stages adds our timers.
 #include <benchmark/benchmark.h>
 
-#include "../../tests/support/trees.h"
+#include "fixtures/trees.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>

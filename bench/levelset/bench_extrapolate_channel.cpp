@@ -5,7 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/support/timing.h"
-#include "tools/demo_resize.h"
+#include "fixtures/sphere_band.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>

@@ -10,8 +10,8 @@
 // therefore cover the redistancing alone.
 #include <benchmark/benchmark.h>
 
-#include "../../tests/support/level_set_scenes.h"
 #include "bench/support/timing.h"
+#include "fixtures/level_set_scenes.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>

@@ -4,7 +4,7 @@
 // voxels, one thread each, same positions, in one run. The last benchmark prints the ratio.
 #include <benchmark/benchmark.h>
 
-#include "../../tests/support/trees.h"
+#include "fixtures/trees.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>

@@ -7,9 +7,9 @@
 // levelSetCoarsen's lists and box, bad input, determinism, cancellation and the exports.
 #include <gtest/gtest.h>
 
+#include "fixtures/trees.h"
 #include "support/analysis_scene.h"
 #include "support/linked.h"
-#include "support/trees.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>

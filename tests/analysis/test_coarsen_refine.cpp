@@ -3,8 +3,8 @@
 // sets of both tree types; messages, the box, colours, channels in step, determinism.
 #include <gtest/gtest.h>
 
+#include "fixtures/trees.h"
 #include "support/analysis_scene.h"
-#include "support/trees.h"
 #include <cmath>
 #include <cstdint>
 #include <hexmold/analysis/coarsen_refine.h>

@@ -3,8 +3,8 @@
 // added; the edge cases of the depth bounds, of one-depth jumps and of bad domain boxes; colours.
 #include <gtest/gtest.h>
 
+#include "fixtures/trees.h"
 #include "support/random_trees.h"
-#include "support/trees.h"
 #include <cstdint>
 #include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/logging/logger.h>

@@ -2,7 +2,7 @@
 // distance of a sphere.
 // Needs OpenVDB (test_volume_file.cpp checks the functions' errors without it).
 #if HEXMOLD_HAVE_OPENVDB
-#include "support/trees.h"
+#include "fixtures/trees.h"
 #include "support/typed_traits.h"
 #include <algorithm>
 #include <cmath>

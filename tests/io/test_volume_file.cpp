@@ -2,8 +2,8 @@
 // element types, files that OpenVDB itself opens, and every kind of bad file refused with a
 // message naming the file, never a crash.
 #if HEXMOLD_HAVE_OPENVDB
+#include "fixtures/trees.h"
 #include "support/random_trees.h"
-#include "support/trees.h"
 #include "support/typed_traits.h"
 #include <algorithm>
 #include <cmath>

@@ -5,10 +5,10 @@
 // over thread counts.
 #include <gtest/gtest.h>
 
+#include "fixtures/trees.h"
 #include "support/analysis_scene.h"
 #include "support/linked.h"
 #include "support/random_trees.h"
-#include "support/trees.h"
 #include <cmath>
 #include <cstdint>
 #include <hexmold/levelset/dilate_erode.h>

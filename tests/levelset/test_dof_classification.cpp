@@ -4,9 +4,9 @@
 // object form; determinism and cancellation.
 #include <gtest/gtest.h>
 
+#include "fixtures/trees.h"
 #include "support/linked.h"
 #include "support/random_trees.h"
-#include "support/trees.h"
 #include <cstdint>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/platform/quillon/job.h>

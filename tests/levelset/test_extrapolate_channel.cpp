@@ -3,8 +3,8 @@
 // determinism, cancellation and bad input.
 #include <gtest/gtest.h>
 
-#include "support/level_set_scenes.h"
-#include "support/trees.h"
+#include "fixtures/level_set_scenes.h"
+#include "fixtures/trees.h"
 #include <algorithm>
 #include <chrono>
 #include <cmath>

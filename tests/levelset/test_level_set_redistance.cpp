@@ -4,8 +4,8 @@
 // result on one thread and on all; cancellation mid-solve; the exported instances.
 #include <gtest/gtest.h>
 
+#include "fixtures/level_set_scenes.h"
 #include "support/cancel_on_timer.h"
-#include "support/level_set_scenes.h"
 #include "support/linked.h"
 #include <atomic>
 #include <chrono>

@@ -5,7 +5,7 @@
 // every voxel is at the zero crossing, values exactly zero.
 #include <gtest/gtest.h>
 
-#include "support/level_set_scenes.h"
+#include "fixtures/level_set_scenes.h"
 #include <cmath>
 #include <cstdio>
 #include <cstring>

@@ -3,7 +3,7 @@
 // its zero set. Our mean error near the surface must be no worse. Skipped without OpenVDB.
 #include <gtest/gtest.h>
 
-#include "support/level_set_scenes.h"
+#include "fixtures/level_set_scenes.h"
 #include <cmath>
 #include <cstdio>
 #include <string>

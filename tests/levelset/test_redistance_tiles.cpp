@@ -5,7 +5,7 @@
 // same result on one thread and on all.
 #include <gtest/gtest.h>
 
-#include "support/level_set_scenes.h"
+#include "fixtures/level_set_scenes.h"
 #include <cfloat>
 #include <cmath>
 #include <cstring>

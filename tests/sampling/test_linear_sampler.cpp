@@ -4,9 +4,9 @@
 // determinism; and ensureSamplerAssumptions.
 #include <gtest/gtest.h>
 
+#include "fixtures/trees.h"
 #include "support/linked.h"
 #include "support/random_trees.h"
-#include "support/trees.h"
 #include <algorithm>
 #include <cfloat>
 #include <cmath>

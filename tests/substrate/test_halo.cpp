@@ -2,7 +2,7 @@
 // extra sample per axis, and coarse copies of finer data in non-leaf voxels.
 #include <gtest/gtest.h>
 
-#include "support/trees.h"
+#include "fixtures/trees.h"
 #include <cstring>
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/topology.h>

@@ -1,7 +1,7 @@
 // Compressed halo tables of the tile tree: agreement with accessor lookups, and their lifetime.
 #include <gtest/gtest.h>
 
-#include "support/trees.h"
+#include "fixtures/trees.h"
 #include <hexmold/substrate/container.h>
 
 using namespace TVL::TileTree3D;

@@ -2,7 +2,7 @@
 // joins, determinism across thread counts, cancellation and exceptions.
 #include <gtest/gtest.h>
 
-#include "support/trees.h"
+#include "fixtures/trees.h"
 #include <algorithm>
 #include <atomic>
 #include <chrono>

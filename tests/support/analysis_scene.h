@@ -1,7 +1,7 @@
 // A volume object for operator tests: a tree (graded towards a sphere, or a uniform band around
 // it), its topology, and channels filled from analytic functions at every voxel of every depth.
 #pragma once
-#include "support/trees.h"
+#include "fixtures/trees.h"
 #include <cmath>
 #include <cstdint>
 #include <functional>
