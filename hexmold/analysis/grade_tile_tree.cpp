@@ -20,10 +20,10 @@ namespace {
 
 using namespace TVL::TileTree3D;
 
-/// The offset of each `NeighborDirection` (13 + 9 dx + 3 dy + dz) in tile steps.
+/// The offset of each `NeighborDirection` in tile steps.
 constexpr int3 directionOffset(int direction)
 {
-    return {direction / 9 - 1, (direction / 3) % 3 - 1, direction % 3 - 1};
+    return {neighborDx(direction), neighborDy(direction), neighborDz(direction)};
 }
 
 /// Marks a colour byte; concurrent writers all write 1, so relaxed stores suffice.

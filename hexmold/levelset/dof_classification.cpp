@@ -110,7 +110,8 @@ private:
                             return true;
                         continue;
                     }
-                    int const direction = 13 - 9 * (ii < 0) - 3 * (jj < 0) - (kk < 0);
+                    int const direction = TVL::TileTree3D::neighborDirection(
+                        -int(ii < 0), -int(jj < 0), -int(kk < 0));
                     Tile<Traits> const& neighbour = accessor.tileNeighbor(tile, direction);
                     if (!neighbour.valid() || neighbour.depth() != tile.depth())
                         continue;

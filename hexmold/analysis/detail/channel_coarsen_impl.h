@@ -111,7 +111,7 @@ public:
                 for (int x = -1; x <= W; ++x) {
                     int const sx = x < 0 ? -1 : x >= W, sy = y < 0 ? -1 : y >= W,
                               sz = z < 0 ? -1 : z >= W;
-                    int const dir = 9 * (sx + 1) + 3 * (sy + 1) + (sz + 1);
+                    int const dir = neighborDirection(sx, sy, sz);
                     if (dir != 13 && !exact[dir])
                         continue;
                     T const& v = mHalo(x, y, z);
@@ -145,7 +145,7 @@ public:
                             continue;
                         int const sx = x < 0 ? -1 : x >= W, sy = y < 0 ? -1 : y >= W,
                                   sz = z < 0 ? -1 : z >= W;
-                        if (exact[9 * (sx + 1) + 3 * (sy + 1) + (sz + 1)])
+                        if (exact[neighborDirection(sx, sy, sz)])
                             continue;
                         extend(x, y, z, axis);
                     }

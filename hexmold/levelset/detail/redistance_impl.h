@@ -358,7 +358,8 @@ void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSiz
             for (int dx = -1; dx <= 1; ++dx) {
                 if ((dx != 0) + (dy != 0) + (dz != 0) < 2)
                     continue;
-                Tile<Traits> const& n = accessor.tileNeighbor(tile, 13 + 9 * dx + 3 * dy + dz);
+                Tile<Traits> const& n =
+                    accessor.tileNeighbor(tile, TVL::TileTree3D::neighborDirection(dx, dy, dz));
                 if (n.valid() && n.depth() >= minDepth)
                     continue;
                 auto range = [](int d, int& lo, int& hi) {

@@ -135,7 +135,7 @@ template <typename Traits, typename T> struct LinearSamplerShared {
                             ? block->data()
                             : nullptr;
             for (unsigned s = 1; s < 8; ++s) {
-                int const dir = 13 + 9 * int(s & 1) + 3 * int((s >> 1) & 1) + int((s >> 2) & 1);
+                int const dir = neighborDirection(int(s & 1), int((s >> 1) & 1), int((s >> 2) & 1));
                 Tile<Traits> const& n = acc.tileNeighbor(tile, dir);
                 if (n.valid() && n.depth() == tile.depth())
                     view.neighbours |= neighbourBit(s);
@@ -475,7 +475,7 @@ T VoxelSamplerLinear<Traits, T, N, S, Vec>::lookup(TileType const* tile,
                     continue;
                 }
                 int const dir =
-                    13 + 9 * int(out & 1) + 3 * int((out >> 1) & 1) + int((out >> 2) & 1);
+                    neighborDirection(int(out & 1), int((out >> 1) & 1), int((out >> 2) & 1));
                 TileType const& neighbour = mNeighbourAccessor.tileNeighbor(*tile, dir);
                 if (&neighbour != &Container<Traits>::sentinel() && neighbour.depth() == d) {
                     T const* nd = blockOf(neighbour);

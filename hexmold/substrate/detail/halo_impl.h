@@ -123,7 +123,7 @@ public:
         constexpr int Ein = W + 2 * Hin;
         int const sx = x < 0 ? -1 : (x >= W ? 1 : 0), sy = y < 0 ? -1 : (y >= W ? 1 : 0),
                   sz = z < 0 ? -1 : (z >= W ? 1 : 0);
-        Entry& e = entry(13 + 9 * sx + 3 * sy + sz);
+        Entry& e = entry(neighborDirection(sx, sy, sz));
         if (!e.data)
             return false;
         if (!e.coarser) {
@@ -159,7 +159,7 @@ public:
                     }
                     if (empty)
                         continue;
-                    Entry& e = entry(13 + 9 * sx + 3 * sy + sz);
+                    Entry& e = entry(neighborDirection(sx, sy, sz));
                     for (int z = lo[2]; z < hi[2]; ++z)
                         for (int y = lo[1]; y < hi[1]; ++y) {
                             int const row = (y - base[1]) * C + (z - base[2]) * C * C - base[0];
