@@ -1,0 +1,12 @@
+/// @file  substrate/halo_t24_tiles_2.cpp
+/// @brief Instances of the per-tile halo operations for `Traits24`: UInt16, Int32, UInt32.
+/// @details One of six shards, so that no translation unit of the halo takes long to compile.
+#include <hexmold/substrate/detail/halo_impl.h>
+
+namespace TVL::TileTree3D {
+
+HEXMOLD_HALO_TILE_INSTANCES(Traits24, UInt16)
+HEXMOLD_HALO_TILE_INSTANCES(Traits24, Int32)
+HEXMOLD_HALO_TILE_INSTANCES(Traits24, UInt32)
+
+} // namespace TVL::TileTree3D
