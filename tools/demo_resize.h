@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <hexmold/levelset/resize.h>
+#include <hexmold/logging/logger.h>
 
 namespace demo {
 
