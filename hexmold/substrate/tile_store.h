@@ -100,7 +100,7 @@ public:
     {
         std::int64_t const n = mSize.load(std::memory_order_relaxed);
         reserve(n + 1);
-        new (&(*this)[n]) T();
+        new (slot(n)) T();
         mSize.store(n + 1, std::memory_order_release);
         return n;
     }
@@ -111,7 +111,7 @@ public:
     {
         std::int64_t const n = mSize.load(std::memory_order_relaxed);
         reserve(n + 1);
-        new (&(*this)[n]) T(v);
+        new (slot(n)) T(v);
         mSize.store(n + 1, std::memory_order_release);
         return n;
     }
@@ -143,6 +143,13 @@ public:
     }
 
 private:
+    /// Storage of element @p i, which may be the one being appended (i == size()).
+    T* slot(std::int64_t i)
+    {
+        int const s = segmentOf(i);
+        return &mSegments[s][i - segmentStart(s)];
+    }
+
     T* mSegments[kMaxSegments] = {};
     std::atomic<std::int64_t> mSize{0};
     int mSegmentCount = 0;
