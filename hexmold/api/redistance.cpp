@@ -5,6 +5,7 @@
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/levelset/level_set_redistance.h>
 #include <hexmold/substrate/object.h>
+#include <hexmold/substrate/scratch_channel.h>
 
 namespace hexmold {
 
@@ -26,13 +27,9 @@ void run(Volume& io_volume, RedistanceOptions const& o, int minDepth, int maxDep
     // Read before the distance is taken out: the mask may be the distance channel itself.
     auto const mask =
         o.mask.empty() ? nullptr : object.component<VoxelChannel<Traits, float>>(o.mask);
-    std::unique_ptr<VoxelChannel<Traits, short>> dof;
+    Quillon::Ptr<VoxelChannel<Traits, short>> dof;
     if (o.degreesOfFreedom) {
-        short const zero = 0;
-        dof = std::make_unique<VoxelChannel<Traits, short>>(
-            "", &zero, kDataElementInitializerDefaultValue, false, true, 0, Traits::kMaxDepth);
-        dof->setTargetName(topology->name());
-        dof->update(*topology);
+        dof = scratchChannel<VoxelChannel<Traits, short>>(*topology, 0, 0, Traits::kMaxDepth);
         classifyDegreesOfFreedom<Traits>(*tree, *dof);
     }
     TVL::ComponentGuard<VoxelChannel<Traits, float>> distance(object, o.channel);

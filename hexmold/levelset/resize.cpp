@@ -13,6 +13,7 @@
 #include <hexmold/substrate/channel_update.h>
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/object.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/topology.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/visitor.h>
@@ -105,11 +106,9 @@ void resizeBody(float bandwidth, TVL::Object& object, Quillon::String const& til
         if (!topologyPtr)
             return;
         // The classical recursion runs here: a DOF channel in the object is not passed on.
-        unsigned char const unknown = kValueTypeUnknown;
-        VoxelChannel<Traits, unsigned char> valueTypes(
-            "", &unknown, kDataElementInitializerDefaultValue, false, true, 0, Traits::kMaxDepth);
-        valueTypes.setTargetName(topologyPtr->name());
-        valueTypes.update(*topologyPtr);
+        auto valueTypesPtr = scratchChannel<VoxelChannel<Traits, unsigned char>>(
+            *topologyPtr, (unsigned char)kValueTypeUnknown, 0, Traits::kMaxDepth);
+        auto& valueTypes = *valueTypesPtr;
         resizeValueTypes(*container, *topologyPtr, **distance, valueTypes);
         levelSetRedistance<Traits>(
             *container, *topologyPtr, **distance, true, true, false, 0, Traits::kMaxDepth, nullptr,

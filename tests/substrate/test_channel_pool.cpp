@@ -1,12 +1,14 @@
-// The channel pool, the memory pool behind it, and temporary channels.
+// The channel pool, the memory pool behind it, temporary channels and scratch channels.
 #include <gtest/gtest.h>
 
 #include <hexmold/logging/logger.h>
 #include <hexmold/substrate/channel_pool.h>
 #include <hexmold/substrate/channel_temporary.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/topology.h>
 #include <set>
 #include <sstream>
+#include <utility>
 
 using namespace TVL::TileTree3D;
 
@@ -245,4 +247,42 @@ TYPED_TEST(ChannelPoolTest, TemporaryWithoutThePoolWarnsAboutTheConstructorFlag)
         auto t = channelTemporary(source, topo, true, false, 0, 0);
         EXPECT_EQ(capture.text.str(), "");
     }
+}
+
+TYPED_TEST(ChannelPoolTest, ScratchChannelHoldsItsValueOverItsDepthRange)
+{
+    auto topo = topologyWith<TypeParam>({1, 3, 2});
+    auto c = scratchChannel<Channel<TypeParam, short, TypeParam::kTileWidth, 0, 0>>(topo, 7, 1, 2,
+                                                                                    "ids");
+    ASSERT_TRUE(c);
+    EXPECT_EQ(c->name(), "ids");
+    EXPECT_EQ(c->targetName(), "topology");
+    EXPECT_EQ(c->defaultValue(), 7);
+    EXPECT_FALSE(c->usesPool());
+    EXPECT_EQ(c->dataElementInitializerType(), kDataElementInitializerDefaultValue);
+    constexpr std::size_t N =
+        std::size_t(TypeParam::kTileWidth) * TypeParam::kTileWidth * TypeParam::kTileWidth;
+    EXPECT_EQ(c->tileData(0, 0).size(), 0u); // below the range: no block
+    for (int d = 1; d <= 2; ++d)
+        for (std::int64_t t = 0; t < topo.tileCount(d); ++t) {
+            auto const block = std::as_const(*c).tileData(t, d);
+            ASSERT_EQ(block.size(), N);
+            for (short v : block)
+                EXPECT_EQ(v, 7);
+        }
+}
+
+TYPED_TEST(ChannelPoolTest, ScratchChannelDrawsFromThePoolWhenAsked)
+{
+    auto topo = topologyWith<TypeParam>({1, 2});
+    auto pooled = scratchChannel<FloatChannel<TypeParam>>(topo, -1.5f, 0, TypeParam::kMaxDepth, {},
+                                                          ScratchMemory::kPool);
+    EXPECT_TRUE(pooled->usesPool());
+    for (float v : std::as_const(*pooled).tileData(1, 1))
+        EXPECT_EQ(v, -1.5f);
+    ChannelMemoryPool::setEnabled(false);
+    auto own = scratchChannel<FloatChannel<TypeParam>>(topo, 2.0f, 0, TypeParam::kMaxDepth, {},
+                                                       ScratchMemory::kPool);
+    for (float v : std::as_const(*own).tileData(0, 0))
+        EXPECT_EQ(v, 2.0f);
 }

@@ -12,6 +12,7 @@
 #include <hexmold/substrate/cancel.h>
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/parallel.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/tree_index.h>
 #include <hexmold/substrate/union_find.h>
 #include <memory>
@@ -371,10 +372,8 @@ void floodFillInterior(Container<Traits> const& container, VoxelTopology<Traits>
     // Redistance the offset field, then move it back.
     int const iterations = static_cast<int>(std::ceil(radius / (h * 4.0f)));
     if (adaptiveBuild) {
-        short const zero = 0;
-        VoxelChannel<Traits, short> dof("", &zero, kDataElementInitializerDefaultValue, false,
-                                        false, 0, kMax);
-        dof.update(topology);
+        auto dofPtr = scratchChannel<VoxelChannel<Traits, short>>(topology, 0, 0, kMax);
+        auto& dof = *dofPtr;
         LevelSet::classifyDegreesOfFreedom(container, dof);
         LevelSet::levelSetRedistance<Traits>(
             container, topology, io_distance, true, true, false, 0, kMax, nullptr, nullptr, 0.01f,

@@ -19,6 +19,7 @@
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/scope_guard.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/visitor.h>
 #include <hexmold/voxelize/mesh/detail/lattice_kernel.h>
 #include <hexmold/voxelize/mesh/detail/mesh_stage_names.h>
@@ -109,8 +110,8 @@ template <typename Traits> struct MeshBuild {
     bool countEdges = false;
     FixedPointCoords fixed;
     /// Crossings of the grid edges (adaptive build) or of the sweep axis's columns (sparse build).
-    std::unique_ptr<VoxelChannel<Traits, int3>> edges;
-    std::unique_ptr<VoxelChannel<Traits, int>> crossings;
+    Quillon::Ptr<VoxelChannel<Traits, int3>> edges;
+    Quillon::Ptr<VoxelChannel<Traits, int>> crossings;
     std::vector<ResolutionField> fields; ///< sorted, deepest target first; level = target depth
     int coarsestFieldDepth = Traits::kMaxDepth;
     int minDepth = 0;
@@ -917,12 +918,9 @@ void buildAdaptive(MeshBuild<Traits>& b,
                                           b.minDepth);
         followTiles(b, false);
         if (closestSlot) {
-            TriangleId const none = -1;
             *closestSlot =
-                Quillon::Ptr<VoxelChannel<Traits, TriangleId>>(new VoxelChannel<Traits, TriangleId>(
-                    "", &none, kDataElementInitializerDefaultValue, false, false, 0, kMax));
+                scratchChannel<VoxelChannel<Traits, TriangleId>>(b.topology, -1, 0, kMax);
             b.closest = closestSlot->get();
-            b.closest->update(b.topology);
         }
         if (out_minDepth)
             *out_minDepth = b.minDepth;
@@ -940,10 +938,8 @@ void buildAdaptive(MeshBuild<Traits>& b,
             MeshStageNames::name("compute_distances_and_intersections"), nullptr);
         int const d = b.minDepth;
         if (b.countEdges) {
-            int3 const zero{0, 0, 0};
-            b.edges = std::make_unique<VoxelChannel<Traits, int3>>(
-                "", &zero, kDataElementInitializerDefaultValue, false, false, 0, kMax);
-            b.edges->update(b.topology);
+            b.edges =
+                scratchChannel<VoxelChannel<Traits, int3>>(b.topology, int3{0, 0, 0}, 0, kMax);
         }
         std::int64_t const spacing = C::voxelDataWidth(d);
         float const band =
@@ -1070,10 +1066,8 @@ void buildAdaptive(MeshBuild<Traits>& b,
             std::deque<ChildVoxels<Traits>>().swap(store);
         }
         if (b.countEdges) {
-            int3 const zero{0, 0, 0};
-            b.edges = std::make_unique<VoxelChannel<Traits, int3>>(
-                "", &zero, kDataElementInitializerDefaultValue, false, false, 0, kMax);
-            b.edges->update(b.topology);
+            b.edges =
+                scratchChannel<VoxelChannel<Traits, int3>>(b.topology, int3{0, 0, 0}, 0, kMax);
             for (auto& store : refiner.edgeOut) {
                 Par::parallel_for(Par::blocked_range<std::size_t>(0, store.size(), 256),
                                   [&](Par::blocked_range<std::size_t> const& r) {
@@ -1271,22 +1265,14 @@ void buildSparse(MeshBuild<Traits>& b, Quillon::Ptr<VoxelChannel<Traits, Triangl
     {
         auto const timer =
             CoreGL::Logger::timer(MeshStageNames::name("allocate_temporary_channels"), nullptr);
-        TriangleId const none = -1;
-        auto made =
-            Quillon::Ptr<VoxelChannel<Traits, TriangleId>>(new VoxelChannel<Traits, TriangleId>(
-                "", &none, kDataElementInitializerDefaultValue, false, false, 0, kMax));
+        auto made = scratchChannel<VoxelChannel<Traits, TriangleId>>(b.topology, -1, 0, kMax);
         if (closestSlot)
             *closestSlot = made;
         else
             own = made;
         b.closest = made.get();
-        b.closest->update(b.topology);
-        if (b.computeInterior && !(b.holeRadius > 0.0f)) {
-            int const zero = 0;
-            b.crossings = std::make_unique<VoxelChannel<Traits, int>>(
-                "", &zero, kDataElementInitializerDefaultValue, false, false, kMax, kMax);
-            b.crossings->update(b.topology);
-        }
+        if (b.computeInterior && !(b.holeRadius > 0.0f))
+            b.crossings = scratchChannel<VoxelChannel<Traits, int>>(b.topology, 0, kMax, kMax);
     }
     {
         auto const timer =

@@ -23,6 +23,7 @@
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/scene_conversion.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/voxelize/mesh/detail/mesh_stage_names.h>
 #include <hexmold/voxelize/mesh/mesh_distance_field.h>
@@ -559,11 +560,10 @@ void voxelizeMesh(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float
                                                  name, LevelSet::kRedistanceSweeping);
             setNonLeafValueToChildValue(distance, container, topology.offsetType(), 0, kMax);
         } else if (redistanceDepth >= 0) {
-            unsigned char const unknown = 2;
-            VoxelChannel<Traits, unsigned char> types(
-                "", &unknown, kDataElementInitializerDefaultValue, false, false, 0,
+            auto typesPtr = scratchChannel<VoxelChannel<Traits, unsigned char>>(
+                topology, (unsigned char)LevelSet::kValueTypeUnknown, 0,
                 std::min(kMax, redistanceDepth + 1));
-            types.update(topology);
+            auto& types = *typesPtr;
             // Known voxels keep their values. The adaptive build measured every depth from its
             // coarse depth down, and the tiles above hold only the covered voxels' values: all
             // known. The dense build measured only the finest tiles: the finest depth is known
@@ -580,10 +580,8 @@ void voxelizeMesh(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float
                                   });
             setNonLeafValueToChildValue(types, container, topology.offsetType(), redistanceDepth,
                                         redistanceDepth);
-            short const zero = 0;
-            VoxelChannel<Traits, short> dof("", &zero, kDataElementInitializerDefaultValue, false,
-                                            false, 0, kMax);
-            dof.update(topology);
+            auto dofPtr = scratchChannel<VoxelChannel<Traits, short>>(topology, 0, 0, kMax);
+            auto& dof = *dofPtr;
             LevelSet::classifyDegreesOfFreedom(container, dof);
             LevelSet::levelSetRedistance<Traits>(container, topology, distance, true, true, true, 0,
                                                  redistanceDepth, nullptr, &types, 1.0f, FLT_MAX,
@@ -623,10 +621,8 @@ void voxelizeMesh(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float
     // 9. Properties.
     if (!accepted.empty()) {
         auto const timer = Logger::timer(MeshStageNames::name("properties"), nullptr);
-        unsigned char const zero = 0;
-        VoxelChannel<Traits, unsigned char> mask("", &zero, kDataElementInitializerDefaultValue,
-                                                 false, false, 0, kMax);
-        mask.update(topology);
+        auto maskPtr = scratchChannel<VoxelChannel<Traits, unsigned char>>(topology, 0, 0, kMax);
+        auto& mask = *maskPtr;
         for (Quillon::String const& name : accepted) {
             if (transferProperty(m, name, mask))
                 continue;

@@ -21,6 +21,7 @@
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/object.h>
 #include <hexmold/substrate/parallel.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/voxelize/points/detail/points_driver.h>
 #include <hexmold/voxelize/points/detail/points_stage_names.h>
 #include <iostream>
@@ -1263,11 +1264,8 @@ void runAdaptiveRoute(PointsDriver<Traits>& m, Quillon::RuntimeServices const& r
         m.level.update(m.topology);
     }
     if (m.hasProperties) {
-        TVL::TileTree3D::Int64 const none = -1;
-        m.closest = Quillon::makePtr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>(
-            "voxelClosestPointChannel", &none, TVL::TileTree3D::kDataElementInitializerDefaultValue,
-            false, true, 0, kMax);
-        m.closest->update(m.topology);
+        m.closest = TVL::TileTree3D::scratchChannel<VoxelChannel<Traits, TVL::TileTree3D::Int64>>(
+            m.topology, -1, 0, kMax, "voxelClosestPointChannel");
     }
     if (m.allocateAdaptivelyAlongSurface) {
         auto const timer =

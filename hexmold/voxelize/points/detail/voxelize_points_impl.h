@@ -22,6 +22,7 @@
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/scene_conversion.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/voxelize/points/detail/points_adaptive.h>
 #include <hexmold/voxelize/points/detail/points_driver.h>
@@ -373,11 +374,8 @@ bool voxelizePoints(Tavrel::Object const& geometry,
         BandTiles const band = selectBandTiles(m);
         container.precomputeTileNeighbors();
         auto const createClosest = [&] {
-            TVL::TileTree3D::Int64 const none = -1;
-            m.closest = Quillon::makePtr<VoxelChannel<Traits, TVL::TileTree3D::Int64>>(
-                "voxelClosestPointChannel", &none, kDataElementInitializerDefaultValue, false, true,
-                0, kMax);
-            m.closest->update(topology);
+            m.closest = scratchChannel<VoxelChannel<Traits, TVL::TileTree3D::Int64>>(
+                topology, -1, 0, kMax, "voxelClosestPointChannel");
         };
         // Redistancing keeps only the signs and the zero-crossing values of the stamped level
         // set. Stamped with a reach of at least one voxel beyond each sphere, every voxel inside
@@ -441,10 +439,8 @@ bool voxelizePoints(Tavrel::Object const& geometry,
             int const passes = m.isVariedFromProperty && !m.allocateAdaptivelyAlongSurface
                                    ? std::max(1, 2 * std::max(0, m.tileDilation - 1)) + 2
                                    : 2;
-            short const zero = 0;
-            VoxelChannel<Traits, short> dof("", &zero, kDataElementInitializerDefaultValue, false,
-                                            false, 0, kMax);
-            dof.update(topology);
+            auto dofPtr = scratchChannel<VoxelChannel<Traits, short>>(topology, 0, 0, kMax);
+            auto& dof = *dofPtr;
             LevelSet::classifyDegreesOfFreedom(container, dof);
             LevelSet::levelSetRedistance<Traits>(container, topology, level, true, true, true, 0,
                                                  kMax, nullptr, nullptr, 1.0f, FLT_MAX, FLT_MAX,
@@ -465,10 +461,8 @@ bool voxelizePoints(Tavrel::Object const& geometry,
     // 9. Properties through the closest point.
     if (m.hasProperties && m.closest) {
         auto const timer = Logger::timer(PointStageNames::name("assign_properties"), &runtime);
-        unsigned char const zero = 0;
-        VoxelChannel<Traits, unsigned char> mask("", &zero, kDataElementInitializerDefaultValue,
-                                                 false, false, 0, kMax);
-        mask.update(topology);
+        auto maskPtr = scratchChannel<VoxelChannel<Traits, unsigned char>>(topology, 0, 0, kMax);
+        auto& mask = *maskPtr;
         PropertyTransfer<Traits> x{m, geometry, volume, channelName, runtime, n, mask};
         for (Quillon::String const& name : accepted) {
             if (transferPointPropertyAnyType(x, name))
