@@ -4,6 +4,7 @@
 ///        way to the coarsest depth, and takes its resolution border from the coarser depth by
 ///        interpolation on the way back.
 #include <atomic>
+#include <hexmold/levelset/detail/adaptive_sweep_kernels.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/levelset/detail/zero_crossing.h>
 #include <hexmold/levelset/dof_classification.h>
@@ -11,6 +12,7 @@
 #include <hexmold/sampling/linear_sampler.h>
 #include <hexmold/substrate/channel_temporary.h>
 #include <hexmold/substrate/halo.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/type_lists.h>
 #include <memory>
 
@@ -103,6 +105,368 @@ void carryExcludedMarks(Container<Traits> const& container,
         });
 }
 
+/// @brief The adaptive sweep, stage by stage: the work channels, the start of every voxel (reset,
+///        zero crossing, value type), then the V-cycle of relaxations and transfers.
+/// @details The stages share the call's arguments and its work channels; the per-voxel work is
+///          in `adaptive_sweep_kernels.h`, the tile relaxation in `sweepTile`.
+template <typename Traits> class AdaptiveSweep {
+public:
+    static constexpr int W = Traits::kTileWidth;
+    static constexpr int S = Traits::kVoxelsPerSlot;
+    static constexpr std::size_t N = std::size_t(W) * W * W;
+    using FloatChannel = VoxelChannel<Traits, float>;
+    using TypeChannel = VoxelChannel<Traits, unsigned char>;
+
+    struct Arguments {
+        Container<Traits> const& container;
+        VoxelTopology<Traits> const& topology;
+        VoxelChannel<Traits, short> const& dof;
+        bool redistanceInterior, redistanceExterior, overwriteSurface;
+        int minDepth, maxDepth;
+        float tolerance, interiorBand, exteriorBand;
+        int pre, post;
+        bool haloByExtrapolation;
+        Quillon::String const& name;
+        FloatChannel& distance;
+        FloatChannel const* mask;
+        TypeChannel* valueTypes;
+    };
+
+    explicit AdaptiveSweep(Arguments const& args)
+        : a(args), mHasValueTypes(args.valueTypes != nullptr),
+          mUseValues(args.redistanceInterior || args.redistanceExterior || mHasValueTypes),
+          mPre(mUseValues ? args.pre : 0), mPost(mUseValues ? args.post : 0),
+          mNeedExtended(args.overwriteSurface && !mHasValueTypes),
+          mMaxSweeps(2 * std::max(mPre, mPost)),
+          mBandCheck(args.interiorBand < FLT_MAX || args.exteriorBand < FLT_MAX),
+          mHasMaskChannel(args.mask != nullptr),
+          mVoxelSize(args.container.voxelSize()), mSides{args.redistanceInterior,
+                                                         args.redistanceExterior,
+                                                         std::fabs(args.distance.defaultValue())},
+          mHaloMode(args.haloByExtrapolation ? kHaloModeGeneral : kHaloModeRedistance),
+          mTypeHaloMode(args.haloByExtrapolation ? kHaloModeRedistanceFirstPass
+                                                 : kHaloModeRedistance)
+    {
+    }
+
+    void run()
+    {
+        auto const totalTimer = CoreGL::Logger::timer(a.name + ".sweep_adaptive", nullptr);
+        mHasMask = mHasMaskChannel || (mHasValueTypes && anyExcluded(a.container, *a.valueTypes,
+                                                                     a.minDepth, a.maxDepth));
+        if (CoreGL::Logger::verboseLevel() > 2) {
+            auto& log = CoreGL::Logger::debugFileStream();
+            log << "levelset_redistance.begin: pre = " << mPre << ", post = " << mPost
+                << ", overwrite_surface = " << a.overwriteSurface << '\n'
+                << "hasMask = " << mHasMask << '\n'
+                << "hasMaskChannel = " << mHasMaskChannel << '\n';
+        }
+        allocateWorkChannels();
+        startVoxels();
+        vCycle();
+    }
+
+private:
+    /// Stages "allocate_and_build_extended_channel" (the frozen input of the surface distances,
+    /// and its sampler) and "allocate_known_values_channel".
+    void allocateWorkChannels()
+    {
+        {
+            auto const timer =
+                CoreGL::Logger::timer(a.name + ".allocate_and_build_extended_channel", nullptr);
+            if (mNeedExtended) {
+                mExtended = channelTemporary(a.distance, a.topology, true, false,
+                                             a.distance.minDepth(), a.distance.depth());
+                mSampler = std::make_unique<Sampler<Traits>>(a.container, a.topology, *mExtended);
+            }
+        }
+        auto const timer =
+            CoreGL::Logger::timer(a.name + ".allocate_known_values_channel", nullptr);
+        if (mUseValues && !mHasValueTypes)
+            mOwnTypes = scratchChannel<TypeChannel>(a.topology, (unsigned char)kValueTypeUnknown, 0,
+                                                    Traits::kMaxDepth, {}, ScratchMemory::kPool);
+        mTypes = mHasValueTypes ? a.valueTypes : mOwnTypes.get();
+    }
+
+    /// Stage "reset_zero_crossing_and_assign_value_type": every voxel of every depth starts the
+    /// sweeps, tile colour by tile colour.
+    void startVoxels()
+    {
+        auto const timer =
+            CoreGL::Logger::timer(a.name + ".reset_zero_crossing_and_assign_value_type", nullptr);
+        if (mHasMask && mUseValues)
+            carryExcludedMarks(a.container, *mTypes, a.minDepth, a.maxDepth);
+        for (int depth = a.minDepth; depth <= a.maxDepth; ++depth)
+            for (int colour = 0; colour < 2; ++colour)
+                parallelRanges(a.container.tileCount(depth),
+                               [&](std::int64_t begin, std::int64_t end) {
+                                   startTiles(depth, colour, begin, end);
+                               });
+    }
+
+    void startTiles(int depth, int colour, std::int64_t begin, std::int64_t end) const
+    {
+        float const h = float(Container<Traits>::voxelDataWidth(depth)) * mVoxelSize;
+        float const nearZero = 0.001f * h;
+        auto accessor = a.container.tileAccessor();
+        std::unique_ptr<Sampler<Traits>> local;
+        if (mSampler)
+            local = std::make_unique<Sampler<Traits>>(*mSampler);
+        auto sample = [&](double3 const& p) { return local->valueAtTileSpace(p, a.maxDepth); };
+        TileData<float, W, 1, 0> halo(TileData<float, W, 1, 0>::kVoxelCount, 0.0f);
+        TileData<float, W, 1, 0> frozen(TileData<float, W, 1, 0>::kVoxelCount, 0.0f);
+        TileData<float, W, 1, 0> maskHalo(TileData<float, W, 1, 0>::kVoxelCount, -1.0f);
+        for (std::int64_t t = begin; t < end; ++t) {
+            Tile<Traits> const& tile = a.container.tile(t, depth);
+            if (tileColor<Traits>(tile.tijk(), depth) != colour)
+                continue;
+            auto values = a.distance.tileData(tile.treeIndex());
+            auto const flags = a.dof.tileData(tile.treeIndex());
+            if (values.size() != N || flags.size() != N)
+                continue;
+            auto typeBlock =
+                mTypes ? mTypes->tileData(tile.treeIndex()) : TileData<unsigned char, W, 0, 0>();
+            if (mTypes && typeBlock.size() != N)
+                continue;
+            auto const maskBlock =
+                a.mask ? a.mask->tileData(tile.treeIndex()) : ConstTileData<float, W, 0, 0>();
+            // The covering coarse voxel at a jump, not the interpolated rim: the zero-crossing
+            // test below must see the sign the coarse depth holds, and a blend of two coarse
+            // voxels of opposite signs could invent a crossing.
+            setHaloTile<Traits, float, 0, 1, 0>(
+                tile.treeIndex(), a.distance, mHaloMode, kHaloTypeFacesAndEdges, accessor, halo,
+                a.distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
+            boundCoarseRim(tile, accessor, mVoxelSize, halo, a.minDepth, true);
+            if (a.mask)
+                setHaloTile<Traits, float, 0, 1, 0>(
+                    tile.treeIndex(), *a.mask, mHaloMode, kHaloTypeFacesAndEdges, accessor,
+                    maskHalo, a.mask->defaultValue(), 1.0f, kVoxelOffsetCenter);
+            if (mNeedExtended) {
+                setHaloTile<Traits, float, 0, 1, 0>(
+                    tile.treeIndex(), *mExtended, kHaloModeRedistance, kHaloTypeFacesAndEdges,
+                    accessor, frozen, mExtended->defaultValue(), 1.0f, kVoxelOffsetCenter);
+                boundCoarseRim(tile, accessor, mVoxelSize, frozen, a.minDepth, true);
+            }
+            Tile<Traits> const* parent =
+                tile.parent() >= 0 ? &a.container.tile(tile.parent(), depth - 1) : nullptr;
+            int3 const slot = parent ? parent->childIJK(tile) : int3{0, 0, 0};
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) {
+                        if (mHasMask &&
+                            ((mHasMaskChannel && !(maskBlock(i, j, k) < 0.0f)) ||
+                             (mUseValues && typeBlock(i, j, k) == kValueTypeExcluded))) {
+                            // A masked voxel keeps its value: the sweeps must not solve it, nor
+                            // read it.
+                            if (mUseValues)
+                                typeBlock(i, j, k) = kValueTypeExcluded;
+                            continue;
+                        }
+                        float& v = values(i, j, k);
+                        if (!solvedByAdaptiveSweep(flags(i, j, k), depth == a.maxDepth)) {
+                            if (mHasMask && mUseValues && parent) {
+                                if (i % 2 == 0 && j % 2 == 0 && k % 2 == 0 &&
+                                    takeKnownParent(*parent, slot, i, j, k, v))
+                                    typeBlock(i, j, k) = kValueTypeKnown;
+                                else
+                                    mSides.reset(v);
+                                continue;
+                            }
+                            if (mUseValues)
+                                typeBlock(i, j, k) = kValueTypeKnown;
+                            mSides.reset(v);
+                            continue;
+                        }
+                        bool const sideSolved = mSides.solves(v);
+                        if (mHasValueTypes) {
+                            unsigned char& vt = typeBlock(i, j, k);
+                            if (vt == kValueTypeKnown || vt == kValueTypeExcluded)
+                                continue;
+                            mSides.reset(v);
+                            if (!sideSolved)
+                                vt = kValueTypeKnown;
+                            continue;
+                        }
+                        // On the halo copy; with a mask, only the face neighbours of the mask's
+                        // inside take part in the sign test.
+                        bool const change = onZeroCrossing<W, false>(
+                            halo, i, j, k, nearZero, [&](int p, int q, int r) {
+                                return !mHasMask || maskHalo(p, q, r) < 0.0f;
+                            });
+                        if (!change) {
+                            mSides.reset(v);
+                            if (mUseValues && !sideSolved)
+                                typeBlock(i, j, k) = kValueTypeKnown;
+                            continue;
+                        }
+                        if (mNeedExtended) {
+                            float const n6[6] = {frozen(i + 1, j, k), frozen(i - 1, j, k),
+                                                 frozen(i, j + 1, k), frozen(i, j - 1, k),
+                                                 frozen(i, j, k + 1), frozen(i, j, k - 1)};
+                            v = surfaceDistance(sample, frozen(i, j, k), n6, h,
+                                                samplePosition(tile, i, j, k), mVoxelSize);
+                        }
+                        if (mUseValues)
+                            typeBlock(i, j, k) = kValueTypeKnown;
+                    }
+        }
+    }
+
+    /// A voxel the depth does not solve, at an even place, takes the value of the parent voxel
+    /// at its place when that one is known; returns whether it did.
+    bool takeKnownParent(Tile<Traits> const& parent, int3 slot, int i, int j, int k, float& v) const
+    {
+        constexpr int R = Traits::kRatio;
+        int const pi = slot.x * S + i / R, pj = slot.y * S + j / R, pk = slot.z * S + k / R;
+        auto const pt = static_cast<TypeChannel const*>(mTypes)->tileData(parent.treeIndex());
+        auto const pv = static_cast<FloatChannel const&>(a.distance).tileData(parent.treeIndex());
+        if (pt.size() != N || pv.size() != N || pt(pi, pj, pk) != kValueTypeKnown)
+            return false;
+        v = pv(pi, pj, pk);
+        return true;
+    }
+
+    /// Stage "redistance_at_depth", the relaxation of one depth: colours alternate until two in
+    /// a row are quiet, or, while an unknown voxel still holds the background, up to the
+    /// largest sweep count.
+    void redistanceAtDepth(int depth, int passes)
+    {
+        auto const timer = CoreGL::Logger::timer(a.name + ".redistance_at_depth", nullptr);
+        DepthNumbers const numbers = depthNumbers<Traits>(mVoxelSize, depth, a.tolerance);
+        int sweep = 0, consecutive = 0;
+        std::atomic<bool> unreached{false};
+        // Tiles that are fixed points of the relaxation are left out until a neighbour changes;
+        // their unreached state is the one of their last relaxation.
+        mActivity.reset(a.container, depth);
+        for (;;) {
+            if (sweep >= passes || consecutive >= 2) {
+                if (!(unreached.load() && sweep < mMaxSweeps))
+                    break;
+            }
+            int const colour = sweep % 2;
+            // A pair of colours is judged together: two quiet colours end the depth only when
+            // they are one pair, and a voxel left unreached by either keeps the depth going.
+            if (colour == 0) {
+                consecutive = 0;
+                unreached.store(false);
+            }
+            std::atomic<bool> converged{true};
+            parallelRanges(a.container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
+                relaxTiles(depth, colour, numbers, begin, end, converged, unreached);
+            });
+            if (converged.load())
+                ++consecutive;
+            ++sweep;
+            ++mActivity.pass;
+        }
+        if (CoreGL::Logger::verboseLevel() > 2)
+            CoreGL::Logger::debugFileStream() << "Depth " << depth << " completed in " << sweep
+                                              << " of " << passes << " sweeps\n";
+    }
+
+    void relaxTiles(int depth, int colour, DepthNumbers const& numbers, std::int64_t begin,
+                    std::int64_t end, std::atomic<bool>& converged, std::atomic<bool>& unreached)
+    {
+        auto accessor = a.container.tileAccessor();
+        TileData<float, W, 1, 0> u(TileData<float, W, 1, 0>::kVoxelCount, 0.0f);
+        TileData<unsigned char, W, 1, 0> typeHalo(TileData<unsigned char, W, 1, 0>::kVoxelCount,
+                                                  (unsigned char)kValueTypeExcluded);
+        for (std::int64_t t = begin; t < end; ++t) {
+            Tile<Traits> const& tile = a.container.tile(t, depth);
+            if (tileColor<Traits>(tile.tijk(), depth) != colour)
+                continue;
+            if (mActivity.skippable(t)) {
+                if (mActivity.flag[std::size_t(t)])
+                    unreached.store(true, std::memory_order_relaxed);
+                continue;
+            }
+            auto const tb = static_cast<TypeChannel const*>(mTypes)->tileData(tile.treeIndex());
+            auto values = a.distance.tileData(tile.treeIndex());
+            if (tb.size() != N || values.size() != N)
+                continue;
+            if (!hasUnknown<N>(tb.data())) {
+                mActivity.record(t, false);
+                continue;
+            }
+            setHaloTile<Traits, float, 0, 1, 0>(
+                tile.treeIndex(), a.distance, mHaloMode, kHaloTypeFacesAndEdges, accessor, u,
+                a.distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
+            boundCoarseRim(tile, accessor, mVoxelSize, u, a.minDepth);
+            float change;
+            if (mHasMask) {
+                setHaloTile<Traits, unsigned char, 0, 1, 0>(
+                    tile.treeIndex(), *mTypes, mTypeHaloMode, kHaloTypeFacesAndEdges, accessor,
+                    typeHalo, (unsigned char)kValueTypeExcluded, 1.0f, kVoxelOffsetCenter);
+                change = sweepTile<W>(a.interiorBand, a.exteriorBand, numbers, tb.data(), u,
+                                      kSweepRedBlack, mBandCheck, kVoxelsPerTile<Traits>,
+                                      MaskedNeighbour{typeHalo.data()});
+            } else {
+                change = sweepTile<W>(a.interiorBand, a.exteriorBand, numbers, tb.data(), u,
+                                      kSweepRedBlack, mBandCheck, kVoxelsPerTile<Traits>,
+                                      PlainNeighbour{});
+            }
+            if (change > numbers.tol)
+                converged.store(false, std::memory_order_relaxed);
+            mActivity.record(t, change > 0.0f);
+            bool const stillUnreached =
+                copyBackAndFindUnreached<W>(u, values, tb, mSides.background);
+            if (stillUnreached)
+                unreached.store(true, std::memory_order_relaxed);
+            mActivity.flag[std::size_t(t)] = stillUnreached ? 1 : 0;
+        }
+    }
+
+    /// The V-cycle. Without value types nothing is solved and only the transfers between depths
+    /// run. Fine to coarse: relax, then hand the values up. Coarse to fine: take the border from
+    /// the coarser depth, relax again. Last, the coarse copies of every depth.
+    void vCycle()
+    {
+        TypeChannel* const solvedTypes = mUseValues ? mTypes : nullptr;
+        for (int depth = a.maxDepth; depth >= a.minDepth; --depth) {
+            if (mUseValues)
+                redistanceAtDepth(depth, mPre);
+            if (depth == a.minDepth)
+                continue;
+            if (mHasMask) {
+                auto const timer = CoreGL::Logger::timer(a.name + ".restrict", nullptr);
+                setNonLeafValueToChildValue<Traits, float, W, 0>(
+                    a.distance, a.container, a.topology.offsetType(), depth - 1, depth - 1);
+            } else {
+                restrictToParents(a.container, a.dof, a.distance, depth - 1, depth, a.name);
+            }
+        }
+        for (int depth = a.minDepth + 1; depth <= a.maxDepth; ++depth) {
+            interpolateHanging(a.container, a.dof, a.distance, depth, depth, a.name, solvedTypes);
+            if (mUseValues)
+                redistanceAtDepth(depth, mPost);
+        }
+        if (mHasMask) {
+            setNonLeafValueToChildValue<Traits, float, W, 0>(
+                a.distance, a.container, a.topology.offsetType(), 0, Traits::kMaxDepth);
+            interpolateHanging(a.container, a.dof, a.distance, std::max(1, a.minDepth), a.maxDepth,
+                               a.name, solvedTypes);
+        } else {
+            restrictToParents(a.container, a.dof, a.distance, a.minDepth, a.maxDepth, a.name);
+        }
+    }
+
+    Arguments const a;
+    bool const mHasValueTypes, mUseValues;
+    int const mPre, mPost;
+    bool const mNeedExtended;
+    int const mMaxSweeps;
+    bool const mBandCheck, mHasMaskChannel;
+    bool mHasMask = false;
+    float const mVoxelSize;
+    SweepSides const mSides;
+    HaloMode const mHaloMode, mTypeHaloMode;
+    Quillon::Ptr<FloatChannel> mExtended;
+    std::unique_ptr<Sampler<Traits>> mSampler;
+    Quillon::Ptr<TypeChannel> mOwnTypes;
+    TypeChannel* mTypes = nullptr;
+    TileActivity mActivity;
+};
+
 } // namespace
 
 template <typename Traits>
@@ -115,340 +479,11 @@ void sweepAdaptive(Container<Traits> const& container, VoxelTopology<Traits> con
                    VoxelChannel<Traits, float> const* mask,
                    VoxelChannel<Traits, unsigned char>* io_valueType)
 {
-    constexpr int W = Traits::kTileWidth;
-    constexpr int S = Traits::kVoxelsPerSlot;
-    constexpr std::size_t N = std::size_t(W) * W * W;
-    using FloatChannel = VoxelChannel<Traits, float>;
-    using TypeChannel = VoxelChannel<Traits, unsigned char>;
-    auto const totalTimer = CoreGL::Logger::timer(name + ".sweep_adaptive", nullptr);
-
-    bool const hasValueTypes = io_valueType != nullptr;
-    bool const useValues = redistanceInterior || redistanceExterior || hasValueTypes;
-    if (!useValues)
-        pre = post = 0;
-    bool const needExtended = overwriteSurface && !hasValueTypes;
-    int const maxSweeps = 2 * std::max(pre, post);
-    bool const bandCheck = interiorBand < FLT_MAX || exteriorBand < FLT_MAX;
-    bool const hasMaskChannel = mask != nullptr;
-    bool const hasMask = hasMaskChannel || (hasValueTypes && anyExcluded(container, *io_valueType,
-                                                                         minDepth, maxDepth));
-    if (CoreGL::Logger::verboseLevel() > 2) {
-        auto& log = CoreGL::Logger::debugFileStream();
-        log << "levelset_redistance.begin: pre = " << pre << ", post = " << post
-            << ", overwrite_surface = " << overwriteSurface << '\n'
-            << "hasMask = " << hasMask << '\n'
-            << "hasMaskChannel = " << hasMaskChannel << '\n';
-    }
-    float const voxelSize = container.voxelSize();
-    float const background = std::fabs(io_distance.defaultValue());
-    HaloMode const haloMode = haloByExtrapolation ? kHaloModeGeneral : kHaloModeRedistance;
-    HaloMode const typeHaloMode =
-        haloByExtrapolation ? kHaloModeRedistanceFirstPass : kHaloModeRedistance;
-
-    // The frozen input of the surface distances, and its sampler.
-    Quillon::Ptr<FloatChannel> extended;
-    std::unique_ptr<Sampler<Traits>> sampler;
-    {
-        auto const timer =
-            CoreGL::Logger::timer(name + ".allocate_and_build_extended_channel", nullptr);
-        if (needExtended) {
-            extended = channelTemporary(io_distance, topology, true, false, io_distance.minDepth(),
-                                        io_distance.depth());
-            sampler = std::make_unique<Sampler<Traits>>(container, topology, *extended);
-        }
-    }
-    std::unique_ptr<TypeChannel> ownTypes;
-    {
-        auto const timer = CoreGL::Logger::timer(name + ".allocate_known_values_channel", nullptr);
-        if (useValues && !hasValueTypes) {
-            unsigned char const unknown = kValueTypeUnknown;
-            ownTypes = std::make_unique<TypeChannel>(Quillon::String(), &unknown,
-                                                     kDataElementInitializerDefaultValue, true,
-                                                     false, 0, Traits::kMaxDepth);
-            ownTypes->update(topology);
-        }
-    }
-    TypeChannel* types = hasValueTypes ? io_valueType : ownTypes.get();
-
-    auto reset = [&](float& v) {
-        if (redistanceInterior && v < 0.0f)
-            v = -background;
-        if (redistanceExterior && v >= 0.0f)
-            v = background;
-    };
-
-    {
-        auto const timer =
-            CoreGL::Logger::timer(name + ".reset_zero_crossing_and_assign_value_type", nullptr);
-        if (hasMask && useValues)
-            carryExcludedMarks(container, *types, minDepth, maxDepth);
-        for (int depth = minDepth; depth <= maxDepth; ++depth) {
-            float const h = float(Container<Traits>::voxelDataWidth(depth)) * voxelSize;
-            float const nearZero = 0.001f * h;
-            for (int colour = 0; colour < 2; ++colour) {
-                parallelRanges(container.tileCount(depth), [&](std::int64_t begin,
-                                                               std::int64_t end) {
-                    auto accessor = container.tileAccessor();
-                    std::unique_ptr<Sampler<Traits>> local;
-                    if (sampler)
-                        local = std::make_unique<Sampler<Traits>>(*sampler);
-                    auto sample = [&](double3 const& p) {
-                        return local->valueAtTileSpace(p, maxDepth);
-                    };
-                    TileData<float, W, 1, 0> halo(TileData<float, W, 1, 0>::kVoxelCount, 0.0f);
-                    TileData<float, W, 1, 0> frozen(TileData<float, W, 1, 0>::kVoxelCount, 0.0f);
-                    TileData<float, W, 1, 0> maskHalo(TileData<float, W, 1, 0>::kVoxelCount, -1.0f);
-                    for (std::int64_t t = begin; t < end; ++t) {
-                        Tile<Traits> const& tile = container.tile(t, depth);
-                        if (tileColor<Traits>(tile.tijk(), depth) != colour)
-                            continue;
-                        auto values = io_distance.tileData(tile.treeIndex());
-                        auto const flags = dof.tileData(tile.treeIndex());
-                        if (values.size() != N || flags.size() != N)
-                            continue;
-                        auto typeBlock = types ? types->tileData(tile.treeIndex())
-                                               : TileData<unsigned char, W, 0, 0>();
-                        if (types && typeBlock.size() != N)
-                            continue;
-                        auto const maskBlock = mask ? mask->tileData(tile.treeIndex())
-                                                    : ConstTileData<float, W, 0, 0>();
-                        // The covering coarse voxel at a jump, not the interpolated rim: the
-                        // zero-crossing test below must see the sign the coarse depth holds, and a
-                        // blend of two coarse voxels of opposite signs could invent a crossing.
-                        setHaloTile<Traits, float, 0, 1, 0>(
-                            tile.treeIndex(), io_distance, haloMode, kHaloTypeFacesAndEdges,
-                            accessor, halo, io_distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
-                        boundCoarseRim(tile, accessor, voxelSize, halo, minDepth, true);
-                        if (mask)
-                            setHaloTile<Traits, float, 0, 1, 0>(
-                                tile.treeIndex(), *mask, haloMode, kHaloTypeFacesAndEdges, accessor,
-                                maskHalo, mask->defaultValue(), 1.0f, kVoxelOffsetCenter);
-                        if (needExtended)
-                            setHaloTile<Traits, float, 0, 1, 0>(
-                                tile.treeIndex(), *extended, kHaloModeRedistance,
-                                kHaloTypeFacesAndEdges, accessor, frozen, extended->defaultValue(),
-                                1.0f, kVoxelOffsetCenter);
-                        if (needExtended)
-                            boundCoarseRim(tile, accessor, voxelSize, frozen, minDepth, true);
-                        Tile<Traits> const* parent = tile.parent() >= 0
-                                                         ? &container.tile(tile.parent(), depth - 1)
-                                                         : nullptr;
-                        int3 const slot = parent ? parent->childIJK(tile) : int3{0, 0, 0};
-                        for (int k = 0; k < W; ++k)
-                            for (int j = 0; j < W; ++j)
-                                for (int i = 0; i < W; ++i) {
-                                    if (hasMask &&
-                                        ((hasMaskChannel && !(maskBlock(i, j, k) < 0.0f)) ||
-                                         (useValues && typeBlock(i, j, k) == kValueTypeExcluded))) {
-                                        // A masked voxel keeps its value: the sweeps must not
-                                        // solve it, nor read it.
-                                        if (useValues)
-                                            typeBlock(i, j, k) = kValueTypeExcluded;
-                                        continue;
-                                    }
-                                    short const f = flags(i, j, k);
-                                    // A hanging voxel is solved here as well: the finer data next
-                                    // to it know its value better than the coarser lattice, which
-                                    // only fills in where the sweeps of this depth leave it
-                                    // unreached.
-                                    bool const hanging =
-                                        (f & kDOFHanging) && !(f & kDOFNotInterpolated);
-                                    bool const isDOF = (f & kDOFSolved) || hanging ||
-                                                       (depth == maxDepth && (f & kDOFFromChild));
-                                    float& v = values(i, j, k);
-                                    if (!isDOF) {
-                                        if (hasMask && useValues && parent) {
-                                            if (i % 2 == 0 && j % 2 == 0 && k % 2 == 0) {
-                                                // The parent voxel at this voxel's place.
-                                                constexpr int R = Traits::kRatio;
-                                                int const pi = slot.x * S + i / R,
-                                                          pj = slot.y * S + j / R,
-                                                          pk = slot.z * S + k / R;
-                                                auto const pt =
-                                                    static_cast<TypeChannel const*>(types)
-                                                        ->tileData(parent->treeIndex());
-                                                auto const pv =
-                                                    static_cast<FloatChannel const&>(io_distance)
-                                                        .tileData(parent->treeIndex());
-                                                if (pt.size() == N && pv.size() == N &&
-                                                    pt(pi, pj, pk) == kValueTypeKnown) {
-                                                    typeBlock(i, j, k) = kValueTypeKnown;
-                                                    v = pv(pi, pj, pk);
-                                                    continue;
-                                                }
-                                            }
-                                        } else if (useValues) {
-                                            typeBlock(i, j, k) = kValueTypeKnown;
-                                        }
-                                        reset(v);
-                                        continue;
-                                    }
-                                    bool const inside = 0.0f > v;
-                                    bool const sideSolved =
-                                        inside ? redistanceInterior : redistanceExterior;
-                                    if (hasValueTypes) {
-                                        unsigned char& vt = typeBlock(i, j, k);
-                                        if (vt == kValueTypeKnown || vt == kValueTypeExcluded)
-                                            continue;
-                                        reset(v);
-                                        if (!sideSolved)
-                                            vt = kValueTypeKnown;
-                                        continue;
-                                    }
-                                    // On the halo copy; with a mask, only the face neighbours of
-                                    // the mask's inside take part in the sign test.
-                                    bool const change = onZeroCrossing<W, false>(
-                                        halo, i, j, k, nearZero, [&](int a, int b, int c) {
-                                            return !hasMask || maskHalo(a, b, c) < 0.0f;
-                                        });
-                                    if (!change) {
-                                        reset(v);
-                                        if (useValues && !sideSolved)
-                                            typeBlock(i, j, k) = kValueTypeKnown;
-                                        continue;
-                                    }
-                                    if (needExtended) {
-                                        float const fv = frozen(i, j, k);
-                                        float const n6[6] = {
-                                            frozen(i + 1, j, k), frozen(i - 1, j, k),
-                                            frozen(i, j + 1, k), frozen(i, j - 1, k),
-                                            frozen(i, j, k + 1), frozen(i, j, k - 1)};
-                                        double3 const p0 = samplePosition(tile, i, j, k);
-                                        v = surfaceDistance(sample, fv, n6, h, p0, voxelSize);
-                                    }
-                                    if (useValues)
-                                        typeBlock(i, j, k) = kValueTypeKnown;
-                                }
-                    }
-                });
-            }
-        }
-    }
-
-    TileActivity activity;
-    // Relaxation of one depth: colours alternate until two in a row are quiet, or, while an
-    // unknown voxel still holds the background, up to maxSweeps.
-    auto redistanceAtDepth = [&](int depth, int passes) {
-        auto const timer = CoreGL::Logger::timer(name + ".redistance_at_depth", nullptr);
-        DepthNumbers const numbers = depthNumbers<Traits>(voxelSize, depth, tolerance);
-        int sweep = 0, consecutive = 0;
-        std::atomic<bool> unreached{false};
-        // Tiles that are fixed points of the relaxation are left out until a neighbour changes;
-        // their unreached state is the one of their last relaxation.
-        activity.reset(container, depth);
-        for (;;) {
-            if (sweep >= passes || consecutive >= 2) {
-                if (!(unreached.load() && sweep < maxSweeps))
-                    break;
-            }
-            int const colour = sweep % 2;
-            // A pair of colours is judged together: two quiet colours end the depth only when
-            // they are one pair, and a voxel left unreached by either keeps the depth going.
-            if (colour == 0) {
-                consecutive = 0;
-                unreached.store(false);
-            }
-            std::atomic<bool> converged{true};
-            parallelRanges(container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
-                auto accessor = container.tileAccessor();
-                TileData<float, W, 1, 0> u(TileData<float, W, 1, 0>::kVoxelCount, 0.0f);
-                TileData<unsigned char, W, 1, 0> typeHalo(
-                    TileData<unsigned char, W, 1, 0>::kVoxelCount,
-                    (unsigned char)kValueTypeExcluded);
-                for (std::int64_t t = begin; t < end; ++t) {
-                    Tile<Traits> const& tile = container.tile(t, depth);
-                    if (tileColor<Traits>(tile.tijk(), depth) != colour)
-                        continue;
-                    if (activity.skippable(t)) {
-                        if (activity.flag[std::size_t(t)])
-                            unreached.store(true, std::memory_order_relaxed);
-                        continue;
-                    }
-                    auto const tb =
-                        static_cast<TypeChannel const*>(types)->tileData(tile.treeIndex());
-                    auto values = io_distance.tileData(tile.treeIndex());
-                    if (tb.size() != N || values.size() != N)
-                        continue;
-                    if (!hasUnknown<N>(tb.data())) {
-                        activity.record(t, false);
-                        continue;
-                    }
-                    setHaloTile<Traits, float, 0, 1, 0>(
-                        tile.treeIndex(), io_distance, haloMode, kHaloTypeFacesAndEdges, accessor,
-                        u, io_distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
-                    boundCoarseRim(tile, accessor, voxelSize, u, minDepth);
-                    float change;
-                    if (hasMask) {
-                        setHaloTile<Traits, unsigned char, 0, 1, 0>(
-                            tile.treeIndex(), *types, typeHaloMode, kHaloTypeFacesAndEdges,
-                            accessor, typeHalo, (unsigned char)kValueTypeExcluded, 1.0f,
-                            kVoxelOffsetCenter);
-                        change = sweepTile<W>(interiorBand, exteriorBand, numbers, tb.data(), u,
-                                              kSweepRedBlack, bandCheck, kVoxelsPerTile<Traits>,
-                                              MaskedNeighbour{typeHalo.data()});
-                    } else {
-                        change = sweepTile<W>(interiorBand, exteriorBand, numbers, tb.data(), u,
-                                              kSweepRedBlack, bandCheck, kVoxelsPerTile<Traits>,
-                                              PlainNeighbour{});
-                    }
-                    if (change > numbers.tol)
-                        converged.store(false, std::memory_order_relaxed);
-                    activity.record(t, change > 0.0f);
-                    bool tested = false;
-                    for (int k = 0; k < W; ++k)
-                        for (int j = 0; j < W; ++j)
-                            for (int i = 0; i < W; ++i) {
-                                float const x = u(i, j, k);
-                                values(i, j, k) = x;
-                                if (!tested && tb(i, j, k) == kValueTypeUnknown &&
-                                    !(x > -background && x < background)) {
-                                    unreached.store(true, std::memory_order_relaxed);
-                                    tested = true;
-                                }
-                            }
-                    activity.flag[std::size_t(t)] = tested ? 1 : 0;
-                }
-            });
-            if (converged.load())
-                ++consecutive;
-            ++sweep;
-            ++activity.pass;
-        }
-        if (CoreGL::Logger::verboseLevel() > 2)
-            CoreGL::Logger::debugFileStream() << "Depth " << depth << " completed in " << sweep
-                                              << " of " << passes << " sweeps\n";
-    };
-
-    // Without value types nothing is solved and only the transfers between depths run.
-    // Fine to coarse: relax, then hand the values up.
-    for (int depth = maxDepth; depth >= minDepth; --depth) {
-        if (useValues)
-            redistanceAtDepth(depth, pre);
-        if (depth != minDepth) {
-            if (hasMask) {
-                auto const timer = CoreGL::Logger::timer(name + ".restrict", nullptr);
-                setNonLeafValueToChildValue<Traits, float, W, 0>(
-                    io_distance, container, topology.offsetType(), depth - 1, depth - 1);
-            } else {
-                restrictToParents(container, dof, io_distance, depth - 1, depth, name);
-            }
-        }
-    }
-    // Coarse to fine: take the border from the coarser depth, relax again.
-    for (int depth = minDepth + 1; depth <= maxDepth; ++depth) {
-        interpolateHanging(container, dof, io_distance, depth, depth, name,
-                           useValues ? types : nullptr);
-        if (useValues)
-            redistanceAtDepth(depth, post);
-    }
-    if (hasMask) {
-        setNonLeafValueToChildValue<Traits, float, W, 0>(
-            io_distance, container, topology.offsetType(), 0, Traits::kMaxDepth);
-        interpolateHanging(container, dof, io_distance, std::max(1, minDepth), maxDepth, name,
-                           useValues ? types : nullptr);
-    } else {
-        restrictToParents(container, dof, io_distance, minDepth, maxDepth, name);
-    }
+    AdaptiveSweep<Traits>({container, topology, dof, redistanceInterior, redistanceExterior,
+                           overwriteSurface, minDepth, maxDepth, tolerance, interiorBand,
+                           exteriorBand, pre, post, haloByExtrapolation, name, io_distance, mask,
+                           io_valueType})
+        .run();
 }
 
 #define HEXMOLD_INSTANTIATE_SWEEP_ADAPTIVE(TR)                                                     \

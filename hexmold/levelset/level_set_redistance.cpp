@@ -1,16 +1,19 @@
 /// @file  levelset/level_set_redistance.cpp
-/// @brief The redistancing driver: the choice of solve, the preparation of the classical
-///        recursion (zero crossing, components, reset of the unknowns) and re-initialization.
+/// @brief The redistancing driver: the choice of solve, the classical path in named stages (zero
+///        crossing, exclusion of unreachable voxels, reset of the unknowns, recursion, coarse
+///        values) and re-initialization.
 #include <hexmold/levelset/level_set_redistance.h>
 
 #include <atomic>
 #include <cmath>
+#include <hexmold/levelset/detail/classical_redistance_kernels.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/sampling/linear_sampler.h>
 #include <hexmold/substrate/channel_temporary.h>
 #include <hexmold/substrate/halo.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/substrate/union_find.h>
 #include <limits>
@@ -22,6 +25,7 @@ namespace VolumeGL::TileTree3D::LevelSet {
 namespace {
 
 using namespace TVL::TileTree3D;
+using detail::countsAsLeaf;
 using detail::kEpsilon;
 using detail::kTinyDistance;
 using Tavrel::Math::double3;
@@ -31,486 +35,382 @@ template <typename Traits> using TypeChannel = VoxelChannel<Traits, unsigned cha
 template <typename Traits>
 using Sampler = VoxelSamplerLinear<Traits, float, Traits::kTileWidth, 2, double3>;
 
-/// A scratch channel bound to @p topology over depths [minDepth, maxDepth], every element
-/// @p value, drawn from the channel pool when it is enabled.
-template <typename Traits, typename T>
-std::unique_ptr<VoxelChannel<Traits, T>> makeTemporary(VoxelTopology<Traits> const& topology,
-                                                       T value, int minDepth, int maxDepth)
-{
-    auto channel = std::make_unique<VoxelChannel<Traits, T>>(Quillon::String(), &value,
-                                                             kDataElementInitializerDefaultValue,
-                                                             true, false, minDepth, maxDepth);
-    channel->update(topology);
-    return channel;
-}
+/// @brief The classical path, stage by stage: zero crossing, exclusion of what no sweep reaches,
+///        reset of the unknowns, recursion, coarse copies.
+/// @details The stages share the call's arguments and the work channels made for it; each stage
+///          is one timed member, its per-voxel work in `classical_redistance_kernels.h`.
+template <typename Traits> class ClassicalRedistance {
+public:
+    static constexpr int W = Traits::kTileWidth;
+    static constexpr int S = Traits::kVoxelsPerSlot;
+    static constexpr std::size_t N = std::size_t(W) * W * W;
 
-/// The value, at the deepest depth it exists (down to @p maxDepth), of the voxel that holds
-/// tile-space point @p p; @p fallback where no tile or block is.
-template <typename Traits, typename T>
-T valueAt(typename Container<Traits>::ConstTileAccessor& accessor,
-          VoxelChannel<Traits, T> const& channel, std::int64_t x, std::int64_t y, std::int64_t z,
-          int maxDepth, T fallback, Tile<Traits> const** out = nullptr)
-{
-    constexpr std::size_t N =
-        std::size_t(Traits::kTileWidth) * Traits::kTileWidth * Traits::kTileWidth;
-    Tile<Traits> const& t = accessor.tile(x, y, z, maxDepth);
-    if (out)
-        *out = &t;
-    if (!t.valid())
-        return fallback;
-    auto const block = channel.tileData(t.treeIndex());
-    if (block.size() != N)
-        return fallback;
-    std::int64_t const w = t.voxelDataWidth();
-    return block(int((x - t.ti()) / w), int((y - t.tj()) / w), int((z - t.tk()) / w));
-}
+    struct Arguments {
+        Container<Traits> const& container;
+        VoxelTopology<Traits> const& topology;
+        FloatChannel<Traits>& distance;
+        bool redistanceInterior, redistanceExterior, overwriteSurface;
+        int minDepth, maxDepth;
+        FloatChannel<Traits> const* mask;
+        TypeChannel<Traits>* callerTypes;
+        float tolerance, interiorBand, exteriorBand;
+        int pre, post;
+        bool haloByExtrapolation, performCoalescedRedistance;
+        VoxelChannel<Traits, short> const* dof;
+        Quillon::String const& name;
+    };
 
-/// Whether voxel (i, j, k) of @p tile is solved at its own depth in the recursion: a leaf voxel,
-/// or any voxel of the finest depth treated.
-template <typename Traits>
-bool countsAsLeaf(Tile<Traits> const& tile, int i, int j, int k, int maxDepth)
-{
-    return tile.depth() == maxDepth || tile.isLeaf(i, j, k);
-}
-
-/// The six same-depth face neighbours of one tile and their blocks (empty where there is none),
-/// looked up once per tile instead of once per voxel on the tile's faces.
-template <typename Traits> struct FaceNeighbourBlocks {
-    ConstTileData<float, Traits::kTileWidth, 0, 0> block[6];
-    Tile<Traits> const* tile[6] = {};
-
-    FaceNeighbourBlocks(Tile<Traits> const& t, FloatChannel<Traits> const& distance,
-                        typename Container<Traits>::ConstTileAccessor& accessor)
+    explicit ClassicalRedistance(Arguments const& a)
+        : a(a), mVoxelSize(a.container.voxelSize()),
+          mBackground(std::fabs(a.distance.defaultValue()))
     {
-        for (int f = 0; f < 6; ++f) {
-            int const axis = f / 2, side = f % 2 == 0 ? -1 : 1;
-            Tile<Traits> const& beside = accessor.tileNeighbor(t, 13 + side * (axis == 0   ? 9
-                                                                               : axis == 1 ? 3
-                                                                                           : 1));
-            if (!beside.valid() || beside.depth() != t.depth())
+    }
+
+    void run()
+    {
+        // The frozen input: every zero-crossing value is computed from it while the channel
+        // changes.
+        if (a.overwriteSurface) {
+            auto const timer = CoreGL::Logger::timer(a.name + ".create_halo_channel", nullptr);
+            mSampler = std::make_unique<Sampler<Traits>>(a.container, a.topology, a.distance);
+        }
+        bool const needZeroCrossingValues = a.overwriteSurface && !hasValueTypes();
+        if (!needZeroCrossingValues && !a.redistanceInterior && !a.redistanceExterior)
+            return;
+        if (!hasValueTypes()) {
+            auto const timer =
+                CoreGL::Logger::timer(a.name + ".create_value_type_channel", nullptr);
+            mOwnTypes =
+                scratchChannel<TypeChannel<Traits>>(a.topology, (unsigned char)kValueTypeUnknown, 0,
+                                                    Traits::kMaxDepth, {}, ScratchMemory::kPool);
+        }
+        if (needZeroCrossingValues) {
+            auto const timer =
+                CoreGL::Logger::timer(a.name + ".create_zero_crossing_values", nullptr);
+            mZeroCrossing = scratchChannel<FloatChannel<Traits>>(
+                a.topology, mBackground, 0, Traits::kMaxDepth, {}, ScratchMemory::kPool);
+        }
+        initializeZeroCrossing();
+        if (a.mask)
+            excludeUnreachable();
+        resetUnknowns();
+        {
+            auto const timer = CoreGL::Logger::timer(a.name + ".redistance_recursively", nullptr);
+            detail::redistanceRecursively<Traits>(
+                a.distance, a.mask, a.container, &types(), a.tolerance, a.maxDepth, a.minDepth,
+                a.maxDepth, a.interiorBand, a.exteriorBand, a.pre, a.post, a.topology.offset(),
+                a.haloByExtrapolation, a.performCoalescedRedistance, a.dof, a.name);
+        }
+        setCoarseValues();
+    }
+
+private:
+    bool hasValueTypes() const { return a.callerTypes != nullptr; }
+    TypeChannel<Traits>& types() const { return hasValueTypes() ? *a.callerTypes : *mOwnTypes; }
+    /// The background of @p v's side.
+    float reset(float v) const { return 0.0f >= v ? -mBackground : mBackground; }
+    bool solvedSide(float v) const
+    {
+        return v <= 0.0f ? a.redistanceInterior : a.redistanceExterior;
+    }
+
+    /// Stage "initialize_zero_crossing": voxels next to a sign change become known; without
+    /// value types from the caller, their distance to the surface is estimated into the
+    /// zero-crossing channel (or, without one, left as it is).
+    void initializeZeroCrossing()
+    {
+        auto const timer = CoreGL::Logger::timer(a.name + ".initialize_zero_crossing", nullptr);
+        for (int depth = a.maxDepth; depth >= a.minDepth; --depth)
+            detail::parallelRanges(a.container.tileCount(depth),
+                                   [&](std::int64_t begin, std::int64_t end) {
+                                       zeroCrossingTiles(depth, begin, end);
+                                   });
+        if (a.dof && mZeroCrossing)
+            detail::interpolateHanging(a.container, *a.dof, *mZeroCrossing, std::max(1, a.minDepth),
+                                       a.maxDepth, a.name);
+    }
+
+    void zeroCrossingTiles(int depth, std::int64_t begin, std::int64_t end) const
+    {
+        float const h = float(Container<Traits>::voxelDataWidth(depth)) * mVoxelSize;
+        auto accessor = a.container.tileAccessor();
+        std::unique_ptr<Sampler<Traits>> local;
+        if (mSampler)
+            local = std::make_unique<Sampler<Traits>>(*mSampler);
+        auto sample = [&](double3 const& p) { return local->valueAtTileSpace(p, a.maxDepth); };
+        auto gradient = [&](double3 const& p, float f) {
+            return detail::sampledGradient(sample, p, f);
+        };
+        FloatChannel<Traits> const& distance = a.distance;
+        for (std::int64_t t = begin; t < end; ++t) {
+            Tile<Traits> const& tile = a.container.tile(t, depth);
+            auto const values = distance.tileData(tile.treeIndex());
+            auto typeBlock = types().tileData(tile.treeIndex());
+            if (values.size() != N || typeBlock.size() != N)
                 continue;
-            tile[f] = &beside;
-            block[f] = distance.tileData(beside.treeIndex());
-        }
-    }
-    /// All six neighbours exist at the tile's depth with blocks of @p n voxels.
-    bool complete(std::size_t n) const
-    {
-        for (int f = 0; f < 6; ++f)
-            if (!tile[f] || block[f].size() != n)
-                return false;
-        return true;
-    }
-};
-
-/// The face neighbour of voxel (i, j, k) of @p tile on side @p side (-1 or +1) of @p axis, read
-/// across tile borders and resolution jumps: within the tile from a leaf voxel directly,
-/// otherwise from the deepest voxel that touches the shared face in its middle. NaN where no
-/// neighbour of at most one depth coarser exists.
-template <typename Traits>
-float faceNeighbour(Tile<Traits> const& tile,
-                    ConstTileData<float, Traits::kTileWidth, 0, 0> const& block,
-                    FloatChannel<Traits> const& distance,
-                    typename Container<Traits>::ConstTileAccessor& accessor, int i, int j, int k,
-                    int axis, int side, int maxDepth,
-                    FaceNeighbourBlocks<Traits> const* faces = nullptr)
-{
-    constexpr int W = Traits::kTileWidth;
-    int n[3] = {i, j, k};
-    n[axis] += side;
-    bool const inside = n[0] >= 0 && n[0] < W && n[1] >= 0 && n[1] < W && n[2] >= 0 && n[2] < W;
-    if (inside && countsAsLeaf(tile, n[0], n[1], n[2], maxDepth))
-        return block(n[0], n[1], n[2]);
-    if (!inside && faces) {
-        int const f = 2 * axis + (side < 0 ? 0 : 1);
-        if (Tile<Traits> const* beside = faces->tile[f]) {
-            n[axis] = side < 0 ? W - 1 : 0;
-            if (countsAsLeaf(*beside, n[0], n[1], n[2], maxDepth) &&
-                faces->block[f].size() == block.size())
-                return faces->block[f](n[0], n[1], n[2]);
-        }
-    } else if (!inside) {
-        // The same-depth tile beside, from the neighbour table, when it holds a leaf voxel there.
-        int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
-        Tile<Traits> const& beside = accessor.tileNeighbor(tile, direction);
-        if (beside.valid() && beside.depth() == tile.depth()) {
-            n[axis] = side < 0 ? W - 1 : 0;
-            if (countsAsLeaf(beside, n[0], n[1], n[2], maxDepth)) {
-                auto const other = distance.tileData(beside.treeIndex());
-                if (other.size() == block.size())
-                    return other(n[0], n[1], n[2]);
+            auto const maskBlock =
+                a.mask ? a.mask->tileData(tile.treeIndex()) : ConstTileData<float, W, 0, 0>();
+            detail::FaceNeighbourBlocks<Traits> const faces(tile, distance, accessor);
+            if (!local && !a.mask && !hasValueTypes() && depth == a.maxDepth && faces.complete(N)) {
+                // Only the crossing test runs, and every face neighbour is a leaf voxel of this
+                // tile or of a same-depth tile beside it.
+                for (int k = 0; k < W; ++k)
+                    for (int j = 0; j < W; ++j)
+                        for (int i = 0; i < W; ++i) {
+                            if (typeBlock(i, j, k) != kValueTypeUnknown)
+                                continue;
+                            float const v = values(i, j, k);
+                            if (!solvedSide(v))
+                                continue;
+                            float const n[6] = {
+                                faces.at(values, i - 1, j, k), faces.at(values, i + 1, j, k),
+                                faces.at(values, i, j - 1, k), faces.at(values, i, j + 1, k),
+                                faces.at(values, i, j, k - 1), faces.at(values, i, j, k + 1)};
+                            if (detail::signChangesTowardAny(v, n))
+                                typeBlock(i, j, k) = kValueTypeKnown;
+                        }
+                continue;
             }
-        }
-    }
-    std::int64_t const w = tile.voxelDataWidth();
-    std::int64_t p[3] = {tile.ti() + i * w + w / 2, tile.tj() + j * w + w / 2,
-                         tile.tk() + k * w + w / 2};
-    std::int64_t const c = (axis == 0   ? tile.ti() + i * w
-                            : axis == 1 ? tile.tj() + j * w
-                                        : tile.tk() + k * w);
-    p[axis] = side < 0 ? c - 1 : c + w;
-    Tile<Traits> const* found = nullptr;
-    float const value = valueAt<Traits, float>(accessor, distance, p[0], p[1], p[2], maxDepth,
-                                               distance.defaultValue(), &found);
-    // A voxel more than one depth coarser (a tree that is not graded there) sits too far away
-    // for its sign to say anything about a crossing next to this voxel.
-    if (!found->valid() || found->depth() < tile.depth() - 1)
-        return std::numeric_limits<float>::quiet_NaN();
-    return value;
-}
-
-/// The classical path: zero crossing, components, reset, recursion, coarse copies.
-template <typename Traits>
-void redistanceClassical(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
-                         FloatChannel<Traits>& distance, bool redistanceInterior,
-                         bool redistanceExterior, bool overwriteSurface, int minDepth, int maxDepth,
-                         FloatChannel<Traits> const* mask, TypeChannel<Traits>* callerTypes,
-                         float tolerance, float interiorBand, float exteriorBand, int pre, int post,
-                         bool haloByExtrapolation, bool performCoalescedRedistance,
-                         VoxelChannel<Traits, short> const* dof, Quillon::String const& name)
-{
-    constexpr int W = Traits::kTileWidth;
-    constexpr int S = Traits::kVoxelsPerSlot;
-    constexpr std::size_t N = std::size_t(W) * W * W;
-    float const voxelSize = container.voxelSize();
-
-    // The frozen input: every zero-crossing value is computed from it while the channel changes.
-    std::unique_ptr<Sampler<Traits>> sampler;
-    if (overwriteSurface) {
-        auto const timer = CoreGL::Logger::timer(name + ".create_halo_channel", nullptr);
-        sampler = std::make_unique<Sampler<Traits>>(container, topology, distance);
-    }
-    bool const hasValueTypes = callerTypes != nullptr;
-    bool const needZeroCrossingValues = overwriteSurface && !hasValueTypes;
-    if (!needZeroCrossingValues && !redistanceInterior && !redistanceExterior)
-        return;
-
-    float const background = std::fabs(distance.defaultValue());
-    float const negativeBackground = -background;
-    auto reset = [&](float v) { return 0.0f >= v ? negativeBackground : background; };
-
-    std::unique_ptr<TypeChannel<Traits>> ownTypes;
-    if (!hasValueTypes) {
-        auto const timer = CoreGL::Logger::timer(name + ".create_value_type_channel", nullptr);
-        ownTypes = makeTemporary<Traits, unsigned char>(topology, (unsigned char)kValueTypeUnknown,
-                                                        0, Traits::kMaxDepth);
-    }
-    TypeChannel<Traits>& types = hasValueTypes ? *callerTypes : *ownTypes;
-
-    std::unique_ptr<FloatChannel<Traits>> zeroCrossing;
-    if (needZeroCrossingValues) {
-        auto const timer = CoreGL::Logger::timer(name + ".create_zero_crossing_values", nullptr);
-        zeroCrossing = makeTemporary<Traits, float>(topology, background, 0, Traits::kMaxDepth);
-    }
-
-    {
-        auto const timer = CoreGL::Logger::timer(name + ".initialize_zero_crossing", nullptr);
-        for (int depth = maxDepth; depth >= minDepth; --depth) {
-            float const h = float(Container<Traits>::voxelDataWidth(depth)) * voxelSize;
-            detail::parallelRanges(container.tileCount(depth), [&](std::int64_t begin,
-                                                                   std::int64_t end) {
-                auto accessor = container.tileAccessor();
-                std::unique_ptr<Sampler<Traits>> local;
-                if (sampler)
-                    local = std::make_unique<Sampler<Traits>>(*sampler);
-                auto sample = [&](double3 const& p) {
-                    return local->valueAtTileSpace(p, maxDepth);
-                };
-                auto gradient = [&](double3 const& p, float f) {
-                    return detail::sampledGradient(sample, p, f);
-                };
-                for (std::int64_t t = begin; t < end; ++t) {
-                    Tile<Traits> const& tile = container.tile(t, depth);
-                    auto const values = static_cast<FloatChannel<Traits> const&>(distance).tileData(
-                        tile.treeIndex());
-                    auto typeBlock = types.tileData(tile.treeIndex());
-                    if (values.size() != N || typeBlock.size() != N)
-                        continue;
-                    auto const maskBlock =
-                        mask ? mask->tileData(tile.treeIndex()) : ConstTileData<float, W, 0, 0>();
-                    FaceNeighbourBlocks<Traits> const faces(tile, distance, accessor);
-                    if (!local && !mask && !hasValueTypes && depth == maxDepth &&
-                        faces.complete(N)) {
-                        // Only the crossing test runs, and every face neighbour is a leaf voxel
-                        // of this tile or of a same-depth tile beside it.
-                        auto const at = [&](int i, int j, int k) -> float {
-                            if (i < 0)
-                                return faces.block[0](W - 1, j, k);
-                            if (i >= W)
-                                return faces.block[1](0, j, k);
-                            if (j < 0)
-                                return faces.block[2](i, W - 1, k);
-                            if (j >= W)
-                                return faces.block[3](i, 0, k);
-                            if (k < 0)
-                                return faces.block[4](i, j, W - 1);
-                            if (k >= W)
-                                return faces.block[5](i, j, 0);
-                            return values(i, j, k);
-                        };
-                        for (int k = 0; k < W; ++k)
-                            for (int j = 0; j < W; ++j)
-                                for (int i = 0; i < W; ++i) {
-                                    if (typeBlock(i, j, k) != kValueTypeUnknown)
+            auto zcBlock = mZeroCrossing ? mZeroCrossing->tileData(tile.treeIndex())
+                                         : TileData<float, W, 0, 0>();
+            auto out = mZeroCrossing ? zcBlock : a.distance.tileData(tile.treeIndex());
+            // 2 x 2 x 2 blocks of the tile's voxels.
+            for (int bk = 0; bk < W; bk += 2)
+                for (int bj = 0; bj < W; bj += 2)
+                    for (int bi = 0; bi < W; bi += 2)
+                        for (int k = bk; k < std::min(bk + 2, W); ++k)
+                            for (int j = bj; j < std::min(bj + 2, W); ++j)
+                                for (int i = bi; i < std::min(bi + 2, W); ++i) {
+                                    bool const leaf = countsAsLeaf(tile, i, j, k, a.maxDepth);
+                                    if (maskBlock.size() == N && maskBlock(i, j, k) >= 0.0f) {
+                                        if (leaf)
+                                            typeBlock(i, j, k) = kValueTypeExcluded;
+                                        continue;
+                                    }
+                                    if (typeBlock(i, j, k) != kValueTypeUnknown || hasValueTypes())
+                                        continue;
+                                    if (!leaf && !a.dof)
                                         continue;
                                     float const v = values(i, j, k);
-                                    if (v <= 0.0f ? !redistanceInterior : !redistanceExterior)
+                                    if (!solvedSide(v))
                                         continue;
-                                    bool const inside = 0.0f > v;
-                                    float const n[6] = {at(i - 1, j, k), at(i + 1, j, k),
-                                                        at(i, j - 1, k), at(i, j + 1, k),
-                                                        at(i, j, k - 1), at(i, j, k + 1)};
-                                    bool crossing = false;
-                                    for (float x : n)
-                                        crossing |= !std::isnan(x) && (0.0f > x) != inside;
-                                    if (crossing)
-                                        typeBlock(i, j, k) = kValueTypeKnown;
+                                    float n[6];
+                                    for (int f = 0; f < 6; ++f)
+                                        n[f] = detail::faceNeighbour(
+                                            tile, values, distance, accessor, i, j, k, f / 2,
+                                            f % 2 == 0 ? -1 : 1, a.maxDepth, &faces);
+                                    detail::AxisCrossings const crossings =
+                                        detail::axisCrossings(v, h, n);
+                                    if (!crossings.any)
+                                        continue;
+                                    typeBlock(i, j, k) = kValueTypeKnown;
+                                    if (!local)
+                                        continue;
+                                    float x = detail::planeThroughCrossings(crossings, h, v);
+                                    double3 const p0 = detail::samplePosition(tile, i, j, k);
+                                    float const s = 0.0f > v ? -1.0f : 1.0f;
+                                    float const stepped = detail::stepToZeroCrossing(
+                                        sample, gradient, p0, v, s, gradient(p0, sample(p0)),
+                                        mVoxelSize, 0.001f * h, 4);
+                                    if (std::fabs(stepped) < x)
+                                        x = std::fabs(stepped);
+                                    out(i, j, k) = s * std::max(x, kTinyDistance);
                                 }
-                        continue;
-                    }
-                    auto zcBlock = zeroCrossing ? zeroCrossing->tileData(tile.treeIndex())
-                                                : TileData<float, W, 0, 0>();
-                    auto out = zeroCrossing ? zcBlock : distance.tileData(tile.treeIndex());
-                    // 2 x 2 x 2 blocks of the tile's voxels.
-                    for (int bk = 0; bk < W; bk += 2)
-                        for (int bj = 0; bj < W; bj += 2)
-                            for (int bi = 0; bi < W; bi += 2)
-                                for (int k = bk; k < std::min(bk + 2, W); ++k)
-                                    for (int j = bj; j < std::min(bj + 2, W); ++j)
-                                        for (int i = bi; i < std::min(bi + 2, W); ++i) {
-                                            bool const leaf = countsAsLeaf(tile, i, j, k, maxDepth);
-                                            if (maskBlock.size() == N &&
-                                                maskBlock(i, j, k) >= 0.0f) {
-                                                if (leaf)
-                                                    typeBlock(i, j, k) = kValueTypeExcluded;
-                                                continue;
-                                            }
-                                            if (typeBlock(i, j, k) != kValueTypeUnknown ||
-                                                hasValueTypes)
-                                                continue;
-                                            if (!leaf && !dof)
-                                                continue;
-                                            float const v = values(i, j, k);
-                                            if (v <= 0.0f ? !redistanceInterior
-                                                          : !redistanceExterior)
-                                                continue;
-                                            bool const inside = 0.0f > v;
-                                            float axisDistance[3] = {2.0f * h, 2.0f * h, 2.0f * h};
-                                            bool crossing = false;
-                                            for (int axis = 0; axis < 3; ++axis)
-                                                for (int side = -1; side <= 1; side += 2) {
-                                                    float const n = faceNeighbour(
-                                                        tile, values, distance, accessor, i, j, k,
-                                                        axis, side, maxDepth, &faces);
-                                                    if (std::isnan(n) || (0.0f > n) == inside)
-                                                        continue;
-                                                    crossing = true;
-                                                    float const d = std::fabs(v / (v - n)) * h;
-                                                    axisDistance[axis] =
-                                                        std::min(axisDistance[axis], d);
-                                                }
-                                            if (!crossing)
-                                                continue;
-                                            typeBlock(i, j, k) = kValueTypeKnown;
-                                            if (!local)
-                                                continue;
-                                            // Distance to the plane through the three axis
-                                            // crossings.
-                                            float inverse = 0.0f;
-                                            for (float d : axisDistance)
-                                                if (d < 2.0f * h)
-                                                    inverse +=
-                                                        1.0f / std::max(d * d, kTinyDistance);
-                                            float x = inverse > 0.0f ? 1.0f / std::sqrt(inverse)
-                                                                     : std::fabs(v);
-                                            double3 const p0 =
-                                                detail::samplePosition(tile, i, j, k);
-                                            float const s = inside ? -1.0f : 1.0f;
-                                            float const stepped = detail::stepToZeroCrossing(
-                                                sample, gradient, p0, v, s,
-                                                gradient(p0, sample(p0)), voxelSize, 0.001f * h, 4);
-                                            if (std::fabs(stepped) < x)
-                                                x = std::fabs(stepped);
-                                            out(i, j, k) = s * std::max(x, kTinyDistance);
-                                        }
-                }
-            });
         }
-        if (dof && zeroCrossing)
-            detail::interpolateHanging(container, *dof, *zeroCrossing, std::max(1, minDepth),
-                                       maxDepth, name);
     }
 
-    if (mask) {
-        // Unknown voxels that no path of non-excluded voxels joins to a known one are excluded:
-        // no sweep would ever bring them a value.
-        auto const timer = CoreGL::Logger::timer(name + ".initialize_mask", nullptr);
-        long long const zero = 0;
-        VoxelChannel<Traits, long long> ids(Quillon::String("levelset_redistance/leafId"), &zero,
-                                            kDataElementInitializerDefaultValue, true, false,
-                                            minDepth, maxDepth);
-        ids.update(topology);
-        std::atomic<std::int64_t> counter{1};
-        auto counted = [&](Tile<Traits> const& tile,
-                           ConstTileData<unsigned char, W, 0, 0> const& tb, int i, int j, int k) {
-            return tb(i, j, k) == kValueTypeUnknown && countsAsLeaf(tile, i, j, k, maxDepth);
-        };
-        for (int depth = minDepth; depth <= maxDepth; ++depth)
-            detail::parallelRanges(container.tileCount(depth), [&](std::int64_t begin,
-                                                                   std::int64_t end) {
-                for (std::int64_t t = begin; t < end; ++t) {
-                    Tile<Traits> const& tile = container.tile(t, depth);
-                    auto const tb =
-                        static_cast<TypeChannel<Traits> const&>(types).tileData(tile.treeIndex());
-                    auto idb = ids.tileData(tile.treeIndex());
-                    if (tb.size() != N || idb.size() != N)
-                        continue;
-                    for (int k = 0; k < W; ++k)
-                        for (int j = 0; j < W; ++j)
-                            for (int i = 0; i < W; ++i)
-                                if (counted(tile, tb, i, j, k))
-                                    idb(i, j, k) = counter.fetch_add(1);
-                }
-            });
-        UnionFind sets(std::int64_t(counter.load()));
-        for (int depth = minDepth; depth <= maxDepth; ++depth)
-            detail::parallelRanges(container.tileCount(depth), [&](std::int64_t begin,
-                                                                   std::int64_t end) {
-                auto accessor = container.tileAccessor();
-                for (std::int64_t t = begin; t < end; ++t) {
-                    Tile<Traits> const& tile = container.tile(t, depth);
-                    auto const tb =
-                        static_cast<TypeChannel<Traits> const&>(types).tileData(tile.treeIndex());
-                    auto const idb =
-                        static_cast<VoxelChannel<Traits, long long> const&>(ids).tileData(
-                            tile.treeIndex());
-                    if (tb.size() != N || idb.size() != N)
-                        continue;
-                    std::int64_t const w = tile.voxelDataWidth();
-                    for (int k = 0; k < W; ++k)
-                        for (int j = 0; j < W; ++j)
-                            for (int i = 0; i < W; ++i) {
-                                if (!counted(tile, tb, i, j, k))
-                                    continue;
-                                std::int64_t const c[3] = {tile.ti() + i * w, tile.tj() + j * w,
-                                                           tile.tk() + k * w};
-                                for (int axis = 0; axis < 3; ++axis)
-                                    for (int side = -1; side <= 1; side += 2) {
-                                        std::int64_t p[3] = {c[0], c[1], c[2]};
-                                        p[axis] = side < 0 ? c[axis] - 1 : c[axis] + w;
-                                        Tile<Traits> const& n =
-                                            accessor.tile(p[0], p[1], p[2], depth);
-                                        if (!n.valid() || n.depth() < minDepth)
-                                            continue;
-                                        int3 const q =
-                                            n.childDataIJK(int3{int(p[0]), int(p[1]), int(p[2])});
-                                        if (!countsAsLeaf(n, q.x, q.y, q.z, maxDepth))
-                                            continue;
-                                        auto const nt =
-                                            static_cast<TypeChannel<Traits> const&>(types).tileData(
-                                                n.treeIndex());
-                                        if (nt.size() != N ||
-                                            nt(q.x, q.y, q.z) == kValueTypeExcluded)
-                                            continue;
-                                        auto const nid =
-                                            static_cast<VoxelChannel<Traits, long long> const&>(ids)
-                                                .tileData(n.treeIndex());
-                                        if (nid.size() != N)
-                                            continue;
-                                        sets.unite(idb(i, j, k), nid(q.x, q.y, q.z));
-                                    }
-                            }
-                }
-            });
+    /// Stage "initialize_mask": unknown voxels that no path of non-excluded voxels joins to a
+    /// known one are excluded, since no sweep would ever bring them a value. Leaf voxels are
+    /// numbered, face neighbours united, and every set without the known root excluded.
+    void excludeUnreachable()
+    {
+        auto const timer = CoreGL::Logger::timer(a.name + ".initialize_mask", nullptr);
+        auto const ids = scratchChannel<VoxelChannel<Traits, long long>>(
+            a.topology, 0, a.minDepth, a.maxDepth, "levelset_redistance/leafId",
+            ScratchMemory::kPool);
+        std::int64_t const count = numberUnknownLeaves(*ids);
+        UnionFind sets(count);
+        for (int depth = a.minDepth; depth <= a.maxDepth; ++depth)
+            detail::parallelRanges(a.container.tileCount(depth),
+                                   [&](std::int64_t begin, std::int64_t end) {
+                                       uniteFaceNeighbours(*ids, sets, depth, begin, end);
+                                   });
         std::int64_t const knownRoot = sets.find(0);
-        for (int depth = maxDepth; depth >= minDepth; --depth)
-            detail::parallelRanges(
-                container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
-                    for (std::int64_t t = begin; t < end; ++t) {
-                        Tile<Traits> const& tile = container.tile(t, depth);
-                        auto tb = types.tileData(tile.treeIndex());
-                        auto const idb =
-                            static_cast<VoxelChannel<Traits, long long> const&>(ids).tileData(
-                                tile.treeIndex());
-                        auto values = distance.tileData(tile.treeIndex());
-                        if (tb.size() != N || idb.size() != N || values.size() != N)
-                            continue;
-                        bool allExcluded = true;
-                        for (int k = 0; k < W; ++k)
-                            for (int j = 0; j < W; ++j)
-                                for (int i = 0; i < W; ++i) {
-                                    if (tb(i, j, k) == kValueTypeUnknown &&
-                                        countsAsLeaf(tile, i, j, k, maxDepth) &&
-                                        sets.find(idb(i, j, k)) != knownRoot) {
-                                        tb(i, j, k) = kValueTypeExcluded;
-                                        values(i, j, k) = reset(values(i, j, k));
-                                    }
-                                    allExcluded &= tb(i, j, k) == kValueTypeExcluded;
-                                }
-                        if (!allExcluded || tile.parent() < 0 || depth - 1 < 0)
-                            continue;
-                        // The parent's voxels over this tile: each is written by this tile alone.
-                        Tile<Traits> const& parent = container.tile(tile.parent(), depth - 1);
-                        auto pt = types.tileData(parent.treeIndex());
-                        if (pt.size() != N)
-                            continue;
-                        int3 const slot = parent.childIJK(tile);
-                        for (int k = 0; k < S; ++k)
-                            for (int j = 0; j < S; ++j)
-                                for (int i = 0; i < S; ++i)
-                                    pt(slot.x * S + i, slot.y * S + j, slot.z * S + k) =
-                                        kValueTypeExcluded;
-                    }
-                });
+        for (int depth = a.maxDepth; depth >= a.minDepth; --depth)
+            detail::parallelRanges(a.container.tileCount(depth),
+                                   [&](std::int64_t begin, std::int64_t end) {
+                                       excludeSets(*ids, sets, knownRoot, depth, begin, end);
+                                   });
     }
 
-    // Reset of the unknowns to the background of their side; zero-crossing values move in.
-    for (int depth = 0; depth <= maxDepth; ++depth) {
-        auto const timer = CoreGL::Logger::timer(name + ".initialize_unknown", nullptr);
-        detail::parallelRanges(
-            container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
+    bool unknownLeaf(Tile<Traits> const& tile, ConstTileData<unsigned char, W, 0, 0> const& tb,
+                     int i, int j, int k) const
+    {
+        return tb(i, j, k) == kValueTypeUnknown && countsAsLeaf(tile, i, j, k, a.maxDepth);
+    }
+
+    /// Numbers the unknown leaf voxels from 1 (0 stands for every known voxel); returns the
+    /// count of numbers used, 0 included.
+    std::int64_t numberUnknownLeaves(VoxelChannel<Traits, long long>& ids) const
+    {
+        std::atomic<std::int64_t> counter{1};
+        TypeChannel<Traits> const& types = this->types();
+        for (int depth = a.minDepth; depth <= a.maxDepth; ++depth)
+            detail::parallelRanges(a.container.tileCount(depth),
+                                   [&](std::int64_t begin, std::int64_t end) {
+                                       for (std::int64_t t = begin; t < end; ++t) {
+                                           Tile<Traits> const& tile = a.container.tile(t, depth);
+                                           auto const tb = types.tileData(tile.treeIndex());
+                                           auto idb = ids.tileData(tile.treeIndex());
+                                           if (tb.size() != N || idb.size() != N)
+                                               continue;
+                                           for (int k = 0; k < W; ++k)
+                                               for (int j = 0; j < W; ++j)
+                                                   for (int i = 0; i < W; ++i)
+                                                       if (unknownLeaf(tile, tb, i, j, k))
+                                                           idb(i, j, k) = counter.fetch_add(1);
+                                       }
+                                   });
+        return counter.load();
+    }
+
+    void uniteFaceNeighbours(VoxelChannel<Traits, long long> const& ids, UnionFind& sets, int depth,
+                             std::int64_t begin, std::int64_t end) const
+    {
+        TypeChannel<Traits> const& types = this->types();
+        auto accessor = a.container.tileAccessor();
+        for (std::int64_t t = begin; t < end; ++t) {
+            Tile<Traits> const& tile = a.container.tile(t, depth);
+            auto const tb = types.tileData(tile.treeIndex());
+            auto const idb = ids.tileData(tile.treeIndex());
+            if (tb.size() != N || idb.size() != N)
+                continue;
+            std::int64_t const w = tile.voxelDataWidth();
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) {
+                        if (!unknownLeaf(tile, tb, i, j, k))
+                            continue;
+                        std::int64_t const c[3] = {tile.ti() + i * w, tile.tj() + j * w,
+                                                   tile.tk() + k * w};
+                        for (int axis = 0; axis < 3; ++axis)
+                            for (int side = -1; side <= 1; side += 2) {
+                                std::int64_t p[3] = {c[0], c[1], c[2]};
+                                p[axis] = side < 0 ? c[axis] - 1 : c[axis] + w;
+                                Tile<Traits> const& n = accessor.tile(p[0], p[1], p[2], depth);
+                                if (!n.valid() || n.depth() < a.minDepth)
+                                    continue;
+                                int3 const q =
+                                    n.childDataIJK(int3{int(p[0]), int(p[1]), int(p[2])});
+                                if (!countsAsLeaf(n, q.x, q.y, q.z, a.maxDepth))
+                                    continue;
+                                auto const nt = types.tileData(n.treeIndex());
+                                if (nt.size() != N || nt(q.x, q.y, q.z) == kValueTypeExcluded)
+                                    continue;
+                                auto const nid = ids.tileData(n.treeIndex());
+                                if (nid.size() != N)
+                                    continue;
+                                sets.unite(idb(i, j, k), nid(q.x, q.y, q.z));
+                            }
+                    }
+        }
+    }
+
+    /// Excludes (and resets) the unknown leaves outside the known root's set; a tile left all
+    /// excluded excludes its parent's voxels over it, which only this tile writes.
+    void excludeSets(VoxelChannel<Traits, long long> const& ids, UnionFind& sets,
+                     std::int64_t knownRoot, int depth, std::int64_t begin, std::int64_t end) const
+    {
+        TypeChannel<Traits>& types = this->types();
+        for (std::int64_t t = begin; t < end; ++t) {
+            Tile<Traits> const& tile = a.container.tile(t, depth);
+            auto tb = types.tileData(tile.treeIndex());
+            auto const idb = ids.tileData(tile.treeIndex());
+            auto values = a.distance.tileData(tile.treeIndex());
+            if (tb.size() != N || idb.size() != N || values.size() != N)
+                continue;
+            bool allExcluded = true;
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) {
+                        if (tb(i, j, k) == kValueTypeUnknown &&
+                            countsAsLeaf(tile, i, j, k, a.maxDepth) &&
+                            sets.find(idb(i, j, k)) != knownRoot) {
+                            tb(i, j, k) = kValueTypeExcluded;
+                            values(i, j, k) = reset(values(i, j, k));
+                        }
+                        allExcluded &= tb(i, j, k) == kValueTypeExcluded;
+                    }
+            if (!allExcluded || tile.parent() < 0 || depth - 1 < 0)
+                continue;
+            Tile<Traits> const& parent = a.container.tile(tile.parent(), depth - 1);
+            auto pt = types.tileData(parent.treeIndex());
+            if (pt.size() != N)
+                continue;
+            int3 const slot = parent.childIJK(tile);
+            for (int k = 0; k < S; ++k)
+                for (int j = 0; j < S; ++j)
+                    for (int i = 0; i < S; ++i)
+                        pt(slot.x * S + i, slot.y * S + j, slot.z * S + k) = kValueTypeExcluded;
+        }
+    }
+
+    /// Stage "initialize_unknown": unknowns go to the background of their side, and the
+    /// zero-crossing values move in.
+    void resetUnknowns()
+    {
+        TypeChannel<Traits> const& types = this->types();
+        for (int depth = 0; depth <= a.maxDepth; ++depth) {
+            auto const timer = CoreGL::Logger::timer(a.name + ".initialize_unknown", nullptr);
+            detail::parallelRanges(a.container.tileCount(depth), [&](std::int64_t begin,
+                                                                     std::int64_t end) {
                 for (std::int64_t t = begin; t < end; ++t) {
                     TreeIndex const ti{t, depth};
-                    auto values = distance.tileData(ti);
-                    auto const tb = static_cast<TypeChannel<Traits> const&>(types).tileData(ti);
+                    auto values = a.distance.tileData(ti);
+                    auto const tb = types.tileData(ti);
                     if (values.size() != N || tb.size() != N)
                         continue;
                     auto const zc =
-                        zeroCrossing
-                            ? static_cast<FloatChannel<Traits> const&>(*zeroCrossing).tileData(ti)
+                        mZeroCrossing
+                            ? static_cast<FloatChannel<Traits> const&>(*mZeroCrossing).tileData(ti)
                             : ConstTileData<float, W, 0, 0>();
                     for (std::size_t n = 0; n < N; ++n) {
                         if (tb[n] == kValueTypeUnknown)
                             values[n] = reset(values[n]);
-                        else if (zc.size() == N && std::fabs(zc[n] - background) > kEpsilon)
+                        else if (zc.size() == N && std::fabs(zc[n] - mBackground) > kEpsilon)
                             values[n] = zc[n];
                     }
                 }
             });
+        }
     }
 
+    /// Stage "set_non_dofs" (with a DOF channel) or "set_coarse_non_leaf": the voxels the
+    /// recursion did not solve take their values from the solved ones.
+    void setCoarseValues()
     {
-        auto const timer = CoreGL::Logger::timer(name + ".redistance_recursively", nullptr);
-        detail::redistanceRecursively<Traits>(
-            distance, mask, container, &types, tolerance, maxDepth, minDepth, maxDepth,
-            interiorBand, exteriorBand, pre, post, topology.offset(), haloByExtrapolation,
-            performCoalescedRedistance, dof, name);
+        if (a.dof) {
+            auto const timer = CoreGL::Logger::timer(a.name + ".set_non_dofs", nullptr);
+            if (CoreGL::Logger::verboseLevel() > 1)
+                CoreGL::Logger::debugFileStream() << "setNonDOFValues.begin\n";
+            detail::restrictToParents(a.container, *a.dof, a.distance, 0, a.maxDepth, a.name);
+            detail::interpolateHanging(a.container, *a.dof, a.distance, 1, a.maxDepth, a.name);
+            if (CoreGL::Logger::verboseLevel() > 1)
+                CoreGL::Logger::debugFileStream() << "setNonDOFValues.end\n";
+        } else {
+            auto const timer = CoreGL::Logger::timer(a.name + ".set_coarse_non_leaf", nullptr);
+            setNonLeafValueToChildValue<Traits, float, W, 0>(
+                a.distance, a.container, a.topology.offsetType(), 0, a.maxDepth - 1);
+        }
     }
 
-    if (dof) {
-        auto const timer = CoreGL::Logger::timer(name + ".set_non_dofs", nullptr);
-        if (CoreGL::Logger::verboseLevel() > 1)
-            CoreGL::Logger::debugFileStream() << "setNonDOFValues.begin\n";
-        detail::restrictToParents(container, *dof, distance, 0, maxDepth, name);
-        detail::interpolateHanging(container, *dof, distance, 1, maxDepth, name);
-        if (CoreGL::Logger::verboseLevel() > 1)
-            CoreGL::Logger::debugFileStream() << "setNonDOFValues.end\n";
-    } else {
-        auto const timer = CoreGL::Logger::timer(name + ".set_coarse_non_leaf", nullptr);
-        setNonLeafValueToChildValue<Traits, float, W, 0>(distance, container, topology.offsetType(),
-                                                         0, maxDepth - 1);
-    }
-}
+    Arguments const a;
+    float const mVoxelSize;
+    float const mBackground;
+    std::unique_ptr<Sampler<Traits>> mSampler;
+    Quillon::Ptr<TypeChannel<Traits>> mOwnTypes;
+    Quillon::Ptr<FloatChannel<Traits>> mZeroCrossing;
+};
 
 } // namespace
 
@@ -676,11 +576,12 @@ void levelSetRedistance(Container<Traits> const& container, VoxelTopology<Traits
         return;
     }
     // Any other scheme sweeps as the classical recursion does, with no DOF channel.
-    redistanceClassical(container, topology, io_distance, redistanceInterior, redistanceExterior,
-                        overwriteSurface, minDepth, maxDepth, mask, io_valueType, tolerance,
-                        interiorBand, exteriorBand, maxNumPreSmoothingPasses,
-                        maxNumPostSmoothingPasses, haloByExtrapolation, performCoalescedRedistance,
-                        scheme == kRedistanceSweeping ? nullptr : dof, name);
+    ClassicalRedistance<Traits>(
+        {container, topology, io_distance, redistanceInterior, redistanceExterior, overwriteSurface,
+         minDepth, maxDepth, mask, io_valueType, tolerance, interiorBand, exteriorBand,
+         maxNumPreSmoothingPasses, maxNumPostSmoothingPasses, haloByExtrapolation,
+         performCoalescedRedistance, scheme == kRedistanceSweeping ? nullptr : dof, name})
+        .run();
 }
 
 template <typename Traits>

@@ -348,8 +348,8 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
         // or a copy of the block's outermost layer where there is none.
         for (int axis = 0; axis < 3; ++axis)
             for (int side = -1; side <= 1; side += 2) {
-                int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
-                Tile<Traits24> const& beside = accessor.tileNeighbor(parent, direction);
+                Tile<Traits24> const& beside =
+                    accessor.tileNeighbor(parent, detail::faceDirection(axis, side));
                 bool const sameDepth = beside.valid() && beside.depth() == depth - 1;
                 int const layer = side < 0 ? -1 : B;
                 int const inner = side < 0 ? 0 : B - 1;

@@ -21,6 +21,7 @@
 #include <hexmold/substrate/parallel_ranges.h>
 #include <hexmold/substrate/tile_data.h>
 #include <hexmold/substrate/traits.h>
+#include <hexmold/substrate/tree_index.h>
 #include <type_traits>
 #include <vector>
 
@@ -37,6 +38,12 @@ inline constexpr float kTinyDistance = 1.1754944e-38f;
 /// Voxels of a tile of the tree: 64 or 125.
 template <typename Traits>
 inline constexpr int kVoxelsPerTile = Traits::kTileWidth* Traits::kTileWidth* Traits::kTileWidth;
+
+/// The tile-neighbour direction across the face of @p axis (0, 1 or 2) on @p side (-1 or +1).
+constexpr int faceDirection(int axis, int side)
+{
+    return neighborDirection(axis == 0 ? side : 0, axis == 1 ? side : 0, axis == 2 ? side : 0);
+}
 
 /// Constants of one depth: spacing, the squared spacings of the inlined eikonal update, and the
 /// convergence tolerance (all world units).
@@ -378,8 +385,7 @@ void boundCoarseRim(Tile<Traits> const& tile, Accessor& accessor, float voxelSiz
             }
     for (int axis = 0; axis < 3; ++axis)
         for (int side = -1; side <= 1; side += 2) {
-            int const direction = 13 + side * (axis == 0 ? 9 : axis == 1 ? 3 : 1);
-            Tile<Traits> const& n = accessor.tileNeighbor(tile, direction);
+            Tile<Traits> const& n = accessor.tileNeighbor(tile, faceDirection(axis, side));
             int const layer = side < 0 ? -1 : W;
             if (!n.valid() || n.depth() < minDepth) {
                 // Beyond the domain, or in depths the solve does not treat, nothing is known: the
