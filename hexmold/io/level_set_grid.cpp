@@ -16,6 +16,7 @@
 #include <hexmold/sampling/linear_sampler.h>
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
+#include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/topology.h>
 #include <openvdb/openvdb.h>
 #include <openvdb/tools/Prune.h>
@@ -277,10 +278,10 @@ Quillon::Ptr<TVL::Object> importLevelSetOf(Path const& path, openvdb::FloatGrid 
         name, &background, kDataElementInitializerDefaultValue, false, true, 0, kMax);
     distance->setTargetName(topology->name());
     distance->update(*topology);
-    unsigned char const unknown = VolumeGL::TileTree3D::LevelSet::kValueTypeUnknown;
-    VoxelChannel<Traits, unsigned char> types(
-        "value_type", &unknown, kDataElementInitializerDefaultValue, false, true, 0, kMax);
-    types.update(*topology);
+    auto typesPtr = scratchChannel<VoxelChannel<Traits, unsigned char>>(
+        *topology, (unsigned char)VolumeGL::TileTree3D::LevelSet::kValueTypeUnknown, 0, kMax,
+        "value_type");
+    auto& types = *typesPtr;
 
     // Known voxels: the grid's active ones at the deepest depth. Every other voxel starts at the
     // background of the sign the grid has at the voxel's sample (the finest voxel at its corner,
