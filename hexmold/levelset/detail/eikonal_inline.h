@@ -19,6 +19,14 @@ static_assert(std::bit_cast<std::uint32_t>(kEikonalFloorFactor) == 0x3A83126Fu);
 inline constexpr float kEikonalOneThird = 0.33333334f;
 static_assert(std::bit_cast<std::uint32_t>(kEikonalOneThird) == 0x3EAAAAABu);
 
+/// The sweeps' early rejection, in spacings h: when the smallest neighbour plus
+/// kEikonalRejectMargin * h already reaches |v| the update cannot lower |v| (it is never below
+/// the smallest neighbour plus h / sqrt(3)), so the solve is left out; the margin covers the
+/// solve's rounding while values stay below kEikonalRejectLimit * h. The scalar and the batched
+/// sweeps form both bounds from these two constants, so that they give the same bits.
+inline constexpr float kEikonalRejectMargin = 0.57f;
+inline constexpr float kEikonalRejectLimit = 65536.0f;
+
 /// Sorts three values ascending into @p s0 <= @p s1 <= @p s2 with at most three strict
 /// comparisons. Equal values keep their argument order (a before b before c), which matters only
 /// where a value carries a payload (its spacing in the anisotropic update).

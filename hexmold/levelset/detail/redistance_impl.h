@@ -102,7 +102,8 @@ inline float eikonalUpdate(DepthNumbers const& n, float a, float b, float c, flo
         a = -a, b = -b, c = -c;
     float const bound = std::fabs(v);
     float const s0 = std::min(a, std::min(b, c));
-    if (s0 + 0.57f * n.h >= bound && s0 < 65536.0f * n.h)
+    if (s0 + CoreGL::detail::kEikonalRejectMargin * n.h >= bound &&
+        s0 < CoreGL::detail::kEikonalRejectLimit * n.h)
         return inside ? -bound : bound;
     float const r = CoreGL::detail::solveEikonalInline(n.h, n.h2, n.h3, a, b, c, v);
     return inside ? -r : r;

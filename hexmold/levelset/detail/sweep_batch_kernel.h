@@ -30,8 +30,8 @@ struct SweepKernelArgs {
     int voxels;                    ///< interior voxels of a block
     float h, twoHSquared,
         threeHSquared;  ///< the depth's spacing and its squares as the update forms them
-    float rejectMargin; ///< 0.57 h
-    float rejectLimit;  ///< 65536 h
+    float rejectMargin; ///< kEikonalRejectMargin h
+    float rejectLimit;  ///< kEikonalRejectLimit h
     float floor;        ///< 0.001 h
     float oneThird;     ///< the float nearest to 1/3
     float* changes;     ///< kBatchLanes, any alignment: each lane's largest change
