@@ -32,7 +32,7 @@ public:
         std::int64_t n = o.size();
         reserve(n);
         for (std::int64_t i = 0; i < n; ++i)
-            new (&(*this)[i]) T(o[i]);
+            new (slot(i)) T(o[i]);
         mSize.store(n, std::memory_order_release);
         return *this;
     }
