@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <hexmold/platform/tavrel/spatial_query.h>
+#include <hexmold/voxelize/mesh/detail/triangle_batch.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
 #include <limits>
 #include <vector>
@@ -35,20 +36,13 @@ inline float intervalDistance2(float x, float lo, float hi)
 inline constexpr float kBoxTestTolerance = 0.9999f;
 
 /// @brief A triangle made ready for many distance queries: edges, normal and the inward normals
-///        of the edges computed once, in double precision.
+///        of the edges computed once, in double precision. `triangleBatchBody` is the same
+///        distance over several points at once.
 /// @details The same closest-feature classification as the spatial query's point-triangle
 ///          distance (the foot of the perpendicular when it lies in the face, else the nearest
 ///          edge; slivers as their edges), with the per-triangle products taken out of the
 ///          per-point work. Distances are exact to double rounding, then rounded to float.
-struct PreparedTriangle {
-    double a[3], b[3], c[3];
-    double e[3][3];     ///< edges a->b, b->c, c->a
-    double invLen2[3];  ///< 1 / squared edge lengths (0 for a point edge)
-    double n[3];        ///< face normal (|n| = twice the area)
-    double m[3][3];     ///< n x edge: inward normals of the edges
-    double invNN = 0.0; ///< 1 / |n|^2
-    bool face = false;  ///< not a sliver: the face case is taken
-
+struct PreparedTriangle : PreparedTriangleData {
     void prepare(float3 const& pa, float3 const& pb, float3 const& pc)
     {
         a[0] = pa.x, a[1] = pa.y, a[2] = pa.z;
@@ -184,22 +178,27 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
 
     auto const& triangles = *ctx.triangles;
     auto const& positions = *ctx.positions;
-    // Every listed triangle made ready once; seeds find theirs through a per-thread table from
-    // triangle index to place in the list.
+    // A listed triangle is made ready when first measured (the box tests skip most of a long
+    // list), once per call; seeds find theirs through a per-thread table from triangle index to
+    // place in the list.
     thread_local std::vector<PreparedTriangle> prepared;
+    thread_local std::vector<unsigned char> ready;
     thread_local std::vector<std::int32_t> place;
     std::size_t const listSize = static_cast<std::size_t>(std::distance(begin, end));
     if (unset > 0) {
         if (prepared.size() < listSize)
             prepared.resize(listSize);
-        std::size_t q = 0;
-        for (It it = begin; it != end; ++it, ++q) {
-            ulong3 const& tri = triangles[static_cast<std::size_t>(*it)];
-            prepared[q].prepare(positions[tri.x], positions[tri.y], positions[tri.z]);
-        }
+        ready.assign(listSize, 0);
     }
-    auto exact = [&](int n, float3 const& p, std::int64_t t, PreparedTriangle const& pt) {
-        float const d2 = pt.distance2(p);
+    auto preparedAt = [&](std::size_t q, std::int64_t t) -> PreparedTriangle const& {
+        if (!ready[q]) {
+            ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
+            prepared[q].prepare(positions[tri.x], positions[tri.y], positions[tri.z]);
+            ready[q] = 1;
+        }
+        return prepared[q];
+    };
+    auto take = [&](int n, float d2, std::int64_t t) {
         if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
             best2[n] = d2;
             id[n] = t;
@@ -235,7 +234,7 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                         continue;
                     std::int32_t const at = place[std::size_t(t)];
                     if (at >= 0)
-                        exact(n, p, t, prepared[std::size_t(at)]);
+                        take(n, preparedAt(std::size_t(at), t).distance2(p), t);
                 }
         for (It it = begin; it != end; ++it)
             place[std::size_t(*it)] = -1;
@@ -243,15 +242,30 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     float dd[3][N];
     double pd[3][N];
     if (unset > 0) {
+        constexpr int kRoom = kCount + kTriangleBatchPad;
+        int candidate[kRoom];
+        alignas(64) float cx[kRoom], cy[kRoom], cz[kRoom];
+        alignas(64) float measured[kRoom];
+        TriangleBatchFunction const batch = latticeBatchFunction();
+        int computeList[kCount];
+        int computeCount = 0;
+        for (int n = 0; n < kCount; ++n)
+            if (state[n] == kCompute)
+                computeList[computeCount++] = n;
         // The largest best squared distance of the nodes to compute: a triangle whose box is
         // farther than that from every node is skipped whole. Bests only fall, so a bound taken
-        // now and then stays valid.
+        // now and then stays valid. A maximum is exact, so four running maxima give the same
+        // value as one, without waiting on each other.
         float worst2 = 0.0f;
         auto refreshWorst = [&] {
-            worst2 = 0.0f;
-            for (int n = 0; n < kCount; ++n)
-                if (state[n] == kCompute)
-                    worst2 = std::max(worst2, best2[n]);
+            float w[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+            int q = 0;
+            for (; q + 4 <= computeCount; q += 4)
+                for (int k = 0; k < 4; ++k)
+                    w[k] = std::max(w[k], best2[computeList[q + k]]);
+            for (; q < computeCount; ++q)
+                w[0] = std::max(w[0], best2[computeList[q]]);
+            worst2 = std::max(std::max(w[0], w[1]), std::max(w[2], w[3]));
         };
         refreshWorst();
         float const nodeMin[3] = {coord[0][lo[0]], coord[1][lo[1]], coord[2][lo[2]]};
@@ -345,22 +359,39 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                 for (int n = wlo[ax]; n < whi[ax]; ++n)
                     pd[ax][n] = nrm[ax] * (double(coord[ax][n]) - origin);
             }
+            // The nodes the bounds cannot rule out, gathered without branches, then measured
+            // together. No node is listed twice, so measuring after the tests changes nothing.
+            int count = 0;
             for (int z = wlo[2]; z < whi[2]; ++z)
                 for (int y = wlo[1]; y < whi[1]; ++y) {
                     float const dyz = dd[1][y] + dd[2][z];
                     double const pyz = pd[1][y] + pd[2][z];
                     for (int x = wlo[0]; x < whi[0]; ++x) {
                         int const n = L::index(x, y, z);
-                        if (state[n] != kCompute)
-                            continue;
                         double const plane = pd[0][x] + pyz;
                         float const box2 =
                             std::max(dd[0][x] + dyz, static_cast<float>(plane * plane));
-                        if (best2[n] < kBoxTestTolerance * box2 || id[n] == t)
-                            continue;
-                        exact(n, float3{coord[0][x], coord[1][y], coord[2][z]}, t, prepared[at]);
+                        bool const keep = state[n] == kCompute &&
+                                          !(best2[n] < kBoxTestTolerance * box2) && id[n] != t;
+                        candidate[count] = n;
+                        cx[count] = coord[0][x];
+                        cy[count] = coord[1][y];
+                        cz[count] = coord[2][z];
+                        count += keep ? 1 : 0;
                     }
                 }
+            if (count == 0)
+                continue;
+            PreparedTriangle const& pt = preparedAt(at, t);
+            if (count == 1) {
+                take(candidate[0], pt.distance2(float3{cx[0], cy[0], cz[0]}), t);
+                continue;
+            }
+            for (int q = count; q < count + kTriangleBatchPad; ++q)
+                cx[q] = cy[q] = cz[q] = 0.0f;
+            batch(pt, cx, cy, cz, count, measured);
+            for (int q = 0; q < count; ++q)
+                take(candidate[q], measured[q], t);
         }
     }
 
