@@ -247,25 +247,31 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         alignas(64) float cx[kRoom], cy[kRoom], cz[kRoom];
         alignas(64) float measured[kRoom];
         TriangleBatchFunction const batch = latticeBatchFunction();
-        int computeList[kCount];
-        int computeCount = 0;
-        for (int n = 0; n < kCount; ++n)
-            if (state[n] == kCompute)
-                computeList[computeCount++] = n;
-        // The largest best squared distance of the nodes to compute: a triangle whose box is
-        // farther than that from every node is skipped whole. Bests only fall, so a bound taken
-        // now and then stays valid. A maximum is exact, so four running maxima give the same
-        // value as one, without waiting on each other.
+        // The largest best squared distance of the nodes to compute, per row of x, per slab of
+        // z and over the lattice: a triangle whose box is farther than the lattice's from every
+        // node is skipped whole, and a row or slab whose own is nearer than the triangle's box
+        // along y and z is skipped, each of its nodes failing its box test. Bests only fall, so
+        // bounds taken now and then stay valid. A maximum is exact in any order.
+        float rowWorst2[N * N];
+        float slabWorst2[N];
         float worst2 = 0.0f;
         auto refreshWorst = [&] {
-            float w[4] = {0.0f, 0.0f, 0.0f, 0.0f};
-            int q = 0;
-            for (; q + 4 <= computeCount; q += 4)
-                for (int k = 0; k < 4; ++k)
-                    w[k] = std::max(w[k], best2[computeList[q + k]]);
-            for (; q < computeCount; ++q)
-                w[0] = std::max(w[0], best2[computeList[q]]);
-            worst2 = std::max(std::max(w[0], w[1]), std::max(w[2], w[3]));
+            float w = 0.0f;
+            for (int z = 0; z < N; ++z) {
+                float slab = 0.0f;
+                for (int y = 0; y < N; ++y) {
+                    float row = 0.0f;
+                    for (int x = 0; x < N; ++x) {
+                        int const n = L::index(x, y, z);
+                        row = std::max(row, state[n] == kCompute ? best2[n] : 0.0f);
+                    }
+                    rowWorst2[y + N * z] = row;
+                    slab = std::max(slab, row);
+                }
+                slabWorst2[z] = slab;
+                w = std::max(w, slab);
+            }
+            worst2 = w;
         };
         refreshWorst();
         float const nodeMin[3] = {coord[0][lo[0]], coord[1][lo[1]], coord[2][lo[2]]};
@@ -362,17 +368,21 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
             // The nodes the bounds cannot rule out, gathered without branches, then measured
             // together. No node is listed twice, so measuring after the tests changes nothing.
             int count = 0;
-            for (int z = wlo[2]; z < whi[2]; ++z)
+            for (int z = wlo[2]; z < whi[2]; ++z) {
+                if (slabWorst2[z] < kBoxTestTolerance * dd[2][z])
+                    continue;
                 for (int y = wlo[1]; y < whi[1]; ++y) {
                     float const dyz = dd[1][y] + dd[2][z];
+                    if (rowWorst2[y + N * z] < kBoxTestTolerance * dyz)
+                        continue;
                     double const pyz = pd[1][y] + pd[2][z];
                     for (int x = wlo[0]; x < whi[0]; ++x) {
                         int const n = L::index(x, y, z);
                         double const plane = pd[0][x] + pyz;
                         float const box2 =
                             std::max(dd[0][x] + dyz, static_cast<float>(plane * plane));
-                        bool const keep = state[n] == kCompute &&
-                                          !(best2[n] < kBoxTestTolerance * box2) && id[n] != t;
+                        bool const keep = (state[n] == kCompute) &
+                                          !(best2[n] < kBoxTestTolerance * box2) & (id[n] != t);
                         candidate[count] = n;
                         cx[count] = coord[0][x];
                         cy[count] = coord[1][y];
@@ -380,6 +390,7 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                         count += keep ? 1 : 0;
                     }
                 }
+            }
             if (count == 0)
                 continue;
             PreparedTriangle const& pt = preparedAt(at, t);
