@@ -1,5 +1,6 @@
 /// @file  voxelize/mesh/triangle_batch.cpp
-/// @brief The choice of the point-triangle distance batch from what the processor has.
+/// @brief The choice of the point-triangle distance batch and node test from what the processor
+///        has.
 #include <hexmold/voxelize/mesh/detail/triangle_batch.h>
 
 #include <initializer_list>
@@ -78,6 +79,25 @@ TriangleBatchFunction triangleBatchFunction(TriangleBatchIsa isa)
     default:
         return &triangleBatchPortable;
     }
+}
+
+LatticeNodesFunction latticeNodesFunction(TriangleBatchIsa isa)
+{
+    switch (isa == TriangleBatchIsa::kBest ? bestIsa() : isa) {
+    case TriangleBatchIsa::kAvx512:
+        return &latticeNodesAvx512;
+    case TriangleBatchIsa::kAvx2:
+        return &latticeNodesAvx2;
+    case TriangleBatchIsa::kSse2:
+        return &latticeNodesSse2;
+    default:
+        return &latticeNodesPortable;
+    }
+}
+
+LatticeNodesFunction latticeNodesFunction()
+{
+    return latticeNodesFunction(sLatticeIsa);
 }
 
 TriangleBatchFunction latticeBatchFunction()

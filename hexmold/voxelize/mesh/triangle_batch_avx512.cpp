@@ -37,7 +37,51 @@ struct Avx512Ops {
     static V select(M m, V x, V y) { return _mm512_mask_blend_pd(m, y, x); }
 };
 
+/// The row test on eight nodes at once.
+struct Avx512RowOps {
+    /// Compressed in registers, then stored whole: every output has kLatticeOutputPad of room.
+    static int emit(int* candidate, float* ox, float* oy, float* oz, int first, float const* x,
+                    float y, float z, int, unsigned bits)
+    {
+        __mmask16 const m = static_cast<__mmask16>(bits);
+        __m512i const lanes =
+            _mm512_add_epi32(_mm512_set1_epi32(first), _mm512_set_epi32(15, 14, 13, 12, 11, 10, 9,
+                                                                        8, 7, 6, 5, 4, 3, 2, 1, 0));
+        _mm512_storeu_si512(candidate, _mm512_maskz_compress_epi32(m, lanes));
+        _mm512_storeu_ps(ox, _mm512_maskz_compress_ps(m, _mm512_loadu_ps(x)));
+        _mm256_storeu_ps(oy, _mm256_set1_ps(y));
+        _mm256_storeu_ps(oz, _mm256_set1_ps(z));
+        unsigned v = bits - ((bits >> 1) & 0x55u);
+        v = (v & 0x33u) + ((v >> 2) & 0x33u);
+        return int((v + (v >> 4)) & 0x0Fu);
+    }
+    static unsigned mask(LatticeNodesArgs const& a, int row, int x0, int, float dyz, double pyz)
+    {
+        int const n = row + x0;
+        __m512d const p = _mm512_add_pd(_mm512_loadu_pd(a.planeTerm + x0), _mm512_set1_pd(pyz));
+        __m256 const p2 = _mm512_cvtpd_ps(_mm512_mul_pd(p, p));
+        __m256 const box = _mm256_add_ps(_mm256_loadu_ps(a.boxDistance2 + x0), _mm256_set1_ps(dyz));
+        // box < p2 ? p2 : box, as std::max(box, p2).
+        __m256 const box2 = _mm256_max_ps(p2, box);
+        __m256 const limit = _mm256_mul_ps(_mm256_set1_ps(a.tolerance), box2);
+        unsigned const below = unsigned(
+            _mm256_movemask_ps(_mm256_cmp_ps(_mm256_loadu_ps(a.best2 + n), limit, _CMP_LT_OQ)));
+        unsigned const same = unsigned(
+            _mm512_cmpeq_epi64_mask(_mm512_loadu_si512(a.id + n), _mm512_set1_epi64(a.triangle)));
+        __m256i const state =
+            _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<__m128i const*>(a.state + n)));
+        unsigned const computed = unsigned(_mm256_movemask_ps(
+            _mm256_castsi256_ps(_mm256_cmpeq_epi32(state, _mm256_setzero_si256()))));
+        return computed & ~below & ~same & 0xFFu;
+    }
+};
+
 } // namespace
+
+int latticeNodesAvx512(LatticeNodesArgs const& a)
+{
+    return latticeNodesBody<Avx512RowOps>(a);
+}
 
 void triangleBatchAvx512(PreparedTriangleData const& t, float const* x, float const* y,
                          float const* z, int count, float* out)
@@ -45,6 +89,11 @@ void triangleBatchAvx512(PreparedTriangleData const& t, float const* x, float co
     triangleBatchBody<Avx512Ops>(t, x, y, z, count, out);
 }
 #else
+int latticeNodesAvx512(LatticeNodesArgs const& a)
+{
+    return latticeNodesPortable(a);
+}
+
 void triangleBatchAvx512(PreparedTriangleData const& t, float const* x, float const* y,
                          float const* z, int count, float* out)
 {

@@ -30,7 +30,36 @@ struct PortableOps {
     static V select(M m, V x, V y) { return m ? x : y; }
 };
 
+/// The row test in plain C++, one node at a time.
+struct ScalarRowOps {
+    static int emit(int* candidate, float* ox, float* oy, float* oz, int first, float const* x,
+                    float y, float z, int len, unsigned bits)
+    {
+        return emitRowNodes(candidate, ox, oy, oz, first, x, y, z, len, bits);
+    }
+    static unsigned mask(LatticeNodesArgs const& a, int row, int x0, int len, float dyz, double pyz)
+    {
+        unsigned bits = 0;
+        for (int k = 0; k < len; ++k) {
+            int const n = row + x0 + k;
+            double const plane = a.planeTerm[x0 + k] + pyz;
+            float const box = a.boxDistance2[x0 + k] + dyz;
+            float const p2 = static_cast<float>(plane * plane);
+            float const box2 = box < p2 ? p2 : box;
+            bool const keep =
+                (a.state[n] == 0) & !(a.best2[n] < a.tolerance * box2) & (a.id[n] != a.triangle);
+            bits |= unsigned(keep) << k;
+        }
+        return bits;
+    }
+};
+
 } // namespace
+
+int latticeNodesPortable(LatticeNodesArgs const& a)
+{
+    return latticeNodesBody<ScalarRowOps>(a);
+}
 
 void triangleBatchPortable(PreparedTriangleData const& t, float const* x, float const* y,
                            float const* z, int count, float* out)

@@ -8,6 +8,12 @@
 
 namespace VolumeGL::TileTree3D::detail {
 
+// Two doubles per register do not pay for the row test: the plain one serves.
+int latticeNodesSse2(LatticeNodesArgs const& a)
+{
+    return latticeNodesPortable(a);
+}
+
 #if defined(__SSE2__)
 namespace {
 

@@ -137,7 +137,10 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
 
     float const band2 = band * band;
     float const h = ctx.voxelSize;
-    float coord[3][N];
+    static_assert(N <= 8 && N + 8 <= kLatticeStride, "a row of nodes fits one register");
+    // The per-axis and per-node arrays have room after their ends: the node test reads whole
+    // registers of them (ignoring what lies past the nodes it tests).
+    float coord[3][kLatticeStride] = {};
     std::int64_t const corner[3] = {ci, cj, ck};
     for (int a = 0; a < 3; ++a)
         for (int n = 0; n < N; ++n)
@@ -146,9 +149,12 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     int lo[3] = {std::max(rangeBegin.x, 0), std::max(rangeBegin.y, 0), std::max(rangeBegin.z, 0)};
     int hi[3] = {std::min(rangeEnd.x, N), std::min(rangeEnd.y, N), std::min(rangeEnd.z, N)};
 
-    float best2[kCount];
-    std::int64_t id[kCount];
-    unsigned char state[kCount];
+    float best2[kCount + kLatticeTail];
+    std::int64_t id[kCount + kLatticeTail];
+    unsigned char state[kCount + kLatticeTail];
+    std::fill(best2 + kCount, best2 + kCount + kLatticeTail, 0.0f);
+    std::fill(id + kCount, id + kCount + kLatticeTail, kNone);
+    std::fill(state + kCount, state + kCount + kLatticeTail, kOutside);
     bool within = false;
     int unset = 0;
     bool const withParent = parentDistances != nullptr;
@@ -239,14 +245,15 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         for (It it = begin; it != end; ++it)
             place[std::size_t(*it)] = -1;
     }
-    float dd[3][N];
-    double pd[3][N];
+    float dd[3][kLatticeStride] = {};
+    double pd[3][kLatticeStride] = {};
     if (unset > 0) {
-        constexpr int kRoom = kCount + kTriangleBatchPad;
+        constexpr int kRoom = kCount + std::max(kTriangleBatchPad, kLatticeOutputPad);
         int candidate[kRoom];
         alignas(64) float cx[kRoom], cy[kRoom], cz[kRoom];
         alignas(64) float measured[kRoom];
         TriangleBatchFunction const batch = latticeBatchFunction();
+        LatticeNodesFunction const nodes = latticeNodesFunction();
         // The largest best squared distance of the nodes to compute, per row of x, per slab of
         // z and over the lattice: a triangle whose box is farther than the lattice's from every
         // node is skipped whole, and a row or slab whose own is nearer than the triangle's box
@@ -365,32 +372,26 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                 for (int n = wlo[ax]; n < whi[ax]; ++n)
                     pd[ax][n] = nrm[ax] * (double(coord[ax][n]) - origin);
             }
-            // The nodes the bounds cannot rule out, gathered without branches, then measured
+            // The nodes the bounds cannot rule out, gathered a row at a time, then measured
             // together. No node is listed twice, so measuring after the tests changes nothing.
-            int count = 0;
-            for (int z = wlo[2]; z < whi[2]; ++z) {
-                if (slabWorst2[z] < kBoxTestTolerance * dd[2][z])
-                    continue;
-                for (int y = wlo[1]; y < whi[1]; ++y) {
-                    float const dyz = dd[1][y] + dd[2][z];
-                    if (rowWorst2[y + N * z] < kBoxTestTolerance * dyz)
-                        continue;
-                    double const pyz = pd[1][y] + pd[2][z];
-                    for (int x = wlo[0]; x < whi[0]; ++x) {
-                        int const n = L::index(x, y, z);
-                        double const plane = pd[0][x] + pyz;
-                        float const box2 =
-                            std::max(dd[0][x] + dyz, static_cast<float>(plane * plane));
-                        bool const keep = (state[n] == kCompute) &
-                                          !(best2[n] < kBoxTestTolerance * box2) & (id[n] != t);
-                        candidate[count] = n;
-                        cx[count] = coord[0][x];
-                        cy[count] = coord[1][y];
-                        cz[count] = coord[2][z];
-                        count += keep ? 1 : 0;
-                    }
-                }
-            }
+            LatticeNodesArgs const args{N,
+                                        {wlo[0], wlo[1], wlo[2]},
+                                        {whi[0], whi[1], whi[2]},
+                                        &dd[0][0],
+                                        &pd[0][0],
+                                        &coord[0][0],
+                                        best2,
+                                        id,
+                                        state,
+                                        rowWorst2,
+                                        slabWorst2,
+                                        t,
+                                        kBoxTestTolerance,
+                                        candidate,
+                                        cx,
+                                        cy,
+                                        cz};
+            int const count = nodes(args);
             if (count == 0)
                 continue;
             PreparedTriangle const& pt = preparedAt(at, t);

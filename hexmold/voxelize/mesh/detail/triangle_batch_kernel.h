@@ -13,6 +13,7 @@
 ///          anonymous namespaces), and calls no function of any other header: an inline
 ///          function emitted there could be picked by the linker for every caller in the library.
 #pragma once
+#include <cstdint>
 
 namespace VolumeGL::TileTree3D::detail {
 
@@ -48,6 +49,103 @@ void triangleBatchAvx2(PreparedTriangleData const& t, float const* x, float cons
                        float const* z, int count, float* out);
 void triangleBatchAvx512(PreparedTriangleData const& t, float const* x, float const* y,
                          float const* z, int count, float* out);
+
+/// Room per axis of the per-axis node arrays the node test reads: a row is read as a whole
+/// register of up to eight nodes from its first node to test.
+inline constexpr int kLatticeStride = 16;
+/// Room after the last node of the per-node arrays the node test reads.
+inline constexpr int kLatticeTail = 16;
+/// Room the node test's outputs need past the nodes it lists: it may write whole registers.
+inline constexpr int kLatticeOutputPad = 16;
+
+/// @brief What the node test of one triangle reads and writes (see `latticeNodesBody`).
+struct LatticeNodesArgs {
+    int nodes;                  ///< nodes per axis (at most 8)
+    int lo[3], hi[3];           ///< the window of nodes, per axis, [lo, hi)
+    float const* boxDistance2;  ///< [3][kLatticeStride]: squared distance to the box per axis
+    double const* planeTerm;    ///< [3][kLatticeStride]: the plane distance's terms per axis
+    float const* coordinate;    ///< [3][kLatticeStride]: node world coordinates per axis
+    float const* best2;         ///< per node (x fastest, padded): the best squared distance
+    std::int64_t const* id;     ///< per node (padded): the best triangle
+    unsigned char const* state; ///< per node (padded): 0 where the node is computed
+    float const* rowWorst2;     ///< per row (y + nodes z): the largest best of its nodes
+    float const* slabWorst2;    ///< per slab z: the largest best of its nodes
+    std::int64_t triangle;      ///< the triangle's id
+    float tolerance;            ///< the box test's margin
+    int* candidate;             ///< out: the nodes to measure
+    float *x, *y, *z;           ///< out: their coordinates
+};
+
+/// @brief The nodes of the window that a triangle's box and plane bounds cannot rule out, in
+///        x-fastest order, into the outputs of @p a (each with room for every node of the window
+///        plus kLatticeOutputPad); @return their number.
+using LatticeNodesFunction = int (*)(LatticeNodesArgs const& a);
+
+int latticeNodesPortable(LatticeNodesArgs const& a);
+int latticeNodesSse2(LatticeNodesArgs const& a);
+int latticeNodesAvx2(LatticeNodesArgs const& a);
+int latticeNodesAvx512(LatticeNodesArgs const& a);
+
+/// @brief The node test, one row of x at a time.
+/// @details A node is kept when it is computed, its best is not below the tolerance times its
+///          lower bound, the larger of the box distance (dx + (dy + dz), in float) and the
+///          square of the plane distance (px + (py + pz), in double, squared, rounded to float),
+///          and the triangle is not already its best. `RowOps::mask(a, row, x0, dyz, pyz)` gives
+///          that test for the nodes x0 + k of the row, k < 8, as bit k (bits past the window are
+///          ignored); `RowOps::emit` lists the nodes of the set bits (as `emitRowNodes`). A slab or
+///          row whose largest best is below the tolerance times its own box distance along y and z
+///          is skipped: each of its nodes would fail.
+template <typename RowOps> inline int latticeNodesBody(LatticeNodesArgs const& a)
+{
+    int const N = a.nodes;
+    float const* __restrict dd = a.boxDistance2;
+    double const* __restrict pd = a.planeTerm;
+    float const* __restrict c = a.coordinate;
+    int* __restrict candidate = a.candidate;
+    float* __restrict ox = a.x;
+    float* __restrict oy = a.y;
+    float* __restrict oz = a.z;
+    int const x0 = a.lo[0];
+    int const len = a.hi[0] - a.lo[0];
+    unsigned const window = (1u << len) - 1u;
+    int count = 0;
+    for (int z = a.lo[2]; z < a.hi[2]; ++z) {
+        if (a.slabWorst2[z] < a.tolerance * dd[2 * kLatticeStride + z])
+            continue;
+        for (int y = a.lo[1]; y < a.hi[1]; ++y) {
+            float const dyz = dd[kLatticeStride + y] + dd[2 * kLatticeStride + z];
+            if (a.rowWorst2[y + N * z] < a.tolerance * dyz)
+                continue;
+            double const pyz = pd[kLatticeStride + y] + pd[2 * kLatticeStride + z];
+            int const row = N * (y + N * z);
+            unsigned const bits = RowOps::mask(a, row, x0, len, dyz, pyz) & window;
+            if (bits == 0)
+                continue;
+            count +=
+                RowOps::emit(candidate + count, ox + count, oy + count, oz + count, row + x0,
+                             c + x0, c[kLatticeStride + y], c[2 * kLatticeStride + z], len, bits);
+        }
+    }
+    return count;
+}
+
+/// The nodes of a row whose bit is set (k < @p len, node @p first + k at x coordinate
+/// @p x[k]), in order; @return their number. Of internal linkage, so that each source keeps the
+/// copy compiled for its instruction set.
+static inline int emitRowNodes(int* __restrict candidate, float* __restrict ox,
+                               float* __restrict oy, float* __restrict oz, int first,
+                               float const* __restrict x, float y, float z, int len, unsigned bits)
+{
+    int count = 0;
+    for (int k = 0; k < len; ++k) {
+        candidate[count] = first + k;
+        ox[count] = x[k];
+        oy[count] = y;
+        oz[count] = z;
+        count += int((bits >> k) & 1u);
+    }
+    return count;
+}
 
 /// @brief The batch for all lanes.
 /// @details `Ops` gives the vector type `V` of `Ops::kLanes` doubles, the comparison result `M`,
