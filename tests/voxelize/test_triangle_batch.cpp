@@ -1,5 +1,6 @@
-// Tests of the point-triangle distance batch: every instruction set the processor runs gives the
-// same bits as the scalar distance of a prepared triangle, point by point and on whole lattices.
+// Tests of the lattice kernel's SIMD instances (distance batch and node test): every instruction
+// set the processor runs gives the same bits as the scalar code, point by point and on whole
+// lattices.
 #include "support/meshes.h"
 #include "support/typed_traits.h"
 #include <algorithm>

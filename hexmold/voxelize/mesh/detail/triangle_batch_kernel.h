@@ -1,11 +1,13 @@
 /// @file  voxelize/mesh/detail/triangle_batch_kernel.h
-/// @brief The exact squared distance from many points to one prepared triangle, written once
-///        over a SIMD instruction set, and the entry points of its instances (plain C++, SSE2,
-///        AVX2, AVX-512).
-/// @details Each lane runs the double-precision operations of `PreparedTriangle::distance2` in
-///          the same order, its branches turned into selections (the face case and the nearest
-///          edge), then rounds once to float: every instance gives the same bits as the scalar
-///          function, NaN included.
+/// @brief The lattice kernel's inner loops, written once over a SIMD instruction set, and the
+///        entry points of their instances (plain C++, SSE2, AVX2, AVX-512): the node test of a
+///        triangle (which nodes its bounds cannot rule out) and the exact squared distance from
+///        those nodes to the prepared triangle.
+/// @details Each lane of the distance runs the double-precision operations of
+///          `PreparedTriangle::distance2` in the same order, its branches turned into selections
+///          (the face case and the nearest edge), then rounds once to float; the node test runs
+///          the scalar test's operations per node. Every instance gives the same bits as the
+///          scalar code, NaN included.
 ///
 ///          This header is included by sources compiled for wider instruction sets than the
 ///          rest of the library. It therefore defines nothing but plain data and the body
@@ -90,8 +92,8 @@ int latticeNodesAvx512(LatticeNodesArgs const& a);
 /// @details A node is kept when it is computed, its best is not below the tolerance times its
 ///          lower bound, the larger of the box distance (dx + (dy + dz), in float) and the
 ///          square of the plane distance (px + (py + pz), in double, squared, rounded to float),
-///          and the triangle is not already its best. `RowOps::mask(a, row, x0, dyz, pyz)` gives
-///          that test for the nodes x0 + k of the row, k < 8, as bit k (bits past the window are
+///          and the triangle is not already its best. `RowOps::mask(a, row, x0, len, dyz, pyz)`
+///          gives that test for the nodes x0 + k of the row, k < 8, as bit k (bits at k >= len are
 ///          ignored); `RowOps::emit` lists the nodes of the set bits (as `emitRowNodes`). A slab or
 ///          row whose largest best is below the tolerance times its own box distance along y and z
 ///          is skipped: each of its nodes would fail.
