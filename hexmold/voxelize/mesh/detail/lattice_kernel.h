@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <hexmold/platform/tavrel/spatial_query.h>
+#include <hexmold/voxelize/mesh/detail/triangle_batch.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
 #include <limits>
 #include <vector>
@@ -35,20 +36,13 @@ inline float intervalDistance2(float x, float lo, float hi)
 inline constexpr float kBoxTestTolerance = 0.9999f;
 
 /// @brief A triangle made ready for many distance queries: edges, normal and the inward normals
-///        of the edges computed once, in double precision.
+///        of the edges computed once, in double precision. `triangleBatchBody` is the same
+///        distance over several points at once.
 /// @details The same closest-feature classification as the spatial query's point-triangle
 ///          distance (the foot of the perpendicular when it lies in the face, else the nearest
 ///          edge; slivers as their edges), with the per-triangle products taken out of the
 ///          per-point work. Distances are exact to double rounding, then rounded to float.
-struct PreparedTriangle {
-    double a[3], b[3], c[3];
-    double e[3][3];     ///< edges a->b, b->c, c->a
-    double invLen2[3];  ///< 1 / squared edge lengths (0 for a point edge)
-    double n[3];        ///< face normal (|n| = twice the area)
-    double m[3][3];     ///< n x edge: inward normals of the edges
-    double invNN = 0.0; ///< 1 / |n|^2
-    bool face = false;  ///< not a sliver: the face case is taken
-
+struct PreparedTriangle : PreparedTriangleData {
     void prepare(float3 const& pa, float3 const& pb, float3 const& pc)
     {
         a[0] = pa.x, a[1] = pa.y, a[2] = pa.z;
@@ -143,7 +137,10 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
 
     float const band2 = band * band;
     float const h = ctx.voxelSize;
-    float coord[3][N];
+    static_assert(N <= 8 && N + 8 <= kLatticeStride, "a row of nodes fits one register");
+    // The per-axis and per-node arrays have room after their ends: the node test reads whole
+    // registers of them (ignoring what lies past the nodes it tests).
+    float coord[3][kLatticeStride] = {};
     std::int64_t const corner[3] = {ci, cj, ck};
     for (int a = 0; a < 3; ++a)
         for (int n = 0; n < N; ++n)
@@ -152,9 +149,12 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     int lo[3] = {std::max(rangeBegin.x, 0), std::max(rangeBegin.y, 0), std::max(rangeBegin.z, 0)};
     int hi[3] = {std::min(rangeEnd.x, N), std::min(rangeEnd.y, N), std::min(rangeEnd.z, N)};
 
-    float best2[kCount];
-    std::int64_t id[kCount];
-    unsigned char state[kCount];
+    float best2[kCount + kLatticeTail];
+    std::int64_t id[kCount + kLatticeTail];
+    unsigned char state[kCount + kLatticeTail];
+    std::fill(best2 + kCount, best2 + kCount + kLatticeTail, 0.0f);
+    std::fill(id + kCount, id + kCount + kLatticeTail, kNone);
+    std::fill(state + kCount, state + kCount + kLatticeTail, kOutside);
     bool within = false;
     int unset = 0;
     bool const withParent = parentDistances != nullptr;
@@ -184,22 +184,27 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
 
     auto const& triangles = *ctx.triangles;
     auto const& positions = *ctx.positions;
-    // Every listed triangle made ready once; seeds find theirs through a per-thread table from
-    // triangle index to place in the list.
+    // A listed triangle is made ready when first measured (the box tests skip most of a long
+    // list), once per call; seeds find theirs through a per-thread table from triangle index to
+    // place in the list.
     thread_local std::vector<PreparedTriangle> prepared;
+    thread_local std::vector<unsigned char> ready;
     thread_local std::vector<std::int32_t> place;
     std::size_t const listSize = static_cast<std::size_t>(std::distance(begin, end));
     if (unset > 0) {
         if (prepared.size() < listSize)
             prepared.resize(listSize);
-        std::size_t q = 0;
-        for (It it = begin; it != end; ++it, ++q) {
-            ulong3 const& tri = triangles[static_cast<std::size_t>(*it)];
-            prepared[q].prepare(positions[tri.x], positions[tri.y], positions[tri.z]);
-        }
+        ready.assign(listSize, 0);
     }
-    auto exact = [&](int n, float3 const& p, std::int64_t t, PreparedTriangle const& pt) {
-        float const d2 = pt.distance2(p);
+    auto preparedAt = [&](std::size_t q, std::int64_t t) -> PreparedTriangle const& {
+        if (!ready[q]) {
+            ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
+            prepared[q].prepare(positions[tri.x], positions[tri.y], positions[tri.z]);
+            ready[q] = 1;
+        }
+        return prepared[q];
+    };
+    auto take = [&](int n, float d2, std::int64_t t) {
         if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
             best2[n] = d2;
             id[n] = t;
@@ -235,23 +240,45 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                         continue;
                     std::int32_t const at = place[std::size_t(t)];
                     if (at >= 0)
-                        exact(n, p, t, prepared[std::size_t(at)]);
+                        take(n, preparedAt(std::size_t(at), t).distance2(p), t);
                 }
         for (It it = begin; it != end; ++it)
             place[std::size_t(*it)] = -1;
     }
-    float dd[3][N];
-    double pd[3][N];
+    float dd[3][kLatticeStride] = {};
+    double pd[3][kLatticeStride] = {};
     if (unset > 0) {
-        // The largest best squared distance of the nodes to compute: a triangle whose box is
-        // farther than that from every node is skipped whole. Bests only fall, so a bound taken
-        // now and then stays valid.
+        constexpr int kRoom = kCount + std::max(kTriangleBatchPad, kLatticeOutputPad);
+        int candidate[kRoom];
+        alignas(64) float cx[kRoom], cy[kRoom], cz[kRoom];
+        alignas(64) float measured[kRoom];
+        TriangleBatchFunction const batch = latticeBatchFunction();
+        LatticeNodesFunction const nodes = latticeNodesFunction();
+        // The largest best squared distance of the nodes to compute, per row of x, per slab of
+        // z and over the lattice: a triangle whose box is farther than the lattice's from every
+        // node is skipped whole, and a row or slab whose own is nearer than the triangle's box
+        // along y and z is skipped, each of its nodes failing its box test. Bests only fall, so
+        // bounds taken now and then stay valid. A maximum is exact in any order.
+        float rowWorst2[N * N];
+        float slabWorst2[N];
         float worst2 = 0.0f;
         auto refreshWorst = [&] {
-            worst2 = 0.0f;
-            for (int n = 0; n < kCount; ++n)
-                if (state[n] == kCompute)
-                    worst2 = std::max(worst2, best2[n]);
+            float w = 0.0f;
+            for (int z = 0; z < N; ++z) {
+                float slab = 0.0f;
+                for (int y = 0; y < N; ++y) {
+                    float row = 0.0f;
+                    for (int x = 0; x < N; ++x) {
+                        int const n = L::index(x, y, z);
+                        row = std::max(row, state[n] == kCompute ? best2[n] : 0.0f);
+                    }
+                    rowWorst2[y + N * z] = row;
+                    slab = std::max(slab, row);
+                }
+                slabWorst2[z] = slab;
+                w = std::max(w, slab);
+            }
+            worst2 = w;
         };
         refreshWorst();
         float const nodeMin[3] = {coord[0][lo[0]], coord[1][lo[1]], coord[2][lo[2]]};
@@ -345,22 +372,38 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                 for (int n = wlo[ax]; n < whi[ax]; ++n)
                     pd[ax][n] = nrm[ax] * (double(coord[ax][n]) - origin);
             }
-            for (int z = wlo[2]; z < whi[2]; ++z)
-                for (int y = wlo[1]; y < whi[1]; ++y) {
-                    float const dyz = dd[1][y] + dd[2][z];
-                    double const pyz = pd[1][y] + pd[2][z];
-                    for (int x = wlo[0]; x < whi[0]; ++x) {
-                        int const n = L::index(x, y, z);
-                        if (state[n] != kCompute)
-                            continue;
-                        double const plane = pd[0][x] + pyz;
-                        float const box2 =
-                            std::max(dd[0][x] + dyz, static_cast<float>(plane * plane));
-                        if (best2[n] < kBoxTestTolerance * box2 || id[n] == t)
-                            continue;
-                        exact(n, float3{coord[0][x], coord[1][y], coord[2][z]}, t, prepared[at]);
-                    }
-                }
+            // The nodes the bounds cannot rule out, gathered a row at a time, then measured
+            // together. No node is listed twice, so measuring after the tests changes nothing.
+            LatticeNodesArgs const args{N,
+                                        {wlo[0], wlo[1], wlo[2]},
+                                        {whi[0], whi[1], whi[2]},
+                                        &dd[0][0],
+                                        &pd[0][0],
+                                        &coord[0][0],
+                                        best2,
+                                        id,
+                                        state,
+                                        rowWorst2,
+                                        slabWorst2,
+                                        t,
+                                        kBoxTestTolerance,
+                                        candidate,
+                                        cx,
+                                        cy,
+                                        cz};
+            int const count = nodes(args);
+            if (count == 0)
+                continue;
+            PreparedTriangle const& pt = preparedAt(at, t);
+            if (count == 1) {
+                take(candidate[0], pt.distance2(float3{cx[0], cy[0], cz[0]}), t);
+                continue;
+            }
+            for (int q = count; q < count + kTriangleBatchPad; ++q)
+                cx[q] = cy[q] = cz[q] = 0.0f;
+            batch(pt, cx, cy, cz, count, measured);
+            for (int q = 0; q < count; ++q)
+                take(candidate[q], measured[q], t);
         }
     }
 

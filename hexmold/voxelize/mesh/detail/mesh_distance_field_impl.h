@@ -415,6 +415,9 @@ template <typename Traits> struct RefineScratch {
     std::vector<std::int64_t> childList;
     std::vector<PreparedTriangle> parentPrepared;   ///< the parent's triangles, made ready
     std::vector<std::array<double, 6>> parentBoxes; ///< their boxes: min x, y, z, max x, y, z
+    /// Per triangle and axis, the child slots along the axis that its box grown by the child
+    /// band overlaps, one bit per slot.
+    std::vector<std::array<unsigned char, 3>> parentSlots;
     std::vector<std::pair<float, std::int64_t>>
         keyed; ///< squared distance to the child's centre, triangle
     static std::size_t index(int i, int j, int k)
@@ -602,6 +605,30 @@ template <typename Traits> struct Refiner {
                     s.parentBoxes[q][3 + ax] = std::max({(*a)[ax], (*bb)[ax], (*c)[ax]});
                 }
             }
+            // A child's box is the product of its slot's extent along each axis, so the overlap
+            // test of a grown triangle box splits into one test per axis and slot.
+            constexpr int kS = Traits::kSlotsPerAxis;
+            static_assert(kS <= 8, "one bit per slot");
+            double slotMin[3][kS], slotMax[3][kS];
+            for (int ax = 0; ax < 3; ++ax)
+                for (int q = 0; q < kS; ++q) {
+                    int const c = static_cast<int>(corner[ax] + q * cT);
+                    slotMin[ax][q] = (double(c) + b.ctx.voxelOffset[ax]) * h;
+                    slotMax[ax][q] = (double(c + cT) + b.ctx.voxelOffset[ax]) * h;
+                }
+            s.parentSlots.resize(parent->triangles.size());
+            for (std::size_t q = 0; q < parent->triangles.size(); ++q) {
+                auto const& box = s.parentBoxes[q];
+                for (int ax = 0; ax < 3; ++ax) {
+                    double const mn = box[ax] - childBand;
+                    double const mx = box[3 + ax] + childBand;
+                    unsigned bits = 0;
+                    for (int k = 0; k < kS; ++k)
+                        if (!(mx + kSlack < slotMin[ax][k] || mn - kSlack > slotMax[ax][k]))
+                            bits |= 1u << k;
+                    s.parentSlots[q][std::size_t(ax)] = static_cast<unsigned char>(bits);
+                }
+            }
             auto& store = out.local();
             for (int slot = 0; slot < Traits::kChildCount; ++slot) {
                 int3 const sc = Tile<Traits>::slotCoordinates(slot);
@@ -644,15 +671,8 @@ template <typename Traits> struct Refiner {
                 int target = 0;
                 for (std::size_t q = 0; q < parent->triangles.size(); ++q) {
                     std::int64_t const t = parent->triangles[q];
-                    auto const& box = s.parentBoxes[q];
-                    bool overlap = true;
-                    for (int ax = 0; ax < 3 && overlap; ++ax) {
-                        double const mn = box[ax] - childBand;
-                        double const mx = box[3 + ax] + childBand;
-                        if (mx + kSlack < bmin[ax] || mn - kSlack > bmax[ax])
-                            overlap = false;
-                    }
-                    if (!overlap)
+                    auto const& slots = s.parentSlots[q];
+                    if (!((slots[0] >> sc.x) & (slots[1] >> sc.y) & (slots[2] >> sc.z) & 1u))
                         continue;
                     float const d2 = s.parentPrepared[q].distance2(centre);
                     if (!(d2 <= reach2))
