@@ -4,6 +4,7 @@
 // run; medians, their ratio, and the errors against the analytic extension.
 #include <benchmark/benchmark.h>
 
+#include "bench/levelset/sphere_direction.h"
 #include "bench/support/timing.h"
 #include "fixtures/sphere_band.h"
 #include <algorithm>
@@ -21,7 +22,6 @@
 
 #if HEXMOLD_HAVE_OPENVDB
 #include <openvdb/openvdb.h>
-#include <openvdb/tools/FastSweeping.h>
 #endif
 
 namespace {
@@ -35,12 +35,7 @@ constexpr double kHalfWidth = 10.0; ///< finest voxels
 /// Interleaved repeats; HEXMOLD_BENCH_REPEATS overrides.
 constexpr int kRepeats = 5;
 
-/// The data on the sphere: a smooth function of the direction (finest-voxel coordinates).
-double direction(double x, double y, double z)
-{
-    double const r = std::sqrt(x * x + y * y + z * z);
-    return x / r + 0.5 * (y / r) * (z / r) + 0.25 * z / r;
-}
+using extrapolatebench::direction;
 
 /// Largest and mean error against the analytic extension over the finest voxels of the band.
 struct Errors {
@@ -167,9 +162,6 @@ void BM_ExtrapolateFloatFromSphereSurface(benchmark::State& state)
 #if HEXMOLD_HAVE_OPENVDB
     static auto const grid = scene.peerGrid();
     double const h = scene.tree.voxelSize();
-    auto const op = [h](openvdb::Vec3R const& xyz) {
-        return float(direction(xyz[0] / h, xyz[1] / h, xyz[2] / h));
-    };
 #endif
     char const* repeatsText = std::getenv("HEXMOLD_BENCH_REPEATS");
     int const repeats = repeatsText ? std::max(1, std::atoi(repeatsText)) : kRepeats;
@@ -190,7 +182,7 @@ void BM_ExtrapolateFloatFromSphereSurface(benchmark::State& state)
                 ourErrors = scene.errors(out);
 #if HEXMOLD_HAVE_OPENVDB
             auto const t1 = std::chrono::steady_clock::now();
-            auto ext = openvdb::tools::sdfToExt(*grid, op, 0.0f);
+            auto ext = extrapolatebench::extendDirection(*grid, h);
             peer.push_back(msSince(t1));
             if (r == 0) {
                 peerErr = scene.peerErrors(*ext);

@@ -34,10 +34,8 @@
 #include <vector>
 
 #if HEXMOLD_HAVE_OPENVDB
+#include "bench/voxelize/point_peers.h"
 #include <openvdb/openvdb.h>
-#include <openvdb/points/PointConversion.h>
-#include <openvdb/points/PointRasterizeSDF.h>
-#include <openvdb/tools/ParticlesToLevelSet.h>
 #endif
 
 using namespace TVL::TileTree3D;
@@ -131,6 +129,13 @@ struct Result {
     double megabytes = 0.0;
 };
 
+#if HEXMOLD_HAVE_OPENVDB
+Result asResult(pointpeers::PeerResult const& r)
+{
+    return Result{r.ms, r.voxels, r.megabytes};
+}
+#endif
+
 void printStage(Quillon::StringView name, double ms)
 {
     std::fprintf(stderr, "    %-70s %9.1f ms\n", std::string(name).c_str(), ms);
@@ -173,60 +178,6 @@ Result runOurs(Quillon::Array<float3> const& p, float h, float radius, bool spar
     return r;
 }
 
-#if HEXMOLD_HAVE_OPENVDB
-struct Particles {
-    using PosType = openvdb::Vec3R;
-    Quillon::Array<float3> const& p;
-    double r;
-    std::size_t size() const { return p.size(); }
-    void getPos(std::size_t n, openvdb::Vec3R& xyz) const
-    {
-        xyz = openvdb::Vec3R(p[n].x, p[n].y, p[n].z);
-    }
-    void getPosRad(std::size_t n, openvdb::Vec3R& xyz, openvdb::Real& rad) const
-    {
-        getPos(n, xyz);
-        rad = r;
-    }
-};
-
-Result runParticlesToLevelSet(Quillon::Array<float3> const& p, float h, float radius)
-{
-    auto const t0 = std::chrono::steady_clock::now();
-    auto grid = openvdb::createLevelSet<openvdb::FloatGrid>(h, 3.0);
-    openvdb::tools::ParticlesToLevelSet<openvdb::FloatGrid> raster(*grid);
-    raster.setRmin(
-        1.0); // a radius of 1.5 voxels is kept (the default minimum ignores smaller ones)
-    Particles const list{p, radius};
-    raster.rasterizeSpheres(list);
-    raster.finalize(true);
-    Result r;
-    r.ms = msSince(t0);
-    r.voxels = grid->activeVoxelCount();
-    r.megabytes = double(grid->memUsage()) / 1e6;
-    return r;
-}
-
-Result runRasterizeSpheres(Quillon::Array<float3> const& p, float h, float radius)
-{
-    auto const t0 = std::chrono::steady_clock::now();
-    std::vector<openvdb::Vec3R> positions(p.size());
-    for (std::size_t i = 0; i < p.size(); ++i)
-        positions[i] = openvdb::Vec3R(p[i].x, p[i].y, p[i].z);
-    auto const pointXform = openvdb::math::Transform::createLinearTransform(8.0 * h);
-    auto points = openvdb::points::createPointDataGrid<openvdb::points::NullCodec,
-                                                       openvdb::points::PointDataGrid>(positions,
-                                                                                       *pointXform);
-    auto const xform = openvdb::math::Transform::createLinearTransform(h);
-    auto sdf = openvdb::points::rasterizeSpheres(*points, double(radius), 3.0, xform);
-    Result r;
-    r.ms = msSince(t0);
-    r.voxels = sdf->activeVoxelCount();
-    r.megabytes = double(sdf->memUsage()) / 1e6;
-    return r;
-}
-#endif
-
 /// Whether the run selected by letter @p c is wanted (HEXMOLD_BENCH_ROUTES).
 bool wanted(char c)
 {
@@ -264,9 +215,9 @@ void compare(char const* label, Quillon::Array<float3> const& p, float h, float 
         }
 #if HEXMOLD_HAVE_OPENVDB
         if (wanted('p')) {
-            rp = runParticlesToLevelSet(p, h, radius);
+            rp = asResult(pointpeers::runParticlesToLevelSet(p, h, radius));
             ptls.push_back(rp.ms);
-            rr = runRasterizeSpheres(p, h, radius);
+            rr = asResult(pointpeers::runRasterizeSpheres(p, h, radius));
             spheres.push_back(rr.ms);
         }
 #endif

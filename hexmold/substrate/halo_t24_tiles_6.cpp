@@ -1,11 +1,10 @@
 /// @file  substrate/halo_t24_tiles_6.cpp
-/// @brief Instances of the per-tile halo operations for `Traits24`: float4x4, double3, int3.
-/// @details One of six shards, so that no translation unit of the halo takes long to compile.
+/// @brief Instances of the per-tile halo operations for `Traits24`: double3, int3.
+/// @details One of seven shards, so that no translation unit of the halo takes long to compile.
 #include <hexmold/substrate/detail/halo_impl.h>
 
 namespace TVL::TileTree3D {
 
-HEXMOLD_HALO_TILE_INSTANCES(Traits24, float4x4)
 HEXMOLD_HALO_TILE_INSTANCES(Traits24, double3)
 HEXMOLD_HALO_TILE_INSTANCES(Traits24, int3)
 

@@ -1,6 +1,6 @@
 /// @file  substrate/halo_t55_tiles_3.cpp
 /// @brief Instances of the per-tile halo operations for `Traits55`: float, double, Int64.
-/// @details One of six shards, so that no translation unit of the halo takes long to compile.
+/// @details One of seven shards, so that no translation unit of the halo takes long to compile.
 #include <hexmold/substrate/detail/halo_impl.h>
 
 namespace TVL::TileTree3D {

@@ -1,12 +1,11 @@
 /// @file  substrate/halo_t55_tiles_5.cpp
-/// @brief Instances of the per-tile halo operations for `Traits55`: float4, float3x3, float4x2.
-/// @details One of six shards, so that no translation unit of the halo takes long to compile.
+/// @brief Instances of the per-tile halo operations for `Traits55`: float4, float3x3.
+/// @details One of seven shards, so that no translation unit of the halo takes long to compile.
 #include <hexmold/substrate/detail/halo_impl.h>
 
 namespace TVL::TileTree3D {
 
 HEXMOLD_HALO_TILE_INSTANCES(Traits55, float4)
 HEXMOLD_HALO_TILE_INSTANCES(Traits55, float3x3)
-HEXMOLD_HALO_TILE_INSTANCES(Traits55, float4x2)
 
 } // namespace TVL::TileTree3D

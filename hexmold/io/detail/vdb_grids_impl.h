@@ -1,7 +1,7 @@
 /// @file  io/detail/vdb_grids_impl.h
-/// @brief The bodies of `voxelGrid` and `readVoxelGrid`, instantiated in vdb_grids_scalar.cpp
-///        and vdb_grids_vector.cpp (OpenVDB's tree templates make each grid type costly to
-///        compile, so the seven are split over two units).
+/// @brief The bodies of `voxelGrid` and `readVoxelGrid`, instantiated in the vdb_grid_*.cpp
+///        sources (OpenVDB's tree templates make each grid type costly to compile, so each of
+///        the seven has a unit of its own).
 #pragma once
 #include <hexmold/io/detail/vdb_voxels.h>
 

@@ -117,8 +117,7 @@ struct DepthLattice {
 /// @brief A grid of type GridT whose active voxels are exactly those of the tiles whose first
 ///        voxels are @p origins (@p width voxels across), holding @p values in tile order and,
 ///        within a tile, x fastest; @p background elsewhere.
-/// @details Instantiated in vdb_grids_scalar.cpp and vdb_grids_vector.cpp for the grid types of
-///          `ElementStorage`.
+/// @details Instantiated in the vdb_grid_*.cpp sources, one per grid type of `ElementStorage`.
 template <typename GridT>
 openvdb::GridBase::Ptr voxelGrid(std::vector<openvdb::Coord> const& origins, int width,
                                  std::vector<typename GridT::ValueType> const& values,
