@@ -45,6 +45,17 @@ HEXMOLD_API bool enableVDBBenchmarkOptimizations();
 
 // ---- the lattice kernel -----------------------------------------------------------------------
 
+/// @brief What the lattice kernel tests of a triangle before measuring it: its box and the
+///        unit normal of its plane, computed once per mesh (see `TriangleKernelContext::bounds`).
+/// @details `normal` is (b - a) x (c - a) over its length, in double precision; zero for a
+///          sliver, whose normal is noise. One cache line per triangle.
+struct alignas(64) TriangleBounds {
+    float lo[3];      ///< smallest vertex coordinate per axis
+    float hi[3];      ///< largest vertex coordinate per axis
+    float origin[3];  ///< the first vertex
+    double normal[3]; ///< unit normal, or zero
+};
+
 /// @brief What the lattice kernel calls of one build share, read only.
 /// @details A node or voxel with lattice coordinates n of a tile with corner c (tile-space,
 ///          finest voxels) and spacing s lies at world (c + s * n + voxelOffset) * voxelSize.
@@ -56,6 +67,8 @@ struct TriangleKernelContext {
     Quillon::Array<ulong3> const* triangles = nullptr; ///< three point indices per triangle
     Quillon::Array<float3> const* positions = nullptr; ///< world point positions
     int tileWidth = 4;                                 ///< voxels across a tile
+    /// Per triangle, or null: each triangle's bounds are then computed at each visit.
+    TriangleBounds const* bounds = nullptr;
 };
 
 /// Node lattice of a tile: (W + 1)^3 nodes, x fastest; the last node on each axis belongs to

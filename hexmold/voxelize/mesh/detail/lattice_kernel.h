@@ -9,6 +9,7 @@
 #include <hexmold/voxelize/mesh/detail/triangle_batch.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
 #include <limits>
+#include <type_traits>
 #include <vector>
 
 namespace VolumeGL::TileTree3D::detail {
@@ -34,6 +35,29 @@ inline float intervalDistance2(float x, float lo, float hi)
 /// squared distance cannot win. The margin keeps the float rounding of the box from skipping a
 /// triangle that ties.
 inline constexpr float kBoxTestTolerance = 0.9999f;
+
+/// The bounds of the triangle (@p a, @p b, @p c) that the lattice kernel tests.
+inline TriangleBounds makeTriangleBounds(float3 const& a, float3 const& b, float3 const& c)
+{
+    TriangleBounds r;
+    r.lo[0] = std::min({a.x, b.x, c.x}), r.lo[1] = std::min({a.y, b.y, c.y});
+    r.lo[2] = std::min({a.z, b.z, c.z});
+    r.hi[0] = std::max({a.x, b.x, c.x}), r.hi[1] = std::max({a.y, b.y, c.y});
+    r.hi[2] = std::max({a.z, b.z, c.z});
+    r.origin[0] = a.x, r.origin[1] = a.y, r.origin[2] = a.z;
+    double const e0[3] = {double(b.x) - a.x, double(b.y) - a.y, double(b.z) - a.z};
+    double const e1[3] = {double(c.x) - a.x, double(c.y) - a.y, double(c.z) - a.z};
+    double const nrm[3] = {e0[1] * e1[2] - e0[2] * e1[1], e0[2] * e1[0] - e0[0] * e1[2],
+                           e0[0] * e1[1] - e0[1] * e1[0]};
+    double const nn = nrm[0] * nrm[0] + nrm[1] * nrm[1] + nrm[2] * nrm[2];
+    double const scale = (e0[0] * e0[0] + e0[1] * e0[1] + e0[2] * e0[2]) *
+                         (e1[0] * e1[0] + e1[1] * e1[1] + e1[2] * e1[2]);
+    bool const usePlane = nn > 1e-12 * scale && nn > 0.0;
+    double const inv = usePlane ? 1.0 / std::sqrt(nn) : 0.0;
+    for (int ax = 0; ax < 3; ++ax)
+        r.normal[ax] = nrm[ax] * inv;
+    return r;
+}
 
 /// @brief A triangle made ready for many distance queries: edges, normal and the inward normals
 ///        of the edges computed once, in double precision. `triangleBatchBody` is the same
@@ -285,16 +309,25 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         float const nodeMax[3] = {coord[0][hi[0] - 1], coord[1][hi[1] - 1], coord[2][hi[2] - 1]};
         int sinceRefresh = 0;
         std::size_t at = 0;
+        TriangleBounds computed;
         for (It it = begin; it != end; ++it, ++at) {
             std::int64_t const t = *it;
-            ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
-            float3 const& a = positions[tri.x];
-            float3 const& b = positions[tri.y];
-            float3 const& c = positions[tri.z];
-            float const bmin[3] = {std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}),
-                                   std::min({a.z, b.z, c.z})};
-            float const bmax[3] = {std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}),
-                                   std::max({a.z, b.z, c.z})};
+            TriangleBounds const* tb;
+            if (ctx.bounds) {
+                tb = &ctx.bounds[t];
+                if constexpr (std::is_pointer_v<It>) {
+                    // The list is in hand: fetch the bounds a few triangles ahead.
+                    constexpr std::ptrdiff_t kAhead = 8;
+                    if (end - it > kAhead)
+                        __builtin_prefetch(&ctx.bounds[it[kAhead]]);
+                }
+            } else {
+                ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
+                computed = makeTriangleBounds(positions[tri.x], positions[tri.y], positions[tri.z]);
+                tb = &computed;
+            }
+            float const* const bmin = tb->lo;
+            float const* const bmax = tb->hi;
             if (!clip) {
                 if (++sinceRefresh == 4) {
                     refreshWorst();
@@ -355,22 +388,13 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
             if (empty)
                 continue;
             // A second lower bound: the distance to the triangle's plane, as per-axis terms of
-            // the unit normal's dot product (in double: nodes lie close to the plane). Off for
-            // slivers, whose normal is noise.
-            double const e0[3] = {double(b.x) - a.x, double(b.y) - a.y, double(b.z) - a.z};
-            double const e1[3] = {double(c.x) - a.x, double(c.y) - a.y, double(c.z) - a.z};
-            double nrm[3] = {e0[1] * e1[2] - e0[2] * e1[1], e0[2] * e1[0] - e0[0] * e1[2],
-                             e0[0] * e1[1] - e0[1] * e1[0]};
-            double const nn = nrm[0] * nrm[0] + nrm[1] * nrm[1] + nrm[2] * nrm[2];
-            double const scale = (e0[0] * e0[0] + e0[1] * e0[1] + e0[2] * e0[2]) *
-                                 (e1[0] * e1[0] + e1[1] * e1[1] + e1[2] * e1[2]);
-            bool const usePlane = nn > 1e-12 * scale && nn > 0.0;
-            double const inv = usePlane ? 1.0 / std::sqrt(nn) : 0.0;
+            // the unit normal's dot product (in double: nodes lie close to the plane). Zero for
+            // slivers.
             for (int ax = 0; ax < 3; ++ax) {
-                nrm[ax] *= inv;
-                double const origin = ax == 0 ? a.x : (ax == 1 ? a.y : a.z);
+                double const nrm = tb->normal[ax];
+                double const origin = tb->origin[ax];
                 for (int n = wlo[ax]; n < whi[ax]; ++n)
-                    pd[ax][n] = nrm[ax] * (double(coord[ax][n]) - origin);
+                    pd[ax][n] = nrm * (double(coord[ax][n]) - origin);
             }
             // The nodes the bounds cannot rule out, gathered a row at a time, then measured
             // together. No node is listed twice, so measuring after the tests changes nothing.

@@ -95,6 +95,8 @@ template <typename Traits> struct MeshBuild {
     Quillon::Array<float3> const& positions;
     Quillon::Array<float> const* detailSizes = nullptr;
     TriangleKernelContext ctx;
+    /// Each triangle's bounds for the lattice kernel (`ctx.bounds`).
+    std::vector<TriangleBounds> bounds;
 
     float voxelSize = 1.0f;
     float holeRadius = 0.0f;
@@ -1618,6 +1620,16 @@ bool createMeshDistanceField(
     b.ctx.triangles = &triangles;
     b.ctx.positions = &positions;
     b.ctx.tileWidth = Traits::kTileWidth;
+    b.bounds.resize(triangles.size());
+    Par::parallel_for(Par::blocked_range<std::size_t>(0, triangles.size(), 4096),
+                      [&](Par::blocked_range<std::size_t> const& r) {
+                          for (std::size_t t = r.begin(); t != r.end(); ++t) {
+                              ulong3 const& tri = triangles[t];
+                              b.bounds[t] = detail::makeTriangleBounds(
+                                  positions[tri.x], positions[tri.y], positions[tri.z]);
+                          }
+                      });
+    b.ctx.bounds = b.bounds.data();
 
     b.countEdges = computeInterior && adaptiveBuild && !(b.holeRadius > 0.0f);
 
