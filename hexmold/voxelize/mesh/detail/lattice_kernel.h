@@ -246,13 +246,19 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
             for (It it = begin; it != end; ++it, ++q)
                 place[std::size_t(*it)] = q;
         }
+        // Each node's seed first; then the nodes sharing a seed (the parent's nodes are few)
+        // measured together.
+        constexpr int kSeedRoom = kCount + kTriangleBatchPad;
+        int seedNode[kCount];
+        std::int32_t seedAt[kCount];
+        std::int64_t seedTriangle[kCount];
+        int seeds = 0;
         for (int z = lo[2]; z < hi[2]; ++z)
             for (int y = lo[1]; y < hi[1]; ++y)
                 for (int x = lo[0]; x < hi[0]; ++x) {
                     int const n = L::index(x, y, z);
                     if (state[n] != kCompute)
                         continue;
-                    float3 const p{coord[0][x], coord[1][y], coord[2][z]};
                     // The parent's node nearest to this one (rounding half up).
                     int const slot[3] = {childPosition.x, childPosition.y, childPosition.z};
                     int const c[3] = {x, y, z};
@@ -262,10 +268,48 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                     std::int64_t const t = parentClosest[L::index(near[0], near[1], near[2])];
                     if (t < 0 || std::size_t(t) >= triangles.size())
                         continue;
-                    std::int32_t const at = place[std::size_t(t)];
-                    if (at >= 0)
-                        take(n, preparedAt(std::size_t(at), t).distance2(p), t);
+                    std::int32_t const q = place[std::size_t(t)];
+                    if (q >= 0) {
+                        seedNode[seeds] = n;
+                        seedAt[seeds] = q;
+                        seedTriangle[seeds] = t;
+                        ++seeds;
+                    }
                 }
+        if (seeds > 0) {
+            TriangleBatchFunction const batch = latticeBatchFunction();
+            int group[kCount];
+            alignas(64) float gx[kSeedRoom], gy[kSeedRoom], gz[kSeedRoom];
+            alignas(64) float gd[kSeedRoom];
+            for (int i = 0; i < seeds; ++i) {
+                std::int32_t const q = seedAt[i];
+                if (q < 0)
+                    continue;
+                int count = 0;
+                for (int j = i; j < seeds; ++j) {
+                    if (seedAt[j] != q)
+                        continue;
+                    int const n = seedNode[j];
+                    group[count] = n;
+                    gx[count] = coord[0][n % N];
+                    gy[count] = coord[1][(n / N) % N];
+                    gz[count] = coord[2][n / (N * N)];
+                    ++count;
+                    seedAt[j] = -1;
+                }
+                std::int64_t const t = seedTriangle[i];
+                PreparedTriangle const& pt = preparedAt(std::size_t(q), t);
+                if (count == 1) {
+                    take(group[0], pt.distance2(float3{gx[0], gy[0], gz[0]}), t);
+                    continue;
+                }
+                for (int k = count; k < count + kTriangleBatchPad; ++k)
+                    gx[k] = gy[k] = gz[k] = 0.0f;
+                batch(pt, gx, gy, gz, count, gd);
+                for (int k = 0; k < count; ++k)
+                    take(group[k], gd[k], t);
+            }
+        }
         for (It it = begin; it != end; ++it)
             place[std::size_t(*it)] = -1;
     }
