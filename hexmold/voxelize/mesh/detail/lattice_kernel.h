@@ -27,7 +27,8 @@ inline float latticeCoordinate(std::int64_t corner, std::int64_t spacing, int n,
 /// Squared distance from a coordinate to the interval [lo, hi], in float.
 inline float intervalDistance2(float x, float lo, float hi)
 {
-    float const d = std::max({lo - x, x - hi, 0.0f});
+    // max({lo - x, x - hi, 0}) as two selections, without branches.
+    float const d = std::max(std::max(lo - x, x - hi), 0.0f);
     return d * d;
 }
 
@@ -229,10 +230,12 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         return prepared[q];
     };
     auto take = [&](int n, float d2, std::int64_t t) {
-        if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
-            best2[n] = d2;
-            id[n] = t;
-        }
+        // Selections rather than a branch: whether a measured node improves is hard to predict.
+        float const b = best2[n];
+        std::int64_t const i = id[n];
+        bool const better = d2 < b || (d2 == b && t < i);
+        best2[n] = better ? d2 : b;
+        id[n] = better ? t : i;
     };
     if (withParent && parentClosest && unset > 0) {
         // Seeds: the listed triangle closest to the parent's node nearest each node. Measured
@@ -426,7 +429,9 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                     if (f > l)
                         empty = true;
                 }
-                for (int n = wlo[ax]; n < whi[ax]; ++n)
+                // Every node of the axis (the window's are read): a fixed count, which the
+                // compiler turns into whole registers without branches.
+                for (int n = 0; n < N; ++n)
                     dd[ax][n] = intervalDistance2(coord[ax][n], bmin[ax], bmax[ax]);
             }
             if (empty)
@@ -437,7 +442,7 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
             for (int ax = 0; ax < 3; ++ax) {
                 double const nrm = tb->normal[ax];
                 double const origin = tb->origin[ax];
-                for (int n = wlo[ax]; n < whi[ax]; ++n)
+                for (int n = 0; n < N; ++n)
                     pd[ax][n] = nrm * (double(coord[ax][n]) - origin);
             }
             // The nodes the bounds cannot rule out, gathered a row at a time, then measured
