@@ -71,6 +71,10 @@ struct TriangleKernelContext {
     TriangleBounds const* bounds = nullptr;
 };
 
+namespace detail {
+struct PreparedTriangle;
+}
+
 /// Node lattice of a tile: (W + 1)^3 nodes, x fastest; the last node on each axis belongs to
 /// the next tile.
 template <typename Traits> struct TileLattice {
@@ -103,6 +107,9 @@ inline constexpr std::int64_t kNoTriangle = -1;
 ///                        the lattice (8 directions)
 /// @param finalFill       write the far value and `kNoTriangle` to nodes left without a triangle;
 ///                        when false such nodes keep what the outputs held
+/// @param prepared        null, or per listed triangle the triangle made ready for distance
+///                        queries (by `detail::PreparedTriangle::prepare` of its vertices), so
+///                        that a caller with them at hand spares the kernel the work
 /// @return true when at least one node in range lies within @p band of a triangle.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
@@ -112,7 +119,7 @@ computeTileLattice(TriangleKernelContext const& ctx, std::int64_t i, std::int64_
                    std::int64_t const* triangleEnd, float* out_distances, std::int64_t* out_closest,
                    float band, float const* parentDistances, std::int64_t const* parentClosest,
                    int3 childPosition, int3 rangeBegin, int3 rangeEnd, bool clip, bool sweepFill,
-                   bool finalFill);
+                   bool finalFill, detail::PreparedTriangle const* const* prepared = nullptr);
 
 /// @brief The sparse build's visit of one triangle in one finest tile: every voxel in the
 ///        triangle's box (at least one voxel per axis) takes the triangle's exact distance when

@@ -150,7 +150,8 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                              float* out_distances, std::int64_t* out_closest, float band,
                              float const* parentDistances, std::int64_t const* parentClosest,
                              int3 childPosition, int3 rangeBegin, int3 rangeEnd, bool clip,
-                             bool sweepFill, bool finalFill)
+                             bool sweepFill, bool finalFill,
+                             PreparedTriangle const* const* listPrepared = nullptr)
 {
     using L = TileLattice<Traits>;
     constexpr int N = L::kNodes;
@@ -210,18 +211,20 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     auto const& triangles = *ctx.triangles;
     auto const& positions = *ctx.positions;
     // A listed triangle is made ready when first measured (the box tests skip most of a long
-    // list), once per call; seeds find theirs through a per-thread table from triangle index to
-    // place in the list.
+    // list), once per call, unless the caller hands them in; seeds find theirs through a
+    // per-thread table from triangle index to place in the list.
     thread_local std::vector<PreparedTriangle> prepared;
     thread_local std::vector<unsigned char> ready;
     thread_local std::vector<std::int32_t> place;
     std::size_t const listSize = static_cast<std::size_t>(std::distance(begin, end));
-    if (unset > 0) {
+    if (unset > 0 && !listPrepared) {
         if (prepared.size() < listSize)
             prepared.resize(listSize);
         ready.assign(listSize, 0);
     }
     auto preparedAt = [&](std::size_t q, std::int64_t t) -> PreparedTriangle const& {
+        if (listPrepared)
+            return *listPrepared[q];
         if (!ready[q]) {
             ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
             prepared[q].prepare(positions[tri.x], positions[tri.y], positions[tri.z]);

@@ -31,6 +31,7 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <tuple>
 #include <unordered_set>
 #include <vector>
 
@@ -420,9 +421,11 @@ template <typename Traits> struct RefineScratch {
     /// Per triangle and axis, the child slots along the axis that its box grown by the child
     /// band overlaps, one bit per slot.
     std::vector<std::array<unsigned char, 3>> parentSlots;
-    /// Per child: squared distance to its centre, triangle (of the parent's triangles within
-    /// reach of the centre).
-    std::vector<std::vector<std::pair<float, std::int64_t>>> childKeyed;
+    /// Per child: squared distance to its centre, triangle, place in the parent's list (of the
+    /// parent's triangles within reach of the centre).
+    std::vector<std::vector<std::tuple<float, std::int64_t, std::uint32_t>>> childKeyed;
+    /// The child list's triangles made ready: pointers into `parentPrepared`.
+    std::vector<PreparedTriangle const*> childPrepared;
     static std::size_t index(int i, int j, int k)
     {
         return std::size_t(i) + kBig * (std::size_t(j) + kBig * std::size_t(k));
@@ -691,7 +694,8 @@ template <typename Traits> struct Refiner {
                     std::int64_t const t = parent->triangles[q];
                     for (int k = 0; k < count; ++k)
                         if (measured[k] <= reach2)
-                            s.childKeyed[std::size_t(which[k])].emplace_back(measured[k], t);
+                            s.childKeyed[std::size_t(which[k])].emplace_back(
+                                measured[k], t, static_cast<std::uint32_t>(q));
                 }
             }
             auto& store = out.local();
@@ -731,7 +735,7 @@ template <typename Traits> struct Refiner {
                 auto& keyed = s.childKeyed[std::size_t(slot)];
                 float smallest = std::numeric_limits<float>::max();
                 int target = 0;
-                for (auto const& [d2, t] : keyed) {
+                for (auto const& [d2, t, q] : keyed) {
                     smallest = std::min(smallest, d2);
                     if (b.detailMode && target <= d)
                         target = std::max(target, triangleTarget(t, bmin, bmax, d));
@@ -741,9 +745,13 @@ template <typename Traits> struct Refiner {
                 if (b.detailMode && target <= d)
                     continue;
                 // Nearest triangles first: the lattice's box test then prunes most of the rest.
+                // (A triangle is listed once: the order is that of distance, then index.)
                 std::sort(keyed.begin(), keyed.end());
-                for (auto const& [d2, t] : keyed)
+                s.childPrepared.clear();
+                for (auto const& [d2, t, q] : keyed) {
                     list.push_back(t);
+                    s.childPrepared.push_back(&s.parentPrepared[q]);
+                }
 
                 // The child's lattice: nodes shared with the parent are copied, a face an earlier
                 // sibling wrote is reused.
@@ -773,7 +781,7 @@ template <typename Traits> struct Refiner {
                 bool within = computeTileLattice<Traits>(
                     b.ctx, cc.x, cc.y, cc.z, cVw, list.data(), list.data() + list.size(), dist, ids,
                     childBand, parent->distances.data(), parent->closest.data(), sc, rb, re, clip,
-                    clip, true);
+                    clip, true, s.childPrepared.data());
                 for (int z = 0; z < N; ++z)
                     for (int y = 0; y < N; ++y)
                         for (int x = 0; x < N; ++x) {
