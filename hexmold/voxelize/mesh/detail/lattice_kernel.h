@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <hexmold/platform/tavrel/spatial_query.h>
 #include <hexmold/voxelize/mesh/detail/triangle_batch.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
@@ -234,10 +235,15 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     };
     auto take = [&](int n, float d2, std::int64_t t) {
         // Selections rather than a branch: whether a measured node improves is hard to predict.
+        // (The float moves as its bits, which selections of integers carry.)
         float const b = best2[n];
         std::int64_t const i = id[n];
-        bool const better = d2 < b || (d2 == b && t < i);
-        best2[n] = better ? d2 : b;
+        bool const better = (d2 < b) | ((d2 == b) & (t < i));
+        std::uint32_t newBits, oldBits;
+        std::memcpy(&newBits, &d2, sizeof d2);
+        std::memcpy(&oldBits, &b, sizeof b);
+        std::uint32_t const keep = better ? newBits : oldBits;
+        std::memcpy(&best2[n], &keep, sizeof keep);
         id[n] = better ? t : i;
     };
     if (withParent && parentClosest && unset > 0) {
