@@ -61,12 +61,13 @@ bool computeTileLattice(TriangleKernelContext const& ctx, std::int64_t i, std::i
                         std::int64_t const* triangleEnd, float* out_distances,
                         std::int64_t* out_closest, float band, float const* parentDistances,
                         std::int64_t const* parentClosest, int3 childPosition, int3 rangeBegin,
-                        int3 rangeEnd, bool clip, bool sweepFill, bool finalFill)
+                        int3 rangeEnd, bool clip, bool sweepFill, bool finalFill,
+                        detail::PreparedTriangle const* const* prepared)
 {
     return detail::computeTileLatticeRange<Traits>(
         ctx, i, j, k, spacing, triangleBegin, triangleEnd, out_distances, out_closest, band,
         parentDistances, parentClosest, childPosition, rangeBegin, rangeEnd, clip, sweepFill,
-        finalFill);
+        finalFill, prepared);
 }
 
 template <typename Traits>

@@ -45,6 +45,17 @@ HEXMOLD_API bool enableVDBBenchmarkOptimizations();
 
 // ---- the lattice kernel -----------------------------------------------------------------------
 
+/// @brief What the lattice kernel tests of a triangle before measuring it: its box and the
+///        unit normal of its plane, computed once per mesh (see `TriangleKernelContext::bounds`).
+/// @details `normal` is (b - a) x (c - a) over its length, in double precision; zero for a
+///          sliver, whose normal is noise. One cache line per triangle.
+struct alignas(64) TriangleBounds {
+    float lo[3];      ///< smallest vertex coordinate per axis
+    float hi[3];      ///< largest vertex coordinate per axis
+    float origin[3];  ///< the first vertex
+    double normal[3]; ///< unit normal, or zero
+};
+
 /// @brief What the lattice kernel calls of one build share, read only.
 /// @details A node or voxel with lattice coordinates n of a tile with corner c (tile-space,
 ///          finest voxels) and spacing s lies at world (c + s * n + voxelOffset) * voxelSize.
@@ -56,7 +67,13 @@ struct TriangleKernelContext {
     Quillon::Array<ulong3> const* triangles = nullptr; ///< three point indices per triangle
     Quillon::Array<float3> const* positions = nullptr; ///< world point positions
     int tileWidth = 4;                                 ///< voxels across a tile
+    /// Per triangle, or null: each triangle's bounds are then computed at each visit.
+    TriangleBounds const* bounds = nullptr;
 };
+
+namespace detail {
+struct PreparedTriangle;
+}
 
 /// Node lattice of a tile: (W + 1)^3 nodes, x fastest; the last node on each axis belongs to
 /// the next tile.
@@ -90,6 +107,9 @@ inline constexpr std::int64_t kNoTriangle = -1;
 ///                        the lattice (8 directions)
 /// @param finalFill       write the far value and `kNoTriangle` to nodes left without a triangle;
 ///                        when false such nodes keep what the outputs held
+/// @param prepared        null, or per listed triangle the triangle made ready for distance
+///                        queries (by `detail::PreparedTriangle::prepare` of its vertices), so
+///                        that a caller with them at hand spares the kernel the work
 /// @return true when at least one node in range lies within @p band of a triangle.
 /// Instantiated for `Traits<2,4,1>` and `Traits<5,5,1>`.
 template <typename Traits>
@@ -99,7 +119,7 @@ computeTileLattice(TriangleKernelContext const& ctx, std::int64_t i, std::int64_
                    std::int64_t const* triangleEnd, float* out_distances, std::int64_t* out_closest,
                    float band, float const* parentDistances, std::int64_t const* parentClosest,
                    int3 childPosition, int3 rangeBegin, int3 rangeEnd, bool clip, bool sweepFill,
-                   bool finalFill);
+                   bool finalFill, detail::PreparedTriangle const* const* prepared = nullptr);
 
 /// @brief The sparse build's visit of one triangle in one finest tile: every voxel in the
 ///        triangle's box (at least one voxel per axis) takes the triangle's exact distance when

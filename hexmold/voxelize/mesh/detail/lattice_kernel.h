@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <hexmold/platform/tavrel/spatial_query.h>
 #include <hexmold/voxelize/mesh/detail/triangle_batch.h>
 #include <hexmold/voxelize/mesh/triangle_distance_kernel.h>
 #include <limits>
+#include <type_traits>
 #include <vector>
 
 namespace VolumeGL::TileTree3D::detail {
@@ -26,7 +28,8 @@ inline float latticeCoordinate(std::int64_t corner, std::int64_t spacing, int n,
 /// Squared distance from a coordinate to the interval [lo, hi], in float.
 inline float intervalDistance2(float x, float lo, float hi)
 {
-    float const d = std::max({lo - x, x - hi, 0.0f});
+    // max({lo - x, x - hi, 0}) as two selections, without branches.
+    float const d = std::max(std::max(lo - x, x - hi), 0.0f);
     return d * d;
 }
 
@@ -34,6 +37,29 @@ inline float intervalDistance2(float x, float lo, float hi)
 /// squared distance cannot win. The margin keeps the float rounding of the box from skipping a
 /// triangle that ties.
 inline constexpr float kBoxTestTolerance = 0.9999f;
+
+/// The bounds of the triangle (@p a, @p b, @p c) that the lattice kernel tests.
+inline TriangleBounds makeTriangleBounds(float3 const& a, float3 const& b, float3 const& c)
+{
+    TriangleBounds r;
+    r.lo[0] = std::min({a.x, b.x, c.x}), r.lo[1] = std::min({a.y, b.y, c.y});
+    r.lo[2] = std::min({a.z, b.z, c.z});
+    r.hi[0] = std::max({a.x, b.x, c.x}), r.hi[1] = std::max({a.y, b.y, c.y});
+    r.hi[2] = std::max({a.z, b.z, c.z});
+    r.origin[0] = a.x, r.origin[1] = a.y, r.origin[2] = a.z;
+    double const e0[3] = {double(b.x) - a.x, double(b.y) - a.y, double(b.z) - a.z};
+    double const e1[3] = {double(c.x) - a.x, double(c.y) - a.y, double(c.z) - a.z};
+    double const nrm[3] = {e0[1] * e1[2] - e0[2] * e1[1], e0[2] * e1[0] - e0[0] * e1[2],
+                           e0[0] * e1[1] - e0[1] * e1[0]};
+    double const nn = nrm[0] * nrm[0] + nrm[1] * nrm[1] + nrm[2] * nrm[2];
+    double const scale = (e0[0] * e0[0] + e0[1] * e0[1] + e0[2] * e0[2]) *
+                         (e1[0] * e1[0] + e1[1] * e1[1] + e1[2] * e1[2]);
+    bool const usePlane = nn > 1e-12 * scale && nn > 0.0;
+    double const inv = usePlane ? 1.0 / std::sqrt(nn) : 0.0;
+    for (int ax = 0; ax < 3; ++ax)
+        r.normal[ax] = nrm[ax] * inv;
+    return r;
+}
 
 /// @brief A triangle made ready for many distance queries: edges, normal and the inward normals
 ///        of the edges computed once, in double precision. `triangleBatchBody` is the same
@@ -125,7 +151,8 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                              float* out_distances, std::int64_t* out_closest, float band,
                              float const* parentDistances, std::int64_t const* parentClosest,
                              int3 childPosition, int3 rangeBegin, int3 rangeEnd, bool clip,
-                             bool sweepFill, bool finalFill)
+                             bool sweepFill, bool finalFill,
+                             PreparedTriangle const* const* listPrepared = nullptr)
 {
     using L = TileLattice<Traits>;
     constexpr int N = L::kNodes;
@@ -185,18 +212,20 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
     auto const& triangles = *ctx.triangles;
     auto const& positions = *ctx.positions;
     // A listed triangle is made ready when first measured (the box tests skip most of a long
-    // list), once per call; seeds find theirs through a per-thread table from triangle index to
-    // place in the list.
+    // list), once per call, unless the caller hands them in; seeds find theirs through a
+    // per-thread table from triangle index to place in the list.
     thread_local std::vector<PreparedTriangle> prepared;
     thread_local std::vector<unsigned char> ready;
     thread_local std::vector<std::int32_t> place;
     std::size_t const listSize = static_cast<std::size_t>(std::distance(begin, end));
-    if (unset > 0) {
+    if (unset > 0 && !listPrepared) {
         if (prepared.size() < listSize)
             prepared.resize(listSize);
         ready.assign(listSize, 0);
     }
     auto preparedAt = [&](std::size_t q, std::int64_t t) -> PreparedTriangle const& {
+        if (listPrepared)
+            return *listPrepared[q];
         if (!ready[q]) {
             ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
             prepared[q].prepare(positions[tri.x], positions[tri.y], positions[tri.z]);
@@ -205,10 +234,17 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         return prepared[q];
     };
     auto take = [&](int n, float d2, std::int64_t t) {
-        if (d2 < best2[n] || (d2 == best2[n] && t < id[n])) {
-            best2[n] = d2;
-            id[n] = t;
-        }
+        // Selections rather than a branch: whether a measured node improves is hard to predict.
+        // (The float moves as its bits, which selections of integers carry.)
+        float const b = best2[n];
+        std::int64_t const i = id[n];
+        bool const better = (d2 < b) | ((d2 == b) & (t < i));
+        std::uint32_t newBits, oldBits;
+        std::memcpy(&newBits, &d2, sizeof d2);
+        std::memcpy(&oldBits, &b, sizeof b);
+        std::uint32_t const keep = better ? newBits : oldBits;
+        std::memcpy(&best2[n], &keep, sizeof keep);
+        id[n] = better ? t : i;
     };
     if (withParent && parentClosest && unset > 0) {
         // Seeds: the listed triangle closest to the parent's node nearest each node. Measured
@@ -222,13 +258,19 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
             for (It it = begin; it != end; ++it, ++q)
                 place[std::size_t(*it)] = q;
         }
+        // Each node's seed first; then the nodes sharing a seed (the parent's nodes are few)
+        // measured together.
+        constexpr int kSeedRoom = kCount + kTriangleBatchPad;
+        int seedNode[kCount];
+        std::int32_t seedAt[kCount];
+        std::int64_t seedTriangle[kCount];
+        int seeds = 0;
         for (int z = lo[2]; z < hi[2]; ++z)
             for (int y = lo[1]; y < hi[1]; ++y)
                 for (int x = lo[0]; x < hi[0]; ++x) {
                     int const n = L::index(x, y, z);
                     if (state[n] != kCompute)
                         continue;
-                    float3 const p{coord[0][x], coord[1][y], coord[2][z]};
                     // The parent's node nearest to this one (rounding half up).
                     int const slot[3] = {childPosition.x, childPosition.y, childPosition.z};
                     int const c[3] = {x, y, z};
@@ -238,10 +280,48 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                     std::int64_t const t = parentClosest[L::index(near[0], near[1], near[2])];
                     if (t < 0 || std::size_t(t) >= triangles.size())
                         continue;
-                    std::int32_t const at = place[std::size_t(t)];
-                    if (at >= 0)
-                        take(n, preparedAt(std::size_t(at), t).distance2(p), t);
+                    std::int32_t const q = place[std::size_t(t)];
+                    if (q >= 0) {
+                        seedNode[seeds] = n;
+                        seedAt[seeds] = q;
+                        seedTriangle[seeds] = t;
+                        ++seeds;
+                    }
                 }
+        if (seeds > 0) {
+            TriangleBatchFunction const batch = latticeBatchFunction();
+            int group[kCount];
+            alignas(64) float gx[kSeedRoom], gy[kSeedRoom], gz[kSeedRoom];
+            alignas(64) float gd[kSeedRoom];
+            for (int i = 0; i < seeds; ++i) {
+                std::int32_t const q = seedAt[i];
+                if (q < 0)
+                    continue;
+                int count = 0;
+                for (int j = i; j < seeds; ++j) {
+                    if (seedAt[j] != q)
+                        continue;
+                    int const n = seedNode[j];
+                    group[count] = n;
+                    gx[count] = coord[0][n % N];
+                    gy[count] = coord[1][(n / N) % N];
+                    gz[count] = coord[2][n / (N * N)];
+                    ++count;
+                    seedAt[j] = -1;
+                }
+                std::int64_t const t = seedTriangle[i];
+                PreparedTriangle const& pt = preparedAt(std::size_t(q), t);
+                if (count == 1) {
+                    take(group[0], pt.distance2(float3{gx[0], gy[0], gz[0]}), t);
+                    continue;
+                }
+                for (int k = count; k < count + kTriangleBatchPad; ++k)
+                    gx[k] = gy[k] = gz[k] = 0.0f;
+                batch(pt, gx, gy, gz, count, gd);
+                for (int k = 0; k < count; ++k)
+                    take(group[k], gd[k], t);
+            }
+        }
         for (It it = begin; it != end; ++it)
             place[std::size_t(*it)] = -1;
     }
@@ -285,16 +365,25 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         float const nodeMax[3] = {coord[0][hi[0] - 1], coord[1][hi[1] - 1], coord[2][hi[2] - 1]};
         int sinceRefresh = 0;
         std::size_t at = 0;
+        TriangleBounds computed;
         for (It it = begin; it != end; ++it, ++at) {
             std::int64_t const t = *it;
-            ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
-            float3 const& a = positions[tri.x];
-            float3 const& b = positions[tri.y];
-            float3 const& c = positions[tri.z];
-            float const bmin[3] = {std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}),
-                                   std::min({a.z, b.z, c.z})};
-            float const bmax[3] = {std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}),
-                                   std::max({a.z, b.z, c.z})};
+            TriangleBounds const* tb;
+            if (ctx.bounds) {
+                tb = &ctx.bounds[t];
+                if constexpr (std::is_pointer_v<It>) {
+                    // The list is in hand: fetch the bounds a few triangles ahead.
+                    constexpr std::ptrdiff_t kAhead = 8;
+                    if (end - it > kAhead)
+                        __builtin_prefetch(&ctx.bounds[it[kAhead]]);
+                }
+            } else {
+                ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
+                computed = makeTriangleBounds(positions[tri.x], positions[tri.y], positions[tri.z]);
+                tb = &computed;
+            }
+            float const* const bmin = tb->lo;
+            float const* const bmax = tb->hi;
             if (!clip) {
                 if (++sinceRefresh == 4) {
                     refreshWorst();
@@ -349,28 +438,21 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                     if (f > l)
                         empty = true;
                 }
-                for (int n = wlo[ax]; n < whi[ax]; ++n)
+                // Every node of the axis (the window's are read): a fixed count, which the
+                // compiler turns into whole registers without branches.
+                for (int n = 0; n < N; ++n)
                     dd[ax][n] = intervalDistance2(coord[ax][n], bmin[ax], bmax[ax]);
             }
             if (empty)
                 continue;
             // A second lower bound: the distance to the triangle's plane, as per-axis terms of
-            // the unit normal's dot product (in double: nodes lie close to the plane). Off for
-            // slivers, whose normal is noise.
-            double const e0[3] = {double(b.x) - a.x, double(b.y) - a.y, double(b.z) - a.z};
-            double const e1[3] = {double(c.x) - a.x, double(c.y) - a.y, double(c.z) - a.z};
-            double nrm[3] = {e0[1] * e1[2] - e0[2] * e1[1], e0[2] * e1[0] - e0[0] * e1[2],
-                             e0[0] * e1[1] - e0[1] * e1[0]};
-            double const nn = nrm[0] * nrm[0] + nrm[1] * nrm[1] + nrm[2] * nrm[2];
-            double const scale = (e0[0] * e0[0] + e0[1] * e0[1] + e0[2] * e0[2]) *
-                                 (e1[0] * e1[0] + e1[1] * e1[1] + e1[2] * e1[2]);
-            bool const usePlane = nn > 1e-12 * scale && nn > 0.0;
-            double const inv = usePlane ? 1.0 / std::sqrt(nn) : 0.0;
+            // the unit normal's dot product (in double: nodes lie close to the plane). Zero for
+            // slivers.
             for (int ax = 0; ax < 3; ++ax) {
-                nrm[ax] *= inv;
-                double const origin = ax == 0 ? a.x : (ax == 1 ? a.y : a.z);
-                for (int n = wlo[ax]; n < whi[ax]; ++n)
-                    pd[ax][n] = nrm[ax] * (double(coord[ax][n]) - origin);
+                double const nrm = tb->normal[ax];
+                double const origin = tb->origin[ax];
+                for (int n = 0; n < N; ++n)
+                    pd[ax][n] = nrm * (double(coord[ax][n]) - origin);
             }
             // The nodes the bounds cannot rule out, gathered a row at a time, then measured
             // together. No node is listed twice, so measuring after the tests changes nothing.

@@ -31,6 +31,7 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <tuple>
 #include <unordered_set>
 #include <vector>
 
@@ -95,6 +96,8 @@ template <typename Traits> struct MeshBuild {
     Quillon::Array<float3> const& positions;
     Quillon::Array<float> const* detailSizes = nullptr;
     TriangleKernelContext ctx;
+    /// Each triangle's bounds for the lattice kernel (`ctx.bounds`).
+    std::vector<TriangleBounds> bounds;
 
     float voxelSize = 1.0f;
     float holeRadius = 0.0f;
@@ -418,8 +421,11 @@ template <typename Traits> struct RefineScratch {
     /// Per triangle and axis, the child slots along the axis that its box grown by the child
     /// band overlaps, one bit per slot.
     std::vector<std::array<unsigned char, 3>> parentSlots;
-    std::vector<std::pair<float, std::int64_t>>
-        keyed; ///< squared distance to the child's centre, triangle
+    /// Per child: squared distance to its centre, triangle, place in the parent's list (of the
+    /// parent's triangles within reach of the centre).
+    std::vector<std::vector<std::tuple<float, std::int64_t, std::uint32_t>>> childKeyed;
+    /// The child list's triangles made ready: pointers into `parentPrepared`.
+    std::vector<PreparedTriangle const*> childPrepared;
     static std::size_t index(int i, int j, int k)
     {
         return std::size_t(i) + kBig * (std::size_t(j) + kBig * std::size_t(k));
@@ -629,6 +635,69 @@ template <typename Traits> struct Refiner {
                     s.parentSlots[q][std::size_t(ax)] = static_cast<unsigned char>(bits);
                 }
             }
+            // The distances from the children's centres to the parent's triangles, a triangle
+            // at a time over the children its grown box overlaps (in the order of the parent's
+            // list, so each child's entries keep that order).
+            constexpr int kC = Traits::kChildCount;
+            constexpr int kRoom = kC + kTriangleBatchPad;
+            alignas(64) float centreX[kRoom], centreY[kRoom], centreZ[kRoom];
+            for (int slot = 0; slot < kC; ++slot) {
+                int3 const sc = Tile<Traits>::slotCoordinates(slot);
+                double centre[3];
+                for (int ax = 0; ax < 3; ++ax) {
+                    std::int64_t const c = corner[ax] + sc[ax] * cT;
+                    double const lo = (double(c) + b.ctx.voxelOffset[ax]) * h;
+                    double const hi = (double(c + cT) + b.ctx.voxelOffset[ax]) * h;
+                    centre[ax] = 0.5 * (lo + hi);
+                }
+                centreX[slot] = static_cast<float>(centre[0]);
+                centreY[slot] = static_cast<float>(centre[1]);
+                centreZ[slot] = static_cast<float>(centre[2]);
+            }
+            s.childKeyed.resize(kC);
+            for (auto& keyed : s.childKeyed)
+                keyed.clear();
+            {
+                TriangleBatchFunction const batch = latticeBatchFunction();
+                alignas(64) float px[kRoom], py[kRoom], pz[kRoom], measured[kRoom];
+                int which[kC];
+                for (std::size_t q = 0; q < parent->triangles.size(); ++q) {
+                    auto const& slots = s.parentSlots[q];
+                    int count = 0;
+                    for (int z = 0; z < kS; ++z) {
+                        if (!((slots[2] >> z) & 1u))
+                            continue;
+                        for (int y = 0; y < kS; ++y) {
+                            if (!((slots[1] >> y) & 1u))
+                                continue;
+                            for (int x = 0; x < kS; ++x) {
+                                if (!((slots[0] >> x) & 1u))
+                                    continue;
+                                int const slot = Tile<Traits>::slotNumber(x, y, z);
+                                which[count] = slot;
+                                px[count] = centreX[slot];
+                                py[count] = centreY[slot];
+                                pz[count] = centreZ[slot];
+                                ++count;
+                            }
+                        }
+                    }
+                    if (count == 0)
+                        continue;
+                    if (count == 1) {
+                        measured[0] = s.parentPrepared[q].distance2(float3{px[0], py[0], pz[0]});
+                    } else {
+                        for (int k = count; k < count + kTriangleBatchPad; ++k)
+                            px[k] = py[k] = pz[k] = 0.0f;
+                        batch(s.parentPrepared[q], px, py, pz, count, measured);
+                    }
+                    std::int64_t const t = parent->triangles[q];
+                    for (int k = 0; k < count; ++k)
+                        if (measured[k] <= reach2)
+                            s.childKeyed[std::size_t(which[k])].emplace_back(
+                                measured[k], t, static_cast<std::uint32_t>(q));
+                }
+            }
             auto& store = out.local();
             for (int slot = 0; slot < Traits::kChildCount; ++slot) {
                 int3 const sc = Tile<Traits>::slotCoordinates(slot);
@@ -641,9 +710,6 @@ template <typename Traits> struct Refiner {
                     bmin[ax] = (double(cc[ax]) + b.ctx.voxelOffset[ax]) * h;
                     bmax[ax] = (double(cc[ax] + cT) + b.ctx.voxelOffset[ax]) * h;
                 }
-                float3 const centre{static_cast<float>(0.5 * (bmin[0] + bmax[0])),
-                                    static_cast<float>(0.5 * (bmin[1] + bmax[1])),
-                                    static_cast<float>(0.5 * (bmin[2] + bmax[2]))};
                 // Resolution fields: a field deeper than d whose box overlaps the child's.
                 if (!b.fields.empty()) {
                     bool hit = false;
@@ -666,18 +732,10 @@ template <typename Traits> struct Refiner {
                 // within reach of its centre.
                 auto& list = s.childList;
                 list.clear();
-                s.keyed.clear();
+                auto& keyed = s.childKeyed[std::size_t(slot)];
                 float smallest = std::numeric_limits<float>::max();
                 int target = 0;
-                for (std::size_t q = 0; q < parent->triangles.size(); ++q) {
-                    std::int64_t const t = parent->triangles[q];
-                    auto const& slots = s.parentSlots[q];
-                    if (!((slots[0] >> sc.x) & (slots[1] >> sc.y) & (slots[2] >> sc.z) & 1u))
-                        continue;
-                    float const d2 = s.parentPrepared[q].distance2(centre);
-                    if (!(d2 <= reach2))
-                        continue;
-                    s.keyed.emplace_back(d2, t);
+                for (auto const& [d2, t, q] : keyed) {
                     smallest = std::min(smallest, d2);
                     if (b.detailMode && target <= d)
                         target = std::max(target, triangleTarget(t, bmin, bmax, d));
@@ -687,9 +745,13 @@ template <typename Traits> struct Refiner {
                 if (b.detailMode && target <= d)
                     continue;
                 // Nearest triangles first: the lattice's box test then prunes most of the rest.
-                std::sort(s.keyed.begin(), s.keyed.end());
-                for (auto const& [d2, t] : s.keyed)
+                // (A triangle is listed once: the order is that of distance, then index.)
+                std::sort(keyed.begin(), keyed.end());
+                s.childPrepared.clear();
+                for (auto const& [d2, t, q] : keyed) {
                     list.push_back(t);
+                    s.childPrepared.push_back(&s.parentPrepared[q]);
+                }
 
                 // The child's lattice: nodes shared with the parent are copied, a face an earlier
                 // sibling wrote is reused.
@@ -719,7 +781,7 @@ template <typename Traits> struct Refiner {
                 bool within = computeTileLattice<Traits>(
                     b.ctx, cc.x, cc.y, cc.z, cVw, list.data(), list.data() + list.size(), dist, ids,
                     childBand, parent->distances.data(), parent->closest.data(), sc, rb, re, clip,
-                    clip, true);
+                    clip, true, s.childPrepared.data());
                 for (int z = 0; z < N; ++z)
                     for (int y = 0; y < N; ++y)
                         for (int x = 0; x < N; ++x) {
@@ -1618,6 +1680,16 @@ bool createMeshDistanceField(
     b.ctx.triangles = &triangles;
     b.ctx.positions = &positions;
     b.ctx.tileWidth = Traits::kTileWidth;
+    b.bounds.resize(triangles.size());
+    Par::parallel_for(Par::blocked_range<std::size_t>(0, triangles.size(), 4096),
+                      [&](Par::blocked_range<std::size_t> const& r) {
+                          for (std::size_t t = r.begin(); t != r.end(); ++t) {
+                              ulong3 const& tri = triangles[t];
+                              b.bounds[t] = detail::makeTriangleBounds(
+                                  positions[tri.x], positions[tri.y], positions[tri.z]);
+                          }
+                      });
+    b.ctx.bounds = b.bounds.data();
 
     b.countEdges = computeInterior && adaptiveBuild && !(b.holeRadius > 0.0f);
 
