@@ -11,7 +11,7 @@
 ///             `setNonLeafValueToChildValue` provides);
 ///          3. coarser: the value of the coarse voxel that covers the rim element, or, when the
 ///             caller asks for it with `kHaloTypeTrilinearJumps`, the trilinear interpolation of
-///             the coarse voxels at the rim element's centre;
+///             the coarse voxels at the rim element's centre (`kHaloTypeCubicJumps`: tricubic);
 ///          4. nothing there, or no block in the channel: the default value.
 ///          The rim of a block is therefore exact across same-depth borders, and across a
 ///          resolution jump piecewise constant, or with the trilinear rule exact for data linear
@@ -19,7 +19,8 @@
 ///          tile in hand for a ratio of 5) from the rim element, which a central difference turns
 ///          into an O(1) error. The interpolation is off by O(H^2) for coarse voxels H wide, so
 ///          first differences across the jump are exact on linear data and O(H^2 / h) otherwise;
-///          second differences keep an O(H^2 / h^2) error there. Callers
+///          second differences keep an O(H^2 / h^2) error there, which the tricubic rule brings
+///          down to O(H^4 / h^2). Callers
 ///          whose rim must stay a value that exists in the channel (sign tests, upwind sweeps
 ///          that must not see a new minimum) keep the covering voxel.
 #pragma once
@@ -59,6 +60,13 @@ enum HaloType : int {
     /// floating-point scalars; others keep the covering voxel. Where a bracketing coarse voxel is
     /// missing (edge of the tree, a tile without data) the element keeps the covering voxel.
     kHaloTypeTrilinearJumps = 16,
+    /// As `kHaloTypeTrilinearJumps`, but each rim element at a jump is the tricubic Lagrange
+    /// interpolation of the 4 x 4 x 4 coarse voxels around its centre (the bracketing pair and
+    /// one more on each side, per axis), so that data up to cubic in position are exact to
+    /// rounding. Where one of them is missing, the element takes the trilinear blend, and where
+    /// that too lacks a voxel, the covering one. For stencils of second differences, whose
+    /// error across a jump is the rim's error divided by h^2.
+    kHaloTypeCubicJumps = 32,
 };
 
 /// @brief Fills @p out with the block of @p tile from @p channel in its interior and the rim

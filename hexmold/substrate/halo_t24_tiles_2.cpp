@@ -1,6 +1,6 @@
 /// @file  substrate/halo_t24_tiles_2.cpp
 /// @brief Instances of the per-tile halo operations for `Traits24`: UInt16, Int32, UInt32.
-/// @details One of seven shards, so that no translation unit of the halo takes long to compile.
+/// @details One of eight shards, so that no translation unit of the halo takes long to compile.
 #include <hexmold/substrate/detail/halo_impl.h>
 
 namespace TVL::TileTree3D {

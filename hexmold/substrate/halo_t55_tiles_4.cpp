@@ -1,11 +1,10 @@
 /// @file  substrate/halo_t55_tiles_4.cpp
-/// @brief Instances of the per-tile halo operations for `Traits55`: UInt64, float2, float3.
-/// @details One of seven shards, so that no translation unit of the halo takes long to compile.
+/// @brief Instances of the per-tile halo operations for `Traits55`: float2, float3.
+/// @details One of eight shards, so that no translation unit of the halo takes long to compile.
 #include <hexmold/substrate/detail/halo_impl.h>
 
 namespace TVL::TileTree3D {
 
-HEXMOLD_HALO_TILE_INSTANCES(Traits55, UInt64)
 HEXMOLD_HALO_TILE_INSTANCES(Traits55, float2)
 HEXMOLD_HALO_TILE_INSTANCES(Traits55, float3)
 

@@ -1,6 +1,6 @@
 /// @file  substrate/halo_t55_tiles_7.cpp
 /// @brief Instances of the per-tile halo operations for `Traits55`: float4x2, float4x4.
-/// @details One of seven shards, so that no translation unit of the halo takes long to compile;
+/// @details One of eight shards, so that no translation unit of the halo takes long to compile;
 ///          the two largest element types share this one.
 #include <hexmold/substrate/detail/halo_impl.h>
 

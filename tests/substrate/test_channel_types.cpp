@@ -4,6 +4,7 @@
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/channel_temporary.h>
 #include <hexmold/substrate/topology.h>
+#include <string>
 
 using namespace TVL::TileTree3D;
 
@@ -25,8 +26,10 @@ template <typename T> T sample()
     return v;
 }
 
-/// Builds one channel of the form over two depths and checks sizes, defaults and copies.
-template <typename Tr, typename T, int W, int H> void exercise(int& checked)
+/// Builds one channel of the form over two depths and checks sizes, defaults and copies; gives
+/// the first check that fails, or an empty string. (Plain checks, one assertion per form in the
+/// test: 216 forms of gtest's assertion macros would make this file slow to compile.)
+template <typename Tr, typename T, int W, int H> std::string exercise()
 {
     using C = Channel<Tr, T, W, H, 0>;
     VoxelTopology<Tr> topo("topology", "tree", 1.0f);
@@ -36,17 +39,23 @@ template <typename Tr, typename T, int W, int H> void exercise(int& checked)
     C c("c", &d, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
     c.update(topo);
     constexpr std::size_t E = std::size_t(W + 2 * H);
-    EXPECT_EQ(c.tileCount(-1), 3);
-    EXPECT_EQ(c.elementCount(-1), 3 * E * E * E);
+    if (c.tileCount(-1) != 3)
+        return "tile count";
+    if (c.elementCount(-1) != 3 * E * E * E)
+        return "element count";
     auto td = c.tileData(1, 1);
-    ASSERT_EQ(td.size(), E * E * E);
-    EXPECT_TRUE(td(-H, -H, -H) == d);
-    EXPECT_TRUE(td(W + H - 1, W + H - 1, W + H - 1) == d);
-    EXPECT_TRUE(c.hasElementType(Quillon::Any(T{})));
+    if (td.size() != E * E * E)
+        return "block size";
+    if (!(td(-H, -H, -H) == d) || !(td(W + H - 1, W + H - 1, W + H - 1) == d))
+        return "default value";
+    if (!c.hasElementType(Quillon::Any(T{})))
+        return "element type";
     auto t = channelTemporary(c, topo, false, true, 0, 1);
-    EXPECT_EQ(t->tileCount(-1), 3);
-    EXPECT_TRUE(t->tileData(0, 0)[0] == d);
-    ++checked;
+    if (t->tileCount(-1) != 3)
+        return "copy's tile count";
+    if (!(t->tileData(0, 0)[0] == d))
+        return "copy's value";
+    return {};
 }
 
 } // namespace
@@ -54,28 +63,12 @@ template <typename Tr, typename T, int W, int H> void exercise(int& checked)
 TEST(ChannelTypes, EveryFormOfEveryElementTypeWorks)
 {
     int checked = 0;
-#define HEXMOLD_TEST_ONE(TR, T, W, H) exercise<TR, T, W, H>(checked);
+#define HEXMOLD_TEST_ONE(TR, T, W, H)                                                              \
+    EXPECT_EQ((exercise<TR, T, W, H>()), "") << #TR " " #T " " #W " " #H;                          \
+    ++checked;
 #define HEXMOLD_TEST_FORMS(T) HEXMOLD_FOR_EACH_CHANNEL_FORM(HEXMOLD_TEST_ONE, T)
     HEXMOLD_FOR_EACH_ELEMENT_TYPE(HEXMOLD_TEST_FORMS)
 #undef HEXMOLD_TEST_FORMS
 #undef HEXMOLD_TEST_ONE
     EXPECT_EQ(checked, 2 * 6 * 18);
-}
-
-TEST(ChannelTypes, EveryTileDataFormLinks)
-{
-    int checked = 0;
-#define HEXMOLD_TEST_ONE(T, W, H)                                                                  \
-    {                                                                                              \
-        TileData<T, W, H, 0> a(ConstTileData<T, W, H, 0>::kVoxelCount, sample<T>());               \
-        TileData<T, W, H, 0> b(a);                                                                 \
-        b.setHalo(T{});                                                                            \
-        EXPECT_TRUE(a(0, 0, 0) == sample<T>());                                                    \
-        ++checked;                                                                                 \
-    }
-#define HEXMOLD_TEST_FORMS(T) HEXMOLD_FOR_EACH_TILE_DATA_FORM(HEXMOLD_TEST_ONE, T)
-    HEXMOLD_FOR_EACH_ELEMENT_TYPE(HEXMOLD_TEST_FORMS)
-#undef HEXMOLD_TEST_FORMS
-#undef HEXMOLD_TEST_ONE
-    EXPECT_EQ(checked, 9 * 18);
 }

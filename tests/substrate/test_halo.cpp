@@ -248,6 +248,76 @@ TYPED_TEST(Halo, TrilinearRimIsExactForLinearDataAcrossJumps)
     EXPECT_GT(atJumps, 1000);
 }
 
+/// The tricubic rim reproduces cubic data: a cubic polynomial of the voxel centre, set at every
+/// voxel of every depth, comes back to rounding at every rim element of the tiles well inside
+/// the root, at jumps of one depth and of more (where a bracketing coarse voxel is itself the
+/// tricubic interpolation one depth up). The trilinear rim misses it there by the curvature.
+TYPED_TEST(Halo, TricubicRimIsExactForCubicDataAcrossJumps)
+{
+    using Tr = TypeParam;
+    constexpr int W = Tr::kTileWidth;
+    Volume<Tr, double> v;
+    testtrees::buildGradedSphere(v.tree, std::is_same_v<Tr, Traits24> ? 20.0 : 30.0, Tr::kMaxDepth,
+                                 0.5);
+    v.bind();
+    // A cubic of the voxel centre, in finest voxels, with mixed terms.
+    auto f = [](double x, double y, double z) {
+        return 1e-4 * x * x * x - 2e-4 * y * y * z + 3e-4 * x * y * z + 0.01 * z * z - 0.5 * x +
+               0.25 * y + 3.0;
+    };
+    auto centre = [](Tile<Tr> const& t, int i, int j, int k) {
+        double const w = double(t.voxelDataWidth());
+        return Tavrel::Math::double3{t.ti() + (i + 0.5) * w, t.tj() + (j + 0.5) * w,
+                                     t.tk() + (k + 0.5) * w};
+    };
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < v.tree.tileCount(d); ++t) {
+            auto td = v.channel->tileData(t, d);
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) {
+                        auto const p = centre(v.tree.tile(t, d), i, j, k);
+                        td(i, j, k) = f(p.x, p.y, p.z);
+                    }
+        }
+    v.tree.precomputeCompressedTileHalos();
+    auto acc = v.tree.tileAccessor();
+    std::int64_t atJumps = 0, trilinearOff = 0;
+    for (int d = 4; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < v.tree.tileCount(d); ++t) {
+            Tile<Tr> const& tile = v.tree.tile(t, d);
+            auto const h =
+                haloOf<Tr, double, 0, 2>(v.tree, *v.channel, tile.treeIndex(),
+                                         HaloType(kHaloTypeAll | kHaloTypeCubicJumps), -1.0);
+            auto const lin =
+                haloOf<Tr, double, 0, 2>(v.tree, *v.channel, tile.treeIndex(),
+                                         HaloType(kHaloTypeAll | kHaloTypeTrilinearJumps), -1.0);
+            std::int64_t const w = tile.voxelDataWidth();
+            for (int k = -2; k < W + 2; ++k)
+                for (int j = -2; j < W + 2; ++j)
+                    for (int i = -2; i < W + 2; ++i) {
+                        if (i >= 0 && i < W && j >= 0 && j < W && k >= 0 && k < W)
+                            continue;
+                        Tile<Tr> const& holder =
+                            acc.tile(tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w, d);
+                        auto const p = centre(tile, i, j, k);
+                        double const exact = f(p.x, p.y, p.z);
+                        // Rounding of the blends of values of the size of the cubic's terms.
+                        double const m = std::abs(p.x) + std::abs(p.y) + std::abs(p.z) +
+                                         4.0 * double(holder.voxelDataWidth()) + 1.0;
+                        double const tol = 1e-12 * (1e-3 * m * m * m + m + 1.0);
+                        EXPECT_NEAR(h(i, j, k), exact, tol)
+                            << i << " " << j << " " << k << " depth " << d;
+                        if (holder.depth() < d) {
+                            ++atJumps;
+                            trilinearOff += std::abs(lin(i, j, k) - exact) > 1000.0 * tol;
+                        }
+                    }
+        }
+    EXPECT_GT(atJumps, 1000);
+    EXPECT_GT(trilinearOff, atJumps / 4); // the test sees what the trilinear rule cannot do
+}
+
 TYPED_TEST(Halo, SameResultWithAndWithoutPrecomputedTables)
 {
     using Tr = TypeParam;

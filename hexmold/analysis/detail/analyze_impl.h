@@ -125,9 +125,13 @@ public:
         // from the coarse voxels at the rim's own centres, so that the central differences stay
         // consistent there (the covering coarse voxel alone can sit 2.5 voxels away for a ratio
         // of 5, which turns a gradient into zero).
-        constexpr int kParts =
-            std::is_same_v<Op, MeanCurvatureOperator> ? kHaloTypeFacesAndEdges : kHaloTypeBase;
-        constexpr auto kType = HaloType(kParts | kHaloTypeTrilinearJumps);
+        // Second differences (Laplacian, mean curvature) divide the rim's error by h^2: they take
+        // the tricubic rim, whose error there is O(H^4 / h^2); first differences the trilinear.
+        constexpr bool kCurvature = std::is_same_v<Op, MeanCurvatureOperator>;
+        constexpr bool kSecond = kCurvature || std::is_same_v<Op, LaplacianOperator>;
+        constexpr int kParts = kCurvature ? kHaloTypeFacesAndEdges : kHaloTypeBase;
+        constexpr auto kType =
+            HaloType(kParts | (kSecond ? kHaloTypeCubicJumps : kHaloTypeTrilinearJumps));
         setHaloTile<Traits, In, Hin, 1, 0, 0>(tile.treeIndex(), *mInput, kHaloModeGeneral, kType,
                                               mAccessor, mScratch, In{}, 1.0f, kVoxelOffsetCenter);
         In const* block = mScratch.data();

@@ -37,10 +37,15 @@ constexpr bool haloWantsCorners(int type)
 {
     return (type & 8) != 0;
 }
-/// Whether a halo type asks for the trilinear rim at resolution jumps (bit 16).
+/// Whether a halo type asks for an interpolated rim at resolution jumps (bit 16 or 32).
 constexpr bool haloWantsTrilinear(int type)
 {
-    return (type & kHaloTypeTrilinearJumps) != 0;
+    return (type & (kHaloTypeTrilinearJumps | kHaloTypeCubicJumps)) != 0;
+}
+/// Whether the interpolated rim is tricubic where the coarse voxels allow (bit 32).
+constexpr bool haloWantsCubic(int type)
+{
+    return (type & kHaloTypeCubicJumps) != 0;
 }
 
 /// Element types that the trilinear rim blends: those of floating-point scalars. Integer, and
@@ -94,12 +99,92 @@ constexpr std::int64_t haloFloorDiv(std::int64_t a, std::int64_t b)
     return (a % b != 0 && a < 0) ? q - 1 : q;
 }
 
+/// The coarse voxels [first, first + count) on one axis that a higher-order rim element reads,
+/// and their Lagrange weights.
+template <typename S> struct AxisStencil {
+    int first = 0;
+    int count = 1;
+    S w[4] = {S(1), S(0), S(0), S(0)};
+};
+
+/// The cubic Lagrange stencil of a rim element at @p num / @p den coarse voxels from the centre
+/// of coarse voxel 0 (den > 0): the four voxels q - 1 .. q + 2 around the bracketing pair (q,
+/// q + 1), or voxel q alone where the element sits on its centre. The weights are evaluated in
+/// double and rounded once; they sum to 1 and reproduce cubics.
+template <typename S> inline AxisStencil<S> cubicStencil(std::int64_t num, std::int64_t den)
+{
+    std::int64_t const q = haloFloorDiv(num, den);
+    std::int64_t const rem = num - q * den;
+    AxisStencil<S> s;
+    s.first = static_cast<int>(q);
+    if (rem == 0)
+        return s;
+    double const t = double(rem) / double(den);
+    s.first = static_cast<int>(q) - 1;
+    s.count = 4;
+    s.w[0] = static_cast<S>(-t * (t - 1.0) * (t - 2.0) / 6.0);
+    s.w[1] = static_cast<S>((t + 1.0) * (t - 1.0) * (t - 2.0) / 2.0);
+    s.w[2] = static_cast<S>(-(t + 1.0) * t * (t - 2.0) / 2.0);
+    s.w[3] = static_cast<S>((t + 1.0) * t * (t - 1.0) / 6.0);
+    return s;
+}
+
+/// @p acc (= if @p first) or (+=) @p w * @p v, component by component.
+template <typename T, typename S> inline void accumulateElement(T& acc, T const& v, S w, bool first)
+{
+    if constexpr (std::is_arithmetic_v<T>) {
+        acc = first ? v * w : acc + v * w;
+    } else {
+        constexpr int N = ElementScalar<T>::kCount;
+        S a[N], x[N];
+        std::memcpy(a, &acc, sizeof(T));
+        std::memcpy(x, &v, sizeof(T));
+        for (int n = 0; n < N; ++n)
+            a[n] = first ? x[n] * w : a[n] + x[n] * w;
+        std::memcpy(&acc, a, sizeof(T));
+    }
+}
+
+/// The tensor-product blend of the box @p box (strides 1, B, B * B; @p have tells which elements
+/// exist) with the stencils @p sx, @p sy, @p sz given relative to the box, axis by axis (x, then
+/// y, then z) in a fixed order. False where an element it reads is missing.
+template <int B, typename T, typename S>
+inline bool blendStencils(T const* box, bool const* have, AxisStencil<S> const& sx,
+                          AxisStencil<S> const& sy, AxisStencil<S> const& sz, T& out)
+{
+    T rows[16]; // after x: one value per (y, z) of the stencil
+    for (int z = 0; z < sz.count; ++z)
+        for (int y = 0; y < sy.count; ++y) {
+            int const row = sx.first + B * ((sy.first + y) + B * (sz.first + z));
+            T acc{};
+            for (int x = 0; x < sx.count; ++x) {
+                if (!have[row + x])
+                    return false;
+                accumulateElement(acc, box[row + x], sx.w[x], x == 0);
+            }
+            rows[y + 4 * z] = acc;
+        }
+    T cols[4];
+    for (int z = 0; z < sz.count; ++z) {
+        T acc{};
+        for (int y = 0; y < sy.count; ++y)
+            accumulateElement(acc, rows[y + 4 * z], sy.w[y], y == 0);
+        cols[z] = acc;
+    }
+    T acc{};
+    for (int z = 0; z < sz.count; ++z)
+        accumulateElement(acc, cols[z], sz.w[z], z == 0);
+    out = acc;
+    return true;
+}
+
 /// The voxels of a coarse tile and of the one-voxel layer around it, at the coarse tile's depth,
 /// as the trilinear rim reads them: index (x, y, z) with each coordinate in [-1, W]. The layer is
 /// read from the coarse tile's neighbours, found on first use: a same-depth neighbour gives its
 /// voxel (a non-leaf voxel's coarse copy of its children included); a coarser one gives its own
-/// trilinear interpolation at the voxel's centre, by the same rule one depth up; where nothing
-/// exists, or a tile has no data, the element is missing.
+/// interpolation at the voxel's centre, by the same rule one depth up (tricubic where asked and
+/// possible, else trilinear); where nothing exists, or a tile has no data, the element is
+/// missing. The cubic stencil reads one more voxel each way, within [-2, W + 1].
 template <typename Traits, typename T, int W, int Hin, typename GetBlock>
 class CoarseNeighbourhood {
 public:
@@ -107,8 +192,8 @@ public:
 
     CoarseNeighbourhood(Container<Traits> const& c, Tile<Traits> const& coarse, T const* data,
                         GetBlock const& get, typename Container<Traits>::ConstTileAccessor& acc,
-                        bool tables)
-        : mContainer(c), mCoarse(coarse), mGet(get), mAccessor(acc), mTables(tables),
+                        bool tables, bool cubic = false)
+        : mContainer(c), mCoarse(coarse), mGet(get), mAccessor(acc), mTables(tables), mCubic(cubic),
           mWidth(Container<Traits>::voxelDataWidth(coarse.depth())), mCorner(coarse.tijk())
     {
         for (auto& e : mEntries)
@@ -192,6 +277,8 @@ public:
     /// missing. An axis on which the position sits on a voxel centre reads that voxel alone.
     bool interpolate(std::int64_t const (&p2)[3], T& out)
     {
+        if (mCubic && interpolateCubic(p2, out))
+            return true;
         int c0[3];
         S frac[3];
         bool moves[3];
@@ -205,6 +292,28 @@ public:
             moves[a] = rem != 0;
         }
         return blend(c0, frac, moves, out);
+    }
+
+    /// The tricubic interpolation (`cubicStencil`) at @p p2 as `interpolate` takes it; false
+    /// where one of the 4 x 4 x 4 voxels is missing.
+    bool interpolateCubic(std::int64_t const (&p2)[3], T& out)
+    {
+        AxisStencil<S> st[3];
+        for (int a = 0; a < 3; ++a)
+            st[a] = cubicStencil<S>(p2[a] - 2 * std::int64_t(mCorner[a]) - mWidth, 2 * mWidth);
+        T v[64];
+        bool have[64];
+        for (int z = 0; z < st[2].count; ++z)
+            for (int y = 0; y < st[1].count; ++y)
+                for (int x = 0; x < st[0].count; ++x) {
+                    int const n = x + 4 * (y + 4 * z);
+                    have[n] = value(st[0].first + x, st[1].first + y, st[2].first + z, v[n]);
+                    if (!have[n])
+                        return false;
+                }
+        for (auto& a : st)
+            a.first = 0;
+        return blendStencils<4>(v, have, st[0], st[1], st[2], out);
     }
 
     /// The blend of the 2 x 2 x 2 voxels from @p c0 with fractions @p frac, axis by axis (x, then
@@ -242,7 +351,7 @@ private:
         e.data = mGet(n.index(), n.depth());
         if (e.data && n.depth() != mCoarse.depth())
             e.coarser = std::make_unique<CoarseNeighbourhood>(mContainer, n, e.data, mGet,
-                                                              mAccessor, mTables);
+                                                              mAccessor, mTables, mCubic);
         return e;
     }
 
@@ -251,10 +360,83 @@ private:
     GetBlock const& mGet;
     typename Container<Traits>::ConstTileAccessor& mAccessor;
     bool mTables;
+    bool mCubic;         ///< coarser tiles interpolate tricubically where they can
     std::int64_t mWidth; ///< voxel width of the coarse tile, finest voxels
     int3 mCorner;
     Entry mEntries[27];
 };
+
+/// The cubic rim of the box [lo, hi) of @p out (edge W + 2*Hout), whose elements all lie in the
+/// coarser tile @p coarse (`around` reads its voxels and the layers around it): each element is
+/// the tricubic Lagrange interpolation of the 4 x 4 x 4 coarse voxels around its centre
+/// (`cubicStencil`). Where one of them is missing the element takes the trilinear blend of its
+/// 2 x 2 x 2 bracketing voxels (@p c0, @p frac, @p moves), and where one of those is missing too,
+/// the covering coarse voxel @p ci. False, with nothing written, when the region's voxels do not
+/// fit the box; the caller then fills it by the trilinear rule.
+template <typename Traits, typename T, int W, int Hin, int Hout, typename Around, typename S>
+inline bool fillCubicRegion(Around& around, Tile<Traits> const& coarse, int3 const& corner,
+                            std::int64_t w, int const (&lo)[3], int const (&hi)[3],
+                            int const (&c0)[3][W + 2 * Hout], S const (&frac)[3][W + 2 * Hout],
+                            bool const (&moves)[3][W + 2 * Hout], int const (&ci)[3][W + 2 * Hout],
+                            T const* src, T* out)
+{
+    constexpr int Ein = W + 2 * Hin;
+    constexpr int Eout = W + 2 * Hout;
+    // A region spans at most W elements per axis, between at most W + 1 coarse centres; the
+    // cubic stencil adds one voxel below and two above.
+    constexpr int B = W + 4;
+    std::int64_t const wn = Container<Traits>::voxelDataWidth(coarse.depth());
+    int3 const nc = coarse.tijk();
+    AxisStencil<S> st[3][W + 2 * Hout];
+    int base[3], extent[3];
+    for (int a = 0; a < 3; ++a) {
+        int mn = 0, mx = 0;
+        for (int l = lo[a]; l < hi[a]; ++l) {
+            std::int64_t const num =
+                2 * (std::int64_t(corner[a]) - std::int64_t(nc[a])) + (2 * l + 1) * w - wn;
+            AxisStencil<S> const& x = st[a][l + Hout] = cubicStencil<S>(num, 2 * wn);
+            mn = l == lo[a] ? x.first : std::min(mn, x.first);
+            mx = l == lo[a] ? x.first + x.count - 1 : std::max(mx, x.first + x.count - 1);
+        }
+        base[a] = mn;
+        extent[a] = mx - mn + 1;
+        if (extent[a] > B)
+            return false;
+    }
+    T box[B * B * B];
+    bool have[B * B * B];
+    around.template fillBox<B>(base, extent, box, have);
+    for (int k = lo[2]; k < hi[2]; ++k)
+        for (int j = lo[1]; j < hi[1]; ++j)
+            for (int i = lo[0]; i < hi[0]; ++i) {
+                T& o = out[(i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout))];
+                AxisStencil<S> sx = st[0][i + Hout], sy = st[1][j + Hout], sz = st[2][k + Hout];
+                sx.first -= base[0];
+                sy.first -= base[1];
+                sz.first -= base[2];
+                if (blendStencils<B>(box, have, sx, sy, sz, o))
+                    continue;
+                // The trilinear blend of the bracketing voxels, from the same box.
+                int const x = c0[0][i + Hout] - base[0], y = c0[1][j + Hout] - base[1],
+                          z = c0[2][k + Hout] - base[2];
+                bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
+                T v[8]{};
+                bool complete = true;
+                for (int e = 0; e < 8; ++e) {
+                    int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+                    if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
+                        continue;
+                    int const n = (x + ex) + B * ((y + ey) + B * (z + ez));
+                    complete &= have[n];
+                    v[e] = box[n];
+                }
+                o = complete ? blendCorners(v, m, frac[0][i + Hout], frac[1][j + Hout],
+                                            frac[2][k + Hout])
+                             : src[(ci[0][i + Hout] + Hin) +
+                                   Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+            }
+    return true;
+}
 
 /// Fills the rim elements of the box [lo, hi) of @p out (edge W + 2*Hout), which all lie in the
 /// coarser tile @p coarse, with the trilinear interpolation of the coarse voxels at each rim
@@ -263,13 +445,14 @@ private:
 /// rim does without interpolation.
 ///
 /// For data that are linear in position the rim is then exact to rounding, so central differences
-/// across a jump keep their second order in the first derivatives.
+/// across a jump keep their second order in the first derivatives. With @p cubic the region is
+/// filled by `fillCubicRegion` instead, where its voxels fit that function's box.
 template <typename Traits, typename T, int W, int Hin, int Hout, typename GetBlock>
-inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& coarse,
-                                T const* src, GetBlock const& get,
-                                typename Container<Traits>::ConstTileAccessor& acc, bool tables,
-                                int3 const& corner, std::int64_t w, int const (&lo)[3],
-                                int const (&hi)[3], int const (&ci)[3][W + 2 * Hout], T* out)
+inline void
+fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& coarse, T const* src,
+                    GetBlock const& get, typename Container<Traits>::ConstTileAccessor& acc,
+                    bool tables, int3 const& corner, std::int64_t w, int const (&lo)[3],
+                    int const (&hi)[3], int const (&ci)[3][W + 2 * Hout], T* out, bool cubic)
 {
     using S = typename ElementScalar<T>::Type;
     constexpr int Ein = W + 2 * Hin;
@@ -307,7 +490,11 @@ inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& 
         base[a] = mn;
         extent[a] = mx - mn + 1;
     }
-    CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, coarse, src, get, acc, tables);
+    CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, coarse, src, get, acc, tables,
+                                                            cubic);
+    if (cubic && fillCubicRegion<Traits, T, W, Hin, Hout>(around, coarse, corner, w, lo, hi, c0,
+                                                          frac, moves, ci, src, out))
+        return;
     if (extent[0] > B || extent[1] > B || extent[2] > B) {
         // Not expected for rims of width up to W; kept correct anyway, element by element.
         for (int k = lo[2]; k < hi[2]; ++k)
@@ -362,16 +549,53 @@ inline void fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& 
 template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWindow {
     using S = typename ElementScalar<T>::Type;
     static constexpr int kRange = W + 2 * Hout;
-    /// Coarse voxels per axis: those bracketing kRange fine centres.
-    static constexpr int C = (kRange + Traits::kRatio - 1) / Traits::kRatio + 2;
+    /// Coarse voxels per axis: those bracketing kRange fine centres, and the cubic stencil's one
+    /// more below and two more above.
+    static constexpr int C = (kRange + Traits::kRatio - 1) / Traits::kRatio + 4;
 
+    bool cubic = false; ///< blend with `cubicStencil` where all 4 x 4 x 4 voxels exist
     bool built = false;
     bool usable = false;
     int c0[3][kRange]; ///< lower bracketing voxel, relative to the window
     S frac[3][kRange];
     bool moves[3][kRange];
+    AxisStencil<S> st[3][kRange]; ///< cubic stencils, relative to the window (when cubic)
     T values[C * C * C];
     bool have[C * C * C];
+
+    /// The cubic rim of the box [lo, hi) of @p out from the window, as `fillCubicRegion` does
+    /// from a region's own box: tricubic where the window holds the 4 x 4 x 4 voxels, else
+    /// trilinear, else the covering voxel @p ci of @p src.
+    void fillCubic(int const (&lo)[3], int const (&hi)[3], int const (&ci)[3][kRange], T const* src,
+                   T* out) const
+    {
+        constexpr int Ein = W + 2 * Hin;
+        for (int k = lo[2]; k < hi[2]; ++k)
+            for (int j = lo[1]; j < hi[1]; ++j)
+                for (int i = lo[0]; i < hi[0]; ++i) {
+                    T& o = out[(i + Hout) + kRange * ((j + Hout) + kRange * (k + Hout))];
+                    if (blendStencils<C>(values, have, st[0][i + Hout], st[1][j + Hout],
+                                         st[2][k + Hout], o))
+                        continue;
+                    int const x = c0[0][i + Hout], y = c0[1][j + Hout], z = c0[2][k + Hout];
+                    bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
+                    T v[8]{};
+                    bool complete = true;
+                    for (int e = 0; e < 8; ++e) {
+                        int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+                        if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
+                            continue;
+                        int const n = (x + ex) + C * ((y + ey) + C * (z + ez));
+                        complete &= have[n];
+                        v[e] = values[n];
+                    }
+                    o = complete
+                            ? blendCorners(v, m, frac[0][i + Hout], frac[1][j + Hout],
+                                           frac[2][k + Hout])
+                            : src[(ci[0][i + Hout] + Hin) +
+                                  Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+                }
+    }
 
     /// Builds the window for @p tile once; false when the tile has no parent or the parent no data.
     template <typename GetBlock>
@@ -404,17 +628,26 @@ template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWind
                 c0[a][l + Hout] = static_cast<int>(q);
                 frac[a][l + Hout] = static_cast<S>(double(rem) / double(den));
                 moves[a][l + Hout] = rem != 0;
-                mn = l == -Hout ? int(q) : std::min(mn, int(q));
-                mx = l == -Hout ? int(q) + (rem != 0) : std::max(mx, int(q) + int(rem != 0));
+                int lowest = int(q), highest = int(q) + int(rem != 0);
+                if (cubic) {
+                    AxisStencil<S> const& x = st[a][l + Hout] = cubicStencil<S>(num, den);
+                    lowest = std::min(lowest, x.first);
+                    highest = std::max(highest, x.first + x.count - 1);
+                }
+                mn = l == -Hout ? lowest : std::min(mn, lowest);
+                mx = l == -Hout ? highest : std::max(mx, highest);
             }
             if (mx - mn + 1 > C)
                 return false;
             base[a] = mn;
             extent[a] = mx - mn + 1;
-            for (int l = 0; l < kRange; ++l)
+            for (int l = 0; l < kRange; ++l) {
                 c0[a][l] -= mn;
+                st[a][l].first -= mn;
+            }
         }
-        CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, parent, pdata, get, acc, tables);
+        CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, parent, pdata, get, acc, tables,
+                                                                cubic);
         around.template fillBox<C>(base, extent, values, have);
         return usable = true;
     }
@@ -487,6 +720,10 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
         if (window) {
             using Window = JumpWindow<Traits, T, W, Hin, Hout>;
             if (nb->depth() + 1 == tile.depth() && window->ensure(c, tile, get, acc, tables)) {
+                if (window->cubic) {
+                    window->fillCubic(lo, hi, ci, src, out);
+                    return;
+                }
                 // One depth coarser: blend from the tile's window.
                 constexpr int C = Window::C;
                 for (int k = lo2; k < hi2; ++k)
@@ -518,7 +755,7 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
                 return;
             }
             fillTrilinearRegion<Traits, T, W, Hin, Hout>(c, *nb, src, get, acc, tables, corner, w,
-                                                         lo, hi, ci, out);
+                                                         lo, hi, ci, out, window->cubic);
             return;
         }
     }
@@ -576,8 +813,10 @@ void fillHaloBlock(Container<Traits> const& c, Tile<Traits> const& tile, GetBloc
     // The trilinear rim's window, built on the first region that needs it.
     std::optional<JumpWindow<Traits, T, W, Hin, Hout>> window;
     if constexpr (kHaloBlendable<T>)
-        if (haloWantsTrilinear(type))
+        if (haloWantsTrilinear(type)) {
             window.emplace();
+            window->cubic = haloWantsCubic(type);
+        }
     // The 26 directions, each with its own bounds; faces always, edges and corners as asked.
     [&]<int... Dir>(std::integer_sequence<int, Dir...>)
     {

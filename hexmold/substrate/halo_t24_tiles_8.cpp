@@ -1,0 +1,11 @@
+/// @file  substrate/halo_t24_tiles_8.cpp
+/// @brief Instances of the per-tile halo operations for `Traits24`: Int64, UInt64.
+/// @details One of eight shards, so that no translation unit of the halo takes long to compile.
+#include <hexmold/substrate/detail/halo_impl.h>
+
+namespace TVL::TileTree3D {
+
+HEXMOLD_HALO_TILE_INSTANCES(Traits24, Int64)
+HEXMOLD_HALO_TILE_INSTANCES(Traits24, UInt64)
+
+} // namespace TVL::TileTree3D
