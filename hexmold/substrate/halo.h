@@ -60,12 +60,16 @@ enum HaloType : int {
     /// floating-point scalars; others keep the covering voxel. Where a bracketing coarse voxel is
     /// missing (edge of the tree, a tile without data) the element keeps the covering voxel.
     kHaloTypeTrilinearJumps = 16,
-    /// As `kHaloTypeTrilinearJumps`, but each rim element at a jump is the tricubic Lagrange
-    /// interpolation of the 4 x 4 x 4 coarse voxels around its centre (the bracketing pair and
-    /// one more on each side, per axis), so that data up to cubic in position are exact to
-    /// rounding. Where one of them is missing, the element takes the trilinear blend, and where
-    /// that too lacks a voxel, the covering one. For stencils of second differences, whose
-    /// error across a jump is the rim's error divided by h^2.
+    /// As `kHaloTypeTrilinearJumps`, but each rim element at a jump of one depth is the
+    /// tricubic Lagrange interpolation of the 4 x 4 x 4 coarse voxels around its centre (the
+    /// bracketing pair and one more on each side, per axis; those in a tile one depth coarser
+    /// still are that tile's own tricubic interpolation), so that on a graded tree data up to
+    /// cubic in position are exact to rounding. Where one of them is missing, the element takes
+    /// the trilinear blend, and where that too lacks a voxel, the covering one. Jumps of more
+    /// than one depth keep the trilinear rule: there the coarse voxels are r^2 or more fine
+    /// voxels wide, too wide for second differences to be consistent with any rim, and four
+    /// such voxels per axis would cost a stencil's worth of tiles per rim element. For stencils
+    /// of second differences, whose error across a jump is the rim's error divided by h^2.
     kHaloTypeCubicJumps = 32,
 };
 

@@ -182,9 +182,10 @@ inline bool blendStencils(T const* box, bool const* have, AxisStencil<S> const& 
 /// as the trilinear rim reads them: index (x, y, z) with each coordinate in [-1, W]. The layer is
 /// read from the coarse tile's neighbours, found on first use: a same-depth neighbour gives its
 /// voxel (a non-leaf voxel's coarse copy of its children included); a coarser one gives its own
-/// interpolation at the voxel's centre, by the same rule one depth up (tricubic where asked and
-/// possible, else trilinear); where nothing exists, or a tile has no data, the element is
-/// missing. The cubic stencil reads one more voxel each way, within [-2, W + 1].
+/// interpolation at the voxel's centre, by the same rule one depth up (tricubic where asked, for
+/// as many depths as asked, and possible; else trilinear); where nothing exists, or a tile has no
+/// data, the element is missing. The cubic stencil reads one more voxel each way, within [-2, W +
+/// 1].
 template <typename Traits, typename T, int W, int Hin, typename GetBlock>
 class CoarseNeighbourhood {
 public:
@@ -192,8 +193,9 @@ public:
 
     CoarseNeighbourhood(Container<Traits> const& c, Tile<Traits> const& coarse, T const* data,
                         GetBlock const& get, typename Container<Traits>::ConstTileAccessor& acc,
-                        bool tables, bool cubic = false)
-        : mContainer(c), mCoarse(coarse), mGet(get), mAccessor(acc), mTables(tables), mCubic(cubic),
+                        bool tables, int cubicDepths = 0)
+        : mContainer(c), mCoarse(coarse), mGet(get), mAccessor(acc), mTables(tables),
+          mCubicDepths(cubicDepths), mCubic(cubicDepths > 0),
           mWidth(Container<Traits>::voxelDataWidth(coarse.depth())), mCorner(coarse.tijk())
     {
         for (auto& e : mEntries)
@@ -216,11 +218,7 @@ public:
             out = e.data[(l0 + Hin) + Ein * ((l1 + Hin) + Ein * (l2 + Hin))];
             return true;
         }
-        // A coarser tile: its interpolation at the centre of the voxel, in half finest voxels.
-        std::int64_t const p2[3] = {2 * (std::int64_t(mCorner[0]) + x * mWidth) + mWidth,
-                                    2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
-                                    2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
-        return e.coarser->interpolate(p2, out);
+        return coarserValue(*e.coarser, x, y, z, out);
     }
 
     /// Fills @p values (and @p have, whether each exists) with the elements of the box of indices
@@ -245,13 +243,25 @@ public:
                     if (empty)
                         continue;
                     Entry& e = entry(neighborDirection(sx, sy, sz));
+                    if (e.data && e.coarser) {
+                        // A coarser tile: its interpolations, all of this part at once.
+                        e.coarser->interpolateBox(
+                            mCorner, mWidth, lo, hi, [&](int x, int y, int z, T const& v, bool ok) {
+                                int const n =
+                                    (x - base[0]) + C * ((y - base[1]) + C * (z - base[2]));
+                                have[n] = ok;
+                                if (ok)
+                                    values[n] = v;
+                            });
+                        continue;
+                    }
                     for (int z = lo[2]; z < hi[2]; ++z)
                         for (int y = lo[1]; y < hi[1]; ++y) {
                             int const row = (y - base[1]) * C + (z - base[2]) * C * C - base[0];
                             if (!e.data) {
                                 for (int x = lo[0]; x < hi[0]; ++x)
                                     have[row + x] = false;
-                            } else if (!e.coarser) {
+                            } else {
                                 T const* src =
                                     e.data + (Hin - sx * W) +
                                     Ein * ((y - sy * W + Hin) + Ein * (z - sz * W + Hin));
@@ -259,16 +269,103 @@ public:
                                     values[row + x] = src[x];
                                     have[row + x] = true;
                                 }
-                            } else {
-                                for (int x = lo[0]; x < hi[0]; ++x) {
-                                    std::int64_t const p2[3] = {
-                                        2 * (std::int64_t(mCorner[0]) + x * mWidth) + mWidth,
-                                        2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
-                                        2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
-                                    have[row + x] = e.coarser->interpolate(p2, values[row + x]);
-                                }
                             }
                         }
+                }
+    }
+
+    /// What `interpolate` gives at the centres of the voxels [lo, hi) (at most W per axis) of a
+    /// finer frame with corner @p fc and voxel width @p fw (finest voxels), all inside this tile,
+    /// computed together: the voxels their stencils read are fetched once as a box (`fillBox`,
+    /// which does the same for coarser tiles around), then each point is blended from it with
+    /// the same operations as `interpolate`, so with the same bits. @p put(x, y, z, value,
+    /// exists) takes each result.
+    template <typename Put>
+    void interpolateBox(int3 const& fc, std::int64_t fw, int const (&lo)[3], int const (&hi)[3],
+                        Put const& put)
+    {
+        // The points span at most W finer voxels, so at most W / r + 1 voxels here; the cubic
+        // stencil adds one below and two above.
+        constexpr int B = W + 6;
+        AxisStencil<S> st[3][W];
+        int c0[3][W];
+        S frac[3][W];
+        bool moves[3][W];
+        int base[3], extent[3];
+        bool fits = true;
+        for (int a = 0; a < 3; ++a) {
+            int mn = 0, mx = 0;
+            for (int l = lo[a]; l < hi[a]; ++l) {
+                int const i = l - lo[a];
+                std::int64_t const num =
+                    2 * (std::int64_t(fc[a]) + l * fw) + fw - 2 * std::int64_t(mCorner[a]) - mWidth;
+                std::int64_t const den = 2 * mWidth;
+                std::int64_t const q = haloFloorDiv(num, den);
+                std::int64_t const rem = num - q * den;
+                c0[a][i] = static_cast<int>(q);
+                frac[a][i] = static_cast<S>(double(rem) / double(den));
+                moves[a][i] = rem != 0;
+                int lowest = int(q), highest = int(q) + int(rem != 0);
+                if (mCubic) {
+                    st[a][i] = cubicStencil<S>(num, den);
+                    lowest = std::min(lowest, st[a][i].first);
+                    highest = std::max(highest, st[a][i].first + st[a][i].count - 1);
+                }
+                mn = l == lo[a] ? lowest : std::min(mn, lowest);
+                mx = l == lo[a] ? highest : std::max(mx, highest);
+            }
+            base[a] = mn;
+            extent[a] = mx - mn + 1;
+            fits &= extent[a] <= B;
+        }
+        if (!fits) {
+            for (int z = lo[2]; z < hi[2]; ++z)
+                for (int y = lo[1]; y < hi[1]; ++y)
+                    for (int x = lo[0]; x < hi[0]; ++x) {
+                        int const l[3] = {x, y, z};
+                        std::int64_t p2[3];
+                        for (int a = 0; a < 3; ++a)
+                            p2[a] = 2 * (std::int64_t(fc[a]) + l[a] * fw) + fw;
+                        T v{};
+                        bool const ok = interpolate(p2, v);
+                        put(x, y, z, v, ok);
+                    }
+            return;
+        }
+        auto box = std::make_unique_for_overwrite<T[]>(std::size_t(B) * B * B);
+        auto have = std::make_unique_for_overwrite<bool[]>(std::size_t(B) * B * B);
+        fillBox<B>(base, extent, box.get(), have.get());
+        for (int z = lo[2]; z < hi[2]; ++z)
+            for (int y = lo[1]; y < hi[1]; ++y)
+                for (int x = lo[0]; x < hi[0]; ++x) {
+                    int const i = x - lo[0], j = y - lo[1], k = z - lo[2];
+                    T v{};
+                    if (mCubic) {
+                        AxisStencil<S> sx = st[0][i], sy = st[1][j], sz = st[2][k];
+                        sx.first -= base[0];
+                        sy.first -= base[1];
+                        sz.first -= base[2];
+                        if (blendStencils<B>(box.get(), have.get(), sx, sy, sz, v)) {
+                            put(x, y, z, v, true);
+                            continue;
+                        }
+                    }
+                    int const cx = c0[0][i] - base[0], cy = c0[1][j] - base[1],
+                              cz = c0[2][k] - base[2];
+                    bool const m[3] = {moves[0][i], moves[1][j], moves[2][k]};
+                    T corners[8]{};
+                    bool complete = true;
+                    for (int e = 0; e < 8 && complete; ++e) {
+                        int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+                        if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
+                            continue;
+                        int const n = (cx + ex) + B * ((cy + ey) + B * (cz + ez));
+                        complete = have[n];
+                        corners[e] = box[n];
+                    }
+                    if (complete)
+                        v = blendCorners(corners, m, frac[0][i], frac[1][j], frac[2][k]);
+                    put(x, y, z, v, complete);
                 }
     }
 
@@ -338,6 +435,35 @@ private:
         T const* data = nullptr;
         std::unique_ptr<CoarseNeighbourhood> coarser; ///< set where the tile there is coarser
     };
+    /// Interpolated voxels of the layer around the tile, indices [-2, W + 1] per axis, each
+    /// computed once: a stencil one depth up reads the layer of its own tile again, so without
+    /// the cache the work would grow as a power of the stencil size with the depths of a jump.
+    static constexpr int kLayer = W + 4;
+    struct LayerCache {
+        T values[kLayer * kLayer * kLayer];
+        signed char state[kLayer * kLayer * kLayer] = {}; ///< 0 not yet, 1 exists, -1 missing
+    };
+
+    /// The interpolation by the coarser tile @p coarser at the centre of voxel (x, y, z) of this
+    /// tile's frame (in half finest voxels), from the layer cache where the voxel lies in it.
+    bool coarserValue(CoarseNeighbourhood& coarser, int x, int y, int z, T& out)
+    {
+        std::int64_t const p2[3] = {2 * (std::int64_t(mCorner[0]) + x * mWidth) + mWidth,
+                                    2 * (std::int64_t(mCorner[1]) + y * mWidth) + mWidth,
+                                    2 * (std::int64_t(mCorner[2]) + z * mWidth) + mWidth};
+        if (x < -2 || y < -2 || z < -2 || x >= W + 2 || y >= W + 2 || z >= W + 2)
+            return coarser.interpolate(p2, out);
+        if (!mLayer)
+            mLayer = std::make_unique<LayerCache>();
+        int const n = (x + 2) + kLayer * ((y + 2) + kLayer * (z + 2));
+        signed char& state = mLayer->state[n];
+        if (state == 0)
+            state = coarser.interpolate(p2, mLayer->values[n]) ? 1 : -1;
+        if (state < 0)
+            return false;
+        out = mLayer->values[n];
+        return true;
+    }
     Entry& entry(int dir)
     {
         Entry& e = mEntries[dir];
@@ -351,7 +477,7 @@ private:
         e.data = mGet(n.index(), n.depth());
         if (e.data && n.depth() != mCoarse.depth())
             e.coarser = std::make_unique<CoarseNeighbourhood>(mContainer, n, e.data, mGet,
-                                                              mAccessor, mTables, mCubic);
+                                                              mAccessor, mTables, mCubicDepths - 1);
         return e;
     }
 
@@ -360,10 +486,16 @@ private:
     GetBlock const& mGet;
     typename Container<Traits>::ConstTileAccessor& mAccessor;
     bool mTables;
-    bool mCubic;         ///< coarser tiles interpolate tricubically where they can
+    /// How many depths, this tile's own first, interpolate tricubically where they can; beyond
+    /// them the rule is trilinear. Stencils four voxels wide straddle tiles, so a tricubic
+    /// chain down many depths of a jump would visit a number of tiles that grows as a power of
+    /// the depths; two depths serve every graded jump (the rim's coarse tile and one coarser).
+    int mCubicDepths;
+    bool mCubic;
     std::int64_t mWidth; ///< voxel width of the coarse tile, finest voxels
     int3 mCorner;
     Entry mEntries[27];
+    std::unique_ptr<LayerCache> mLayer;
 };
 
 /// The cubic rim of the box [lo, hi) of @p out (edge W + 2*Hout), whose elements all lie in the
@@ -491,7 +623,7 @@ fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& coarse, T co
         extent[a] = mx - mn + 1;
     }
     CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, coarse, src, get, acc, tables,
-                                                            cubic);
+                                                            cubic ? 2 : 0);
     if (cubic && fillCubicRegion<Traits, T, W, Hin, Hout>(around, coarse, corner, w, lo, hi, c0,
                                                           frac, moves, ci, src, out))
         return;
@@ -647,7 +779,7 @@ template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWind
             }
         }
         CoarseNeighbourhood<Traits, T, W, Hin, GetBlock> around(c, parent, pdata, get, acc, tables,
-                                                                cubic);
+                                                                cubic ? 2 : 0);
         around.template fillBox<C>(base, extent, values, have);
         return usable = true;
     }
@@ -754,8 +886,9 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
                         }
                 return;
             }
-            fillTrilinearRegion<Traits, T, W, Hin, Hout>(c, *nb, src, get, acc, tables, corner, w,
-                                                         lo, hi, ci, out, window->cubic);
+            fillTrilinearRegion<Traits, T, W, Hin, Hout>(
+                c, *nb, src, get, acc, tables, corner, w, lo, hi, ci, out,
+                window->cubic && nb->depth() + 1 == tile.depth());
             return;
         }
     }
