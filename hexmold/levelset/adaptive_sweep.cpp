@@ -6,6 +6,7 @@
 #include <atomic>
 #include <hexmold/levelset/detail/adaptive_sweep_kernels.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
+#include <hexmold/levelset/detail/sweep_batch.h>
 #include <hexmold/levelset/detail/zero_crossing.h>
 #include <hexmold/levelset/dof_classification.h>
 #include <hexmold/logging/logger.h>
@@ -364,13 +365,63 @@ private:
                                               << " of " << passes << " sweeps\n";
     }
 
+    /// Per-worker scratch of `relaxTiles`: the blocks with their halo, and the tiles relaxed
+    /// together.
+    struct RelaxScratch {
+        TileData<float, W, 1, 0> u{TileData<float, W, 1, 0>::kVoxelCount, 0.0f};
+        TileData<unsigned char, W, 1, 0> typeHalo{TileData<unsigned char, W, 1, 0>::kVoxelCount,
+                                                  (unsigned char)kValueTypeExcluded};
+        RelaxBatch<W> batch;
+        std::int64_t tiles[RelaxBatch<W>::kLanes]; ///< the tile of each loaded lane
+        float relaxed[N];                          ///< a lane's interior, k outer
+
+        explicit RelaxScratch(bool masked) : batch(masked) {}
+    };
+
+    /// The interior of a relaxed lane, indexed like a block.
+    struct Relaxed {
+        float const* values;
+        float operator()(int i, int j, int k) const { return values[voxelIndex<W>(i, j, k)]; }
+    };
+
+    /// One colour of one depth over tiles [begin, end): each tile with unknown voxels is relaxed
+    /// red-black on a block with its face rim. The tiles go through the batched relaxation
+    /// `RelaxBatch<W>::kLanes` at a time, which gives the bits of the tile-by-tile one; a tile is
+    /// written back only after its batch is relaxed, which changes nothing, since the tiles of
+    /// one colour do not read each other.
     void relaxTiles(int depth, int colour, DepthNumbers const& numbers, std::int64_t begin,
                     std::int64_t end, std::atomic<bool>& converged, std::atomic<bool>& unreached)
     {
         auto accessor = a.container.tileAccessor();
-        TileData<float, W, 1, 0> u(TileData<float, W, 1, 0>::kVoxelCount, 0.0f);
-        TileData<unsigned char, W, 1, 0> typeHalo(TileData<unsigned char, W, 1, 0>::kVoxelCount,
-                                                  (unsigned char)kValueTypeExcluded);
+        auto const scratch = std::make_unique<RelaxScratch>(mHasMask);
+        auto& u = scratch->u;
+        auto& batch = scratch->batch;
+        // What the relaxation of tile t leaves: its values, its change, and whether an unknown
+        // voxel of it is still unreached.
+        auto finish = [&](std::int64_t t, float change, auto const& relaxed) {
+            Tile<Traits> const& tile = a.container.tile(t, depth);
+            auto const tb = static_cast<TypeChannel const*>(mTypes)->tileData(tile.treeIndex());
+            auto values = a.distance.tileData(tile.treeIndex());
+            if (change > numbers.tol)
+                converged.store(false, std::memory_order_relaxed);
+            mActivity.record(t, change > 0.0f);
+            bool const stillUnreached =
+                copyBackAndFindUnreached<W>(relaxed, values, tb, mSides.background);
+            if (stillUnreached)
+                unreached.store(true, std::memory_order_relaxed);
+            mActivity.flag[std::size_t(t)] = stillUnreached ? 1 : 0;
+        };
+        auto flush = [&] {
+            if (batch.size() == 0)
+                return;
+            float changes[RelaxBatch<W>::kLanes];
+            batch.relax(numbers, changes);
+            for (int lane = 0; lane < batch.size(); ++lane) {
+                batch.interior(lane, scratch->relaxed);
+                finish(scratch->tiles[lane], changes[lane], Relaxed{scratch->relaxed});
+            }
+            batch.clear();
+        };
         for (std::int64_t t = begin; t < end; ++t) {
             Tile<Traits> const& tile = a.container.tile(t, depth);
             if (tileColor<Traits>(tile.tijk(), depth) != colour)
@@ -388,32 +439,32 @@ private:
                 mActivity.record(t, false);
                 continue;
             }
-            setHaloTile<Traits, float, 0, 1, 0>(
-                tile.treeIndex(), a.distance, mHaloMode, kHaloTypeFacesAndEdges, accessor, u,
-                a.distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
-            boundCoarseRim(tile, accessor, mVoxelSize, u, a.minDepth);
-            float change;
-            if (mHasMask) {
+            // Between tiles of this depth the rim is the neighbour's face as it is; across a
+            // resolution jump or the domain's border it comes from the rim rule, bounded.
+            if (!fillFromSameDepthFaces<Traits>(a.distance, t, mActivity.faces[std::size_t(t)],
+                                                depth, u)) {
+                setHaloTile<Traits, float, 0, 1, 0>(
+                    tile.treeIndex(), a.distance, mHaloMode, kHaloTypeFacesAndEdges, accessor, u,
+                    a.distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
+                boundCoarseRim(tile, accessor, mVoxelSize, u, a.minDepth);
+            }
+            if (mBandCheck &&
+                beyondBands(a.interiorBand, a.exteriorBand, u, kVoxelsPerTile<Traits>)) {
+                // Left out, unchanged.
+                finish(t, 0.0f, u);
+                continue;
+            }
+            if (mHasMask)
                 setHaloTile<Traits, unsigned char, 0, 1, 0>(
                     tile.treeIndex(), *mTypes, mTypeHaloMode, kHaloTypeFacesAndEdges, accessor,
-                    typeHalo, (unsigned char)kValueTypeExcluded, 1.0f, kVoxelOffsetCenter);
-                change = sweepTile<W>(a.interiorBand, a.exteriorBand, numbers, tb.data(), u,
-                                      kSweepRedBlack, mBandCheck, kVoxelsPerTile<Traits>,
-                                      MaskedNeighbour{typeHalo.data()});
-            } else {
-                change = sweepTile<W>(a.interiorBand, a.exteriorBand, numbers, tb.data(), u,
-                                      kSweepRedBlack, mBandCheck, kVoxelsPerTile<Traits>,
-                                      PlainNeighbour{});
-            }
-            if (change > numbers.tol)
-                converged.store(false, std::memory_order_relaxed);
-            mActivity.record(t, change > 0.0f);
-            bool const stillUnreached =
-                copyBackAndFindUnreached<W>(u, values, tb, mSides.background);
-            if (stillUnreached)
-                unreached.store(true, std::memory_order_relaxed);
-            mActivity.flag[std::size_t(t)] = stillUnreached ? 1 : 0;
+                    scratch->typeHalo, (unsigned char)kValueTypeExcluded, 1.0f, kVoxelOffsetCenter);
+            int const lane =
+                batch.add(u.data(), tb.data(), mHasMask ? scratch->typeHalo.data() : nullptr);
+            scratch->tiles[lane] = t;
+            if (batch.full())
+                flush();
         }
+        flush();
     }
 
     /// The V-cycle. Without value types nothing is solved and only the transfers between depths
