@@ -3,6 +3,7 @@
 ///        depth is relaxed tile-colour by tile-colour, passes its values up by restriction on the
 ///        way to the coarsest depth, and takes its resolution border from the coarser depth by
 ///        interpolation on the way back.
+#include <algorithm>
 #include <atomic>
 #include <hexmold/levelset/detail/adaptive_sweep_kernels.h>
 #include <hexmold/levelset/detail/redistance_impl.h>
@@ -339,6 +340,7 @@ private:
         // Tiles that are fixed points of the relaxation are left out until a neighbour changes;
         // their unreached state is the one of their last relaxation.
         mActivity.reset(a.container, depth);
+        buildRimPlans(depth);
         for (;;) {
             if (sweep >= passes || consecutive >= 2) {
                 if (!(unreached.load() && sweep < mMaxSweeps))
@@ -363,6 +365,163 @@ private:
         if (CoreGL::Logger::verboseLevel() > 2)
             CoreGL::Logger::debugFileStream() << "Depth " << depth << " completed in " << sweep
                                               << " of " << passes << " sweeps\n";
+    }
+
+    /// How the rim of one face of a tile is filled during the relaxations of a depth.
+    enum RimFace : unsigned char {
+        kRimSameDepth, ///< the face layer of the same-depth tile beside it
+        kRimOwnFace,   ///< the tile's own face layer (beyond the domain or the depths treated)
+        kRimKept,      ///< the bounded coarse values kept, or the own face where marked
+    };
+
+    /// The rim of a tile that has a face without a same-depth tile beside it.
+    struct RimPlan {
+        std::size_t values;       ///< offset of its kept values, W^2 per face
+        RimFace faces[6];         ///< -x, +x, -y, +y, -z, +z
+        std::uint32_t ownFace[6]; ///< kRimKept: bit a + W b set where the own face is repeated
+    };
+
+    /// @brief The rims of the tiles of one depth that have a face without a same-depth tile
+    ///        beside it, for the relaxations of that depth.
+    /// @details Across such a face the rim is what the rim rule and `boundCoarseRim` give: the
+    ///          covering voxel of a coarser tile moved away from zero, or the tile's own face.
+    ///          Tiles of other depths do not change while a depth is relaxed, so the coarse
+    ///          values are the same at every pass; only the elements that repeat the tile's own
+    ///          face, and the faces of same-depth tiles, are read again at each pass.
+    struct RimPlans {
+        std::vector<std::int32_t> plan; ///< per tile of the depth: its plan, or -1
+        std::vector<RimPlan> plans;
+        std::vector<float> values;
+    };
+
+    /// The rim plans of the tiles of @p depth that the relaxations will visit.
+    void buildRimPlans(int depth)
+    {
+        std::int64_t const count = a.container.tileCount(depth);
+        mRims.plan.assign(std::size_t(count), -1);
+        mRims.plans.clear();
+        std::size_t values = 0;
+        for (std::int64_t t = 0; t < count; ++t) {
+            auto const& faces = mActivity.faces[std::size_t(t)];
+            if (std::all_of(faces.begin(), faces.end(), [](std::int64_t f) { return f >= 0; }))
+                continue;
+            auto const tb = static_cast<TypeChannel const*>(mTypes)->tileData(t, depth);
+            if (tb.size() != N || !hasUnknown<N>(tb.data()))
+                continue;
+            mRims.plan[std::size_t(t)] = std::int32_t(mRims.plans.size());
+            mRims.plans.push_back(RimPlan{values, {}, {}});
+            values += 6 * std::size_t(W) * W;
+        }
+        mRims.values.assign(values, 0.0f);
+        parallelRanges(count, [&](std::int64_t begin, std::int64_t end) {
+            auto accessor = a.container.tileAccessor();
+            TileData<float, W, 1, 0> u(TileData<float, W, 1, 0>::kVoxelCount, 0.0f);
+            for (std::int64_t t = begin; t < end; ++t)
+                if (mRims.plan[std::size_t(t)] >= 0 && !makeRimPlan(t, depth, accessor, u))
+                    mRims.plan[std::size_t(t)] = -1;
+        });
+    }
+
+    /// Fills the plan of tile @p t from the rim rule, as `boundCoarseRim` bounds it; false where
+    /// the tile takes the general rim at every pass instead.
+    bool makeRimPlan(std::int64_t t, int depth,
+                     typename Container<Traits>::ConstTileAccessor& accessor,
+                     TileData<float, W, 1, 0>& u)
+    {
+        Tile<Traits> const& tile = a.container.tile(t, depth);
+        RimPlan& plan = mRims.plans[std::size_t(mRims.plan[std::size_t(t)])];
+        setHaloTile<Traits, float, 0, 1, 0>(tile.treeIndex(), a.distance, mHaloMode,
+                                            kHaloTypeFacesAndEdges, accessor, u,
+                                            a.distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
+        std::int64_t const w = tile.voxelDataWidth();
+        std::int64_t const corner[3] = {tile.ti(), tile.tj(), tile.tk()};
+        auto const& faces = mActivity.faces[std::size_t(t)];
+        for (int f = 0; f < 6; ++f) {
+            int const axis = f / 2, side = f % 2 ? 1 : -1;
+            plan.ownFace[f] = 0;
+            if (faces[std::size_t(f)] >= 0) {
+                if (a.distance.tileData(faces[std::size_t(f)], depth).size() != N)
+                    return false;
+                plan.faces[f] = kRimSameDepth;
+                continue;
+            }
+            Tile<Traits> const& n = accessor.tileNeighbor(tile, faceDirection(axis, side));
+            if (!n.valid() || n.depth() < a.minDepth) {
+                plan.faces[f] = kRimOwnFace;
+                continue;
+            }
+            if (n.depth() >= tile.depth())
+                return false;
+            plan.faces[f] = kRimKept;
+            float* const kept = mRims.values.data() + plan.values + std::size_t(f) * W * W;
+            // As `boundCoarseRim`: the covering coarse value moved away from zero by the
+            // distance between the two places, or the own face where the side is not known.
+            std::int64_t const nw = n.voxelDataWidth();
+            std::int64_t const nc[3] = {n.ti(), n.tj(), n.tk()};
+            int const layer = side < 0 ? -1 : W;
+            for (int b = 0; b < W; ++b)
+                for (int c = 0; c < W; ++c) {
+                    int idx[3];
+                    idx[axis] = layer;
+                    idx[(axis + 1) % 3] = c;
+                    idx[(axis + 2) % 3] = b;
+                    double d2 = 0.0;
+                    for (int e = 0; e < 3; ++e) {
+                        std::int64_t const p = corner[e] + std::int64_t(idx[e]) * w;
+                        std::int64_t const q = p - (p - nc[e]) % nw;
+                        d2 += double(p - q) * double(p - q);
+                    }
+                    float v = u(idx[0], idx[1], idx[2]);
+                    float const grow = float(std::sqrt(d2)) * mVoxelSize;
+                    if (!(std::fabs(v) > grow)) {
+                        plan.ownFace[f] |= std::uint32_t(1) << (c + W * b);
+                        continue;
+                    }
+                    kept[c + W * b] = 0.0f > v ? v - grow : v + grow;
+                }
+        }
+        return true;
+    }
+
+    /// The block of tile @p t with the rim of its plan: what `setHaloTile` and `boundCoarseRim`
+    /// give on the faces, which are all the relaxation reads.
+    void fillFromRimPlan(std::int64_t t, int depth, RimPlan const& plan,
+                         TileData<float, W, 1, 0>& u) const
+    {
+        auto const own = static_cast<FloatChannel const&>(a.distance).tileData(t, depth);
+        for (int k = 0; k < W; ++k)
+            for (int j = 0; j < W; ++j)
+                for (int i = 0; i < W; ++i)
+                    u(i, j, k) = own(i, j, k);
+        auto const& faces = mActivity.faces[std::size_t(t)];
+        for (int f = 0; f < 6; ++f) {
+            int const axis = f / 2, side = f % 2 ? 1 : -1;
+            int const layer = side < 0 ? -1 : W, inner = side < 0 ? 0 : W - 1;
+            int const outer = side < 0 ? W - 1 : 0; // the layer read from the tile beside
+            float const* const kept = mRims.values.data() + plan.values + std::size_t(f) * W * W;
+            auto const beside = plan.faces[f] == kRimSameDepth
+                                    ? static_cast<FloatChannel const&>(a.distance)
+                                          .tileData(faces[std::size_t(f)], depth)
+                                    : ConstTileData<float, W, 0, 0>();
+            for (int b = 0; b < W; ++b)
+                for (int c = 0; c < W; ++c) {
+                    int at[3], from[3];
+                    at[axis] = layer;
+                    at[(axis + 1) % 3] = from[(axis + 1) % 3] = c;
+                    at[(axis + 2) % 3] = from[(axis + 2) % 3] = b;
+                    float& target = u(at[0], at[1], at[2]);
+                    if (plan.faces[f] == kRimSameDepth) {
+                        from[axis] = outer;
+                        target = beside(from[0], from[1], from[2]);
+                    } else if (plan.faces[f] == kRimOwnFace ||
+                               (plan.ownFace[f] >> (c + W * b)) & 1u) {
+                        from[axis] = inner;
+                        target = u(from[0], from[1], from[2]);
+                    } else {
+                        target = kept[c + W * b];
+                    }
+                }
+        }
     }
 
     /// Per-worker scratch of `relaxTiles`: the blocks with their halo, and the tiles relaxed
@@ -441,8 +600,11 @@ private:
             }
             // Between tiles of this depth the rim is the neighbour's face as it is; across a
             // resolution jump or the domain's border it comes from the rim rule, bounded.
-            if (!fillFromSameDepthFaces<Traits>(a.distance, t, mActivity.faces[std::size_t(t)],
-                                                depth, u)) {
+            std::int32_t const plan = mRims.plan[std::size_t(t)];
+            if (plan >= 0) {
+                fillFromRimPlan(t, depth, mRims.plans[std::size_t(plan)], u);
+            } else if (!fillFromSameDepthFaces<Traits>(a.distance, t,
+                                                       mActivity.faces[std::size_t(t)], depth, u)) {
                 setHaloTile<Traits, float, 0, 1, 0>(
                     tile.treeIndex(), a.distance, mHaloMode, kHaloTypeFacesAndEdges, accessor, u,
                     a.distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
@@ -516,6 +678,7 @@ private:
     Quillon::Ptr<TypeChannel> mOwnTypes;
     TypeChannel* mTypes = nullptr;
     TileActivity mActivity;
+    RimPlans mRims;
 };
 
 } // namespace
