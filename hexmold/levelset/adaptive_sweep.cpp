@@ -198,15 +198,20 @@ private:
             CoreGL::Logger::timer(a.name + ".reset_zero_crossing_and_assign_value_type", nullptr);
         if (mHasMask && mUseValues)
             carryExcludedMarks(a.container, *mTypes, a.minDepth, a.maxDepth);
-        for (int depth = a.minDepth; depth <= a.maxDepth; ++depth)
+        TileActivity neighbours; // for its table of same-depth face neighbours
+        for (int depth = a.minDepth; depth <= a.maxDepth; ++depth) {
+            neighbours.reset(a.container, depth);
             for (int colour = 0; colour < 2; ++colour)
                 parallelRanges(a.container.tileCount(depth),
                                [&](std::int64_t begin, std::int64_t end) {
-                                   startTiles(depth, colour, begin, end);
+                                   startTiles(depth, colour, begin, end, neighbours.faces);
                                });
+        }
     }
 
-    void startTiles(int depth, int colour, std::int64_t begin, std::int64_t end) const
+    /// @param faces  the same-depth face neighbours of the tiles of @p depth
+    void startTiles(int depth, int colour, std::int64_t begin, std::int64_t end,
+                    std::vector<std::array<std::int64_t, 6>> const& faces) const
     {
         float const h = float(Container<Traits>::voxelDataWidth(depth)) * mVoxelSize;
         float const nearZero = 0.001f * h;
@@ -234,21 +239,37 @@ private:
                 a.mask ? a.mask->tileData(tile.treeIndex()) : ConstTileData<float, W, 0, 0>();
             // The covering coarse voxel at a jump, not the interpolated rim: the zero-crossing
             // test below must see the sign the coarse depth holds, and a blend of two coarse
-            // voxels of opposite signs could invent a crossing.
-            setHaloTile<Traits, float, 0, 1, 0>(
-                tile.treeIndex(), a.distance, mHaloMode, kHaloTypeFacesAndEdges, accessor, halo,
-                a.distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
-            boundCoarseRim(tile, accessor, mVoxelSize, halo, a.minDepth, true);
+            // voxels of opposite signs could invent a crossing. The test reads the face rim,
+            // and the edges too only around a voxel within `nearZero` of zero: without one, a
+            // tile whose face neighbours are all of its depth takes their faces directly.
+            bool const nearZeroVoxel = std::any_of(
+                values.begin(), values.end(), [&](float v) { return std::fabs(v) <= nearZero; });
+            if (nearZeroVoxel || !fillFromSameDepthFaces<Traits>(
+                                     a.distance, t, faces[std::size_t(t)], depth, halo)) {
+                setHaloTile<Traits, float, 0, 1, 0>(
+                    tile.treeIndex(), a.distance, mHaloMode, kHaloTypeFacesAndEdges, accessor, halo,
+                    a.distance.defaultValue(), 1.0f, kVoxelOffsetCenter);
+                boundCoarseRim(tile, accessor, mVoxelSize, halo, a.minDepth, true);
+            }
             if (a.mask)
                 setHaloTile<Traits, float, 0, 1, 0>(
                     tile.treeIndex(), *a.mask, mHaloMode, kHaloTypeFacesAndEdges, accessor,
                     maskHalo, a.mask->defaultValue(), 1.0f, kVoxelOffsetCenter);
-            if (mNeedExtended) {
+            // The frozen input around the tile, read at zero crossings only (its face rim), so
+            // made at the first of them.
+            bool frozenMade = false;
+            auto makeFrozen = [&] {
+                if (frozenMade)
+                    return;
+                frozenMade = true;
+                if (fillFromSameDepthFaces<Traits>(*mExtended, t, faces[std::size_t(t)], depth,
+                                                   frozen))
+                    return;
                 setHaloTile<Traits, float, 0, 1, 0>(
                     tile.treeIndex(), *mExtended, kHaloModeRedistance, kHaloTypeFacesAndEdges,
                     accessor, frozen, mExtended->defaultValue(), 1.0f, kVoxelOffsetCenter);
                 boundCoarseRim(tile, accessor, mVoxelSize, frozen, a.minDepth, true);
-            }
+            };
             Tile<Traits> const* parent =
                 tile.parent() >= 0 ? &a.container.tile(tile.parent(), depth - 1) : nullptr;
             int3 const slot = parent ? parent->childIJK(tile) : int3{0, 0, 0};
@@ -302,6 +323,7 @@ private:
                             continue;
                         }
                         if (mNeedExtended) {
+                            makeFrozen();
                             float const n6[6] = {frozen(i + 1, j, k), frozen(i - 1, j, k),
                                                  frozen(i, j + 1, k), frozen(i, j - 1, k),
                                                  frozen(i, j, k + 1), frozen(i, j, k - 1)};
@@ -340,7 +362,7 @@ private:
         // Tiles that are fixed points of the relaxation are left out until a neighbour changes;
         // their unreached state is the one of their last relaxation.
         mActivity.reset(a.container, depth);
-        buildRimPlans(depth);
+        prepareDepth(depth);
         for (;;) {
             if (sweep >= passes || consecutive >= 2) {
                 if (!(unreached.load() && sweep < mMaxSweeps))
@@ -354,9 +376,10 @@ private:
                 unreached.store(false);
             }
             std::atomic<bool> converged{true};
-            parallelRanges(a.container.tileCount(depth), [&](std::int64_t begin, std::int64_t end) {
-                relaxTiles(depth, colour, numbers, begin, end, converged, unreached);
-            });
+            parallelRanges(std::int64_t(mVisit[colour].size()),
+                           [&](std::int64_t begin, std::int64_t end) {
+                               relaxTiles(depth, colour, numbers, begin, end, converged, unreached);
+                           });
             if (converged.load())
                 ++consecutive;
             ++sweep;
@@ -394,19 +417,27 @@ private:
         std::vector<float> values;
     };
 
-    /// The rim plans of the tiles of @p depth that the relaxations will visit.
-    void buildRimPlans(int depth)
+    /// @brief The tiles of @p depth that the relaxations visit, by colour, and their rim plans.
+    /// @details A tile is visited when it has a block and an unknown voxel; value types do not
+    ///          change while a depth is relaxed. Leaving the others out of the passes changes
+    ///          nothing: their relaxation would be no sweep at all, and `TileActivity` reads a
+    ///          tile's record only for that tile.
+    void prepareDepth(int depth)
     {
         std::int64_t const count = a.container.tileCount(depth);
         mRims.plan.assign(std::size_t(count), -1);
         mRims.plans.clear();
+        mVisit[0].clear();
+        mVisit[1].clear();
         std::size_t values = 0;
         for (std::int64_t t = 0; t < count; ++t) {
+            auto const tb = static_cast<TypeChannel const*>(mTypes)->tileData(t, depth);
+            if (tb.size() != N || a.distance.tileData(t, depth).size() != N ||
+                !hasUnknown<N>(tb.data()))
+                continue;
+            mVisit[tileColor<Traits>(a.container.tile(t, depth).tijk(), depth)].push_back(t);
             auto const& faces = mActivity.faces[std::size_t(t)];
             if (std::all_of(faces.begin(), faces.end(), [](std::int64_t f) { return f >= 0; }))
-                continue;
-            auto const tb = static_cast<TypeChannel const*>(mTypes)->tileData(t, depth);
-            if (tb.size() != N || !hasUnknown<N>(tb.data()))
                 continue;
             mRims.plan[std::size_t(t)] = std::int32_t(mRims.plans.size());
             mRims.plans.push_back(RimPlan{values, {}, {}});
@@ -543,11 +574,11 @@ private:
         float operator()(int i, int j, int k) const { return values[voxelIndex<W>(i, j, k)]; }
     };
 
-    /// One colour of one depth over tiles [begin, end): each tile with unknown voxels is relaxed
-    /// red-black on a block with its face rim. The tiles go through the batched relaxation
-    /// `RelaxBatch<W>::kLanes` at a time, which gives the bits of the tile-by-tile one; a tile is
-    /// written back only after its batch is relaxed, which changes nothing, since the tiles of
-    /// one colour do not read each other.
+    /// One colour of one depth over entries [begin, end) of the colour's visit list: each tile
+    /// is relaxed red-black on a block with its face rim. The tiles go through the batched
+    /// relaxation `RelaxBatch<W>::kLanes` at a time, which gives the bits of the tile-by-tile one;
+    /// a tile is written back only after its batch is relaxed, which changes nothing, since the
+    /// tiles of one colour do not read each other.
     void relaxTiles(int depth, int colour, DepthNumbers const& numbers, std::int64_t begin,
                     std::int64_t end, std::atomic<bool>& converged, std::atomic<bool>& unreached)
     {
@@ -558,9 +589,8 @@ private:
         // What the relaxation of tile t leaves: its values, its change, and whether an unknown
         // voxel of it is still unreached.
         auto finish = [&](std::int64_t t, float change, auto const& relaxed) {
-            Tile<Traits> const& tile = a.container.tile(t, depth);
-            auto const tb = static_cast<TypeChannel const*>(mTypes)->tileData(tile.treeIndex());
-            auto values = a.distance.tileData(tile.treeIndex());
+            auto const tb = static_cast<TypeChannel const*>(mTypes)->tileData(t, depth);
+            auto values = a.distance.tileData(t, depth);
             if (change > numbers.tol)
                 converged.store(false, std::memory_order_relaxed);
             mActivity.record(t, change > 0.0f);
@@ -581,23 +611,15 @@ private:
             }
             batch.clear();
         };
-        for (std::int64_t t = begin; t < end; ++t) {
-            Tile<Traits> const& tile = a.container.tile(t, depth);
-            if (tileColor<Traits>(tile.tijk(), depth) != colour)
-                continue;
+        for (std::int64_t n = begin; n < end; ++n) {
+            std::int64_t const t = mVisit[colour][std::size_t(n)];
             if (mActivity.skippable(t)) {
                 if (mActivity.flag[std::size_t(t)])
                     unreached.store(true, std::memory_order_relaxed);
                 continue;
             }
-            auto const tb = static_cast<TypeChannel const*>(mTypes)->tileData(tile.treeIndex());
-            auto values = a.distance.tileData(tile.treeIndex());
-            if (tb.size() != N || values.size() != N)
-                continue;
-            if (!hasUnknown<N>(tb.data())) {
-                mActivity.record(t, false);
-                continue;
-            }
+            Tile<Traits> const& tile = a.container.tile(t, depth);
+            auto const tb = static_cast<TypeChannel const*>(mTypes)->tileData(t, depth);
             // Between tiles of this depth the rim is the neighbour's face as it is; across a
             // resolution jump or the domain's border it comes from the rim rule, bounded.
             std::int32_t const plan = mRims.plan[std::size_t(t)];
@@ -678,6 +700,7 @@ private:
     Quillon::Ptr<TypeChannel> mOwnTypes;
     TypeChannel* mTypes = nullptr;
     TileActivity mActivity;
+    std::vector<std::int64_t> mVisit[2]; ///< the tiles the passes of a depth visit, by colour
     RimPlans mRims;
 };
 
