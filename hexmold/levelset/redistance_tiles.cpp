@@ -51,52 +51,6 @@ template <typename Traits> struct TileScratch {
     std::int64_t batchIndices[detail::SweepBatch<W>::kLanes]; ///< index at the depth of each lane
 };
 
-/// @brief The sweep's block of a tile whose six face neighbours are tiles of its own depth: its
-///        voxels and the neighbours' face layers, read straight from their blocks.
-/// @details The same values as the rim rule gives (a same-depth neighbour gives the voxels at its
-///          local position, and no rim needs bounding), without looking the neighbours up.
-///          Edges and corners of the rim are left as they are: the sweep reads faces only.
-/// @param faces  the tile's same-depth face neighbours (-x, +x, -y, +y, -z, +z)
-/// @return false, with @p u untouched, when a face has no same-depth tile or a block is missing
-template <typename Traits>
-bool fillFromSameDepthFaces(VoxelChannel<Traits, float> const& distance, std::int64_t tile,
-                            std::array<std::int64_t, 6> const& faces, int depth,
-                            TileData<float, Traits::kTileWidth, 1, 0>& u)
-{
-    constexpr int W = Traits::kTileWidth;
-    constexpr std::size_t N = std::size_t(W) * W * W;
-    float const* blocks[7];
-    for (int f = 0; f < 6; ++f) {
-        if (faces[std::size_t(f)] < 0)
-            return false;
-        auto const block = distance.tileData(faces[std::size_t(f)], depth);
-        if (block.size() != N)
-            return false;
-        blocks[f] = block.data();
-    }
-    auto const own = distance.tileData(tile, depth);
-    if (own.size() != N)
-        return false;
-    blocks[6] = own.data();
-    auto at = [](int i, int j, int k) {
-        return std::size_t(i) + std::size_t(W) * (std::size_t(j) + std::size_t(W) * std::size_t(k));
-    };
-    for (int k = 0; k < W; ++k)
-        for (int j = 0; j < W; ++j)
-            for (int i = 0; i < W; ++i)
-                u(i, j, k) = blocks[6][at(i, j, k)];
-    for (int b = 0; b < W; ++b)
-        for (int a = 0; a < W; ++a) {
-            u(-1, a, b) = blocks[0][at(W - 1, a, b)];
-            u(W, a, b) = blocks[1][at(0, a, b)];
-            u(a, -1, b) = blocks[2][at(a, W - 1, b)];
-            u(a, W, b) = blocks[3][at(a, 0, b)];
-            u(a, b, -1) = blocks[4][at(a, b, W - 1)];
-            u(a, b, W) = blocks[5][at(a, b, 0)];
-        }
-    return true;
-}
-
 /// The tile-by-tile form over tiles [begin, end) of @p depth.
 template <typename Traits>
 float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour,
@@ -197,8 +151,8 @@ float sweepTileRange(std::int64_t begin, std::int64_t end, RedBlackType colour,
         }
         // The sweep reads the face rim only.
         if (!activity || activity->depth != depth ||
-            !fillFromSameDepthFaces<Traits>(distance, t, activity->faces[std::size_t(t)], depth,
-                                            scratch.values)) {
+            !detail::fillFromSameDepthFaces<Traits>(distance, t, activity->faces[std::size_t(t)],
+                                                    depth, scratch.values)) {
             // The covering coarse voxel at a jump, not the interpolated rim: an upwind update
             // may only take values the coarser depth holds (a blend of a coarse voxel near the
             // front and one across it sits nearer zero than either and would pull the front),
@@ -393,6 +347,45 @@ float sweepCoalescedRange(std::int64_t begin, std::int64_t end, RedBlackType col
 namespace detail {
 
 template <typename Traits>
+bool fillFromSameDepthFaces(VoxelChannel<Traits, float> const& distance, std::int64_t tile,
+                            std::array<std::int64_t, 6> const& faces, int depth,
+                            TileData<float, Traits::kTileWidth, 1, 0>& u)
+{
+    constexpr int W = Traits::kTileWidth;
+    constexpr std::size_t N = std::size_t(W) * W * W;
+    float const* blocks[7];
+    for (int f = 0; f < 6; ++f) {
+        if (faces[std::size_t(f)] < 0)
+            return false;
+        auto const block = distance.tileData(faces[std::size_t(f)], depth);
+        if (block.size() != N)
+            return false;
+        blocks[f] = block.data();
+    }
+    auto const own = distance.tileData(tile, depth);
+    if (own.size() != N)
+        return false;
+    blocks[6] = own.data();
+    auto at = [](int i, int j, int k) {
+        return std::size_t(i) + std::size_t(W) * (std::size_t(j) + std::size_t(W) * std::size_t(k));
+    };
+    for (int k = 0; k < W; ++k)
+        for (int j = 0; j < W; ++j)
+            for (int i = 0; i < W; ++i)
+                u(i, j, k) = blocks[6][at(i, j, k)];
+    for (int b = 0; b < W; ++b)
+        for (int a = 0; a < W; ++a) {
+            u(-1, a, b) = blocks[0][at(W - 1, a, b)];
+            u(W, a, b) = blocks[1][at(0, a, b)];
+            u(a, -1, b) = blocks[2][at(a, W - 1, b)];
+            u(a, W, b) = blocks[3][at(a, 0, b)];
+            u(a, b, -1) = blocks[4][at(a, b, W - 1)];
+            u(a, b, W) = blocks[5][at(a, b, 0)];
+        }
+    return true;
+}
+
+template <typename Traits>
 float redistanceTilesTracked(RedBlackType colour, VoxelChannel<Traits, float>& io_distance,
                              VoxelChannel<Traits, float> const* mask,
                              Container<Traits> const& container,
@@ -445,7 +438,8 @@ float redistanceTiles(RedBlackType colour, VoxelChannel<Traits, float>& io_dista
 #define HEXMOLD_INSTANTIATE_REDISTANCE_TILES(TR)                                                   \
     template HEXMOLD_API decltype(tileColor<TR>) tileColor<TR>;                                    \
     template HEXMOLD_API decltype(redistanceTiles<TR>) redistanceTiles<TR>;                        \
-    template decltype(detail::redistanceTilesTracked<TR>) detail::redistanceTilesTracked<TR>;
+    template decltype(detail::redistanceTilesTracked<TR>) detail::redistanceTilesTracked<TR>;      \
+    template decltype(detail::fillFromSameDepthFaces<TR>) detail::fillFromSameDepthFaces<TR>;
 HEXMOLD_FOR_EACH_TRAITS(HEXMOLD_INSTANTIATE_REDISTANCE_TILES)
 #undef HEXMOLD_INSTANTIATE_REDISTANCE_TILES
 

@@ -56,6 +56,40 @@ template <int W> KernelTables<W> const& kernelTables()
     return tables;
 }
 
+/// The red-black kernel's tables for W^3 tiles: the voxels of colour 0 ((i + j + k) even), then
+/// those of colour 1, each as a block offset and an interior index, in row order.
+template <int W> struct RelaxTables {
+    static constexpr int E = W + 2;
+    static constexpr int N = W * W * W;
+    std::array<std::uint16_t, N> order;
+    std::array<std::uint16_t, N> interior;
+    int colourBegin[3];
+
+    RelaxTables()
+    {
+        std::size_t n = 0;
+        for (int colour = 0; colour < 2; ++colour) {
+            colourBegin[colour] = int(n);
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) {
+                        if ((i + j + k) % 2 != colour)
+                            continue;
+                        order[n] = std::uint16_t((i + 1) + E * ((j + 1) + E * (k + 1)));
+                        interior[n] = std::uint16_t(i + W * (j + W * k));
+                        ++n;
+                    }
+        }
+        colourBegin[2] = int(n);
+    }
+};
+
+template <int W> RelaxTables<W> const& relaxTables()
+{
+    static RelaxTables<W> const tables;
+    return tables;
+}
+
 bool processorHas(SweepIsa isa)
 {
 #if defined(__x86_64__) || defined(__i386__)
@@ -159,6 +193,88 @@ void SweepBatch<W>::sweep(DepthNumbers const& numbers, float (&changes)[kLanes],
     }
 }
 
+template <int W> RelaxBatch<W>::RelaxBatch(bool masked) : mMasked(masked)
+{
+    std::memset(mValues, 0, sizeof(mValues));
+    std::memset(mUnknown, 0, sizeof(mUnknown));
+    std::memset(mExcluded, 0, sizeof(mExcluded));
+}
+
+template <int W>
+int RelaxBatch<W>::add(float const* block, unsigned char const* types,
+                       unsigned char const* typesWithHalo)
+{
+    int const lane = mCount++;
+    for (std::size_t n = 0; n < kBlock; ++n)
+        mValues[n * kLanes + std::size_t(lane)] = block[n];
+    for (std::size_t n = 0; n < kInterior; ++n)
+        mUnknown[n * kLanes + std::size_t(lane)] = types[n] == kValueTypeUnknown ? 0xFFFFFFFFu : 0u;
+    if (mMasked)
+        for (std::size_t n = 0; n < kBlock; ++n)
+            mExcluded[n * kLanes + std::size_t(lane)] =
+                typesWithHalo[n] == kValueTypeExcluded ? 0xFFFFFFFFu : 0u;
+    return lane;
+}
+
+template <int W> void RelaxBatch<W>::clear()
+{
+    for (int lane = 0; lane < mCount; ++lane)
+        for (std::size_t n = 0; n < kInterior; ++n)
+            mUnknown[n * kLanes + std::size_t(lane)] = 0u;
+    mCount = 0;
+}
+
+template <int W> void RelaxBatch<W>::interior(int lane, float* out) const
+{
+    constexpr int E = kEdge;
+    for (int k = 0; k < W; ++k)
+        for (int j = 0; j < W; ++j)
+            for (int i = 0; i < W; ++i)
+                out[i + W * (j + W * k)] =
+                    mValues[std::size_t((i + 1) + E * ((j + 1) + E * (k + 1))) * kLanes +
+                            std::size_t(lane)];
+}
+
+template <int W>
+void RelaxBatch<W>::relax(DepthNumbers const& numbers, float (&changes)[kLanes], SweepIsa isa)
+{
+    static_assert(kLanes == kBatchLanes);
+    RelaxTables<W> const& tables = relaxTables<W>();
+    // The scalar update's constants, formed by the same operations.
+    RelaxKernelArgs const args{
+        mValues,
+        mUnknown,
+        mMasked ? mExcluded : nullptr,
+        tables.order.data(),
+        tables.interior.data(),
+        {tables.colourBegin[0], tables.colourBegin[1], tables.colourBegin[2]},
+        kEdge,
+        mCount,
+        numbers.h,
+        numbers.h2,
+        numbers.h3,
+        CoreGL::detail::kEikonalRejectMargin * numbers.h,
+        CoreGL::detail::kEikonalRejectLimit * numbers.h,
+        CoreGL::detail::kEikonalFloorFactor * numbers.h,
+        CoreGL::detail::kEikonalOneThird,
+        numbers.tol,
+        changes};
+    switch (isa == SweepIsa::kBest ? bestIsa() : isa) {
+    case SweepIsa::kAvx512:
+        relaxKernelAvx512(args);
+        break;
+    case SweepIsa::kAvx2:
+        relaxKernelAvx2(args);
+        break;
+    case SweepIsa::kSse2:
+        relaxKernelSse2(args);
+        break;
+    default:
+        relaxKernelPortable(args);
+        break;
+    }
+}
+
 bool sweepIsaAvailable(SweepIsa isa)
 {
     switch (isa) {
@@ -185,5 +301,7 @@ bool sweepIsaAvailable(SweepIsa isa)
 template class SweepBatch<4>;
 template class SweepBatch<5>;
 template class SweepBatch<8>;
+template class RelaxBatch<4>;
+template class RelaxBatch<5>;
 
 } // namespace VolumeGL::TileTree3D::LevelSet::detail

@@ -49,10 +49,23 @@ void sweepKernelAvx2(SweepKernelArgs const& args)
 {
     sweepKernelBody<Avx2Ops>(args);
 }
+
+void relaxKernelAvx2(RelaxKernelArgs const& args)
+{
+    if (args.excluded)
+        relaxKernelBody<Avx2Ops, true>(args);
+    else
+        relaxKernelBody<Avx2Ops, false>(args);
+}
 #else
 void sweepKernelAvx2(SweepKernelArgs const& args)
 {
     sweepKernelPortable(args);
+}
+
+void relaxKernelAvx2(RelaxKernelArgs const& args)
+{
+    relaxKernelPortable(args);
 }
 #endif
 

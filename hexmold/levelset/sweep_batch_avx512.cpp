@@ -57,10 +57,23 @@ void sweepKernelAvx512(SweepKernelArgs const& args)
 {
     sweepKernelBody<Avx512Ops>(args);
 }
+
+void relaxKernelAvx512(RelaxKernelArgs const& args)
+{
+    if (args.excluded)
+        relaxKernelBody<Avx512Ops, true>(args);
+    else
+        relaxKernelBody<Avx512Ops, false>(args);
+}
 #else
 void sweepKernelAvx512(SweepKernelArgs const& args)
 {
     sweepKernelPortable(args);
+}
+
+void relaxKernelAvx512(RelaxKernelArgs const& args)
+{
+    relaxKernelPortable(args);
 }
 #endif
 

@@ -41,4 +41,12 @@ void sweepKernelPortable(SweepKernelArgs const& args)
     sweepKernelBody<PortableOps>(args);
 }
 
+void relaxKernelPortable(RelaxKernelArgs const& args)
+{
+    if (args.excluded)
+        relaxKernelBody<PortableOps, true>(args);
+    else
+        relaxKernelBody<PortableOps, false>(args);
+}
+
 } // namespace VolumeGL::TileTree3D::LevelSet::detail

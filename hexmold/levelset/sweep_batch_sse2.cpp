@@ -47,10 +47,23 @@ void sweepKernelSse2(SweepKernelArgs const& args)
 {
     sweepKernelBody<Sse2Ops>(args);
 }
+
+void relaxKernelSse2(RelaxKernelArgs const& args)
+{
+    if (args.excluded)
+        relaxKernelBody<Sse2Ops, true>(args);
+    else
+        relaxKernelBody<Sse2Ops, false>(args);
+}
 #else
 void sweepKernelSse2(SweepKernelArgs const& args)
 {
     sweepKernelPortable(args);
+}
+
+void relaxKernelSse2(RelaxKernelArgs const& args)
+{
+    relaxKernelPortable(args);
 }
 #endif
 

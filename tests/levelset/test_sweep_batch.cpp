@@ -1,6 +1,8 @@
-// The batched tile sweep against the tile-by-tile sweep: the same bits for every lane, on random
-// blocks that mix both sides, exact zeros of both signs, the background, huge values, NaN and all
-// value types, for the three block widths and for partly loaded batches.
+// The batched tile sweep and the batched red-black relaxation against the tile-by-tile sweep: the
+// same bits for every lane, on random blocks that mix both sides, exact zeros of both signs, the
+// background, huge values, NaN and all value types, for the block widths, for partly loaded
+// batches, for lanes that end their relaxation at different iterations, and with excluded
+// neighbours; once per instruction set.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -178,6 +180,118 @@ INSTANTIATE_TEST_SUITE_P(Isa, SweepBatchOnIsa, ::testing::ValuesIn(kIsas),
                          [](::testing::TestParamInfo<SweepIsa> const& info) {
                              return isaName(info.param);
                          });
+
+/// The batched red-black relaxation of one instruction set, skipped as above.
+class RelaxBatchOnIsa : public SweepBatchOnIsa {};
+
+/// Random value types with halo for a masked relaxation: excluded neighbours are common.
+template <int W> std::vector<unsigned char> randomTypesWithHalo(std::mt19937& rng)
+{
+    std::vector<unsigned char> types(std::size_t(W + 2) * (W + 2) * (W + 2));
+    std::uniform_int_distribution<int> type(0, 4);
+    for (auto& t : types)
+        t = (unsigned char)std::min(type(rng), 3);
+    return types;
+}
+
+template <int W>
+void compareRelaxations(std::uint32_t seed, float h, float background, bool withNaN, bool masked,
+                        SweepIsa isa)
+{
+    std::mt19937 rng(seed);
+    RelaxBatch<W> batch(masked);
+    ASSERT_EQ(batch.masked(), masked);
+    for (int round = 0; round < 48; ++round) {
+        // Quiet thresholds that end every lane after seven iterations, after four, and after a
+        // count of its own.
+        float const tolerance = round % 3 == 0 ? 0.0f : round % 3 == 1 ? 1e30f : 0.5f * h;
+        DepthNumbers const numbers{h, CoreGL::detail::eikonalTwoHSquared(h),
+                                   CoreGL::detail::eikonalThreeHSquared(h), tolerance};
+        int const lanes = 1 + (round * 7) % RelaxBatch<W>::kLanes;
+        std::vector<Case<W>> cases;
+        std::vector<std::vector<unsigned char>> halos;
+        for (int lane = 0; lane < lanes; ++lane) {
+            cases.push_back(randomCase<W>(rng, h, background, withNaN));
+            halos.push_back(randomTypesWithHalo<W>(rng));
+            ASSERT_EQ(batch.add(cases.back().block.data(), cases.back().types.data(),
+                                masked ? halos.back().data() : nullptr),
+                      lane);
+        }
+        float changes[RelaxBatch<W>::kLanes];
+        batch.relax(numbers, changes, isa);
+        for (int lane = 0; lane < lanes; ++lane) {
+            Case<W>& c = cases[std::size_t(lane)];
+            float const expectedChange =
+                masked ? sweepTile<W>(FLT_MAX, FLT_MAX, numbers, c.types.data(), c.block,
+                                      kSweepRedBlack, false, W * W * W,
+                                      MaskedNeighbour{halos[std::size_t(lane)].data()})
+                       : sweepTile<W>(FLT_MAX, FLT_MAX, numbers, c.types.data(), c.block,
+                                      kSweepRedBlack, false, W * W * W, PlainNeighbour{});
+            std::vector<float> got(static_cast<std::size_t>(W * W * W));
+            batch.interior(lane, got.data());
+            EXPECT_EQ(bits(changes[lane]), bits(expectedChange))
+                << "round " << round << " lane " << lane;
+            int mismatches = 0;
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i)
+                        mismatches +=
+                            bits(got[std::size_t(i + W * (j + W * k))]) != bits(c.block(i, j, k));
+            EXPECT_EQ(mismatches, 0) << "round " << round << " lane " << lane;
+        }
+        for (int lane = lanes; lane < RelaxBatch<W>::kLanes; ++lane)
+            EXPECT_EQ(changes[lane], 0.0f);
+        batch.clear();
+        EXPECT_EQ(batch.size(), 0);
+    }
+}
+
+TEST_P(RelaxBatchOnIsa, SameBitsAsRedBlackTileSweepWidth4)
+{
+    compareRelaxations<4>(11, 0.25f, 1e30f, false, false, GetParam());
+    compareRelaxations<4>(12, 1.0f / 512.0f, 3.0f / 512.0f, false, false, GetParam());
+}
+
+TEST_P(RelaxBatchOnIsa, SameBitsAsRedBlackTileSweepWidth5)
+{
+    compareRelaxations<5>(13, 0.5f, 1e30f, false, false, GetParam());
+    compareRelaxations<5>(14, 3.0e-3f, 0.03f, false, false, GetParam());
+}
+
+TEST_P(RelaxBatchOnIsa, MaskedSameBitsAsRedBlackTileSweep)
+{
+    compareRelaxations<4>(15, 0.25f, 1e30f, false, true, GetParam());
+    compareRelaxations<5>(16, 3.0e-3f, 0.03f, false, true, GetParam());
+}
+
+TEST_P(RelaxBatchOnIsa, NaNIsCarriedLikeTheRedBlackTileSweep)
+{
+    compareRelaxations<4>(17, 0.25f, 1e30f, true, false, GetParam());
+    compareRelaxations<5>(18, 0.25f, FLT_MAX, true, true, GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Isa, RelaxBatchOnIsa, ::testing::ValuesIn(kIsas),
+                         [](::testing::TestParamInfo<SweepIsa> const& info) {
+                             return isaName(info.param);
+                         });
+
+TEST(RelaxBatch, LanesWithoutUnknownVoxelsStayAsTheyAre)
+{
+    std::mt19937 rng(19);
+    Case<5> c = randomCase<5>(rng, 0.5f, 1e30f, false);
+    std::fill(c.types.begin(), c.types.end(), (unsigned char)1);
+    RelaxBatch<5> batch(false);
+    batch.add(c.block.data(), c.types.data());
+    float changes[RelaxBatch<5>::kLanes];
+    batch.relax(DepthNumbers{0.5f, 0.5f, 0.75f, 0.0f}, changes);
+    std::vector<float> got(125);
+    batch.interior(0, got.data());
+    for (int k = 0; k < 5; ++k)
+        for (int j = 0; j < 5; ++j)
+            for (int i = 0; i < 5; ++i)
+                EXPECT_EQ(bits(got[std::size_t(i + 5 * (j + 5 * k))]), bits(c.block(i, j, k)));
+    EXPECT_EQ(changes[0], 0.0f);
+}
 
 TEST(SweepBatch, PortableAndSse2AreAlwaysThere)
 {

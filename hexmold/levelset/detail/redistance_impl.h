@@ -546,6 +546,20 @@ struct TileActivity {
     }
 };
 
+/// @brief The sweep's block of a tile whose six face neighbours are tiles of its own depth: its
+///        voxels and the neighbours' face layers, read straight from their blocks.
+/// @details The same values as the rim rule gives (a same-depth neighbour gives the voxels at its
+///          local position, and no rim needs bounding), without looking the neighbours up.
+///          Edges and corners of the rim are left as they are: the sweeps read faces only.
+/// @param tile   the tile's index at @p depth
+/// @param faces  the tile's same-depth face neighbours (-x, +x, -y, +y, -z, +z), as
+///               `TileActivity::faces` holds them
+/// @return false, with @p u untouched, when a face has no same-depth tile or a block is missing
+template <typename Traits>
+bool fillFromSameDepthFaces(VoxelChannel<Traits, float> const& distance, std::int64_t tile,
+                            std::array<std::int64_t, 6> const& faces, int depth,
+                            TileData<float, Traits::kTileWidth, 1, 0>& u);
+
 /// `redistanceTiles` with the skipping of fixed-point tiles; @p activity (may be null) belongs
 /// to the depth swept, or to depth - 1 for the coalesced blocks, and is advanced by one pass.
 template <typename Traits>
