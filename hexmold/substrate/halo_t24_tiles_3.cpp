@@ -1,11 +1,13 @@
 /// @file  substrate/halo_t24_tiles_3.cpp
-/// @brief Instances of the per-tile halo operations for `Traits24`: float, double.
-/// @details One of eight shards, so that no translation unit of the halo takes long to compile.
+/// @brief Instances of the per-tile halo operations for `Traits24`: float2, Int16.
+/// @details One of nine shards, each with one floating-point element type (whose rim can be
+///          interpolated at resolution jumps, the costly part to compile) and one integer type,
+///          so that no translation unit of the halo takes long to compile.
 #include <hexmold/substrate/detail/halo_impl.h>
 
 namespace TVL::TileTree3D {
 
-HEXMOLD_HALO_TILE_INSTANCES(Traits24, float)
-HEXMOLD_HALO_TILE_INSTANCES(Traits24, double)
+HEXMOLD_HALO_TILE_INSTANCES(Traits24, float2)
+HEXMOLD_HALO_TILE_INSTANCES(Traits24, Int16)
 
 } // namespace TVL::TileTree3D

@@ -1,12 +1,13 @@
 /// @file  substrate/halo_t55_tiles_7.cpp
-/// @brief Instances of the per-tile halo operations for `Traits55`: float4x2, float4x4.
-/// @details One of eight shards, so that no translation unit of the halo takes long to compile;
-///          the two largest element types share this one.
+/// @brief Instances of the per-tile halo operations for `Traits55`: float3x3, Int64.
+/// @details One of nine shards, each with one floating-point element type (whose rim can be
+///          interpolated at resolution jumps, the costly part to compile) and one integer type,
+///          so that no translation unit of the halo takes long to compile.
 #include <hexmold/substrate/detail/halo_impl.h>
 
 namespace TVL::TileTree3D {
 
-HEXMOLD_HALO_TILE_INSTANCES(Traits55, float4x2)
-HEXMOLD_HALO_TILE_INSTANCES(Traits55, float4x4)
+HEXMOLD_HALO_TILE_INSTANCES(Traits55, float3x3)
+HEXMOLD_HALO_TILE_INSTANCES(Traits55, Int64)
 
 } // namespace TVL::TileTree3D

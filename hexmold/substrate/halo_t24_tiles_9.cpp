@@ -1,0 +1,13 @@
+/// @file  substrate/halo_t24_tiles_9.cpp
+/// @brief Instances of the per-tile halo operations for `Traits24`: float4x4, int3.
+/// @details One of nine shards, each with one floating-point element type (whose rim can be
+///          interpolated at resolution jumps, the costly part to compile) and one integer type,
+///          so that no translation unit of the halo takes long to compile.
+#include <hexmold/substrate/detail/halo_impl.h>
+
+namespace TVL::TileTree3D {
+
+HEXMOLD_HALO_TILE_INSTANCES(Traits24, float4x4)
+HEXMOLD_HALO_TILE_INSTANCES(Traits24, int3)
+
+} // namespace TVL::TileTree3D
