@@ -1,6 +1,8 @@
 // Every exported channel instantiation links and works: all element types, forms and traits.
 #include <gtest/gtest.h>
 
+#include "support/element_sample.h"
+
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/channel_temporary.h>
 #include <hexmold/substrate/topology.h>
@@ -10,21 +12,7 @@ using namespace TVL::TileTree3D;
 
 namespace {
 
-/// A recognisable non-zero value of any element type.
-template <typename T> T sample()
-{
-    T v{};
-    auto* bytes = reinterpret_cast<unsigned char*>(&v);
-    for (std::size_t i = 0; i < sizeof(T); ++i)
-        bytes[i] = 0;
-    if constexpr (std::is_arithmetic_v<T>)
-        v = T(7);
-    else if constexpr (requires { v.m; })
-        v.m[0][0] = 7;
-    else
-        v[0] = 7;
-    return v;
-}
+using testsupport::sampleElement;
 
 /// Builds one channel of the form over two depths and checks sizes, defaults and copies; gives
 /// the first check that fails, or an empty string. (Plain checks, one assertion per form in the
@@ -35,7 +23,7 @@ template <typename Tr, typename T, int W, int H> std::string exercise()
     VoxelTopology<Tr> topo("topology", "tree", 1.0f);
     topo.setTileCount(0, 1);
     topo.setTileCount(1, 2);
-    T const d = sample<T>();
+    T const d = sampleElement<T>();
     C c("c", &d, kDataElementInitializerDefaultValue, false, true, 0, Tr::kMaxDepth);
     c.update(topo);
     constexpr std::size_t E = std::size_t(W + 2 * H);

@@ -92,6 +92,28 @@ inline T blendCorners(T const (&v)[8], bool const (&moves)[3], S fx, S fy, S fz)
     return s0;
 }
 
+/// The trilinear blend (`blendCorners`) of the 2 x 2 x 2 voxels from (@p x, @p y, @p z) of the
+/// box @p box (strides 1, B, B * B; @p have tells which elements exist) into @p out; axes that do
+/// not move (@p m) read their lower voxel alone. False, with @p out untouched, where a voxel it
+/// reads is missing.
+template <int B, typename T, typename S>
+inline bool blendBoxCorners(T const* box, bool const* have, int x, int y, int z, bool const (&m)[3],
+                            S fx, S fy, S fz, T& out)
+{
+    T v[8]{};
+    for (int e = 0; e < 8; ++e) {
+        int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
+        if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
+            continue;
+        int const n = (x + ex) + B * ((y + ey) + B * (z + ez));
+        if (!have[n])
+            return false;
+        v[e] = box[n];
+    }
+    out = blendCorners(v, m, fx, fy, fz);
+    return true;
+}
+
 /// floor(a / b) for b > 0.
 constexpr std::int64_t haloFloorDiv(std::int64_t a, std::int64_t b)
 {
@@ -350,22 +372,11 @@ public:
                             continue;
                         }
                     }
-                    int const cx = c0[0][i] - base[0], cy = c0[1][j] - base[1],
-                              cz = c0[2][k] - base[2];
                     bool const m[3] = {moves[0][i], moves[1][j], moves[2][k]};
-                    T corners[8]{};
-                    bool complete = true;
-                    for (int e = 0; e < 8 && complete; ++e) {
-                        int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-                        if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
-                            continue;
-                        int const n = (cx + ex) + B * ((cy + ey) + B * (cz + ez));
-                        complete = have[n];
-                        corners[e] = box[n];
-                    }
-                    if (complete)
-                        v = blendCorners(corners, m, frac[0][i], frac[1][j], frac[2][k]);
-                    put(x, y, z, v, complete);
+                    bool const ok = blendBoxCorners<B>(box.get(), have.get(), c0[0][i] - base[0],
+                                                       c0[1][j] - base[1], c0[2][k] - base[2], m,
+                                                       frac[0][i], frac[1][j], frac[2][k], v);
+                    put(x, y, z, v, ok);
                 }
     }
 
@@ -549,23 +560,12 @@ inline bool fillCubicRegion(Around& around, Tile<Traits> const& coarse, int3 con
                 if (blendStencils<B>(box, have, sx, sy, sz, o))
                     continue;
                 // The trilinear blend of the bracketing voxels, from the same box.
-                int const x = c0[0][i + Hout] - base[0], y = c0[1][j + Hout] - base[1],
-                          z = c0[2][k + Hout] - base[2];
                 bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
-                T v[8]{};
-                bool complete = true;
-                for (int e = 0; e < 8; ++e) {
-                    int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-                    if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
-                        continue;
-                    int const n = (x + ex) + B * ((y + ey) + B * (z + ez));
-                    complete &= have[n];
-                    v[e] = box[n];
-                }
-                o = complete ? blendCorners(v, m, frac[0][i + Hout], frac[1][j + Hout],
-                                            frac[2][k + Hout])
-                             : src[(ci[0][i + Hout] + Hin) +
-                                   Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+                if (!blendBoxCorners<B>(box, have, c0[0][i + Hout] - base[0],
+                                        c0[1][j + Hout] - base[1], c0[2][k + Hout] - base[2], m,
+                                        frac[0][i + Hout], frac[1][j + Hout], frac[2][k + Hout], o))
+                    o = src[(ci[0][i + Hout] + Hin) +
+                            Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
             }
     return true;
 }
@@ -648,27 +648,14 @@ fillTrilinearRegion(Container<Traits> const& c, Tile<Traits> const& coarse, T co
     for (int k = lo[2]; k < hi[2]; ++k)
         for (int j = lo[1]; j < hi[1]; ++j)
             for (int i = lo[0]; i < hi[0]; ++i) {
-                int const x = c0[0][i + Hout] - base[0], y = c0[1][j + Hout] - base[1],
-                          z = c0[2][k + Hout] - base[2];
                 bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
                 T& o = out[(i + Hout) + Eout * ((j + Hout) + Eout * (k + Hout))];
                 // The blend of `CoarseNeighbourhood::blend`, from the box.
-                T v[8]{};
-                bool complete = true;
-                for (int e = 0; e < 8; ++e) {
-                    int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-                    if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
-                        continue;
-                    int const n = (x + ex) + B * ((y + ey) + B * (z + ez));
-                    complete &= have[n];
-                    v[e] = box[n];
-                }
-                if (!complete) {
+                if (!blendBoxCorners<B>(box, have, c0[0][i + Hout] - base[0],
+                                        c0[1][j + Hout] - base[1], c0[2][k + Hout] - base[2], m,
+                                        frac[0][i + Hout], frac[1][j + Hout], frac[2][k + Hout], o))
                     o = src[(ci[0][i + Hout] + Hin) +
                             Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
-                    continue;
-                }
-                o = blendCorners(v, m, frac[0][i + Hout], frac[1][j + Hout], frac[2][k + Hout]);
             }
 }
 
@@ -709,23 +696,12 @@ template <typename Traits, typename T, int W, int Hin, int Hout> struct JumpWind
                     if (blendStencils<C>(values, have, st[0][i + Hout], st[1][j + Hout],
                                          st[2][k + Hout], o))
                         continue;
-                    int const x = c0[0][i + Hout], y = c0[1][j + Hout], z = c0[2][k + Hout];
                     bool const m[3] = {moves[0][i + Hout], moves[1][j + Hout], moves[2][k + Hout]};
-                    T v[8]{};
-                    bool complete = true;
-                    for (int e = 0; e < 8; ++e) {
-                        int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-                        if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
-                            continue;
-                        int const n = (x + ex) + C * ((y + ey) + C * (z + ez));
-                        complete &= have[n];
-                        v[e] = values[n];
-                    }
-                    o = complete
-                            ? blendCorners(v, m, frac[0][i + Hout], frac[1][j + Hout],
-                                           frac[2][k + Hout])
-                            : src[(ci[0][i + Hout] + Hin) +
-                                  Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
+                    if (!blendBoxCorners<C>(values, have, c0[0][i + Hout], c0[1][j + Hout],
+                                            c0[2][k + Hout], m, frac[0][i + Hout],
+                                            frac[1][j + Hout], frac[2][k + Hout], o))
+                        o = src[(ci[0][i + Hout] + Hin) +
+                                Ein * ((ci[1][j + Hout] + Hin) + Ein * (ci[2][k + Hout] + Hin))];
                 }
     }
 
@@ -861,28 +837,16 @@ inline void fillHaloRegion(Container<Traits> const& c, Tile<Traits> const& tile,
                 for (int k = lo2; k < hi2; ++k)
                     for (int j = lo1; j < hi1; ++j)
                         for (int i = lo0; i < hi0; ++i) {
-                            int const x = window->c0[0][i + Hout], y = window->c0[1][j + Hout],
-                                      z = window->c0[2][k + Hout];
                             bool const m[3] = {window->moves[0][i + Hout],
                                                window->moves[1][j + Hout],
                                                window->moves[2][k + Hout]};
-                            T v[8]{};
-                            bool complete = true;
-                            for (int e = 0; e < 8; ++e) {
-                                int const ex = e & 1, ey = (e >> 1) & 1, ez = e >> 2;
-                                if ((ex && !m[0]) || (ey && !m[1]) || (ez && !m[2]))
-                                    continue;
-                                int const n = (x + ex) + C * ((y + ey) + C * (z + ez));
-                                complete &= window->have[n];
-                                v[e] = window->values[n];
-                            }
                             T& o = out[outAt(i, j, k)];
-                            if (!complete) {
+                            if (!blendBoxCorners<C>(
+                                    window->values, window->have, window->c0[0][i + Hout],
+                                    window->c0[1][j + Hout], window->c0[2][k + Hout], m,
+                                    window->frac[0][i + Hout], window->frac[1][j + Hout],
+                                    window->frac[2][k + Hout], o))
                                 o = src[inAt(ci[0][i + Hout], ci[1][j + Hout], ci[2][k + Hout])];
-                                continue;
-                            }
-                            o = blendCorners(v, m, window->frac[0][i + Hout],
-                                             window->frac[1][j + Hout], window->frac[2][k + Hout]);
                         }
                 return;
             }
