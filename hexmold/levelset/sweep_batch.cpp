@@ -122,13 +122,13 @@ SweepIsa bestIsa()
 
 } // namespace
 
-template <int W> SweepBatch<W>::SweepBatch()
+template <int W> TileLanes<W>::TileLanes()
 {
     std::memset(mValues, 0, sizeof(mValues));
     std::memset(mUnknown, 0, sizeof(mUnknown));
 }
 
-template <int W> int SweepBatch<W>::add(float const* block, unsigned char const* types)
+template <int W> int TileLanes<W>::load(float const* block, unsigned char const* types)
 {
     int const lane = mCount++;
     for (std::size_t n = 0; n < kBlock; ++n)
@@ -138,7 +138,7 @@ template <int W> int SweepBatch<W>::add(float const* block, unsigned char const*
     return lane;
 }
 
-template <int W> void SweepBatch<W>::clear()
+template <int W> void TileLanes<W>::clear()
 {
     for (int lane = 0; lane < mCount; ++lane)
         for (std::size_t n = 0; n < kInterior; ++n)
@@ -146,7 +146,7 @@ template <int W> void SweepBatch<W>::clear()
     mCount = 0;
 }
 
-template <int W> void SweepBatch<W>::interior(int lane, float* out) const
+template <int W> void TileLanes<W>::interior(int lane, float* out) const
 {
     constexpr int E = kEdge;
     for (int k = 0; k < W; ++k)
@@ -163,8 +163,8 @@ void SweepBatch<W>::sweep(DepthNumbers const& numbers, float (&changes)[kLanes],
     static_assert(kLanes == kBatchLanes);
     KernelTables<W> const& tables = kernelTables<W>();
     // The scalar update's constants, formed by the same operations.
-    SweepKernelArgs const args{mValues,
-                               mUnknown,
+    SweepKernelArgs const args{this->mValues,
+                               this->mUnknown,
                                tables.order.data(),
                                tables.interior.data(),
                                tables.upwind.data(),
@@ -195,8 +195,6 @@ void SweepBatch<W>::sweep(DepthNumbers const& numbers, float (&changes)[kLanes],
 
 template <int W> RelaxBatch<W>::RelaxBatch(bool masked) : mMasked(masked)
 {
-    std::memset(mValues, 0, sizeof(mValues));
-    std::memset(mUnknown, 0, sizeof(mUnknown));
     std::memset(mExcluded, 0, sizeof(mExcluded));
 }
 
@@ -204,35 +202,12 @@ template <int W>
 int RelaxBatch<W>::add(float const* block, unsigned char const* types,
                        unsigned char const* typesWithHalo)
 {
-    int const lane = mCount++;
-    for (std::size_t n = 0; n < kBlock; ++n)
-        mValues[n * kLanes + std::size_t(lane)] = block[n];
-    for (std::size_t n = 0; n < kInterior; ++n)
-        mUnknown[n * kLanes + std::size_t(lane)] = types[n] == kValueTypeUnknown ? 0xFFFFFFFFu : 0u;
+    int const lane = this->load(block, types);
     if (mMasked)
         for (std::size_t n = 0; n < kBlock; ++n)
             mExcluded[n * kLanes + std::size_t(lane)] =
                 typesWithHalo[n] == kValueTypeExcluded ? 0xFFFFFFFFu : 0u;
     return lane;
-}
-
-template <int W> void RelaxBatch<W>::clear()
-{
-    for (int lane = 0; lane < mCount; ++lane)
-        for (std::size_t n = 0; n < kInterior; ++n)
-            mUnknown[n * kLanes + std::size_t(lane)] = 0u;
-    mCount = 0;
-}
-
-template <int W> void RelaxBatch<W>::interior(int lane, float* out) const
-{
-    constexpr int E = kEdge;
-    for (int k = 0; k < W; ++k)
-        for (int j = 0; j < W; ++j)
-            for (int i = 0; i < W; ++i)
-                out[i + W * (j + W * k)] =
-                    mValues[std::size_t((i + 1) + E * ((j + 1) + E * (k + 1))) * kLanes +
-                            std::size_t(lane)];
 }
 
 template <int W>
@@ -242,14 +217,14 @@ void RelaxBatch<W>::relax(DepthNumbers const& numbers, float (&changes)[kLanes],
     RelaxTables<W> const& tables = relaxTables<W>();
     // The scalar update's constants, formed by the same operations.
     RelaxKernelArgs const args{
-        mValues,
-        mUnknown,
+        this->mValues,
+        this->mUnknown,
         mMasked ? mExcluded : nullptr,
         tables.order.data(),
         tables.interior.data(),
         {tables.colourBegin[0], tables.colourBegin[1], tables.colourBegin[2]},
         kEdge,
-        mCount,
+        this->mCount,
         numbers.h,
         numbers.h2,
         numbers.h3,
@@ -298,6 +273,9 @@ bool sweepIsaAvailable(SweepIsa isa)
     }
 }
 
+template class TileLanes<4>;
+template class TileLanes<5>;
+template class TileLanes<8>;
 template class SweepBatch<4>;
 template class SweepBatch<5>;
 template class SweepBatch<8>;

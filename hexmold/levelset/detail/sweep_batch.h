@@ -39,29 +39,21 @@ HEXMOLD_API bool sweepIsaAvailable(SweepIsa isa);
 ///        held with a one-element halo, swept together.
 /// @details Lanes that are not loaded take part without effect: none of their voxels is unknown.
 ///          Allocate per worker, not per tile (about 17 KB for W = 4, 70 KB for W = 8).
-template <int W> class HEXMOLD_API SweepBatch {
+/// @brief Up to `kLanes` tile blocks of width @p W, each held with a one-element halo and
+///        interleaved lane by lane (element n of lane l at n * kLanes + l), with which voxels
+///        are unknown: what the batched sweeps and relaxations load, work on and copy out.
+template <int W> class HEXMOLD_API TileLanes {
 public:
     static constexpr int kLanes = 16;
     static constexpr int kEdge = W + 2;
     static constexpr std::size_t kBlock = std::size_t(kEdge) * kEdge * kEdge;
     static constexpr std::size_t kInterior = std::size_t(W) * W * W;
 
-    SweepBatch();
+    TileLanes();
 
     /// Number of lanes loaded.
     int size() const { return mCount; }
     bool full() const { return mCount == kLanes; }
-
-    /// @brief Loads the next lane.
-    /// @param block  kBlock values with halo (k outer), as `sweepTile` takes them
-    /// @param types  kInterior value types; only voxels of type 2 (unknown) change
-    /// @return the lane loaded
-    int add(float const* block, unsigned char const* types);
-
-    /// Sweeps the loaded lanes in the eight directions; @p changes receives each lane's largest
-    /// change (0 for lanes not loaded). @p isa must be available.
-    void sweep(DepthNumbers const& numbers, float (&changes)[kLanes],
-               SweepIsa isa = SweepIsa::kBest);
 
     /// Copies the interior of @p lane out, W^3 values with k outer.
     void interior(int lane, float* out) const;
@@ -69,10 +61,34 @@ public:
     /// Forgets the loaded lanes.
     void clear();
 
-private:
+protected:
+    /// Loads the next lane: @p block, kBlock values with halo (k outer), and @p types, kInterior
+    /// value types of which only unknown voxels (type 2) change. Gives the lane loaded.
+    int load(float const* block, unsigned char const* types);
+
     alignas(64) float mValues[kBlock * kLanes];
     alignas(64) std::uint32_t mUnknown[kInterior * kLanes];
     int mCount = 0;
+};
+
+template <int W> class HEXMOLD_API SweepBatch : public TileLanes<W> {
+public:
+    using Lanes = TileLanes<W>;
+    using Lanes::kBlock;
+    using Lanes::kEdge;
+    using Lanes::kInterior;
+    using Lanes::kLanes;
+
+    /// @brief Loads the next lane.
+    /// @param block  kBlock values with halo (k outer), as `sweepTile` takes them
+    /// @param types  kInterior value types; only voxels of type 2 (unknown) change
+    /// @return the lane loaded
+    int add(float const* block, unsigned char const* types) { return this->load(block, types); }
+
+    /// Sweeps the loaded lanes in the eight directions; @p changes receives each lane's largest
+    /// change (0 for lanes not loaded). @p isa must be available.
+    void sweep(DepthNumbers const& numbers, float (&changes)[kLanes],
+               SweepIsa isa = SweepIsa::kBest);
 };
 
 /// @brief Up to `kLanes` tile blocks of width @p W (4 or 5), each held with a one-element halo,
@@ -84,19 +100,17 @@ private:
 ///          excluded neighbour as the voxel's own value (`MaskedNeighbour`); an unmasked one
 ///          reads neighbours as they are (`PlainNeighbour`). Allocate per worker, not per tile
 ///          (about 31 KB for W = 4, 52 KB for W = 5, masked).
-template <int W> class HEXMOLD_API RelaxBatch {
+template <int W> class HEXMOLD_API RelaxBatch : public TileLanes<W> {
 public:
-    static constexpr int kLanes = 16;
-    static constexpr int kEdge = W + 2;
-    static constexpr std::size_t kBlock = std::size_t(kEdge) * kEdge * kEdge;
-    static constexpr std::size_t kInterior = std::size_t(W) * W * W;
+    using Lanes = TileLanes<W>;
+    using Lanes::kBlock;
+    using Lanes::kEdge;
+    using Lanes::kInterior;
+    using Lanes::kLanes;
 
     explicit RelaxBatch(bool masked);
 
     bool masked() const { return mMasked; }
-    /// Number of lanes loaded.
-    int size() const { return mCount; }
-    bool full() const { return mCount == kLanes; }
 
     /// @brief Loads the next lane.
     /// @param block          kBlock values with halo (k outer), as `sweepTile` takes them
@@ -112,17 +126,8 @@ public:
     void relax(DepthNumbers const& numbers, float (&changes)[kLanes],
                SweepIsa isa = SweepIsa::kBest);
 
-    /// Copies the interior of @p lane out, W^3 values with k outer.
-    void interior(int lane, float* out) const;
-
-    /// Forgets the loaded lanes.
-    void clear();
-
 private:
-    alignas(64) float mValues[kBlock * kLanes];
-    alignas(64) std::uint32_t mUnknown[kInterior * kLanes];
     alignas(64) std::uint32_t mExcluded[kBlock * kLanes];
-    int mCount = 0;
     bool mMasked;
 };
 
