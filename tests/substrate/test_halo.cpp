@@ -194,6 +194,29 @@ TYPED_TEST(Halo, CoarserNeighborGivesTheCoveringVoxel)
     (void)wp;
 }
 
+/// Centre of voxel (i, j, k) of @p t, in finest voxels.
+template <typename Tr> Tavrel::Math::double3 voxelCentre(Tile<Tr> const& t, int i, int j, int k)
+{
+    double const w = double(t.voxelDataWidth());
+    return {t.ti() + (i + 0.5) * w, t.tj() + (j + 0.5) * w, t.tk() + (k + 0.5) * w};
+}
+
+/// Every voxel of every depth of @p v set to @p f at its centre.
+template <typename Tr, typename F> void setAtCentres(Volume<Tr, double>& v, F const& f)
+{
+    constexpr int W = Tr::kTileWidth;
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        for (std::int64_t t = 0; t < v.tree.tileCount(d); ++t) {
+            auto td = v.channel->tileData(t, d);
+            for (int k = 0; k < W; ++k)
+                for (int j = 0; j < W; ++j)
+                    for (int i = 0; i < W; ++i) {
+                        auto const p = voxelCentre(v.tree.tile(t, d), i, j, k);
+                        td(i, j, k) = f(p.x, p.y, p.z);
+                    }
+        }
+}
+
 TYPED_TEST(Halo, TrilinearRimIsExactForLinearDataAcrossJumps)
 {
     using Tr = TypeParam;
@@ -204,21 +227,7 @@ TYPED_TEST(Halo, TrilinearRimIsExactForLinearDataAcrossJumps)
     v.bind();
     // A linear function of the voxel centre, in finest voxels, at every voxel of every depth.
     auto f = [](double x, double y, double z) { return 0.5 * x - 0.25 * y + 0.125 * z + 3.0; };
-    auto centre = [](Tile<Tr> const& t, int i, int j, int k) {
-        double const w = double(t.voxelDataWidth());
-        return Tavrel::Math::double3{t.ti() + (i + 0.5) * w, t.tj() + (j + 0.5) * w,
-                                     t.tk() + (k + 0.5) * w};
-    };
-    for (int d = 0; d <= Tr::kMaxDepth; ++d)
-        for (std::int64_t t = 0; t < v.tree.tileCount(d); ++t) {
-            auto td = v.channel->tileData(t, d);
-            for (int k = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i) {
-                        auto const p = centre(v.tree.tile(t, d), i, j, k);
-                        td(i, j, k) = f(p.x, p.y, p.z);
-                    }
-        }
+    setAtCentres(v, f);
     v.tree.precomputeCompressedTileHalos();
     auto acc = v.tree.tileAccessor();
     std::int64_t atJumps = 0;
@@ -237,7 +246,7 @@ TYPED_TEST(Halo, TrilinearRimIsExactForLinearDataAcrossJumps)
                             continue;
                         Tile<Tr> const& holder =
                             acc.tile(tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w, d);
-                        auto const p = centre(tile, i, j, k);
+                        auto const p = voxelCentre(tile, i, j, k);
                         // Rounding of a few blends of values up to the coarse voxels' coordinates.
                         double const tol = 1e-12 * (std::abs(p.x) + std::abs(p.y) + std::abs(p.z) +
                                                     16.0 * double(holder.voxelDataWidth()) + 1.0);
@@ -268,21 +277,7 @@ TYPED_TEST(Halo, TricubicRimIsExactForCubicDataAcrossGradedJumps)
         return 1e-4 * x * x * x - 2e-4 * y * y * z + 3e-4 * x * y * z + 0.01 * z * z - 0.5 * x +
                0.25 * y + 3.0;
     };
-    auto centre = [](Tile<Tr> const& t, int i, int j, int k) {
-        double const w = double(t.voxelDataWidth());
-        return Tavrel::Math::double3{t.ti() + (i + 0.5) * w, t.tj() + (j + 0.5) * w,
-                                     t.tk() + (k + 0.5) * w};
-    };
-    for (int d = 0; d <= Tr::kMaxDepth; ++d)
-        for (std::int64_t t = 0; t < v.tree.tileCount(d); ++t) {
-            auto td = v.channel->tileData(t, d);
-            for (int k = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i) {
-                        auto const p = centre(v.tree.tile(t, d), i, j, k);
-                        td(i, j, k) = f(p.x, p.y, p.z);
-                    }
-        }
+    setAtCentres(v, f);
     v.tree.precomputeCompressedTileHalos();
     auto acc = v.tree.tileAccessor();
     std::int64_t atJumps = 0, trilinearOff = 0;
@@ -303,7 +298,7 @@ TYPED_TEST(Halo, TricubicRimIsExactForCubicDataAcrossGradedJumps)
                             continue;
                         Tile<Tr> const& holder =
                             acc.tile(tile.ti() + i * w, tile.tj() + j * w, tile.tk() + k * w, d);
-                        auto const p = centre(tile, i, j, k);
+                        auto const p = voxelCentre(tile, i, j, k);
                         double const exact = f(p.x, p.y, p.z);
                         // Rounding of the blends of values of the size of the cubic's terms.
                         double const m = std::abs(p.x) + std::abs(p.y) + std::abs(p.z) +
