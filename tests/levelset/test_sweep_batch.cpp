@@ -113,6 +113,19 @@ protected:
     }
 };
 
+/// How many interior voxels of @p lane differ, bit for bit, from the scalar result in @p c.
+template <int W> int interiorMismatches(TileLanes<W> const& lanes, int lane, Case<W> const& c)
+{
+    std::vector<float> got(static_cast<std::size_t>(W * W * W));
+    lanes.interior(lane, got.data());
+    int mismatches = 0;
+    for (int k = 0; k < W; ++k)
+        for (int j = 0; j < W; ++j)
+            for (int i = 0; i < W; ++i)
+                mismatches += bits(got[std::size_t(i + W * (j + W * k))]) != bits(c.block(i, j, k));
+    return mismatches;
+}
+
 template <int W>
 void compareBatches(std::uint32_t seed, float h, float background, bool withNaN, SweepIsa isa)
 {
@@ -134,17 +147,10 @@ void compareBatches(std::uint32_t seed, float h, float background, bool withNaN,
             float const expectedChange =
                 sweepTile<W>(FLT_MAX, FLT_MAX, numbers, c.types.data(), c.block,
                              kSweepEightDirections, false, W * W * W, PlainNeighbour{});
-            std::vector<float> got(static_cast<std::size_t>(W * W * W));
-            batch.interior(lane, got.data());
             EXPECT_EQ(bits(changes[lane]), bits(expectedChange))
                 << "round " << round << " lane " << lane;
-            int mismatches = 0;
-            for (int k = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i)
-                        mismatches +=
-                            bits(got[std::size_t(i + W * (j + W * k))]) != bits(c.block(i, j, k));
-            EXPECT_EQ(mismatches, 0) << "round " << round << " lane " << lane;
+            EXPECT_EQ(interiorMismatches(batch, lane, c), 0)
+                << "round " << round << " lane " << lane;
         }
         for (int lane = lanes; lane < SweepBatch<W>::kLanes; ++lane)
             EXPECT_EQ(changes[lane], 0.0f);
@@ -227,17 +233,10 @@ void compareRelaxations(std::uint32_t seed, float h, float background, bool with
                                       MaskedNeighbour{halos[std::size_t(lane)].data()})
                        : sweepTile<W>(FLT_MAX, FLT_MAX, numbers, c.types.data(), c.block,
                                       kSweepRedBlack, false, W * W * W, PlainNeighbour{});
-            std::vector<float> got(static_cast<std::size_t>(W * W * W));
-            batch.interior(lane, got.data());
             EXPECT_EQ(bits(changes[lane]), bits(expectedChange))
                 << "round " << round << " lane " << lane;
-            int mismatches = 0;
-            for (int k = 0; k < W; ++k)
-                for (int j = 0; j < W; ++j)
-                    for (int i = 0; i < W; ++i)
-                        mismatches +=
-                            bits(got[std::size_t(i + W * (j + W * k))]) != bits(c.block(i, j, k));
-            EXPECT_EQ(mismatches, 0) << "round " << round << " lane " << lane;
+            EXPECT_EQ(interiorMismatches(batch, lane, c), 0)
+                << "round " << round << " lane " << lane;
         }
         for (int lane = lanes; lane < RelaxBatch<W>::kLanes; ++lane)
             EXPECT_EQ(changes[lane], 0.0f);
