@@ -305,28 +305,49 @@ template <typename Traits> void preallocateLevel(MeshBuild<Traits>& b, int depth
     bool const wholeBox = b.refineAdaptively && !b.optimizations;
     C* scratch = b.container.threadLocalContainer(0);
     TVL::ScopeGuard release([&] { b.container.freeThreadLocalContainer(scratch); });
+    // Tile corners found per worker: neighbouring triangles reach the same tiles over and over,
+    // and each addition to the shared scratch tree would take its lock.
+    struct CornerHash {
+        std::size_t operator()(std::array<std::int64_t, 3> const& c) const
+        {
+            std::uint64_t h = std::uint64_t(c[0]) * 0x9e3779b97f4a7c15ull;
+            h ^= std::uint64_t(c[1]) * 0xc2b2ae3d27d4eb4full + (h >> 29);
+            h ^= std::uint64_t(c[2]) * 0x165667b19e3779f9ull + (h >> 32);
+            return std::size_t(h ^ (h >> 31));
+        }
+    };
+    using CornerSet = std::unordered_set<std::array<std::int64_t, 3>, CornerHash>;
+    Par::enumerable_thread_specific<CornerSet> found;
     Par::parallel_for(Par::blocked_range<std::size_t>(0, b.triangles.size(), 50),
                       [&](Par::blocked_range<std::size_t> const& r) {
                           if (TVL::bodyCancelled())
                               return;
-                          auto acc = scratch->tileAccessor();
-                          for (std::size_t t = r.begin(); t != r.end(); ++t) {
-                              if (wholeBox) {
+                          if (wholeBox) {
+                              auto acc = scratch->tileAccessor();
+                              for (std::size_t t = r.begin(); t != r.end(); ++t) {
                                   std::int64_t lo[3], hi[3];
                                   b.tileBox(std::int64_t(t), bandAtLevel, depth, lo, hi);
                                   acc.addTiles(int3{int(lo[0]), int(lo[1]), int(lo[2])},
                                                int3{int(hi[0]), int(hi[1]), int(hi[2])}, depth);
-                                  continue;
                               }
+                              return;
+                          }
+                          CornerSet& corners = found.local();
+                          for (std::size_t t = r.begin(); t != r.end(); ++t)
                               b.forEachTileOfBox(
                                   std::int64_t(t), bandAtLevel, depth, T,
                                   [&](std::int64_t x, std::int64_t y, std::int64_t z) {
                                       if (b.distance2(b.tileCentre(x, y, z, T), std::int64_t(t)) <=
                                           reach2)
-                                          acc.addTile(x, y, z, depth);
+                                          corners.insert({x, y, z});
                                   });
-                          }
                       });
+    {
+        auto acc = scratch->tileAccessor();
+        for (CornerSet const& corners : found)
+            for (auto const& c : corners)
+                acc.addTile(c[0], c[1], c[2], depth);
+    }
     TVL::throwIfJobCancelled();
     if (scratch->tileCount(depth) > 0) {
         C ordered("", b.voxelSize);
