@@ -95,6 +95,25 @@ LatticeNodesFunction latticeNodesFunction(TriangleBatchIsa isa)
     }
 }
 
+LatticeMinFunction latticeMinFunction(TriangleBatchIsa isa)
+{
+    switch (isa == TriangleBatchIsa::kBest ? bestIsa() : isa) {
+    case TriangleBatchIsa::kAvx512:
+        return &latticeMinAvx512;
+    case TriangleBatchIsa::kAvx2:
+        return &latticeMinAvx2;
+    case TriangleBatchIsa::kSse2:
+        return &latticeMinSse2;
+    default:
+        return &latticeMinPortable;
+    }
+}
+
+LatticeMinFunction latticeMinFunction()
+{
+    return latticeMinFunction(sLatticeIsa);
+}
+
 LatticeNodesFunction latticeNodesFunction()
 {
     return latticeNodesFunction(sLatticeIsa);

@@ -26,6 +26,9 @@ struct Avx2Ops {
     static V min(V x, V y) { return _mm256_min_pd(x, y); }
     static V max(V x, V y) { return _mm256_max_pd(x, y); }
     static M ge(V x, V y) { return _mm256_cmp_pd(x, y, _CMP_GE_OQ); }
+    static M lt(V x, V y) { return _mm256_cmp_pd(x, y, _CMP_LT_OQ); }
+    static M eq(V x, V y) { return _mm256_cmp_pd(x, y, _CMP_EQ_OQ); }
+    static unsigned bits(M x) { return unsigned(_mm256_movemask_pd(x)); }
     static M isNan(V x) { return _mm256_cmp_pd(x, x, _CMP_UNORD_Q); }
     static M none() { return _mm256_setzero_pd(); }
     static M all() { return _mm256_castsi256_pd(_mm256_set1_epi64x(-1)); }
@@ -79,6 +82,11 @@ int latticeNodesAvx2(LatticeNodesArgs const& a)
     return latticeNodesBody<Avx2RowOps>(a);
 }
 
+void latticeMinAvx2(PreparedTriangleData const& t, LatticeMinArgs const& a)
+{
+    latticeMinBody<Avx2Ops>(t, a);
+}
+
 void triangleBatchAvx2(PreparedTriangleData const& t, float const* x, float const* y,
                        float const* z, int count, float* out)
 {
@@ -88,6 +96,11 @@ void triangleBatchAvx2(PreparedTriangleData const& t, float const* x, float cons
 int latticeNodesAvx2(LatticeNodesArgs const& a)
 {
     return latticeNodesPortable(a);
+}
+
+void latticeMinAvx2(PreparedTriangleData const& t, LatticeMinArgs const& a)
+{
+    latticeMinPortable(t, a);
 }
 
 void triangleBatchAvx2(PreparedTriangleData const& t, float const* x, float const* y,

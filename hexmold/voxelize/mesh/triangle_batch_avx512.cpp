@@ -27,6 +27,9 @@ struct Avx512Ops {
     static V min(V x, V y) { return _mm512_min_pd(x, y); }
     static V max(V x, V y) { return _mm512_max_pd(x, y); }
     static M ge(V x, V y) { return _mm512_cmp_pd_mask(x, y, _CMP_GE_OQ); }
+    static M lt(V x, V y) { return _mm512_cmp_pd_mask(x, y, _CMP_LT_OQ); }
+    static M eq(V x, V y) { return _mm512_cmp_pd_mask(x, y, _CMP_EQ_OQ); }
+    static unsigned bits(M x) { return unsigned(x); }
     static M isNan(V x) { return _mm512_cmp_pd_mask(x, x, _CMP_UNORD_Q); }
     static M none() { return M(0); }
     static M all() { return M(0xFF); }
@@ -83,6 +86,11 @@ int latticeNodesAvx512(LatticeNodesArgs const& a)
     return latticeNodesBody<Avx512RowOps>(a);
 }
 
+void latticeMinAvx512(PreparedTriangleData const& t, LatticeMinArgs const& a)
+{
+    latticeMinBody<Avx512Ops>(t, a);
+}
+
 void triangleBatchAvx512(PreparedTriangleData const& t, float const* x, float const* y,
                          float const* z, int count, float* out)
 {
@@ -92,6 +100,11 @@ void triangleBatchAvx512(PreparedTriangleData const& t, float const* x, float co
 int latticeNodesAvx512(LatticeNodesArgs const& a)
 {
     return latticeNodesPortable(a);
+}
+
+void latticeMinAvx512(PreparedTriangleData const& t, LatticeMinArgs const& a)
+{
+    latticeMinPortable(t, a);
 }
 
 void triangleBatchAvx512(PreparedTriangleData const& t, float const* x, float const* y,

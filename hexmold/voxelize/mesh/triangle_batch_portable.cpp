@@ -20,6 +20,9 @@ struct PortableOps {
     static V min(V x, V y) { return x < y ? x : y; }
     static V max(V x, V y) { return x > y ? x : y; }
     static M ge(V x, V y) { return x >= y; }
+    static M lt(V x, V y) { return x < y; }
+    static M eq(V x, V y) { return x == y; }
+    static unsigned bits(M x) { return unsigned(x); }
     static M isNan(V x) { return x != x; }
     static M none() { return false; }
     static M all() { return true; }
@@ -59,6 +62,11 @@ struct ScalarRowOps {
 int latticeNodesPortable(LatticeNodesArgs const& a)
 {
     return latticeNodesBody<ScalarRowOps>(a);
+}
+
+void latticeMinPortable(PreparedTriangleData const& t, LatticeMinArgs const& a)
+{
+    latticeMinBody<PortableOps>(t, a);
 }
 
 void triangleBatchPortable(PreparedTriangleData const& t, float const* x, float const* y,

@@ -33,6 +33,9 @@ struct Sse2Ops {
     static V min(V x, V y) { return _mm_min_pd(x, y); }
     static V max(V x, V y) { return _mm_max_pd(x, y); }
     static M ge(V x, V y) { return _mm_cmpge_pd(x, y); }
+    static M lt(V x, V y) { return _mm_cmplt_pd(x, y); }
+    static M eq(V x, V y) { return _mm_cmpeq_pd(x, y); }
+    static unsigned bits(M x) { return unsigned(_mm_movemask_pd(x)); }
     static M isNan(V x) { return _mm_cmpunord_pd(x, x); }
     static M none() { return _mm_setzero_pd(); }
     static M all() { return _mm_castsi128_pd(_mm_set1_epi32(-1)); }
@@ -45,12 +48,22 @@ struct Sse2Ops {
 
 } // namespace
 
+void latticeMinSse2(PreparedTriangleData const& t, LatticeMinArgs const& a)
+{
+    latticeMinBody<Sse2Ops>(t, a);
+}
+
 void triangleBatchSse2(PreparedTriangleData const& t, float const* x, float const* y,
                        float const* z, int count, float* out)
 {
     triangleBatchBody<Sse2Ops>(t, x, y, z, count, out);
 }
 #else
+void latticeMinSse2(PreparedTriangleData const& t, LatticeMinArgs const& a)
+{
+    latticeMinPortable(t, a);
+}
+
 void triangleBatchSse2(PreparedTriangleData const& t, float const* x, float const* y,
                        float const* z, int count, float* out)
 {

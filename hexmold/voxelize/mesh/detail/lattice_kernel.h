@@ -246,7 +246,10 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         std::memcpy(&best2[n], &keep, sizeof keep);
         id[n] = better ? t : i;
     };
-    if (withParent && parentClosest && unset > 0) {
+    // A list whose triangles the caller made ready (a child's, short) is offered whole to the
+    // nodes below, its seeds first; other lists take the seeded, bounded path.
+    bool const offerAll = unset > 0 && listPrepared && !clip;
+    if (withParent && parentClosest && unset > 0 && !offerAll) {
         // Seeds: the listed triangle closest to the parent's node nearest each node. Measured
         // first, they give the bounds below a tight start, so that few other triangles are
         // measured at all. Only listed triangles are taken, so the result is the list's minimum
@@ -325,9 +328,82 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         for (It it = begin; it != end; ++it)
             place[std::size_t(*it)] = -1;
     }
+    if (offerAll) {
+        // A short list with its triangles ready (a child's): every triangle is offered to the
+        // nodes to compute, a register of nodes at a time, and the bounds only decide whether a
+        // register is measured. The nodes are gathered once, in x-fastest order, so that a
+        // register holds neighbours.
+        constexpr int kRoom = kCount + kTriangleBatchPad;
+        alignas(64) float nx[kRoom], ny[kRoom], nz[kRoom], nb[kRoom];
+        alignas(64) std::int64_t nid[kRoom];
+        int nodeOf[kCount];
+        int m = 0;
+        for (int z = lo[2]; z < hi[2]; ++z)
+            for (int y = lo[1]; y < hi[1]; ++y)
+                for (int x = lo[0]; x < hi[0]; ++x) {
+                    int const n = L::index(x, y, z);
+                    if (state[n] != kCompute)
+                        continue;
+                    nodeOf[m] = n;
+                    nx[m] = coord[0][x], ny[m] = coord[1][y], nz[m] = coord[2][z];
+                    nb[m] = best2[n], nid[m] = id[n];
+                    ++m;
+                }
+        for (int q = m; q < m + kTriangleBatchPad; ++q)
+            nx[q] = ny[q] = nz[q] = 0.0f, nb[q] = -1.0f, nid[q] = kNone;
+        LatticeMinFunction const offer = latticeMinFunction();
+        LatticeMinArgs args{
+            nx, ny, nz, nb, nid, m, nullptr, nullptr, nullptr, nullptr, kBoxTestTolerance, 0};
+        TriangleBounds computed;
+        auto offerAt = [&](std::size_t at, std::int64_t t) {
+            TriangleBounds const* tb = &computed;
+            if (ctx.bounds) {
+                tb = &ctx.bounds[t];
+            } else {
+                ulong3 const& tri = triangles[static_cast<std::size_t>(t)];
+                computed = makeTriangleBounds(positions[tri.x], positions[tri.y], positions[tri.z]);
+            }
+            args.boxLo = tb->lo, args.boxHi = tb->hi;
+            args.origin = tb->origin, args.normal = tb->normal;
+            args.triangle = t;
+            offer(*listPrepared[at], args);
+        };
+        // Seeds first: the listed triangles closest to the parent's nodes over this child. They
+        // give the bounds a tight start, so that the rest of the list is mostly not measured.
+        constexpr int kParentNodes = (V + 1) * (V + 1) * (V + 1);
+        std::ptrdiff_t seedAt[kParentNodes];
+        int seeds = 0;
+        if (withParent && parentClosest) {
+            std::ptrdiff_t const listSize = std::distance(begin, end);
+            for (int z = 0; z <= V; ++z)
+                for (int y = 0; y <= V; ++y)
+                    for (int x = 0; x <= V; ++x) {
+                        std::int64_t const t =
+                            parentClosest[L::index(x + V * childPosition.x, y + V * childPosition.y,
+                                                   z + V * childPosition.z)];
+                        if (t < 0)
+                            continue;
+                        std::ptrdiff_t q = 0;
+                        It it = begin;
+                        while (q < listSize && *it != t)
+                            ++it, ++q;
+                        if (q == listSize || std::find(seedAt, seedAt + seeds, q) != seedAt + seeds)
+                            continue;
+                        seedAt[seeds++] = q;
+                        offerAt(std::size_t(q), t);
+                    }
+        }
+        std::size_t at = 0;
+        for (It it = begin; it != end; ++it, ++at)
+            if (seeds == 0 ||
+                std::find(seedAt, seedAt + seeds, std::ptrdiff_t(at)) == seedAt + seeds)
+                offerAt(at, *it);
+        for (int q = 0; q < m; ++q)
+            best2[nodeOf[q]] = nb[q], id[nodeOf[q]] = nid[q];
+    }
     float dd[3][kLatticeStride] = {};
     double pd[3][kLatticeStride] = {};
-    if (unset > 0) {
+    if (unset > 0 && !offerAll) {
         constexpr int kRoom = kCount + std::max(kTriangleBatchPad, kLatticeOutputPad);
         int candidate[kRoom];
         alignas(64) float cx[kRoom], cy[kRoom], cz[kRoom];

@@ -32,6 +32,13 @@ HEXMOLD_API LatticeNodesFunction latticeNodesFunction(TriangleBatchIsa isa);
 /// The node test the lattice kernel runs, of the same instruction set as `latticeBatchFunction`.
 HEXMOLD_API LatticeNodesFunction latticeNodesFunction();
 
+/// The lattice minimum for @p isa, which must be available (`kBest`: the widest available).
+HEXMOLD_API LatticeMinFunction latticeMinFunction(TriangleBatchIsa isa);
+
+/// The lattice minimum the lattice kernel runs, of the same instruction set as
+/// `latticeBatchFunction`.
+HEXMOLD_API LatticeMinFunction latticeMinFunction();
+
 /// @brief Makes the lattice kernel run the instances for @p isa (available), so that the
 ///        instances can be compared on whole lattices; `kBest` restores the default. A plain
 ///        process-wide variable: set it while no voxelization runs. @return the previous choice.

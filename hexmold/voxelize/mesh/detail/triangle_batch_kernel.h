@@ -149,73 +149,149 @@ static inline int emitRowNodes(int* __restrict candidate, float* __restrict ox,
     return count;
 }
 
-/// @brief The batch for all lanes.
+/// @brief The squared distances from the points of the lanes (@p qx, @p qy, @p qz) to @p t, in
+///        double precision, before their rounding to float.
 /// @details `Ops` gives the vector type `V` of `Ops::kLanes` doubles, the comparison result `M`,
 ///          and: `min(x, y)` is x < y ? x : y and `max(x, y)` is x > y ? x : y (the scalar
 ///          std::min and std::max with their arguments swapped); `widen` loads `kLanes` floats
-///          as doubles; `ge` is false for NaN as in C++;
-///          `isNan` is true for NaN; `storeFloat` rounds each lane to float as a cast does.
+///          as doubles; `ge` is false for NaN as in C++; `lt` and `eq` likewise;
+///          `isNan` is true for NaN; `storeFloat` rounds each lane to float as a cast does;
+///          `bits` gives lane k of a comparison as bit k.
+template <typename Ops>
+inline typename Ops::V triangleDistanceLanes(PreparedTriangleData const& t, typename Ops::V qx,
+                                             typename Ops::V qy, typename Ops::V qz)
+{
+    using V = typename Ops::V;
+    using M = typename Ops::M;
+    double const* v[3] = {t.a, t.b, t.c};
+    V const zero = Ops::set1(0.0);
+    M inside = Ops::none();
+    V faceValue = zero;
+    if (t.face) {
+        inside = Ops::all();
+        for (int i = 0; i < 3; ++i) {
+            V const w =
+                Ops::add(Ops::add(Ops::mul(Ops::sub(qx, Ops::set1(v[i][0])), Ops::set1(t.m[i][0])),
+                                  Ops::mul(Ops::sub(qy, Ops::set1(v[i][1])), Ops::set1(t.m[i][1]))),
+                         Ops::mul(Ops::sub(qz, Ops::set1(v[i][2])), Ops::set1(t.m[i][2])));
+            inside = Ops::both(inside, Ops::ge(w, zero));
+        }
+        V const h = Ops::add(Ops::add(Ops::mul(Ops::sub(qx, Ops::set1(t.a[0])), Ops::set1(t.n[0])),
+                                      Ops::mul(Ops::sub(qy, Ops::set1(t.a[1])), Ops::set1(t.n[1]))),
+                             Ops::mul(Ops::sub(qz, Ops::set1(t.a[2])), Ops::set1(t.n[2])));
+        faceValue = Ops::mul(Ops::mul(h, h), Ops::set1(t.invNN));
+        if (Ops::allTrue(inside))
+            return faceValue;
+    }
+    // The nearest edge; the first NaN, should an edge give one, is the result.
+    V const one = Ops::set1(1.0);
+    V best = Ops::set1(__builtin_huge_val());
+    V firstNan = zero;
+    M haveNan = Ops::none();
+    for (int i = 0; i < 3; ++i) {
+        V const e0 = Ops::set1(t.e[i][0]), e1 = Ops::set1(t.e[i][1]), e2 = Ops::set1(t.e[i][2]);
+        V const ap0 = Ops::sub(qx, Ops::set1(v[i][0]));
+        V const ap1 = Ops::sub(qy, Ops::set1(v[i][1]));
+        V const ap2 = Ops::sub(qz, Ops::set1(v[i][2]));
+        V s = Ops::mul(Ops::add(Ops::add(Ops::mul(ap0, e0), Ops::mul(ap1, e1)), Ops::mul(ap2, e2)),
+                       Ops::set1(t.invLen2[i]));
+        s = Ops::min(one, Ops::max(zero, s));
+        V const d0 = Ops::sub(ap0, Ops::mul(e0, s));
+        V const d1 = Ops::sub(ap1, Ops::mul(e1, s));
+        V const d2 = Ops::sub(ap2, Ops::mul(e2, s));
+        V const dd = Ops::add(Ops::add(Ops::mul(d0, d0), Ops::mul(d1, d1)), Ops::mul(d2, d2));
+        best = Ops::min(dd, best);
+        M const nan = Ops::isNan(dd);
+        firstNan = Ops::select(Ops::both(nan, Ops::notM(haveNan)), dd, firstNan);
+        haveNan = Ops::either(haveNan, nan);
+    }
+    V const result = Ops::select(haveNan, firstNan, best);
+    return Ops::select(inside, faceValue, result);
+}
+
+/// @brief The batch for all lanes (see `triangleDistanceLanes` for `Ops`).
 template <typename Ops>
 inline void triangleBatchBody(PreparedTriangleData const& t, float const* x, float const* y,
                               float const* z, int count, float* out)
 {
+    for (int q = 0; q < count; q += Ops::kLanes)
+        Ops::storeFloat(out + q, triangleDistanceLanes<Ops>(t, Ops::widen(x + q), Ops::widen(y + q),
+                                                            Ops::widen(z + q)));
+}
+
+/// @brief What the lattice minimum of one triangle reads and writes (see `latticeMinBody`).
+struct LatticeMinArgs {
+    float const *x, *y, *z; ///< the nodes, padded to a multiple of kTriangleBatchPad
+    float* best2;           ///< per node: the best squared distance (padding: negative)
+    std::int64_t* id;       ///< per node: the best triangle
+    int count;              ///< the number of nodes
+    float const* boxLo;     ///< [3] the triangle's box
+    float const* boxHi;     ///< [3]
+    float const* origin;    ///< [3] a point of the triangle's plane
+    double const* normal;   ///< [3] the plane's unit normal, or zero
+    double tolerance;       ///< the bounds' margin: a bound is trusted to this factor
+    std::int64_t triangle;  ///< the triangle's id
+};
+
+/// @brief Offers one prepared triangle to every node: each node keeps the smaller squared
+///        distance, and on a tie the smaller triangle id, as the lattice kernel's `take`.
+/// @details A register of nodes is measured only when the triangle's lower bounds (the distance
+///          to its box, and to its plane) leave one of them room to improve; the measurement is
+///          `triangleDistanceLanes`, rounded to float, so a node's result is the same whether
+///          or not its register was measured. Padding nodes hold a negative best and never
+///          change.
+using LatticeMinFunction = void (*)(PreparedTriangleData const& t, LatticeMinArgs const& a);
+
+void latticeMinPortable(PreparedTriangleData const& t, LatticeMinArgs const& a);
+void latticeMinSse2(PreparedTriangleData const& t, LatticeMinArgs const& a);
+void latticeMinAvx2(PreparedTriangleData const& t, LatticeMinArgs const& a);
+void latticeMinAvx512(PreparedTriangleData const& t, LatticeMinArgs const& a);
+
+/// The minimum for all lanes (see `triangleDistanceLanes` for `Ops`).
+template <typename Ops>
+inline void latticeMinBody(PreparedTriangleData const& t, LatticeMinArgs const& a)
+{
     using V = typename Ops::V;
-    using M = typename Ops::M;
     constexpr int L = Ops::kLanes;
-    double const* v[3] = {t.a, t.b, t.c};
     V const zero = Ops::set1(0.0);
-    V const one = Ops::set1(1.0);
-    V const inf = Ops::set1(__builtin_huge_val());
-    for (int q = 0; q < count; q += L) {
-        V const qx = Ops::widen(x + q);
-        V const qy = Ops::widen(y + q);
-        V const qz = Ops::widen(z + q);
-        M inside = Ops::none();
-        V faceValue = zero;
-        if (t.face) {
-            inside = Ops::all();
-            for (int i = 0; i < 3; ++i) {
-                V const w = Ops::add(
-                    Ops::add(Ops::mul(Ops::sub(qx, Ops::set1(v[i][0])), Ops::set1(t.m[i][0])),
-                             Ops::mul(Ops::sub(qy, Ops::set1(v[i][1])), Ops::set1(t.m[i][1]))),
-                    Ops::mul(Ops::sub(qz, Ops::set1(v[i][2])), Ops::set1(t.m[i][2])));
-                inside = Ops::both(inside, Ops::ge(w, zero));
-            }
-            V const h =
-                Ops::add(Ops::add(Ops::mul(Ops::sub(qx, Ops::set1(t.a[0])), Ops::set1(t.n[0])),
-                                  Ops::mul(Ops::sub(qy, Ops::set1(t.a[1])), Ops::set1(t.n[1]))),
-                         Ops::mul(Ops::sub(qz, Ops::set1(t.a[2])), Ops::set1(t.n[2])));
-            faceValue = Ops::mul(Ops::mul(h, h), Ops::set1(t.invNN));
-            if (Ops::allTrue(inside)) {
-                Ops::storeFloat(out + q, faceValue);
-                continue;
+    V const lo0 = Ops::set1(a.boxLo[0]), lo1 = Ops::set1(a.boxLo[1]), lo2 = Ops::set1(a.boxLo[2]);
+    V const hi0 = Ops::set1(a.boxHi[0]), hi1 = Ops::set1(a.boxHi[1]), hi2 = Ops::set1(a.boxHi[2]);
+    V const o0 = Ops::set1(a.origin[0]), o1 = Ops::set1(a.origin[1]), o2 = Ops::set1(a.origin[2]);
+    V const n0 = Ops::set1(a.normal[0]), n1 = Ops::set1(a.normal[1]), n2 = Ops::set1(a.normal[2]);
+    V const tolerance = Ops::set1(a.tolerance);
+    unsigned const lanes = (1u << L) - 1u;
+    // (`widen` may read a whole register of floats, more than the lanes.)
+    alignas(64) float rounded[16] = {};
+    for (int q = 0; q < a.count; q += L) {
+        V const qx = Ops::widen(a.x + q);
+        V const qy = Ops::widen(a.y + q);
+        V const qz = Ops::widen(a.z + q);
+        V const best = Ops::widen(a.best2 + q);
+        // Lower bounds: the box distance and the plane distance, both exact to double rounding.
+        V const dx = Ops::max(Ops::max(Ops::sub(lo0, qx), Ops::sub(qx, hi0)), zero);
+        V const dy = Ops::max(Ops::max(Ops::sub(lo1, qy), Ops::sub(qy, hi1)), zero);
+        V const dz = Ops::max(Ops::max(Ops::sub(lo2, qz), Ops::sub(qz, hi2)), zero);
+        V const box = Ops::add(Ops::mul(dx, dx), Ops::add(Ops::mul(dy, dy), Ops::mul(dz, dz)));
+        V const p =
+            Ops::add(Ops::mul(n0, Ops::sub(qx, o0)),
+                     Ops::add(Ops::mul(n1, Ops::sub(qy, o1)), Ops::mul(n2, Ops::sub(qz, o2))));
+        V const bound = Ops::max(box, Ops::mul(p, p));
+        if ((Ops::bits(Ops::lt(best, Ops::mul(tolerance, bound))) & lanes) == lanes)
+            continue;
+        Ops::storeFloat(rounded, triangleDistanceLanes<Ops>(t, qx, qy, qz));
+        V const measured = Ops::widen(rounded);
+        unsigned const better = Ops::bits(Ops::lt(measured, best)) & lanes;
+        unsigned const same = Ops::bits(Ops::eq(measured, best)) & lanes;
+        if ((better | same) == 0)
+            continue;
+        for (int k = 0; k < L; ++k) {
+            if ((better >> k) & 1u) {
+                a.best2[q + k] = rounded[k];
+                a.id[q + k] = a.triangle;
+            } else if (((same >> k) & 1u) && a.triangle < a.id[q + k]) {
+                a.id[q + k] = a.triangle;
             }
         }
-        // The nearest edge; the first NaN, should an edge give one, is the result.
-        V best = inf;
-        V firstNan = zero;
-        M haveNan = Ops::none();
-        for (int i = 0; i < 3; ++i) {
-            V const e0 = Ops::set1(t.e[i][0]), e1 = Ops::set1(t.e[i][1]), e2 = Ops::set1(t.e[i][2]);
-            V const ap0 = Ops::sub(qx, Ops::set1(v[i][0]));
-            V const ap1 = Ops::sub(qy, Ops::set1(v[i][1]));
-            V const ap2 = Ops::sub(qz, Ops::set1(v[i][2]));
-            V s = Ops::mul(
-                Ops::add(Ops::add(Ops::mul(ap0, e0), Ops::mul(ap1, e1)), Ops::mul(ap2, e2)),
-                Ops::set1(t.invLen2[i]));
-            s = Ops::min(one, Ops::max(zero, s));
-            V const d0 = Ops::sub(ap0, Ops::mul(e0, s));
-            V const d1 = Ops::sub(ap1, Ops::mul(e1, s));
-            V const d2 = Ops::sub(ap2, Ops::mul(e2, s));
-            V const dd = Ops::add(Ops::add(Ops::mul(d0, d0), Ops::mul(d1, d1)), Ops::mul(d2, d2));
-            best = Ops::min(dd, best);
-            M const nan = Ops::isNan(dd);
-            firstNan = Ops::select(Ops::both(nan, Ops::notM(haveNan)), dd, firstNan);
-            haveNan = Ops::either(haveNan, nan);
-        }
-        V result = Ops::select(haveNan, firstNan, best);
-        result = Ops::select(inside, faceValue, result);
-        Ops::storeFloat(out + q, result);
     }
 }
 
