@@ -7,6 +7,7 @@
 #include <hexmold/substrate/channel_pool.h>
 #include <hexmold/substrate/detail/element_type_name.h>
 #include <hexmold/substrate/detail/substrate_log.h>
+#include <hexmold/substrate/parallel.h>
 #include <ostream>
 #include <string>
 #include <unordered_map>
@@ -128,8 +129,25 @@ void ChannelStorage<T>::resizeDepth(int depth, Component const& topology, bool p
     } else if (a.size() < n) {
         std::size_t const old = a.size();
         a.resize(n);
-        for (std::size_t i = old; i < n; ++i)
-            initBlock(a[i], newBlockCount(topology, point, static_cast<std::int64_t>(i), depth));
+        // Many voxel blocks are allocated and filled by all workers: the spare storages are
+        // handed out first, on this thread, after which no block takes from the shared list.
+        constexpr std::size_t kParallelBlocks = 4096;
+        if (point || n - old < kParallelBlocks) {
+            for (std::size_t i = old; i < n; ++i)
+                initBlock(a[i],
+                          newBlockCount(topology, point, static_cast<std::int64_t>(i), depth));
+            return;
+        }
+        for (std::size_t i = old; i < n && !mSpare.empty(); ++i) {
+            a[i].swap(mSpare.back());
+            mSpare.pop_back();
+        }
+        std::size_t const count = mShape.voxelCount;
+        TVL::Parallel::parallel_for(TVL::Parallel::blocked_range<std::size_t>(old, n, 1024),
+                                    [&](TVL::Parallel::blocked_range<std::size_t> const& r) {
+                                        for (std::size_t i = r.begin(); i != r.end(); ++i)
+                                            initBlock(a[i], count);
+                                    });
     }
 }
 
