@@ -416,11 +416,20 @@ template <typename Traits> struct SharedData {
     std::array<std::int64_t, TileLattice<Traits>::kCount> closest;
 };
 
-/// An accepted child tile's voxels, kept by the thread that decided it.
+/// An accepted child tile's distances, kept by the thread that decided it.
 template <typename Traits> struct ChildVoxels {
     VoxelCoord coord;
     std::array<float, Traits::kTileSize> distances;
-    std::array<std::int64_t, Traits::kTileSize> closest;
+};
+
+/// An accepted child tile's closest triangles, when the build has a closest-triangle channel.
+template <typename Traits> using ChildClosest = std::array<std::int64_t, Traits::kTileSize>;
+
+/// One thread's accepted children: their distances and, in the same order, their closest
+/// triangles when the build keeps them.
+template <typename Traits> struct ChildStore {
+    std::deque<ChildVoxels<Traits>> voxels;
+    std::deque<ChildClosest<Traits>> closest;
 };
 
 /// Edge crossings of one tile, counted by the thread that refined it.
@@ -465,7 +474,7 @@ template <typename Traits> struct Refiner {
     static constexpr int kV = Traits::kVoxelsPerSlot;
 
     B& b;
-    Par::enumerable_thread_specific<std::deque<ChildVoxels<Traits>>> out;
+    Par::enumerable_thread_specific<ChildStore<Traits>> out;
     Par::enumerable_thread_specific<RefineScratch<Traits>> scratch;
     Par::enumerable_thread_specific<std::deque<EdgeVoxels<Traits>>> edgeOut;
     std::array<std::atomic<std::int64_t>, Traits::kDepthCount> nanoseconds{};
@@ -719,7 +728,7 @@ template <typename Traits> struct Refiner {
                                 measured[k], t, static_cast<std::uint32_t>(q));
                 }
             }
-            auto& store = out.local();
+            ChildStore<Traits>& store = out.local();
             for (int slot = 0; slot < Traits::kChildCount; ++slot) {
                 int3 const sc = Tile<Traits>::slotCoordinates(slot);
                 int3 const cc{static_cast<int>(corner.x + sc.x * cT),
@@ -765,9 +774,8 @@ template <typename Traits> struct Refiner {
                     continue;
                 if (b.detailMode && target <= d)
                     continue;
-                // Nearest triangles first: the lattice's box test then prunes most of the rest.
-                // (A triangle is listed once: the order is that of distance, then index.)
-                std::sort(keyed.begin(), keyed.end());
+                // The parent's order is kept: the lattice takes the parent's closest triangles
+                // first, and its result does not depend on the order of the list.
                 s.childPrepared.clear();
                 for (auto const& [d2, t, q] : keyed) {
                     list.push_back(t);
@@ -825,15 +833,20 @@ template <typename Traits> struct Refiner {
                     continue;
 
                 // Accepted: keep its voxels, and its lattice and list for its own children.
-                ChildVoxels<Traits>& voxels = store.emplace_back();
+                ChildVoxels<Traits>& voxels = store.voxels.emplace_back();
                 voxels.coord = VoxelCoord{cc.x, cc.y, cc.z, cd};
                 for (int z = 0; z < kW; ++z)
                     for (int y = 0; y < kW; ++y)
-                        for (int x = 0; x < kW; ++x) {
-                            int const v = x + kW * (y + kW * z);
-                            voxels.distances[v] = std::abs(dist[L::index(x, y, z)]);
-                            voxels.closest[v] = ids[L::index(x, y, z)];
-                        }
+                        for (int x = 0; x < kW; ++x)
+                            voxels.distances[x + kW * (y + kW * z)] =
+                                std::abs(dist[L::index(x, y, z)]);
+                if (b.closest) {
+                    ChildClosest<Traits>& closest = store.closest.emplace_back();
+                    for (int z = 0; z < kW; ++z)
+                        for (int y = 0; y < kW; ++y)
+                            for (int x = 0; x < kW; ++x)
+                                closest[x + kW * (y + kW * z)] = ids[L::index(x, y, z)];
+                }
                 if (cd == kMax && b.countEdges)
                     countEdges(list.begin(), list.end(), cc, cd);
                 if (cd < kMax) {
@@ -1132,7 +1145,7 @@ void buildAdaptive(MeshBuild<Traits>& b,
         C scratch("", b.voxelSize);
         auto acc = scratch.tileAccessor();
         for (auto const& store : refiner.out)
-            for (auto const& v : store)
+            for (auto const& v : store.voxels)
                 acc.addTile(v.coord);
         C ordered("", b.voxelSize);
         addTilesInCanonicalOrder(scratch, ordered);
@@ -1144,29 +1157,31 @@ void buildAdaptive(MeshBuild<Traits>& b,
             CoreGL::Logger::timer(MeshStageNames::name("assign_voxelization"), nullptr);
         b.container.buildAccessorAccelerationStructure(-1);
         for (auto& store : refiner.out) {
-            Par::parallel_for(
-                Par::blocked_range<std::size_t>(0, store.size(), 256),
-                [&](Par::blocked_range<std::size_t> const& r) {
-                    if (TVL::bodyCancelled())
-                        return;
-                    auto acc = std::as_const(b.container).tileAccessor();
-                    for (std::size_t q = r.begin(); q != r.end(); ++q) {
-                        ChildVoxels<Traits> const& v = store[q];
-                        auto const& tile = acc.tile(v.coord);
-                        if (!tile.valid() || tile.depth() != v.coord.depth)
-                            continue;
-                        if (b.closest) {
-                            auto cdata = b.closest->tileData(tile.treeIndex());
-                            if (!cdata.empty())
-                                std::copy(v.closest.begin(), v.closest.end(), cdata.data());
-                        }
-                        auto ddata = b.distance.tileData(tile.treeIndex());
-                        if (!ddata.empty())
-                            std::copy(v.distances.begin(), v.distances.end(), ddata.data());
-                    }
-                });
+            Par::parallel_for(Par::blocked_range<std::size_t>(0, store.voxels.size(), 256),
+                              [&](Par::blocked_range<std::size_t> const& r) {
+                                  if (TVL::bodyCancelled())
+                                      return;
+                                  auto acc = std::as_const(b.container).tileAccessor();
+                                  for (std::size_t q = r.begin(); q != r.end(); ++q) {
+                                      ChildVoxels<Traits> const& v = store.voxels[q];
+                                      auto const& tile = acc.tile(v.coord);
+                                      if (!tile.valid() || tile.depth() != v.coord.depth)
+                                          continue;
+                                      if (b.closest) {
+                                          auto cdata = b.closest->tileData(tile.treeIndex());
+                                          if (!cdata.empty())
+                                              std::copy(store.closest[q].begin(),
+                                                        store.closest[q].end(), cdata.data());
+                                      }
+                                      auto ddata = b.distance.tileData(tile.treeIndex());
+                                      if (!ddata.empty())
+                                          std::copy(v.distances.begin(), v.distances.end(),
+                                                    ddata.data());
+                                  }
+                              });
             TVL::throwIfJobCancelled();
-            std::deque<ChildVoxels<Traits>>().swap(store);
+            std::deque<ChildVoxels<Traits>>().swap(store.voxels);
+            std::deque<ChildClosest<Traits>>().swap(store.closest);
         }
         if (b.countEdges) {
             b.edges =
