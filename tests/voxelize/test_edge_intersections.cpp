@@ -220,3 +220,68 @@ TYPED_TEST(EdgeIntersections, CoordinatesBeyondTheClampCollapseToIt)
                                          Tr::kMaxDepth, tile),
               0);
 }
+
+// A tile's crossing counts agree with the line test line by line, for small triangles inside the
+// tile whose vertices and edges lie on its sample lines (zero determinants, decided by the
+// simulation of simplicity) or off them, both orientations: every crossing the line test reports
+// is counted once on its line, and nothing else is.
+TYPED_TEST(EdgeIntersections, TileCountsMatchTheLineTestLineByLine)
+{
+    using Tr = TypeParam;
+    constexpr int W = Tr::kTileWidth;
+    constexpr int kMax = Tr::kMaxDepth;
+    FixedPointCoords coords;
+    coords.widths.assign(std::size_t(Tr::kDepthCount), kFixedPointScale);
+    int3 const corner{0, 0, 0};
+    std::int64_t origin[3];
+    for (int ax = 0; ax < 3; ++ax)
+        origin[ax] = std::int64_t(Tr::kCentreOffset) * kFixedPointScale + coords.sampleOffset[ax];
+    std::mt19937_64 rng(7);
+    // Along each axis a coordinate strictly after the first sample and not after the last: on
+    // a sample, half-way, or anywhere.
+    std::uniform_int_distribution<std::int64_t> sample(1, W - 1), anywhere(1, (W - 1) * 1024);
+    auto coordinate = [&](int ax, int kind) {
+        switch (kind % 3) {
+        case 0:
+            return origin[ax] + sample(rng) * kFixedPointScale;
+        case 1:
+            return origin[ax] + sample(rng) * kFixedPointScale - kFixedPointScale / 2;
+        default:
+            return origin[ax] + anywhere(rng) * (kFixedPointScale / 1024);
+        }
+    };
+    int crossings = 0;
+    for (int n = 0; n < 3000; ++n) {
+        coords.points.clear();
+        for (int v = 0; v < 3; ++v)
+            coords.points.push_back(
+                {coordinate(0, n + v), coordinate(1, n / 3 + v), coordinate(2, n / 9 + 2 * v)});
+        TileData<int3, W, 0, 0> tile(Tr::kTileSize, int3{0, 0, 0});
+        int const counted =
+            countEdgeIntersections<Tr>(Tavrel::Math::ulong3{0, 1, 2}, coords, corner, kMax, tile);
+        int total = 0;
+        for (int a = 0; a < 3; ++a) {
+            int const b = (a + 1) % 3, c = (a + 2) % 3;
+            for (int jc = 0; jc < W; ++jc)
+                for (int jb = 0; jb < W; ++jb) {
+                    double hit = 0.0;
+                    int const want =
+                        lineCrossesTriangle(a, origin[b] + jb * kFixedPointScale,
+                                            origin[c] + jc * kFixedPointScale, coords.points[0],
+                                            coords.points[1], coords.points[2], hit) != 0;
+                    int got = 0;
+                    for (int i = 0; i < W; ++i) {
+                        int idx[3];
+                        idx[a] = i, idx[b] = jb, idx[c] = jc;
+                        got += tile(idx[0], idx[1], idx[2])[a];
+                    }
+                    ASSERT_EQ(got, want)
+                        << "case " << n << " axis " << a << " line " << jb << "," << jc;
+                    total += want;
+                }
+        }
+        EXPECT_EQ(counted, total) << "case " << n;
+        crossings += total;
+    }
+    EXPECT_GT(crossings, 1000);
+}

@@ -251,11 +251,40 @@ int forEachCrossing(ulong3 const& triangle, FixedPointCoords const& coords, int3
         if (!(axes & (1 << a)))
             continue;
         int const b = (a + 1) % 3, c = (a + 2) % 3;
+        int const jbEnd = std::min(hi[b], W - 1), jcEnd = std::min(hi[c], W - 1);
+        // Most lines miss the triangle. Where every difference to the first vertex fits 20 bits
+        // (as in `crossLine`'s fast path), the determinants relative to that vertex expand to
+        // affine functions of the line's position q (the products qb qc cancel):
+        // w1 = qb c2 - b2 qc, w2 = b1 qc - qb c1, w0 = b1 c2 - b2 c1 + qb (c1 - c2) + qc (b2 - b1),
+        // the same integers. A line whose signs differ, none zero, misses, as `crossLine` says.
+        constexpr std::int64_t kSmall = 0x100000;
+        std::int64_t const b1 = v1[b] - v0[b], c1 = v1[c] - v0[c];
+        std::int64_t const b2 = v2[b] - v0[b], c2 = v2[c] - v0[c];
+        std::int64_t const qbLo = origin[b] + lo[b] * width - v0[b];
+        std::int64_t const qbHi = origin[b] + jbEnd * width - v0[b];
+        std::int64_t const qcLo = origin[c] + lo[c] * width - v0[c];
+        std::int64_t const qcHi = origin[c] + jcEnd * width - v0[c];
+        bool const small = std::abs(b1) < kSmall && std::abs(c1) < kSmall &&
+                           std::abs(b2) < kSmall && std::abs(c2) < kSmall &&
+                           std::abs(qbLo) < kSmall && std::abs(qbHi) < kSmall &&
+                           std::abs(qcLo) < kSmall && std::abs(qcHi) < kSmall;
+        std::int64_t const k0 = b1 * c2 - b2 * c1;
         // Lines through samples 0..W-1 of the tile on the two other axes.
-        for (int jc = lo[c]; jc <= std::min(hi[c], W - 1); ++jc)
-            for (int jb = lo[b]; jb <= std::min(hi[b], W - 1); ++jb) {
+        for (int jc = lo[c]; jc <= jcEnd; ++jc)
+            for (int jb = lo[b]; jb <= jbEnd; ++jb) {
                 std::int64_t const pb = origin[b] + jb * width;
                 std::int64_t const pc = origin[c] + jc * width;
+                if (small) {
+                    std::int64_t const qb = pb - v0[b], qc = pc - v0[c];
+                    std::int64_t const w1 = qb * c2 - b2 * qc;
+                    std::int64_t const w2 = b1 * qc - qb * c1;
+                    std::int64_t const w0 = k0 + qb * (c1 - c2) + qc * (b2 - b1);
+                    bool const pos = w0 > 0 && w1 > 0 && w2 > 0;
+                    bool const neg = w0 < 0 && w1 < 0 && w2 < 0;
+                    bool const zero = w0 == 0 || w1 == 0 || w2 == 0;
+                    if (!pos && !neg && !zero)
+                        continue;
+                }
                 Crossing const x = crossLine(a, pb, pc, v0, v1, v2);
                 if (x.sign == 0)
                     continue;
