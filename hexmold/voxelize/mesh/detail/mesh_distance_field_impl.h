@@ -1140,46 +1140,68 @@ void buildAdaptive(MeshBuild<Traits>& b,
                 << "\nAccumulated time = " << total << '\n';
         }
     }
-    // The accepted children become tiles, added in canonical order.
+    // The accepted children become tiles, depth by depth (parents first) in the order k, j, i,
+    // so that the tile order does not depend on the threads. Every child's parent is a tile of
+    // the tree or an accepted child one depth up. Each keeps the index of its tile.
+    struct Accepted {
+        VoxelCoord coord;
+        ChildVoxels<Traits> const* voxels;
+        ChildClosest<Traits> const* closest;
+        std::int64_t index;
+    };
+    std::vector<std::vector<Accepted>> accepted(std::size_t(kMax) + 1);
     {
-        C scratch("", b.voxelSize);
-        auto acc = scratch.tileAccessor();
         for (auto const& store : refiner.out)
-            for (auto const& v : store.voxels)
-                acc.addTile(v.coord);
-        C ordered("", b.voxelSize);
-        addTilesInCanonicalOrder(scratch, ordered);
-        b.container.refine(ordered, nullptr, true);
+            for (std::size_t q = 0; q < store.voxels.size(); ++q) {
+                ChildVoxels<Traits> const& v = store.voxels[q];
+                accepted[std::size_t(v.coord.depth)].push_back(
+                    {v.coord, &v, b.closest ? &store.closest[q] : nullptr, -1});
+            }
+        auto acc = b.container.tileAccessor();
+        for (auto& tiles : accepted) {
+            Par::parallel_sort(tiles.begin(), tiles.end(),
+                               [](Accepted const& x, Accepted const& y) {
+                                   return std::tie(x.coord.k, x.coord.j, x.coord.i) <
+                                          std::tie(y.coord.k, y.coord.j, y.coord.i);
+                               });
+            for (Accepted& t : tiles) {
+                auto const& tile = acc.addTile(t.coord);
+                if (tile.valid() && tile.depth() == t.coord.depth)
+                    t.index = tile.index();
+            }
+        }
         followTiles(b, true);
     }
     {
         auto const timer =
             CoreGL::Logger::timer(MeshStageNames::name("assign_voxelization"), nullptr);
         b.container.buildAccessorAccelerationStructure(-1);
-        for (auto& store : refiner.out) {
-            Par::parallel_for(Par::blocked_range<std::size_t>(0, store.voxels.size(), 256),
+        for (int d = 0; d <= kMax; ++d) {
+            auto const& tiles = accepted[std::size_t(d)];
+            Par::parallel_for(Par::blocked_range<std::size_t>(0, tiles.size(), 256),
                               [&](Par::blocked_range<std::size_t> const& r) {
                                   if (TVL::bodyCancelled())
                                       return;
-                                  auto acc = std::as_const(b.container).tileAccessor();
                                   for (std::size_t q = r.begin(); q != r.end(); ++q) {
-                                      ChildVoxels<Traits> const& v = store.voxels[q];
-                                      auto const& tile = acc.tile(v.coord);
-                                      if (!tile.valid() || tile.depth() != v.coord.depth)
+                                      Accepted const& t = tiles[q];
+                                      if (t.index < 0)
                                           continue;
-                                      if (b.closest) {
-                                          auto cdata = b.closest->tileData(tile.treeIndex());
+                                      if (t.closest) {
+                                          auto cdata = b.closest->tileData(t.index, d);
                                           if (!cdata.empty())
-                                              std::copy(store.closest[q].begin(),
-                                                        store.closest[q].end(), cdata.data());
+                                              std::copy(t.closest->begin(), t.closest->end(),
+                                                        cdata.data());
                                       }
-                                      auto ddata = b.distance.tileData(tile.treeIndex());
+                                      auto ddata = b.distance.tileData(t.index, d);
                                       if (!ddata.empty())
-                                          std::copy(v.distances.begin(), v.distances.end(),
-                                                    ddata.data());
+                                          std::copy(t.voxels->distances.begin(),
+                                                    t.voxels->distances.end(), ddata.data());
                                   }
                               });
             TVL::throwIfJobCancelled();
+        }
+        std::vector<std::vector<Accepted>>().swap(accepted);
+        for (auto& store : refiner.out) {
             std::deque<ChildVoxels<Traits>>().swap(store.voxels);
             std::deque<ChildClosest<Traits>>().swap(store.closest);
         }
