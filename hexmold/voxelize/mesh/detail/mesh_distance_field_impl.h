@@ -1175,6 +1175,10 @@ void buildAdaptive(MeshBuild<Traits>& b,
     {
         auto const timer =
             CoreGL::Logger::timer(MeshStageNames::name("assign_voxelization"), nullptr);
+        // The sign walk, the DOF classification and the redistancing after this ask for tiles'
+        // neighbours at every tile: tabulated once from the parents' tables, they are answered
+        // without hashing.
+        b.container.precomputeTileNeighbors();
         b.container.buildAccessorAccelerationStructure(-1);
         for (int d = 0; d <= kMax; ++d) {
             auto const& tiles = accepted[std::size_t(d)];

@@ -23,6 +23,7 @@
 #include <hexmold/substrate/halo.h>
 #include <hexmold/substrate/parallel.h>
 #include <hexmold/substrate/scene_conversion.h>
+#include <hexmold/substrate/scope_guard.h>
 #include <hexmold/substrate/scratch_channel.h>
 #include <hexmold/substrate/type_lists.h>
 #include <hexmold/voxelize/mesh/detail/mesh_stage_names.h>
@@ -466,6 +467,13 @@ void voxelizeMesh(Tavrel::Object const& mesh, Quillon::Array<Tavrel::Math::float
     MeshDriver<Traits> m{mesh,     positions,    {},       container, topology,
                          distance, volumeObject, services, {}};
     m.adaptiveBuild = adaptiveBuild;
+    // The adaptive build tabulates the tiles' neighbours for the walks after it. The table is
+    // about as large as the tree, so it does not outlive the call unless the caller had one.
+    bool const callerNeighbors = container.hasPrecomputedTileNeighbors();
+    TVL::ScopeGuard const neighbors([&] {
+        if (adaptiveBuild && !callerNeighbors)
+            container.clearPrecomputedTileNeighbors();
+    });
 
     // 2. Triangles.
     {
