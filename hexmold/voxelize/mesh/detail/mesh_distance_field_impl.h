@@ -416,10 +416,18 @@ template <typename Traits> struct SharedData {
     std::array<std::int64_t, TileLattice<Traits>::kCount> closest;
 };
 
+/// Edge crossings of one tile, counted by the thread that refined it.
+template <typename Traits> struct EdgeVoxels {
+    VoxelCoord coord;
+    TileData<int3, Traits::kTileWidth, 0, 0> counts{std::size_t(Traits::kTileSize), int3{0, 0, 0}};
+    bool placed = false; ///< already written through its accepted child
+};
+
 /// An accepted child tile's distances, kept by the thread that decided it.
 template <typename Traits> struct ChildVoxels {
     VoxelCoord coord;
     std::array<float, Traits::kTileSize> distances;
+    EdgeVoxels<Traits>* edges = nullptr; ///< its edge crossings (finest tiles), if any
 };
 
 /// An accepted child tile's closest triangles, when the build has a closest-triangle channel.
@@ -430,12 +438,6 @@ template <typename Traits> using ChildClosest = std::array<std::int64_t, Traits:
 template <typename Traits> struct ChildStore {
     std::deque<ChildVoxels<Traits>> voxels;
     std::deque<ChildClosest<Traits>> closest;
-};
-
-/// Edge crossings of one tile, counted by the thread that refined it.
-template <typename Traits> struct EdgeVoxels {
-    VoxelCoord coord;
-    TileData<int3, Traits::kTileWidth, 0, 0> counts{std::size_t(Traits::kTileSize), int3{0, 0, 0}};
 };
 
 /// Per-thread scratch of the child decisions: the lattice of a whole parent at child spacing,
@@ -482,8 +484,9 @@ template <typename Traits> struct Refiner {
     explicit Refiner(B& build) : b(build) {}
 
     /// Counts the edge crossings of @p list in the tile with corner @p corner at depth @p d into
-    /// the thread's store (kept only when there are any).
-    template <typename It> void countEdges(It first, It last, int3 const& corner, int d)
+    /// the thread's store (kept only when there are any). @return the kept counts, or null.
+    template <typename It>
+    EdgeVoxels<Traits>* countEdges(It first, It last, int3 const& corner, int d)
     {
         auto& store = edgeOut.local();
         EdgeVoxels<Traits>& e = store.emplace_back();
@@ -492,8 +495,11 @@ template <typename Traits> struct Refiner {
         for (It t = first; t != last; ++t)
             found += countEdgeIntersections<Traits>(b.triangles[static_cast<std::size_t>(*t)],
                                                     b.fixed, corner, d, e.counts);
-        if (found == 0)
+        if (found == 0) {
             store.pop_back();
+            return nullptr;
+        }
+        return &e;
     }
 
     /// depthOf(size) = deepest - floor(log_R(size / h)), clamped to [0, deepest].
@@ -848,7 +854,7 @@ template <typename Traits> struct Refiner {
                                 closest[x + kW * (y + kW * z)] = ids[L::index(x, y, z)];
                 }
                 if (cd == kMax && b.countEdges)
-                    countEdges(list.begin(), list.end(), cc, cd);
+                    voxels.edges = countEdges(list.begin(), list.end(), cc, cd);
                 if (cd < kMax) {
                     auto child = std::make_unique<SharedData<Traits>>();
                     child->triangles.assign(list.begin(), list.end());
@@ -1180,28 +1186,37 @@ void buildAdaptive(MeshBuild<Traits>& b,
         // without hashing.
         b.container.precomputeTileNeighbors();
         b.container.buildAccessorAccelerationStructure(-1);
+        if (b.countEdges)
+            b.edges =
+                scratchChannel<VoxelChannel<Traits, int3>>(b.topology, int3{0, 0, 0}, 0, kMax);
         for (int d = 0; d <= kMax; ++d) {
             auto const& tiles = accepted[std::size_t(d)];
-            Par::parallel_for(Par::blocked_range<std::size_t>(0, tiles.size(), 256),
-                              [&](Par::blocked_range<std::size_t> const& r) {
-                                  if (TVL::bodyCancelled())
-                                      return;
-                                  for (std::size_t q = r.begin(); q != r.end(); ++q) {
-                                      Accepted const& t = tiles[q];
-                                      if (t.index < 0)
-                                          continue;
-                                      if (t.closest) {
-                                          auto cdata = b.closest->tileData(t.index, d);
-                                          if (!cdata.empty())
-                                              std::copy(t.closest->begin(), t.closest->end(),
-                                                        cdata.data());
-                                      }
-                                      auto ddata = b.distance.tileData(t.index, d);
-                                      if (!ddata.empty())
-                                          std::copy(t.voxels->distances.begin(),
-                                                    t.voxels->distances.end(), ddata.data());
-                                  }
-                              });
+            Par::parallel_for(
+                Par::blocked_range<std::size_t>(0, tiles.size(), 256),
+                [&](Par::blocked_range<std::size_t> const& r) {
+                    if (TVL::bodyCancelled())
+                        return;
+                    for (std::size_t q = r.begin(); q != r.end(); ++q) {
+                        Accepted const& t = tiles[q];
+                        if (t.index < 0)
+                            continue;
+                        if (t.closest) {
+                            auto cdata = b.closest->tileData(t.index, d);
+                            if (!cdata.empty())
+                                std::copy(t.closest->begin(), t.closest->end(), cdata.data());
+                        }
+                        auto ddata = b.distance.tileData(t.index, d);
+                        if (!ddata.empty())
+                            std::copy(t.voxels->distances.begin(), t.voxels->distances.end(),
+                                      ddata.data());
+                        if (EdgeVoxels<Traits>* e = t.voxels->edges) {
+                            auto edata = b.edges->tileData(t.index, d);
+                            if (!edata.empty())
+                                std::copy(e->counts.begin(), e->counts.end(), edata.data());
+                            e->placed = true;
+                        }
+                    }
+                });
             TVL::throwIfJobCancelled();
         }
         std::vector<std::vector<Accepted>>().swap(accepted);
@@ -1210,8 +1225,7 @@ void buildAdaptive(MeshBuild<Traits>& b,
             std::deque<ChildClosest<Traits>>().swap(store.closest);
         }
         if (b.countEdges) {
-            b.edges =
-                scratchChannel<VoxelChannel<Traits, int3>>(b.topology, int3{0, 0, 0}, 0, kMax);
+            // The tiles' own crossings (those of accepted children are placed already).
             for (auto& store : refiner.edgeOut) {
                 Par::parallel_for(Par::blocked_range<std::size_t>(0, store.size(), 256),
                                   [&](Par::blocked_range<std::size_t> const& r) {
@@ -1220,6 +1234,8 @@ void buildAdaptive(MeshBuild<Traits>& b,
                                       auto acc = std::as_const(b.container).tileAccessor();
                                       for (std::size_t q = r.begin(); q != r.end(); ++q) {
                                           EdgeVoxels<Traits> const& e = store[q];
+                                          if (e.placed)
+                                              continue;
                                           auto const& tile = acc.tile(e.coord);
                                           if (!tile.valid() || tile.depth() != e.coord.depth)
                                               continue;
