@@ -1,6 +1,7 @@
 // Tests of the lattice kernel's SIMD instances (distance batch and node test): every instruction
 // set the processor runs gives the same bits as the scalar code, point by point and on whole
 // lattices.
+#include "support/kernel_context.h"
 #include "support/meshes.h"
 #include "support/typed_traits.h"
 #include <algorithm>
@@ -299,14 +300,7 @@ TYPED_TEST(LatticeBatch, EveryInstructionSetGivesTheSameLattice)
     std::mt19937 rng(5);
     for (int scene = 0; scene < 6; ++scene) {
         TriangleMesh const m = soup(120 + 40 * scene, 100u + unsigned(scene), 0.05f + 0.1f * scene);
-        TriangleKernelContext ctx;
-        ctx.far = 1e30f;
-        ctx.far2 = ctx.far * ctx.far;
-        ctx.voxelSize = 0.04f + 0.01f * float(scene);
-        ctx.voxelOffset = {0.5f, 0.5f, 0.5f};
-        ctx.triangles = &m.triangles;
-        ctx.positions = &m.positions;
-        ctx.tileWidth = Tr::kTileWidth;
+        TriangleKernelContext ctx = testsupport::kernelContext<Tr>(m, 0.04f + 0.01f * float(scene));
         std::vector<std::int64_t> list(m.triangles.size());
         for (std::size_t t = 0; t < list.size(); ++t)
             list[t] = std::int64_t(t);
@@ -390,14 +384,7 @@ TYPED_TEST(LatticeBatch, PreparedListsGiveTheListMinimum)
     std::mt19937 rng(11);
     for (int scene = 0; scene < 6; ++scene) {
         TriangleMesh const m = soup(150 + 30 * scene, 300u + unsigned(scene), 0.1f + 0.1f * scene);
-        TriangleKernelContext ctx;
-        ctx.far = 1e30f;
-        ctx.far2 = ctx.far * ctx.far;
-        ctx.voxelSize = 0.05f + 0.02f * float(scene);
-        ctx.voxelOffset = {0.5f, 0.5f, 0.5f};
-        ctx.triangles = &m.triangles;
-        ctx.positions = &m.positions;
-        ctx.tileWidth = Tr::kTileWidth;
+        TriangleKernelContext ctx = testsupport::kernelContext<Tr>(m, 0.05f + 0.02f * float(scene));
         std::vector<TriangleBounds> bounds;
         if (scene % 2 == 1) {
             for (auto const& t : m.triangles)

@@ -1,6 +1,7 @@
 // Tests of the triangle distance kernel: the exact point-triangle distance it uses, the tile
 // lattice kernel against brute force, its tie rule, the sparse build's tile visit, the red-black
 // sweep of triangle ids, and the voxelizer's switches.
+#include "support/kernel_context.h"
 #include "support/meshes.h"
 #include "support/typed_traits.h"
 #include <algorithm>
@@ -36,19 +37,6 @@ double longestEdge(float3 a, float3 b, float3 c)
                          double(x.z - y.z) * (x.z - y.z));
     };
     return std::max({len(a, b), len(b, c), len(c, a)});
-}
-
-template <typename Tr> TriangleKernelContext contextFor(TriangleMesh const& m, float h, float far)
-{
-    TriangleKernelContext ctx;
-    ctx.far = far;
-    ctx.far2 = far * far;
-    ctx.voxelSize = h;
-    ctx.voxelOffset = {0.5f, 0.5f, 0.5f};
-    ctx.triangles = &m.triangles;
-    ctx.positions = &m.positions;
-    ctx.tileWidth = Tr::kTileWidth;
-    return ctx;
 }
 
 /// World position of lattice node n of a tile: (corner + spacing n + offset) h, rounded once.
@@ -132,7 +120,7 @@ TYPED_TEST(LatticeKernel, NodesMatchBruteForce)
     float const h = 0.05f;
     TriangleMesh const m = randomSoup(300, 7, 0.3f);
     testmeshes::BruteForce const brute(m);
-    auto const ctx = contextFor<Tr>(m, h, 1e30f);
+    auto const ctx = testsupport::kernelContext<Tr>(m, h, 1e30f);
     std::vector<std::int64_t> all(m.triangles.size());
     for (std::size_t t = 0; t < all.size(); ++t)
         all[t] = std::int64_t(all.size() - 1 - t); // reversed order
@@ -178,7 +166,7 @@ TYPED_TEST(LatticeKernel, TieGoesToTheSmallerId)
     m.positions = {{0.1f, 0.1f, 0.1f}, {0.4f, 0.1f, 0.2f}, {0.2f, 0.5f, 0.3f}};
     for (int t = 0; t < 9; ++t)
         m.triangles.push_back({0, 1, 2});
-    auto const ctx = contextFor<Tr>(m, 0.1f, 1e30f);
+    auto const ctx = testsupport::kernelContext<Tr>(m, 0.1f, 1e30f);
     for (auto const& order :
          {std::vector<std::int64_t>{8, 5, 2, 7}, std::vector<std::int64_t>{2, 8, 5, 7},
           std::vector<std::int64_t>{7, 5, 8, 2}}) {
@@ -200,7 +188,7 @@ TYPED_TEST(LatticeKernel, NodesSharedWithTheParentAreCopied)
     using L = TileLattice<Tr>;
     constexpr int R = Tr::kRatio;
     TriangleMesh const m = randomSoup(40, 11, 0.5f);
-    auto const ctx = contextFor<Tr>(m, 0.2f, 1e30f);
+    auto const ctx = testsupport::kernelContext<Tr>(m, 0.2f, 1e30f);
     std::vector<std::int64_t> all(m.triangles.size());
     for (std::size_t t = 0; t < all.size(); ++t)
         all[t] = std::int64_t(t);
@@ -243,7 +231,7 @@ TYPED_TEST(LatticeKernel, RangeFarValueAndBandFlag)
     TriangleMesh m;
     m.positions = {{0.0f, 0.0f, 0.0f}, {0.01f, 0.0f, 0.0f}, {0.0f, 0.01f, 0.0f}};
     m.triangles = {{0, 1, 2}};
-    auto const ctx = contextFor<Tr>(m, 0.1f, 0.25f); // far: 2.5 voxels
+    auto const ctx = testsupport::kernelContext<Tr>(m, 0.1f, 0.25f); // far: 2.5 voxels
     std::int64_t const list[] = {0};
     float dist[L::kCount];
     std::int64_t ids[L::kCount];
@@ -296,7 +284,7 @@ TYPED_TEST(LatticeKernel, TriangleInsideOneVoxelVisitsThatVoxelAndItsNeighbours)
     // voxel on each side, is x in [0, 3], y in [1, 4], z in [1, 3] (a flat box takes one voxel).
     m.positions = {{0.20f, 0.33f, 0.3125f}, {0.21f, 0.33f, 0.3125f}, {0.20f, 0.34f, 0.3125f}};
     m.triangles = {{0, 1, 2}};
-    auto const ctx = contextFor<Tr>(m, h, 1e30f);
+    auto const ctx = testsupport::kernelContext<Tr>(m, h, 1e30f);
     TileData<float, W, 0, 0> dist(W * W * W, 1e30f);
     TileData<TriangleId, W, 0, 0> ids(W * W * W, std::int64_t(-1));
     visitTileTriangle<Tr>(ctx, int3{0, 0, 0}, 0, dist, ids);

@@ -209,6 +209,14 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
                 }
             }
 
+    // Calls f(n, x, y, z) for every node to compute, x fastest.
+    auto forEachComputedNode = [&](auto&& f) {
+        for (int z = lo[2]; z < hi[2]; ++z)
+            for (int y = lo[1]; y < hi[1]; ++y)
+                for (int x = lo[0]; x < hi[0]; ++x)
+                    if (state[L::index(x, y, z)] == kCompute)
+                        f(L::index(x, y, z), x, y, z);
+    };
     auto const& triangles = *ctx.triangles;
     auto const& positions = *ctx.positions;
     // A listed triangle is made ready when first measured (the box tests skip most of a long
@@ -268,29 +276,24 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         std::int32_t seedAt[kCount];
         std::int64_t seedTriangle[kCount];
         int seeds = 0;
-        for (int z = lo[2]; z < hi[2]; ++z)
-            for (int y = lo[1]; y < hi[1]; ++y)
-                for (int x = lo[0]; x < hi[0]; ++x) {
-                    int const n = L::index(x, y, z);
-                    if (state[n] != kCompute)
-                        continue;
-                    // The parent's node nearest to this one (rounding half up).
-                    int const slot[3] = {childPosition.x, childPosition.y, childPosition.z};
-                    int const c[3] = {x, y, z};
-                    int near[3];
-                    for (int a = 0; a < 3; ++a)
-                        near[a] = (2 * c[a] + R) / (2 * R) + V * slot[a];
-                    std::int64_t const t = parentClosest[L::index(near[0], near[1], near[2])];
-                    if (t < 0 || std::size_t(t) >= triangles.size())
-                        continue;
-                    std::int32_t const q = place[std::size_t(t)];
-                    if (q >= 0) {
-                        seedNode[seeds] = n;
-                        seedAt[seeds] = q;
-                        seedTriangle[seeds] = t;
-                        ++seeds;
-                    }
-                }
+        forEachComputedNode([&](int n, int x, int y, int z) {
+            // The parent's node nearest to this one (rounding half up).
+            int const slot[3] = {childPosition.x, childPosition.y, childPosition.z};
+            int const c[3] = {x, y, z};
+            int near[3];
+            for (int a = 0; a < 3; ++a)
+                near[a] = (2 * c[a] + R) / (2 * R) + V * slot[a];
+            std::int64_t const t = parentClosest[L::index(near[0], near[1], near[2])];
+            if (t < 0 || std::size_t(t) >= triangles.size())
+                return;
+            std::int32_t const q = place[std::size_t(t)];
+            if (q >= 0) {
+                seedNode[seeds] = n;
+                seedAt[seeds] = q;
+                seedTriangle[seeds] = t;
+                ++seeds;
+            }
+        });
         if (seeds > 0) {
             TriangleBatchFunction const batch = latticeBatchFunction();
             int group[kCount];
@@ -338,17 +341,12 @@ bool computeTileLatticeRange(TriangleKernelContext const& ctx, std::int64_t ci, 
         alignas(64) std::int64_t nid[kRoom];
         int nodeOf[kCount];
         int m = 0;
-        for (int z = lo[2]; z < hi[2]; ++z)
-            for (int y = lo[1]; y < hi[1]; ++y)
-                for (int x = lo[0]; x < hi[0]; ++x) {
-                    int const n = L::index(x, y, z);
-                    if (state[n] != kCompute)
-                        continue;
-                    nodeOf[m] = n;
-                    nx[m] = coord[0][x], ny[m] = coord[1][y], nz[m] = coord[2][z];
-                    nb[m] = best2[n], nid[m] = id[n];
-                    ++m;
-                }
+        forEachComputedNode([&](int n, int x, int y, int z) {
+            nodeOf[m] = n;
+            nx[m] = coord[0][x], ny[m] = coord[1][y], nz[m] = coord[2][z];
+            nb[m] = best2[n], nid[m] = id[n];
+            ++m;
+        });
         for (int q = m; q < m + kTriangleBatchPad; ++q)
             nx[q] = ny[q] = nz[q] = 0.0f, nb[q] = -1.0f, nid[q] = kNone;
         LatticeMinFunction const offer = latticeMinFunction();
