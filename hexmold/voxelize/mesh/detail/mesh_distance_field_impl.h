@@ -292,6 +292,24 @@ void pointBounds(MeshBuild<Traits> const& b, double pad, double out_min[3], doub
     }
 }
 
+/// A tile named by its depth and three integers at that depth: its corner, or its ordinals along
+/// the axes (the sparse build's blocks of coarse tiles).
+struct BlockKey {
+    int depth;
+    std::int64_t i, j, k;
+    friend bool operator==(BlockKey const&, BlockKey const&) = default;
+};
+struct BlockKeyHash {
+    std::size_t operator()(BlockKey const& b) const
+    {
+        std::uint64_t h = std::uint64_t(b.depth) * 0x9e3779b97f4a7c15ull;
+        h ^= std::uint64_t(b.i) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+        h ^= std::uint64_t(b.j) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+        h ^= std::uint64_t(b.k) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
+        return std::size_t(h);
+    }
+};
+
 /// Adds the tiles of @p depth within reach of the triangles, through a scratch tree merged in
 /// canonical order (so the tile order does not depend on the threads).
 template <typename Traits> void preallocateLevel(MeshBuild<Traits>& b, int depth)
@@ -307,16 +325,7 @@ template <typename Traits> void preallocateLevel(MeshBuild<Traits>& b, int depth
     TVL::ScopeGuard release([&] { b.container.freeThreadLocalContainer(scratch); });
     // Tile corners found per worker: neighbouring triangles reach the same tiles over and over,
     // and each addition to the shared scratch tree would take its lock.
-    struct CornerHash {
-        std::size_t operator()(std::array<std::int64_t, 3> const& c) const
-        {
-            std::uint64_t h = std::uint64_t(c[0]) * 0x9e3779b97f4a7c15ull;
-            h ^= std::uint64_t(c[1]) * 0xc2b2ae3d27d4eb4full + (h >> 29);
-            h ^= std::uint64_t(c[2]) * 0x165667b19e3779f9ull + (h >> 32);
-            return std::size_t(h ^ (h >> 31));
-        }
-    };
-    using CornerSet = std::unordered_set<std::array<std::int64_t, 3>, CornerHash>;
+    using CornerSet = std::unordered_set<BlockKey, BlockKeyHash>;
     Par::enumerable_thread_specific<CornerSet> found;
     Par::parallel_for(Par::blocked_range<std::size_t>(0, b.triangles.size(), 50),
                       [&](Par::blocked_range<std::size_t> const& r) {
@@ -339,14 +348,14 @@ template <typename Traits> void preallocateLevel(MeshBuild<Traits>& b, int depth
                                   [&](std::int64_t x, std::int64_t y, std::int64_t z) {
                                       if (b.distance2(b.tileCentre(x, y, z, T), std::int64_t(t)) <=
                                           reach2)
-                                          corners.insert({x, y, z});
+                                          corners.insert({depth, x, y, z});
                                   });
                       });
     {
         auto acc = scratch->tileAccessor();
         for (CornerSet const& corners : found)
-            for (auto const& c : corners)
-                acc.addTile(c[0], c[1], c[2], depth);
+            for (BlockKey const& c : corners)
+                acc.addTile(c.i, c.j, c.k, depth);
     }
     TVL::throwIfJobCancelled();
     if (scratch->tileCount(depth) > 0) {
@@ -1270,24 +1279,6 @@ void buildAdaptive(MeshBuild<Traits>& b,
         }
     }
 }
-
-/// A block of coarse tiles around a finest tile: its depth and the ordinals of the tile of that
-/// depth holding the finest tile.
-struct BlockKey {
-    int depth;
-    std::int64_t i, j, k;
-    friend bool operator==(BlockKey const&, BlockKey const&) = default;
-};
-struct BlockKeyHash {
-    std::size_t operator()(BlockKey const& b) const
-    {
-        std::uint64_t h = std::uint64_t(b.depth) * 0x9e3779b97f4a7c15ull;
-        h ^= std::uint64_t(b.i) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
-        h ^= std::uint64_t(b.j) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
-        h ^= std::uint64_t(b.k) + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2);
-        return std::size_t(h);
-    }
-};
 
 /// One (tile, triangle) record of the sparse build: 40 bytes.
 struct SparseRecord {
