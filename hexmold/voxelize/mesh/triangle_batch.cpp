@@ -42,6 +42,21 @@ TriangleBatchIsa bestIsa()
 
 TriangleBatchIsa sLatticeIsa = TriangleBatchIsa::kBest;
 
+/// The one of the four instances that @p isa names (`kBest`: the widest available).
+template <typename F> F forIsa(TriangleBatchIsa isa, F portable, F sse2, F avx2, F avx512)
+{
+    switch (isa == TriangleBatchIsa::kBest ? bestIsa() : isa) {
+    case TriangleBatchIsa::kAvx512:
+        return avx512;
+    case TriangleBatchIsa::kAvx2:
+        return avx2;
+    case TriangleBatchIsa::kSse2:
+        return sse2;
+    default:
+        return portable;
+    }
+}
+
 } // namespace
 
 bool triangleBatchIsaAvailable(TriangleBatchIsa isa)
@@ -69,44 +84,19 @@ bool triangleBatchIsaAvailable(TriangleBatchIsa isa)
 
 TriangleBatchFunction triangleBatchFunction(TriangleBatchIsa isa)
 {
-    switch (isa == TriangleBatchIsa::kBest ? bestIsa() : isa) {
-    case TriangleBatchIsa::kAvx512:
-        return &triangleBatchAvx512;
-    case TriangleBatchIsa::kAvx2:
-        return &triangleBatchAvx2;
-    case TriangleBatchIsa::kSse2:
-        return &triangleBatchSse2;
-    default:
-        return &triangleBatchPortable;
-    }
+    return forIsa(isa, &triangleBatchPortable, &triangleBatchSse2, &triangleBatchAvx2,
+                  &triangleBatchAvx512);
 }
 
 LatticeNodesFunction latticeNodesFunction(TriangleBatchIsa isa)
 {
-    switch (isa == TriangleBatchIsa::kBest ? bestIsa() : isa) {
-    case TriangleBatchIsa::kAvx512:
-        return &latticeNodesAvx512;
-    case TriangleBatchIsa::kAvx2:
-        return &latticeNodesAvx2;
-    case TriangleBatchIsa::kSse2:
-        return &latticeNodesSse2;
-    default:
-        return &latticeNodesPortable;
-    }
+    return forIsa(isa, &latticeNodesPortable, &latticeNodesSse2, &latticeNodesAvx2,
+                  &latticeNodesAvx512);
 }
 
 LatticeMinFunction latticeMinFunction(TriangleBatchIsa isa)
 {
-    switch (isa == TriangleBatchIsa::kBest ? bestIsa() : isa) {
-    case TriangleBatchIsa::kAvx512:
-        return &latticeMinAvx512;
-    case TriangleBatchIsa::kAvx2:
-        return &latticeMinAvx2;
-    case TriangleBatchIsa::kSse2:
-        return &latticeMinSse2;
-    default:
-        return &latticeMinPortable;
-    }
+    return forIsa(isa, &latticeMinPortable, &latticeMinSse2, &latticeMinAvx2, &latticeMinAvx512);
 }
 
 LatticeMinFunction latticeMinFunction()
