@@ -120,6 +120,33 @@ SweepIsa bestIsa()
     return best;
 }
 
+/// The scalar update's constants for the depth of @p numbers, formed by the same operations.
+EikonalConstants eikonalConstants(DepthNumbers const& numbers)
+{
+    return {numbers.h,
+            numbers.h2,
+            numbers.h3,
+            CoreGL::detail::kEikonalRejectMargin * numbers.h,
+            CoreGL::detail::kEikonalRejectLimit * numbers.h,
+            CoreGL::detail::kEikonalFloorFactor * numbers.h,
+            CoreGL::detail::kEikonalOneThird};
+}
+
+/// The one of the four kernel instances that @p isa names (`kBest`: the widest available).
+template <typename F> F forIsa(SweepIsa isa, F portable, F sse2, F avx2, F avx512)
+{
+    switch (isa == SweepIsa::kBest ? bestIsa() : isa) {
+    case SweepIsa::kAvx512:
+        return avx512;
+    case SweepIsa::kAvx2:
+        return avx2;
+    case SweepIsa::kSse2:
+        return sse2;
+    default:
+        return portable;
+    }
+}
+
 } // namespace
 
 template <int W> TileLanes<W>::TileLanes()
@@ -162,35 +189,10 @@ void SweepBatch<W>::sweep(DepthNumbers const& numbers, float (&changes)[kLanes],
 {
     static_assert(kLanes == kBatchLanes);
     KernelTables<W> const& tables = kernelTables<W>();
-    // The scalar update's constants, formed by the same operations.
-    SweepKernelArgs const args{this->mValues,
-                               this->mUnknown,
-                               tables.order.data(),
-                               tables.interior.data(),
-                               tables.upwind.data(),
-                               int(kInterior),
-                               numbers.h,
-                               numbers.h2,
-                               numbers.h3,
-                               CoreGL::detail::kEikonalRejectMargin * numbers.h,
-                               CoreGL::detail::kEikonalRejectLimit * numbers.h,
-                               CoreGL::detail::kEikonalFloorFactor * numbers.h,
-                               CoreGL::detail::kEikonalOneThird,
-                               changes};
-    switch (isa == SweepIsa::kBest ? bestIsa() : isa) {
-    case SweepIsa::kAvx512:
-        sweepKernelAvx512(args);
-        break;
-    case SweepIsa::kAvx2:
-        sweepKernelAvx2(args);
-        break;
-    case SweepIsa::kSse2:
-        sweepKernelSse2(args);
-        break;
-    default:
-        sweepKernelPortable(args);
-        break;
-    }
+    SweepKernelArgs const args{
+        this->mValues,        this->mUnknown, tables.order.data(),       tables.interior.data(),
+        tables.upwind.data(), int(kInterior), eikonalConstants(numbers), changes};
+    forIsa(isa, &sweepKernelPortable, &sweepKernelSse2, &sweepKernelAvx2, &sweepKernelAvx512)(args);
 }
 
 template <int W> RelaxBatch<W>::RelaxBatch(bool masked) : mMasked(masked)
@@ -215,7 +217,6 @@ void RelaxBatch<W>::relax(DepthNumbers const& numbers, float (&changes)[kLanes],
 {
     static_assert(kLanes == kBatchLanes);
     RelaxTables<W> const& tables = relaxTables<W>();
-    // The scalar update's constants, formed by the same operations.
     RelaxKernelArgs const args{
         this->mValues,
         this->mUnknown,
@@ -225,29 +226,10 @@ void RelaxBatch<W>::relax(DepthNumbers const& numbers, float (&changes)[kLanes],
         {tables.colourBegin[0], tables.colourBegin[1], tables.colourBegin[2]},
         kEdge,
         this->mCount,
-        numbers.h,
-        numbers.h2,
-        numbers.h3,
-        CoreGL::detail::kEikonalRejectMargin * numbers.h,
-        CoreGL::detail::kEikonalRejectLimit * numbers.h,
-        CoreGL::detail::kEikonalFloorFactor * numbers.h,
-        CoreGL::detail::kEikonalOneThird,
+        eikonalConstants(numbers),
         numbers.tol,
         changes};
-    switch (isa == SweepIsa::kBest ? bestIsa() : isa) {
-    case SweepIsa::kAvx512:
-        relaxKernelAvx512(args);
-        break;
-    case SweepIsa::kAvx2:
-        relaxKernelAvx2(args);
-        break;
-    case SweepIsa::kSse2:
-        relaxKernelSse2(args);
-        break;
-    default:
-        relaxKernelPortable(args);
-        break;
-    }
+    forIsa(isa, &relaxKernelPortable, &relaxKernelSse2, &relaxKernelAvx2, &relaxKernelAvx512)(args);
 }
 
 bool sweepIsaAvailable(SweepIsa isa)

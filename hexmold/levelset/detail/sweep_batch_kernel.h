@@ -21,6 +21,16 @@ namespace VolumeGL::TileTree3D::LevelSet::detail {
 /// Tiles swept together: the lanes of one batch, whatever the register width.
 inline constexpr int kBatchLanes = 16;
 
+/// The scalar update's constants of one depth, formed by the same operations as there.
+struct EikonalConstants {
+    float h, twoHSquared,
+        threeHSquared;  ///< the depth's spacing and its squares as the update forms them
+    float rejectMargin; ///< kEikonalRejectMargin h
+    float rejectLimit;  ///< kEikonalRejectLimit h
+    float floor;        ///< 0.001 h
+    float oneThird;     ///< the float nearest to 1/3
+};
+
 /// Everything the kernel reads and writes; arrays are lane-fastest (element * kBatchLanes + lane).
 struct SweepKernelArgs {
     float* values;                ///< the blocks with halo, updated in place
@@ -29,13 +39,8 @@ struct SweepKernelArgs {
     std::uint16_t const* interior; ///< per direction, the interior indices in the same order
     std::ptrdiff_t const* upwind;  ///< per direction, the three upwind strides (block elements)
     int voxels;                    ///< interior voxels of a block
-    float h, twoHSquared,
-        threeHSquared;  ///< the depth's spacing and its squares as the update forms them
-    float rejectMargin; ///< kEikonalRejectMargin h
-    float rejectLimit;  ///< kEikonalRejectLimit h
-    float floor;        ///< 0.001 h
-    float oneThird;     ///< the float nearest to 1/3
-    float* changes;     ///< kBatchLanes, any alignment: each lane's largest change
+    EikonalConstants eikonal;      ///< the update's constants
+    float* changes;                ///< kBatchLanes, any alignment: each lane's largest change
 };
 
 /// Everything the red-black kernel reads and writes; arrays are lane-fastest, as above.
@@ -49,9 +54,9 @@ struct RelaxKernelArgs {
     int colourBegin[3];            ///< colour c is [colourBegin[c], colourBegin[c + 1])
     int edge;                      ///< elements across a block with its halo
     int lanes;                     ///< lanes loaded; the others take part without effect
-    float h, twoHSquared, threeHSquared, rejectMargin, rejectLimit, floor, oneThird;
-    float tolerance; ///< an iteration whose largest change is below it is quiet
-    float* changes;  ///< kBatchLanes, any alignment: each lane's largest change
+    EikonalConstants eikonal;      ///< the update's constants
+    float tolerance;               ///< an iteration whose largest change is below it is quiet
+    float* changes;                ///< kBatchLanes, any alignment: each lane's largest change
 };
 
 /// The instances; each one is present on every build, and runs only where the processor has its
@@ -71,12 +76,11 @@ template <typename Ops> struct EikonalLanes {
     using M = typename Ops::M;
     V h, twoHSquared, threeHSquared, rejectMargin, rejectLimit, floor, half, oneThird, zero;
 
-    EikonalLanes(float h_, float twoHSquared_, float threeHSquared_, float rejectMargin_,
-                 float rejectLimit_, float floor_, float oneThird_)
-        : h(Ops::set1(h_)), twoHSquared(Ops::set1(twoHSquared_)),
-          threeHSquared(Ops::set1(threeHSquared_)), rejectMargin(Ops::set1(rejectMargin_)),
-          rejectLimit(Ops::set1(rejectLimit_)), floor(Ops::set1(floor_)), half(Ops::set1(0.5f)),
-          oneThird(Ops::set1(oneThird_)), zero(Ops::set1(0.0f))
+    explicit EikonalLanes(EikonalConstants const& c)
+        : h(Ops::set1(c.h)), twoHSquared(Ops::set1(c.twoHSquared)),
+          threeHSquared(Ops::set1(c.threeHSquared)), rejectMargin(Ops::set1(c.rejectMargin)),
+          rejectLimit(Ops::set1(c.rejectLimit)), floor(Ops::set1(c.floor)), half(Ops::set1(0.5f)),
+          oneThird(Ops::set1(c.oneThird)), zero(Ops::set1(0.0f))
     {
     }
 
@@ -136,8 +140,7 @@ template <typename Ops> inline void sweepKernelBody(SweepKernelArgs const& args)
     using M = typename Ops::M;
     constexpr int L = Ops::kLanes;
     constexpr int S = kBatchLanes / L;
-    EikonalLanes<Ops> const lanes(args.h, args.twoHSquared, args.threeHSquared, args.rejectMargin,
-                                  args.rejectLimit, args.floor, args.oneThird);
+    EikonalLanes<Ops> const lanes(args.eikonal);
     V const zero = lanes.zero;
     V tracked[S];
     for (int s = 0; s < S; ++s)
@@ -186,8 +189,7 @@ template <typename Ops, bool kMasked> inline void relaxKernelBody(RelaxKernelArg
     using M = typename Ops::M;
     constexpr int L = Ops::kLanes;
     constexpr int S = kBatchLanes / L;
-    EikonalLanes<Ops> const lanes(args.h, args.twoHSquared, args.threeHSquared, args.rejectMargin,
-                                  args.rejectLimit, args.floor, args.oneThird);
+    EikonalLanes<Ops> const lanes(args.eikonal);
     V const zero = lanes.zero;
     std::ptrdiff_t const sx = kBatchLanes;
     std::ptrdiff_t const sy = std::ptrdiff_t(args.edge) * kBatchLanes;
