@@ -46,7 +46,7 @@ bool LevelSetSamplerReader<Traits>::outsideBox(int3 const& corner, int depth) co
 template <typename Traits>
 bool LevelSetSamplerReader<Traits>::wantsTile(int3 const& corner, int depth, float offset)
 {
-    if (outsideBox(corner, depth))
+    if (depth > mDescription.deepestDepth || outsideBox(corner, depth))
         return false;
     double const w = double(Traits::tileVoxelWidth(depth));
     double3 const centre{(corner.x + 0.5 * w) * mVoxelSize, (corner.y + 0.5 * w) * mVoxelSize,

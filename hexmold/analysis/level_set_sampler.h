@@ -7,7 +7,7 @@
 ///          over the named channel. The rule: a tile of depth d with world width w and centre c
 ///          is wanted when |phi(c)| <= w * f + offset, with f the band factor when the depth of
 ///          its parent lies above (is coarser than) the local level, else 1, and when the tile
-///          does not lie outside the box.
+///          does not lie outside the box, nor below the deepest depth.
 #pragma once
 #include <hexmold/export.h>
 #include <hexmold/platform/quillon/string.h>
@@ -17,6 +17,7 @@
 #include <hexmold/substrate/channel.h>
 #include <hexmold/substrate/container.h>
 #include <hexmold/substrate/topology.h>
+#include <limits>
 
 namespace CoreGL::TileTree3D {
 
@@ -28,6 +29,8 @@ struct LevelSetSampler {
     Quillon::String channelName;     ///< float voxel channel of the object holding the level set
     float bandFactor = 2.0f;         ///< band factor of the depths above the local level
     int const* localLevel = nullptr; ///< depth of the local level; null: every depth is above it
+    /// Deepest depth a wanted tile may have; deeper tiles are never wanted.
+    int deepestDepth = std::numeric_limits<int>::max();
     /// World box; empty (the default: min above max) for no limit.
     TVL::TileTree3D::bbox<Tavrel::Math::float3, float> bounds{{1.0f, 1.0f, 1.0f},
                                                               {-1.0f, -1.0f, -1.0f}};

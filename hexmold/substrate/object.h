@@ -132,7 +132,7 @@ private:
 template <typename T> class ComponentGuard {
 public:
     ComponentGuard(Object& object, Quillon::String const& name)
-        : mObject(&object), mComponent(object.extractComponent<T>(name))
+        : mObject(&object), mName(name), mComponent(object.extractComponent<T>(name))
     {
     }
     ComponentGuard(ComponentGuard const&) = delete;
@@ -152,11 +152,21 @@ public:
             mObject->putComponent(std::move(mComponent));
         mComponent.reset();
     }
+    /// Takes the component out again after `restore` (for a driver that hands its components to
+    /// a call working on the object by name). The object being the only other owner, this is
+    /// the same component as before. @return whether a component was extracted.
+    bool extractAgain()
+    {
+        if (!mComponent)
+            mComponent = mObject->extractComponent<T>(mName);
+        return static_cast<bool>(mComponent);
+    }
     /// Gives the component to the caller; nothing is put back.
     Quillon::MutablePtr<T> release() { return std::move(mComponent); }
 
 private:
     Object* mObject;
+    Quillon::String mName;
     Quillon::MutablePtr<T> mComponent;
 };
 

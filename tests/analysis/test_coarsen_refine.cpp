@@ -350,3 +350,25 @@ TYPED_TEST(CoarsenRefine, OneAndAllThreadsGiveTheSameTreeInTheSameOrder)
 }
 
 } // namespace
+
+TYPED_TEST(CoarsenRefine, NoTileIsWantedBelowTheSamplersDeepestDepth)
+{
+    using Tr = TypeParam;
+    for (bool bounded : {false, true}) {
+        auto scene = makeScene<Tr>();
+        int const initial = treeOf<Tr>(*scene.object).deepestOccupiedDepth();
+        LevelSetSampler sampler = phiSampler<Tr>();
+        if (bounded)
+            sampler.deepestDepth = initial;
+        coarsenRefine<Tr>(0.0f, 0.0f, kCoarsenRefineLeavesOnly, sampler,
+                          Tavrel::Geometry::sVoxelTileTree, Tavrel::Geometry::sVoxelComp,
+                          *scene.object, "", nullptr, nullptr);
+        auto const& tree = treeOf<Tr>(*scene.object);
+        // Unbounded, the tiles crossing the sphere gain children one depth down.
+        if (bounded)
+            EXPECT_EQ(tree.deepestOccupiedDepth(), initial);
+        else
+            EXPECT_EQ(tree.deepestOccupiedDepth(), initial + 1);
+        EXPECT_TRUE(checkGraded(tree, 0, Tr::kMaxDepth));
+    }
+}

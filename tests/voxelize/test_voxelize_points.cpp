@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <hexmold/analysis/grade_tile_tree.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/job.h>
 #include <hexmold/platform/tavrel/geometry.h>
@@ -992,24 +993,95 @@ TYPED_TEST(VoxelizePoints, DetailSizesStopRefinementAtTheDepthTheyAskFor)
     using Tr = TypeParam;
     float const h = 1.0f / 64;
     float const detail = float(Tr::kRatio * Tr::kRatio) * h; // two depths above the finest
-    for (float radius : {2.0f * h, 20.0f * h}) {
-        Cloud c;
-        c.positions = {f3(0.0, 0.0, 0.0), f3(0.1, 0.05, -0.02)};
-        c.radii.push_back(radius);
-        Options o;
-        o.adaptivity = AdaptivityDetailSizes;
-        o.detailSizes = Quillon::Array<float>{detail, detail};
-        o.useDetailSizes = true;
-        PointVolume<Tr> v(h);
-        v.build(c, o);
-        EXPECT_TRUE(v.result);
-        auto const& tree = v.container();
-        int deepest = -1;
-        for (int d = 0; d <= Tr::kMaxDepth; ++d)
-            if (tree.tileCount(d) > 0)
-                deepest = d;
-        EXPECT_EQ(deepest, Tr::kMaxDepth - 2) << "radius " << radius / h << " voxels";
+    // Spheres this large are refined along their surface, and the lists decide the depth.
+    Cloud c;
+    c.positions = {f3(0.0, 0.0, 0.0), f3(0.1, 0.05, -0.02)};
+    c.radii.push_back(20.0f * h);
+    Options o;
+    o.adaptivity = AdaptivityDetailSizes;
+    o.detailSizes = Quillon::Array<float>{detail, detail};
+    o.useDetailSizes = true;
+    PointVolume<Tr> v(h);
+    v.build(c, o, 1);
+    EXPECT_TRUE(v.result);
+    EXPECT_NE(v.out.find("allocateAdaptivelyAlongSurface = 1"), std::string::npos) << v.out;
+    auto const& tree = v.container();
+    int deepest = -1;
+    for (int d = 0; d <= Tr::kMaxDepth; ++d)
+        if (tree.tileCount(d) > 0)
+            deepest = d;
+    EXPECT_EQ(deepest, Tr::kMaxDepth - 2);
+}
+
+/// The number printed after @p label in @p text, -1 when absent.
+long long countAfter(std::string const& text, std::string const& label)
+{
+    auto const at = text.find(label);
+    return at == std::string::npos ? -1 : std::atoll(text.c_str() + at + label.size());
+}
+
+TYPED_TEST(VoxelizePoints, DetailSizesOfSmallSpheresCoarsenAwayFromTheSurfaceAndGrade)
+{
+    using Tr = TypeParam;
+    constexpr int kMax = Tr::kMaxDepth;
+    constexpr int W = Tr::kTileWidth;
+    float const h = 1.0f / 64;
+    // Spheres small enough for the per-tile route, wider than a finest tile: the points' tiles
+    // are dilated by whole blocks of tiles, then the tree is coarsened against the redistanced
+    // level set and graded, which removes the tiles of the blocks far from the spheres.
+    Cloud c = randomCloud(40, 5.0 * h, 7.0 * h, 7);
+    for (auto& p : c.positions)
+        p = f3(0.6 * p.x, 0.6 * p.y, 0.6 * p.z);
+    Options o;
+    o.adaptivity = AdaptivityDetailSizes;
+    o.detailSizes = Quillon::Array<float>(c.positions.size(), h);
+    o.useDetailSizes = true;
+    PointVolume<Tr> v(h);
+    v.build(c, o, 2);
+    ASSERT_TRUE(v.result);
+    ASSERT_NE(v.out.find("allocateAdaptivelyAlongSurface = 0"), std::string::npos) << v.out;
+    ASSERT_GE(countAfter(v.out, "tileDilation = "), 2) << v.out;
+    auto const& tree = v.container();
+    EXPECT_EQ(tree.tileCount(-1), countAfter(v.out, "tileCount after coarsening and grading = "));
+    EXPECT_TRUE(CoreGL::TileTree3D::checkGraded(tree, 0, kMax));
+
+    auto const truth = [&c](double const x[3]) {
+        double best = std::numeric_limits<double>::max();
+        for (std::size_t i = 0; i < c.positions.size(); ++i) {
+            float3 const& p = c.positions[i];
+            best =
+                std::min(best, std::sqrt((x[0] - p.x) * (x[0] - p.x) + (x[1] - p.y) * (x[1] - p.y) +
+                                         (x[2] - p.z) * (x[2] - p.z)) -
+                                   c.radius(i));
+        }
+        return best;
+    };
+    // A finest tile stays only when the level set at its centre lies within twice its width
+    // (the band above the depth the points ask for is two widths): nothing coarser leans on a
+    // finest tile for grading. The level set is exact there to a voxel. The dilated blocks
+    // reach farther (three tiles around a point's tile, more than four widths from its sphere).
+    double const width = double(Container<Tr>::tileVoxelWidth(kMax)) * h;
+    for (std::int64_t t = 0; t < tree.tileCount(kMax); ++t) {
+        double centre[3];
+        for (int a = 0; a < 3; ++a)
+            centre[a] = double(tree.tile(t, kMax).tijk()[a]) * h + 0.5 * width;
+        EXPECT_LE(std::abs(truth(centre)), 2.0 * width + h) << "a finest tile far from the surface";
     }
+
+    // The level set still holds the surface: every finest voxel farther than a voxel from the
+    // union has the union's sign.
+    std::int64_t checked = 0, wrong = 0;
+    v.forEachFinestVoxel([&](Tile<Tr> const& tile, int n, float value) {
+        double p[3];
+        v.sample(tile, n, p);
+        double const d0 = truth(p);
+        if (std::abs(d0) <= h)
+            return;
+        ++checked;
+        wrong += (d0 < 0.0) != (value < 0.0f);
+    });
+    EXPECT_GT(checked, 0);
+    EXPECT_EQ(wrong, 0);
 }
 
 TYPED_TEST(VoxelizePoints, APointOutsideEveryResolutionFieldAllocatesNoTile)

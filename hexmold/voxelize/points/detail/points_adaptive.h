@@ -10,7 +10,9 @@
 #include <cmath>
 #include <cstdint>
 #include <deque>
+#include <hexmold/analysis/coarsen_refine.h>
 #include <hexmold/analysis/grade_tile_tree.h>
+#include <hexmold/analysis/level_set_sampler.h>
 #include <hexmold/logging/logger.h>
 #include <hexmold/platform/quillon/runtime_services.h>
 #include <hexmold/substrate/cancel.h>
@@ -27,6 +29,8 @@
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <span>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -1290,25 +1294,13 @@ void runAdaptiveRoute(PointsDriver<Traits>& m, Quillon::RuntimeServices const& r
     setNonLeafValueToChildValue(m.level, m.container, m.topology.offsetType(), 0, kMax - 1);
 }
 
-/// Grades the tree after redistancing: new tiles take the value of the parent voxel covering
-/// each of their voxels, in the level set and in the volume's channels.
+/// Gives every voxel of the tiles in @p newTiles that still exist the level-set value of the
+/// parent voxel covering it.
 template <typename Traits>
-void gradeAdaptiveTree(PointsDriver<Traits>& m, TVL::Object& volume,
-                       Quillon::RuntimeServices const& runtime)
+void fillNewTilesFromParents(PointsDriver<Traits>& m, TileCornerLists<Traits> const& newTiles)
 {
     constexpr int kMax = Traits::kMaxDepth;
     constexpr int W = Traits::kTileWidth;
-    int const verbose = CoreGL::Logger::verboseLevel();
-    auto const timer =
-        CoreGL::Logger::timer(PointStageNames::name("adaptive.grade_and_coarsen"), &runtime);
-    if (verbose > 1)
-        std::cout << "tileCount before coarsening and grading = " << m.container.tileCount(-1)
-                  << '\n';
-    TileCornerLists<Traits> newTiles;
-    CoreGL::TileTree3D::gradeTileTree(m.container, &newTiles, nullptr, 0, kMax);
-    m.topology.update(m.container);
-    m.level.update(m.topology);
-    TVL::TileTree3D::updateTilesAdded(m.topology, volume);
     m.container.buildAccessorAccelerationStructure(-1);
     for (int d = 1; d <= kMax; ++d) {
         auto const& corners = newTiles[d];
@@ -1323,7 +1315,7 @@ void gradeAdaptiveTree(PointsDriver<Traits>& m, TVL::Object& volume,
                 for (std::size_t q = r.begin(); q != r.end(); ++q) {
                     int3 const c = corners[q];
                     auto const& tile = acc.tile(c, d);
-                    if (!tile.valid() || tile.depth() != d || tile.parent() < 0)
+                    if (!tile.valid() || tile.depth() != d || tile.tijk() != c || tile.parent() < 0)
                         continue;
                     auto const& parent = m.container.tile(tile.parent(), d - 1);
                     auto const pv = std::as_const(m.level).tileData(parent.treeIndex());
@@ -1343,7 +1335,153 @@ void gradeAdaptiveTree(PointsDriver<Traits>& m, TVL::Object& volume,
             });
         TVL::throwIfJobCancelled();
     }
+}
+
+/// Grades the tree after redistancing: new tiles take the value of the parent voxel covering
+/// each of their voxels, in the level set and in the volume's channels.
+template <typename Traits> void gradeAdaptiveTree(PointsDriver<Traits>& m, TVL::Object& volume)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    TileCornerLists<Traits> newTiles;
+    CoreGL::TileTree3D::gradeTileTree(m.container, &newTiles, nullptr, 0, kMax);
+    m.topology.update(m.container);
+    m.level.update(m.topology);
+    TVL::TileTree3D::updateTilesAdded(m.topology, volume);
+    fillNewTilesFromParents(m, newTiles);
     TVL::TileTree3D::initializeTileData(m.container, newTiles, volume);
+}
+
+/// The extracted components of the volume, which the coarsening hands back to the object and
+/// takes out again.
+template <typename Traits> struct PointsVolumeGuards {
+    TVL::ComponentGuard<Container<Traits>>& container;
+    TVL::ComponentGuard<VoxelTopology<Traits>>& topology;
+    TVL::ComponentGuard<VoxelChannel<Traits, float>>& level;
+    Quillon::String const& containerName;
+    Quillon::String const& topologyName;
+    Quillon::String const& channelName;
+};
+
+/// @brief Coarsens and grades the tree of the per-tile route (detail sizes with spheres small
+///        enough to be handled per tile) after redistancing.
+/// @details The dilation stage allocated whole blocks of tiles around the points' tiles; most of
+///          them lie far from the surface. The level set decides which tiles stay, by the rule
+///          of the level-set sampler (the tile's width, twice that above the shallowest depth a
+///          point asks for, against |phi| at its centre), and these tiles are coloured:
+///          1. each tile is coloured when the rule wants it (the root always); the spare byte
+///             marks the tiles that exist now;
+///          2. the coarsen-refine adds the wanted children one depth down and grades the
+///             coloured tiles, colouring what their grading leans on, so that removing the
+///             uncoloured ones keeps the tree graded;
+///          3. the added tiles (spare byte 0) are initialised, the level set from the parent
+///             voxels that cover them;
+///          4. every tile with a coloured child is coloured, and the uncoloured tiles are
+///             removed with the channels following.
+///          No tile is wanted below the deepest depth the points asked for.
+template <typename Traits>
+void coarsenAdaptiveTree(PointsDriver<Traits>& m, TVL::Object& volume,
+                         PointsVolumeGuards<Traits> const& guards)
+{
+    constexpr int kMax = Traits::kMaxDepth;
+    using CoreGL::TileTree3D::TileColor;
+    CoreGL::TileTree3D::LevelSetSampler sampler;
+    sampler.channelName = guards.channelName;
+    sampler.bandFactor = 2.0f;
+    sampler.localLevel = &m.minVariedFromPropertyDepth;
+    // The points' tiles lie at the depths they ask for: no tile goes deeper than the deepest of
+    // them, where it would hold nothing but its parent's values.
+    for (int d = 0; d <= kMax; ++d)
+        if (m.container.tileCount(d) > 0)
+            sampler.deepestDepth = d;
+
+    // 1. The tiles the level set wants.
+    std::vector<std::vector<TileColor>> colors(std::size_t(Traits::kDepthCount));
+    {
+        m.container.buildAccessorAccelerationStructure(-1);
+        CoreGL::TileTree3D::LevelSetSamplerReader<Traits> const reader(
+            sampler, m.container, m.topology, m.level, nullptr);
+        for (int d = 0; d <= kMax; ++d) {
+            auto& c = colors[std::size_t(d)];
+            c.assign(std::size_t(m.container.tileCount(d)), TileColor{0, 1});
+            if (d == 0) {
+                for (auto& x : c)
+                    x.colored = 1;
+                continue;
+            }
+            Par::parallel_for(Par::blocked_range<std::int64_t>(0, m.container.tileCount(d), 256),
+                              [&](Par::blocked_range<std::int64_t> const& r) {
+                                  if (TVL::bodyCancelled())
+                                      return;
+                                  auto own = reader;
+                                  for (std::int64_t t = r.begin(); t != r.end(); ++t)
+                                      c[std::size_t(t)].colored =
+                                          own.wantsTile(m.container.tile(t, d).tijk(), d, 0.0f);
+                              });
+            TVL::throwIfJobCancelled();
+        }
+    }
+
+    // 2. The coarsen-refine works on the object by name: the components go back first.
+    guards.container.restore();
+    guards.topology.restore();
+    guards.level.restore();
+    CoreGL::TileTree3D::coarsenRefine<Traits>(0.0f, 0.0f, CoreGL::TileTree3D::kCoarsenRefineCoarsen,
+                                              sampler, guards.containerName, guards.topologyName,
+                                              volume, "", nullptr, colors.data());
+
+    // 3. The added tiles.
+    if (!guards.container.extractAgain() || guards.container.get() != &m.container)
+        throw std::logic_error("voxelizePoints: the tree changed identity during coarsening");
+    TileCornerLists<Traits> newTiles;
+    for (int d = 1; d <= kMax; ++d)
+        for (std::int64_t t = 0; t < m.container.tileCount(d); ++t)
+            if (colors[std::size_t(d)][std::size_t(t)].spare == 0)
+                newTiles[d].push_back(m.container.tile(t, d).tijk());
+    TVL::TileTree3D::initializeTileData(m.container, newTiles, volume);
+
+    // 4. The uncoloured tiles go.
+    if (!guards.topology.extractAgain() || guards.topology.get() != &m.topology)
+        throw std::logic_error("voxelizePoints: the topology changed identity during coarsening");
+    for (int d = kMax; d >= 1; --d)
+        for (std::int64_t t = 0; t < m.container.tileCount(d); ++t)
+            if (colors[std::size_t(d)][std::size_t(t)].colored)
+                colors[std::size_t(d - 1)][std::size_t(m.container.tile(t, d).parent())].colored =
+                    1;
+    TVL::TileTree3D::TileIndexLists<Traits> removals;
+    for (int d = 1; d <= kMax; ++d)
+        for (std::int64_t t = 0; t < m.container.tileCount(d); ++t)
+            if (!colors[std::size_t(d)][std::size_t(t)].colored &&
+                colors[std::size_t(d - 1)][std::size_t(m.container.tile(t, d).parent())].colored)
+                removals[d].push_back(t);
+    TVL::TileTree3D::TileMoveLists<Traits> moved;
+    m.container.removeTiles(removals, moved, true);
+    m.topology.update(m.container);
+    std::span<TVL::TileTree3D::TileMoveList const> const movedSpan(moved.data(), moved.size());
+    TVL::TileTree3D::updateTilesRemoved(movedSpan, m.topology, volume);
+    if (!guards.level.extractAgain() || guards.level.get() != &m.level)
+        throw std::logic_error("voxelizePoints: the level set changed identity during coarsening");
+    fillNewTilesFromParents(m, newTiles);
+}
+
+/// The last stage of the adaptive route when it built the tiles: grading, and with detail sizes
+/// on the per-tile route coarsening first.
+template <typename Traits>
+void gradeAndCoarsenAdaptiveTree(PointsDriver<Traits>& m, TVL::Object& volume,
+                                 PointsVolumeGuards<Traits> const& guards,
+                                 Quillon::RuntimeServices const& runtime)
+{
+    int const verbose = CoreGL::Logger::verboseLevel();
+    auto const timer =
+        CoreGL::Logger::timer(PointStageNames::name("adaptive.grade_and_coarsen"), &runtime);
+    if (verbose > 1)
+        std::cout << "tileCount before coarsening and grading = " << m.container.tileCount(-1)
+                  << '\n';
+    if (m.isVariedFromProperty && !m.allocateAdaptivelyAlongSurface) {
+        m.closest = nullptr; // bound to the tree as it was; nothing reads it any more
+        coarsenAdaptiveTree(m, volume, guards);
+    } else {
+        gradeAdaptiveTree(m, volume);
+    }
     if (verbose > 1)
         std::cout << "tileCount after coarsening and grading = " << m.container.tileCount(-1)
                   << '\n';

@@ -472,9 +472,13 @@ bool voxelizePoints(Tavrel::Object const& geometry,
         }
     }
 
-    // 10. Grading of the adaptive tree.
+    // 10. Grading of the adaptive tree; with detail sizes on the per-tile route also coarsening.
     if (m.buildTiles && m.isAdaptive)
-        gradeAdaptiveTree(m, volume, runtime);
+        gradeAndCoarsenAdaptiveTree(m, volume,
+                                    PointsVolumeGuards<Traits>{containerGuard, topologyGuard,
+                                                               levelGuard, containerName,
+                                                               topologyName, channelName},
+                                    runtime);
 
     // 11. Neighbour tables of the final tree.
     if (m.buildTiles) {
